@@ -1,0 +1,44 @@
+# How a target of this project is made: one interface target carries the warnings, the sanitizers
+# and the hardening, and every library folder becomes one static library with its own include folder.
+
+add_library(kelvane_build_options INTERFACE)
+add_library(kelvane::build_options ALIAS kelvane_build_options)
+
+target_compile_options(kelvane_build_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+  $<$<BOOL:${KELVANE_WARNINGS_AS_ERRORS}>:-Werror>)
+# Two builds of one source state are equal, wherever the source lies.
+target_compile_options(kelvane_build_options INTERFACE
+  -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+
+if(KELVANE_SANITIZE)
+  target_compile_options(kelvane_build_options INTERFACE
+    -fsanitize=${KELVANE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(kelvane_build_options INTERFACE -fsanitize=${KELVANE_SANITIZE})
+endif()
+
+if(KELVANE_HARDEN)
+  set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+  target_compile_options(kelvane_build_options INTERFACE
+    -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
+  target_link_options(kelvane_build_options INTERFACE -pie -Wl,-z,relro,-z,now)
+endif()
+
+# kelvane_add_library(<target> ALIAS <alias> SOURCES ... HEADERS ... [LINKS ...])
+# A static library whose headers are the public interface of its folder.
+function(kelvane_add_library target)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "ALIAS" "SOURCES;HEADERS;LINKS")
+  add_library(${target} STATIC ${arg_SOURCES})
+  add_library(${arg_ALIAS} ALIAS ${target})
+  target_sources(${target} PUBLIC FILE_SET HEADERS
+    BASE_DIRS ${CMAKE_CURRENT_SOURCE_DIR} FILES ${arg_HEADERS})
+  target_link_libraries(${target} PUBLIC ${arg_LINKS} PRIVATE $<BUILD_INTERFACE:kelvane::build_options>)
+  set_target_properties(${target} PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
+endfunction()
+
+# kelvane_add_program(<target> SOURCES ... [LINKS ...])
+function(kelvane_add_program target)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LINKS")
+  add_executable(${target} ${arg_SOURCES})
+  target_link_libraries(${target} PRIVATE ${arg_LINKS} kelvane::build_options)
+endfunction()

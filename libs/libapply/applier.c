@@ -1,0 +1,3 @@
+#include "applier.h"
+
+typedef int applier_unit;

@@ -1,0 +1,3 @@
+#ifndef KELVANE_APPLIER_H
+#define KELVANE_APPLIER_H
+#endif

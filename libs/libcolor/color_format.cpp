@@ -1,0 +1,3 @@
+#include "color_format.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "indgadr.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "load.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "options.h"
+
+namespace kelvane {}  // namespace kelvane

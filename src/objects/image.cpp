@@ -1,0 +1,3 @@
+#include "image.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "section_filter.h"
+
+namespace kelvane {}  // namespace kelvane

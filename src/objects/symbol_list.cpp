@@ -1,0 +1,3 @@
+#include "symbol_list.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "genrand.h"
+
+namespace kelvane {}  // namespace kelvane

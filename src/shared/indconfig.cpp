@@ -1,0 +1,3 @@
+#include "indconfig.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "indgen_quote.h"
+
+namespace kelvane {}  // namespace kelvane

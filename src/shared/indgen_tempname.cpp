@@ -1,0 +1,3 @@
+#include "indgen_tempname.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "indsharedlib.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "indsort.h"
+
+namespace kelvane {}  // namespace kelvane

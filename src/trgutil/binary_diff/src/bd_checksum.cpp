@@ -1,0 +1,3 @@
+#include "bd_checksum.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "binshared.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "block_moves.h"
+
+namespace kelvane {}  // namespace kelvane

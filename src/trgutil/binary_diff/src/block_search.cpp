@@ -1,0 +1,3 @@
+#include "block_search.h"
+
+namespace kelvane {}  // namespace kelvane

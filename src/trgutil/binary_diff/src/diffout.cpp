@@ -1,0 +1,3 @@
+#include "diffout.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "diffshared.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "engine_settings.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "increment_coder.h"
+
+namespace kelvane {}  // namespace kelvane

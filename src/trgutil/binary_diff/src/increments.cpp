@@ -1,0 +1,3 @@
+#include "increments.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "indgfile.h"
+
+namespace kelvane {}  // namespace kelvane

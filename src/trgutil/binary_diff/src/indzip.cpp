@@ -1,0 +1,3 @@
+#include "indzip.h"
+
+namespace kelvane {}  // namespace kelvane

@@ -1,0 +1,3 @@
+#include "patch_buffer.h"
+
+namespace kelvane {}  // namespace kelvane

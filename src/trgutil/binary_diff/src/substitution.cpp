@@ -1,0 +1,3 @@
+#include "substitution.h"
+
+namespace kelvane {}  // namespace kelvane
