@@ -3,6 +3,7 @@
 #include "debug_print.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
+#include "indgen_path_internal.h"
 #include "indgeninit_internal.h"
 
 namespace kelvane {
@@ -10,6 +11,7 @@ namespace kelvane {
 void reset_all_state() {
   reset_indgen_message();
   reset_indgeninit();
+  reset_indgen_path();
   reset_indgen_memory();
   debug_level = 0;
 }
