@@ -4,6 +4,7 @@
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
 #include "indgen_path_internal.h"
+#include "indgen_tempname_internal.h"
 #include "indgeninit_internal.h"
 
 namespace kelvane {
@@ -12,6 +13,7 @@ void reset_all_state() {
   reset_indgen_message();
   reset_indgeninit();
   reset_indgen_path();
+  reset_indgen_tempname();
   reset_indgen_memory();
   debug_level = 0;
 }
