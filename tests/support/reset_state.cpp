@@ -9,6 +9,8 @@
 #include "increments_internal.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
+#include "indgen_path_internal.h"
+#include "indgen_tempname_internal.h"
 #include "indgeninit_internal.h"
 #include "indzip_internal.h"
 #include "options.h"
@@ -30,6 +32,8 @@ void reset_all_state() {
   exclude_file = nullptr;
   reset_indgen_message();
   reset_indgeninit();
+  reset_indgen_path();
+  reset_indgen_tempname();
   reset_indgen_memory();
   debug_level = 0;
 }
