@@ -3,6 +3,8 @@
 #include "debug_print.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
+#include "indgen_path_internal.h"
+#include "indgen_tempname_internal.h"
 #include "indgeninit_internal.h"
 
 namespace kelvane {
@@ -10,6 +12,8 @@ namespace kelvane {
 void reset_all_state() {
   reset_indgen_message();
   reset_indgeninit();
+  reset_indgen_path();
+  reset_indgen_tempname();
   reset_indgen_memory();
   debug_level = 0;
 }
