@@ -1,9 +1,11 @@
 #include "reset_state.h"
 
 #include "debug_print.h"
+#include "indconfig_internal.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
 #include "indgeninit_internal.h"
+#include "indview_internal.h"
 
 namespace kelvane {
 
@@ -11,6 +13,8 @@ void reset_all_state() {
   reset_indgen_message();
   reset_indgeninit();
   reset_indgen_memory();
+  reset_indview();
+  reset_indconfig();
   debug_level = 0;
 }
 
