@@ -4,6 +4,8 @@
 #include "indconfig_internal.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
+#include "indgen_path_internal.h"
+#include "indgen_tempname_internal.h"
 #include "indgeninit_internal.h"
 #include "indview_internal.h"
 
@@ -12,6 +14,8 @@ namespace kelvane {
 void reset_all_state() {
   reset_indgen_message();
   reset_indgeninit();
+  reset_indgen_path();
+  reset_indgen_tempname();
   reset_indgen_memory();
   reset_indview();
   reset_indconfig();
