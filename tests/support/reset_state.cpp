@@ -7,6 +7,7 @@
 #include "image_internal.h"
 #include "increment_coder_internal.h"
 #include "increments_internal.h"
+#include "indconfig_internal.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
 #include "indgen_path_internal.h"
@@ -16,6 +17,7 @@
 #include "options.h"
 #include "section_filter_internal.h"
 #include "substitution_internal.h"
+#include "indview_internal.h"
 
 namespace kelvane {
 
@@ -35,6 +37,8 @@ void reset_all_state() {
   reset_indgen_path();
   reset_indgen_tempname();
   reset_indgen_memory();
+  reset_indview();
+  reset_indconfig();
   debug_level = 0;
 }
 
