@@ -1,0 +1,3 @@
+#include "indgen_file.h"
+
+namespace kelvane {}  // namespace kelvane
