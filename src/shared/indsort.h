@@ -15,10 +15,10 @@ using sort_compare = int32_t (*)(void* context, const void* first, const void* s
 // Exchanges two elements of `size` bytes.
 using sort_exchange = void (*)(void* first, void* second, uint32_t size);
 
-// Sorts `count` elements of `size` bytes at `base`; elements that compare equal end in no particular
-// order. A count or size of 0 does nothing. `context` goes to `compare` untouched. A null `exchange`
-// stands for qvr_swap_default_cmp. An inconsistent `compare` gives some order and no overrun.
-// Allocates nothing.
+// Sorts `count` elements of `size` bytes at `base`; elements that compare equal end in no
+// particular order. A count or size of 0 does nothing. `context` goes to `compare` untouched. A
+// null `exchange` stands for qvr_swap_default_cmp. An inconsistent `compare` gives some order and
+// no overrun. Allocates nothing.
 void qvr_sort(void* context, void* base, uint32_t count, uint32_t size, sort_compare compare,
               sort_exchange exchange);
 

@@ -67,13 +67,12 @@ void expect_traces(sort_function sort, std::initializer_list<Traced> cases) {
 }
 
 TEST(Sort, ComparesAndExchangesBelowSixElementsLikeAnExchangeSort) {
-  expect_traces(
-      qvr_sort,
-      {{"", "", ""},
-       {"a", "a", ""},
-       {"cab", "abc", " c0,1 x0,1 c0,2 c1,2 x1,2"},
-       {"beadc", "abcde",
-        " c0,1 c0,2 x0,2 c0,3 c0,4 c1,2 x1,2 c1,3 c1,4 c2,3 x2,3 c2,4 x2,4 c3,4 x3,4"}});
+  expect_traces(qvr_sort,
+                {{"", "", ""},
+                 {"a", "a", ""},
+                 {"cab", "abc", " c0,1 x0,1 c0,2 c1,2 x1,2"},
+                 {"beadc", "abcde",
+                  " c0,1 c0,2 x0,2 c0,3 c0,4 c1,2 x1,2 c1,3 c1,4 c2,3 x2,3 c2,4 x2,4 c3,4 x3,4"}});
 }
 
 TEST(Sort, PartitionsSixElementsAroundAMedianOfThreeThatStaysInTheArray) {
@@ -123,8 +122,7 @@ TEST(StableSort, BreaksTiesByTheStartingPositionExceptInTheChoiceOfThePivot) {
                 {{"", "", ""},
                  {"a", "a", ""},
                  // Upper and lower case are equal: b B a A comes out as a A b B.
-                 {"bBaA", "aAbB",
-                  " c0,1 c0,2 x0,2 c0,3 c1,2 x1,2 c1,3 x1,3 c2,3 x2,3"},
+                 {"bBaA", "aAbB", " c0,1 c0,2 x0,2 c0,3 c1,2 x1,2 c1,3 x1,3 c2,3 x2,3"},
                  // Starting positions beside the letters: b0 a1 B2 A3 b4 a5. The pivot is A3.
                  {"baBAba", "aAabBb",
                   " c0,3 c3,5 c0,3 c3,5 c3,4 x0,3 c0,2 c0,1 x0,1"
@@ -152,7 +150,7 @@ TEST(Sort, AgreesWithTheStandardSortForAnyCountAndAnyNumberOfEqualKeys) {
     counts.push_back(count);
   }
   for (int run = 0; run < 60; ++run) {
-    counts.push_back(random() % 2001);
+    counts.push_back(static_cast<uint32_t>(random() % 2001));
   }
   for (const uint32_t count : counts) {
     for (const uint32_t keys : {1U, 3U, 40U, 1000000U}) {
@@ -205,9 +203,8 @@ TEST(StableSort, AllocatesItsIndexAboveSixtyFourElementsOnly) {
     }
     uint32_t comparisons = 0;
     qvr_stable_sort(&comparisons, records.data(), count, sizeof(Record), compare_keys, nullptr);
-    EXPECT_TRUE(std::is_sorted(records.begin(), records.end(), [](const auto& a, const auto& b) {
-      return a.place < b.place;
-    }));
+    EXPECT_TRUE(std::is_sorted(records.begin(), records.end(),
+                               [](const auto& a, const auto& b) { return a.place < b.place; }));
     EXPECT_EQ(allocations, count == 65 ? 1U : 0U);
   }
   gen_alloc = gen_default_alloc;
@@ -239,7 +236,7 @@ TEST(Sort, SortsElementsOfAnOddSizeByTheDefaultExchange) {
 TEST(Sort, StaysInTheArrayWhateverTheComparisonSays) {
   std::mt19937 random(5);
   for (int run = 0; run < 200; ++run) {
-    const uint32_t count = random() % 300;
+    const auto count = static_cast<uint32_t>(random() % 300);
     std::vector<Record> records(count + 2, Record{1, 1, 1});
     records.front() = records.back() = {9, 9, 9};
     const auto at_random = [](void* context, const void*, const void*) {

@@ -1,13 +1,19 @@
 #include "reset_state.h"
 
 #include "debug_print.h"
+#include "genrand_internal.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
+#include "indgen_process_internal.h"
+#include "indgen_quote_internal.h"
 #include "indgeninit_internal.h"
 
 namespace kelvane {
 
 void reset_all_state() {
+  reset_genrand();
+  reset_indgen_quote();
+  reset_indgen_process();
   reset_indgen_message();
   reset_indgeninit();
   reset_indgen_memory();
