@@ -1,9 +1,11 @@
 #include "reset_state.h"
 
+#include "color_format_internal.h"
 #include "debug_print.h"
 #include "genrand_internal.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
+#include "indgen_path_internal.h"
 #include "indgen_process_internal.h"
 #include "indgen_quote_internal.h"
 #include "indgeninit_internal.h"
@@ -11,11 +13,13 @@
 namespace kelvane {
 
 void reset_all_state() {
+  reset_color_format();
   reset_genrand();
   reset_indgen_quote();
   reset_indgen_process();
   reset_indgen_message();
   reset_indgeninit();
+  reset_indgen_path();
   reset_indgen_memory();
   debug_level = 0;
 }
