@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -477,6 +478,33 @@ TEST_F(Color, FindsAFileUnderItsNameThenWithTheSuffixThenInTheSubdirectory) {
   EXPECT_EQ(color_info_conf.attribute, 7);
   const std::string bare = tree_.write("bin/config/mine", "");
   EXPECT_EQ(found("mine", "sub"), bare);
+}
+
+// As long as it lives, no file can be opened.
+class NoDescriptors {
+ public:
+  NoDescriptors() {
+    EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &before_), 0);
+    const rlimit none = {0, before_.rlim_max};
+    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  }
+  ~NoDescriptors() { EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &before_), 0); }
+  NoDescriptors(const NoDescriptors&) = delete;
+  NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
+TEST_F(Color, EndsTheRunAtAFileThatIsThereAndCannotBeOpened) {
+  const std::string path = tree_.write("home/.qvr/colors.ini", "[INFO]\n");
+  const CapturedRun run = capture([] {
+    const NoDescriptors none;
+    parse_config_file(nullptr);
+  });
+  EXPECT_EQ(run.errors, "kelvane: fatal: Unable to open configuration file '" + path +
+                            "' for input: : Too many open files\n");
+  EXPECT_EQ(run.status, 1);
 }
 
 TEST_F(Color, StartsPlainWhileItsFileIsRead) {

@@ -3,12 +3,15 @@
 #include "color_format_internal.h"
 #include "debug_print.h"
 #include "genrand_internal.h"
+#include "indconfig_internal.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
 #include "indgen_path_internal.h"
 #include "indgen_process_internal.h"
 #include "indgen_quote_internal.h"
+#include "indgen_tempname_internal.h"
 #include "indgeninit_internal.h"
+#include "indview_internal.h"
 
 namespace kelvane {
 
@@ -20,7 +23,10 @@ void reset_all_state() {
   reset_indgen_message();
   reset_indgeninit();
   reset_indgen_path();
+  reset_indgen_tempname();
   reset_indgen_memory();
+  reset_indview();
+  reset_indconfig();
   debug_level = 0;
 }
 
