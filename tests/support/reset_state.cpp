@@ -7,10 +7,14 @@
 #include "image_internal.h"
 #include "increment_coder_internal.h"
 #include "increments_internal.h"
+#include "color_format_internal.h"
+#include "genrand_internal.h"
 #include "indconfig_internal.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
 #include "indgen_path_internal.h"
+#include "indgen_process_internal.h"
+#include "indgen_quote_internal.h"
 #include "indgen_tempname_internal.h"
 #include "indgeninit_internal.h"
 #include "indzip_internal.h"
@@ -32,6 +36,10 @@ void reset_all_state() {
   reset_section_filter();
   reset_image();
   exclude_file = nullptr;
+  reset_color_format();
+  reset_genrand();
+  reset_indgen_quote();
+  reset_indgen_process();
   reset_indgen_message();
   reset_indgeninit();
   reset_indgen_path();
