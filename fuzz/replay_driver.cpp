@@ -1,9 +1,9 @@
 // Runs a fuzz target over inputs kept in files, so that a corpus is an ordinary test:
 //   NAME_replay FILE_OR_FOLDER ...
 // Folders are walked with all below them, in the order of the names. Every input is handed over in
-// memory of exactly its size, so that a sanitizer sees the first byte that is read beyond. The end is
-// status 0 if the target came back from all of them, 2 if there was nothing to run or a file could
-// not be read.
+// memory of exactly its size, so that a sanitizer sees the first byte that is read beyond. The end
+// is status 0 if the target came back from all of them, 2 if there was nothing to run or a file
+// could not be read.
 
 #include <algorithm>
 #include <cstddef>
