@@ -400,7 +400,7 @@ TEST(CharacterClass, WithoutNeighboursTellsWordsAndWhiteSpace) {
   for (const int32_t c : std::vector<int32_t>{'a', 'Z', '9', '_', '$', 0x80, -1}) {
     EXPECT_EQ(gen_char_type(c), 0) << c;
   }
-  for (const int32_t c : {'\t', '\n', ' '}) {
+  for (const int32_t c : codes("\t\n ")) {
     EXPECT_EQ(gen_char_type(c), 2) << c;
   }
   EXPECT_EQ(gen_char_type('\0'), -1);

@@ -379,6 +379,7 @@ TEST_F(TargetAddress, HasAPlaceByARangeThatWraps) {
     gadr_set_mode(mode);
     expect_place(at(0, 0xFFFFFFF8), start, end, 0);
     expect_place(at(0, 0x8), start, end, 0);
+    expect_place(at(0, 0x10), start, end, -1);
     expect_place(at(0, 0x100), start, end, -1);
     expect_place(at(0, 0x4), at(0, 0x10), at(0, 0x8), -1, true);
     expect_place(at(0, 0x20), at(0, 0x10), at(0, 0x8), 1, true);
