@@ -4,6 +4,7 @@
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
 #include "indgeninit_internal.h"
+#include "indzip_internal.h"
 
 namespace kelvane {
 
@@ -11,6 +12,7 @@ void reset_all_state() {
   reset_indgen_message();
   reset_indgeninit();
   reset_indgen_memory();
+  reset_indzip();
   debug_level = 0;
 }
 
