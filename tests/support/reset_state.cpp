@@ -49,6 +49,7 @@ void reset_all_state() {
   reset_indview();
   reset_indconfig();
   reset_indgadr();
+  reset_indzip();
   debug_level = 0;
 }
 
