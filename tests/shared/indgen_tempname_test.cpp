@@ -252,14 +252,18 @@ TEST_F(TemporaryNames, AreFoundForDirectoriesByACounterOfTwoPlaces) {
     const gen_ptr<char> name(gen_tmpdirname(nullptr));
     return std::string(name == nullptr ? "" : name.get());
   };
+  const std::string file = tree.write("file", "");
+  const std::string looked_up = "aa ab az a0 a9 ba z9 0a 9a 99";
   const std::string digits = "abcdefghijklmnopqrstuvwxyz0123456789";
   for (const char first : digits) {
     for (const char second : digits) {
-      const std::string expected = directory_name({first, second});
-      if (second == 'a' || second == '0' || second == '9') {  // each look-up is a walk to here
+      const std::string counter = {first, second};
+      const std::string expected = directory_name(counter);
+      // Each look-up walks from the first name to here, so only some are made.
+      if (looked_up.find(counter) != std::string::npos) {
         ASSERT_EQ(next_directory(), expected);
       }
-      std::filesystem::create_directory(expected);
+      std::filesystem::create_hard_link(file, expected);  // far cheaper than a directory
     }
   }
   EXPECT_EQ(next_directory(), "");
