@@ -74,7 +74,7 @@ static void drive_fan(void) {
   } else {
     fan_speed = 100;
   }
-  FAN = fan_speed;
+  FAN = fan_voltage(fan_speed);
 }
 
 void control_loop(void) {

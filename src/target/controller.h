@@ -48,6 +48,12 @@ void log_event(enum event event, uint32_t sensor, int32_t value);
 uint32_t log_checksum(void);
 void log_print(void (*put)(char letter));
 
+// fan.c: the voltage, 0 to 1000, for a speed of 0 to 1000.
+uint32_t fan_voltage(uint32_t speed);
+
+// crc.c: the checksum `sum` continued with four more bytes.
+uint32_t crc_add(uint32_t sum, uint32_t value);
+
 // text.c
 void text_print(void (*put)(char letter), const char* text);
 void text_print_number(void (*put)(char letter), int32_t value);

@@ -36,10 +36,10 @@ uint32_t log_checksum(void) {
   uint32_t sum = 0;
   for (uint32_t place = 0; place < LOG_DEPTH; ++place) {
     const struct entry* const entry = &entries[place];
-    sum = sum * 31U + entry->serial;
-    sum = sum * 31U + entry->sensor;
-    sum = sum * 31U + (uint32_t)entry->value;
-    sum = sum * 31U + (uint32_t)entry->event;
+    sum = crc_add(sum, entry->serial);
+    sum = crc_add(sum, entry->sensor);
+    sum = crc_add(sum, (uint32_t)entry->value);
+    sum = crc_add(sum, (uint32_t)entry->event);
   }
   return sum;
 }

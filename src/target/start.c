@@ -1,6 +1,9 @@
 #include <stdint.h>
 
-// Start-up: copies the initialised data to RAM, clears the rest and enters the control loop.
+#include "controller.h"
+
+// Start-up: copies the initialised data to RAM, clears the rest and enters the control loop. Holds
+// the first and the last bytes of the image, the vectors and the footer.
 
 extern uint32_t data_start[];
 extern uint32_t data_end[];
@@ -46,3 +49,12 @@ __attribute__((used, section(".vectors"))) static void (*const vectors[16])(void
     0,
     stop_handler,
     tick_handler};
+
+// What a loader reads to tell which product and which revision the image is for.
+struct footer {
+  char product[44];
+  uint32_t revision;
+};
+
+__attribute__((used, section(".footer"))) static const struct footer footer = {
+    "climate controller, board 2, 8 MHz", FIRMWARE_REVISION};
