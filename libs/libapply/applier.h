@@ -1,3 +1,239 @@
-#ifndef KELVANE_APPLIER_H
-#define KELVANE_APPLIER_H
+#pragma once
+
+// Carries out a patch on a target: turns the old contents of a memory into the new ones, in place.
+//
+// Plain C11, which also compiles as C++. It needs no heap, no stdio, no recursion and no integer
+// wider than 32 bits, and it includes nothing but <stddef.h> and <stdint.h>. All its state is in a
+// `kelvane_applier`, which the caller provides (KELVANE_APPLIER_BYTES at most); beside that it
+// takes some 200 bytes of stack.
+//
+// The patch lies in memory, whole, and is reached by a pointer, not by a callback. A patch has to
+// be there whole before its first byte can be trusted, since nothing is changed before everything
+// has been checked; it is small; and what has been checked can't change before it is used. Bytes to
+// store go from the patch to the target without a copy. A patch in mapped flash serves as well.
+//
+// The target is reached by two callbacks, read and write, so that RAM, flash behind a write buffer
+// and a file serve alike. A read must give what the writes before it have written.
+//
+// The usual call, for a file of at most `capacity` bytes:
+//
+//   static kelvane_applier applier;
+//   const kelvane_region room = {0, capacity};
+//   const kelvane_memory memory = {&flash, flash_read, flash_write, &room, 1, old_size};
+//   int code = kelvane_apply_open(&applier, patch, patch_size, KELVANE_V0_BIG_ENDIAN);
+//   if (code == KELVANE_APPLY_OK) {
+//     code = kelvane_apply_run(&applier, &memory, 0);
+//   }
+//   if (code != KELVANE_APPLY_OK) {
+//     report(kelvane_apply_text(code), applier.error_position, applier.error_address);
+//   }
+//
+// Nothing here is able to resume: a run that was cut off between its first and its last write
+// leaves a mixture. A target that can lose power keeps the old contents elsewhere until the end.
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// The bytes that are moved, filled, expanded and summed at a time. A larger one makes fewer calls;
+// 32 is the least.
+#ifndef KELVANE_APPLY_CHUNK
+#define KELVANE_APPLY_CHUNK 256
+#endif
+
+// Nothing larger is ever needed for a kelvane_applier, with pointers of up to 64 bits.
+#define KELVANE_APPLIER_BYTES (KELVANE_APPLY_CHUNK + 96)
+
+// What the operations give.
+enum kelvane_apply_code {
+  KELVANE_APPLY_OK = 0,
+  // The call itself is wrong, or the patch was not opened.
+  KELVANE_APPLY_BAD_ARGUMENT,
+  // The patch is damaged, or no patch. Nothing has been written.
+  KELVANE_APPLY_TOO_SHORT,
+  KELVANE_APPLY_BAD_HEADER,
+  KELVANE_APPLY_BAD_VERSION,
+  KELVANE_APPLY_BAD_SIZE,
+  KELVANE_APPLY_BAD_CHECKSUM,
+  KELVANE_APPLY_BAD_SHAPE,
+  KELVANE_APPLY_NO_COMMANDS,
+  KELVANE_APPLY_BAD_COMMAND,
+  KELVANE_APPLY_MISPLACED,
+  KELVANE_APPLY_TRUNCATED,
+  KELVANE_APPLY_BAD_LIST,
+  KELVANE_APPLY_BAD_REGION,
+  KELVANE_APPLY_BAD_COMPRESSION,
+  KELVANE_APPLY_BAD_INCREMENTS,
+  // The patch is sound and does not fit the memory. Nothing has been written.
+  KELVANE_APPLY_NO_ROOM,
+  KELVANE_APPLY_OUTSIDE,
+  // The old contents are not those that the patch was made for. Nothing has been written.
+  KELVANE_APPLY_OLD_SIZE,
+  KELVANE_APPLY_OLD_CHECKSUM,
+  // The new contents are not what they should be.
+  KELVANE_APPLY_NEW_CHECKSUM,
+  // A callback failed. With a failed write, or a failed read once writing has begun, the memory is
+  // neither old nor new.
+  KELVANE_APPLY_READ_FAILED,
+  KELVANE_APPLY_WRITE_FAILED,
+  KELVANE_APPLY_CODES  // the number of codes
+};
+
+// The commands, by their code in the patch.
+enum kelvane_command {
+  KELVANE_CM_SUBSTITUTE = 1,
+  KELVANE_CM_SUB_ONE = 2,
+  KELVANE_CM_MOVE = 3,
+  KELVANE_CM_CHECKSUM = 4,
+  KELVANE_CM_SUB_COMP = 5,
+  KELVANE_CM_FILL = 6,
+  KELVANE_CM_INCRS = 7
+};
+
+// What a version 0 patch does not say about itself. Version 1 says both, and the flags are ignored.
+#define KELVANE_V0_LITTLE_ENDIAN 0u
+#define KELVANE_V0_BIG_ENDIAN 1u
+#define KELVANE_V0_MEMORY_MODE 2u  // the addresses are those of the target, not offsets in a file
+
+// Verifications that kelvane_apply_run is to leave out.
+#define KELVANE_SKIP_OLD 1u
+#define KELVANE_SKIP_NEW 2u
+
+// For kelvane_memory.old_size: the target can't tell how long the old file is.
+#define KELVANE_SIZE_UNKNOWN 0xFFFFFFFFu
+
+// A stretch of memory that may be read and written: `size` bytes from `address`.
+typedef struct kelvane_region {
+  uint32_t address;
+  uint32_t size;
+} kelvane_region;
+
+// Copies `count` bytes (never 0) between the target's memory at `address` and `bytes`. No call
+// leaves the regions named in kelvane_memory; one call may run over the seam of two regions that
+// touch. `count` has no other limit. Gives 0, or anything else for a failure.
+typedef int (*kelvane_read)(void* context, uint32_t address, uint8_t* bytes, uint32_t count);
+typedef int (*kelvane_write)(void* context, uint32_t address, const uint8_t* bytes, uint32_t count);
+
+// The memory to change.
+typedef struct kelvane_memory {
+  void* context;  // handed to the callbacks
+  kelvane_read read;
+  kelvane_write write;
+  // All the memory that the patch may touch, in any order. In file mode the addresses are offsets
+  // from the start of the file: usually one region from 0, as large as the file may become. In
+  // memory mode words are changed whole at addresses that are multiples of 4, so a region should
+  // start and end at such an address even where a section does not.
+  const kelvane_region* regions;
+  uint32_t region_count;
+  // File mode: the bytes that the old file has, or KELVANE_SIZE_UNKNOWN.
+  uint32_t old_size;
+} kelvane_memory;
+
+// What the header says.
+typedef struct kelvane_patch_info {
+  uint8_t version;        // 0 or 1
+  uint8_t memory_mode;    // 0: addresses are offsets in a file; 1: addresses of the target
+  uint8_t big_endian;     // byte order of the target: 1 big-endian, 0 little-endian
+  uint32_t header_size;   // offset of the first command
+  uint32_t old_checksum;  // version 0 and file mode: the whole old file
+  uint32_t new_checksum;  // and the whole new one
+  uint32_t old_size;      // bytes of each
+  uint32_t new_size;
+  uint32_t old_crt1;  // version 1 in memory mode: address of the start-up code in the old
+  uint32_t new_crt1;  // and in the new image
+} kelvane_patch_info;
+
+// The working memory. `info`, `error_position` and `error_address` are for the caller to read.
+typedef struct kelvane_applier {
+  const uint8_t* patch;
+  uint32_t size;
+  uint32_t position;
+  kelvane_patch_info info;
+  uint32_t error_position;  // with a code other than OK: the place in the patch
+  uint32_t error_address;   // OUTSIDE, READ_FAILED, WRITE_FAILED: where in memory
+  uint8_t opened;
+  uint8_t chunk[KELVANE_APPLY_CHUNK];
+} kelvane_applier;
+
+#ifdef __cplusplus
+static_assert(sizeof(kelvane_applier) <= KELVANE_APPLIER_BYTES, "as stated");
+static_assert(KELVANE_APPLY_CHUNK >= 32, "the longest reference fits");
+#else
+_Static_assert(sizeof(kelvane_applier) <= KELVANE_APPLIER_BYTES, "as stated");
+_Static_assert(KELVANE_APPLY_CHUNK >= 32, "the longest reference fits");
+#endif
+
+// The things that a patch consists of, in the order in which a visitor meets them:
+//   COMMAND (then, for the three substitutions, LIST) (then the items of the command) COMMAND_END
+enum kelvane_item_kind {
+  KELVANE_ITEM_COMMAND,      // count: blocks, lists, fills, regions, or bytes of the stream
+  KELVANE_ITEM_COMMAND_END,  // data_size: the bytes that the whole command has in the patch
+  KELVANE_ITEM_LIST,         // count: commands; relative; address: base of a relative list
+  KELVANE_ITEM_MOVE,         // address: source; size; value: what to add to get the destination
+  KELVANE_ITEM_STORE,        // address; size; data (data_size of them; compressed in CM_SUB_COMP,
+                             // where size counts the expanded bytes)
+  KELVANE_ITEM_FILL,         // address; size; value: the byte
+  KELVANE_ITEM_CLASS,        // value: what to add to the words of this class; count: its map
+  KELVANE_ITEM_INCREMENT,    // address: the word; size: 4; value: what to add to it
+  KELVANE_ITEM_REGION,       // address; size: a region under a checksum
+  KELVANE_ITEM_CHECKSUM      // value: the checksum of all regions of this command together
+};
+
+typedef struct kelvane_item {
+  uint8_t kind;       // KELVANE_ITEM_...
+  uint8_t command;    // KELVANE_CM_..., the command that it belongs to
+  uint8_t relative;   // of the list: 0 absolute, 1 relative
+  uint8_t after;      // of CM_CHECKSUM: 0 describes the old contents, 1 the new ones
+  uint32_t position;  // offset of its first byte in the patch
+  uint32_t count;
+  uint32_t address;
+  uint32_t size;
+  uint32_t value;
+  const uint8_t* data;
+  uint32_t data_size;
+} kelvane_item;
+
+// Called for every item, in the order of the patch. A result other than 0 ends the walk with it.
+typedef int (*kelvane_visitor)(void* context, const kelvane_item* item);
+
+// Reads the patch of `size` bytes at `patch` and checks all that can be checked without the
+// target: header, size, checksum, the structure of every command with its streams. `version0_flags`
+// (KELVANE_V0_...) tell what a version 0 patch leaves open. The patch must stay where it is as long
+// as `applier` is used. Gives a code; with KELVANE_APPLY_OK `applier->info` holds the header.
+int kelvane_apply_open(kelvane_applier* applier, const uint8_t* patch, uint32_t size,
+                       uint32_t version0_flags);
+
+// Calls `visitor` for every item of an opened patch. Gives KELVANE_APPLY_OK or what the visitor
+// ended it with.
+int kelvane_apply_visit(kelvane_applier* applier, kelvane_visitor visitor, void* context);
+
+// Tests that nothing in the patch reads or writes outside the regions of `memory` (in file mode:
+// nor behind the longer of the two files, which must fit the regions). Calls no callback.
+int kelvane_apply_check(kelvane_applier* applier, const kelvane_memory* memory);
+
+// Compare the contents of `memory` with what the patch says of the old (new) ones: size and
+// checksum of the whole file, in memory mode the checksums of the regions in CM_CHECKSUM. A version
+// 0 patch in memory mode says nothing that could be compared, so it gives KELVANE_APPLY_OK.
+// They call `read` only.
+int kelvane_apply_verify_old(kelvane_applier* applier, const kelvane_memory* memory);
+int kelvane_apply_verify_new(kelvane_applier* applier, const kelvane_memory* memory);
+
+// Carries out the patch: kelvane_apply_check, kelvane_apply_verify_old, then every command in the
+// order of the patch, then kelvane_apply_verify_new. `skip` (KELVANE_SKIP_..., 0 for none) leaves
+// out a verification; the check is never left out. Nothing is written before all of that has
+// passed. In file mode the result is the first `info.new_size` bytes.
+int kelvane_apply_run(kelvane_applier* applier, const kelvane_memory* memory, uint32_t skip);
+
+// Folds `count` bytes into the checksum `sum` and gives the new one; start with 0. For each byte
+// the sum is rotated left by 7 bits and the byte added.
+uint32_t kelvane_apply_checksum(uint32_t sum, const uint8_t* bytes, uint32_t count);
+
+// A short text for a code, in English, without a full stop.
+const char* kelvane_apply_text(int code);
+
+#ifdef __cplusplus
+}
 #endif

@@ -1,3 +1,95 @@
 #include "load.h"
 
-namespace kelvane {}  // namespace kelvane
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "bd_checksum.h"
+#include "indgen_memory.h"
+#include "indgen_message.h"
+#include "indview.h"
+
+namespace kelvane {
+
+namespace {
+
+constexpr size_t kPiece = 1024;               // bytes of one read
+constexpr size_t kStreamBuffer = 256 * 1024;  // bytes that the stream reads ahead
+
+bool is_directory(std::FILE* stream) {
+  struct stat status = {};
+  return ::fstat(::fileno(stream), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// Reads up to `size` bytes; fewer if the file has become shorter meanwhile.
+int32_t read_pieces(std::FILE* stream, uint8_t* bytes, size_t size) {
+  size_t total = 0;
+  while (std::feof(stream) == 0 && total < size) {
+    const size_t got = std::fread(bytes + total, 1, std::min(kPiece, size - total), stream);
+    if (got == 0) {
+      break;
+    }
+    total += got;
+  }
+  return static_cast<int32_t>(total);
+}
+
+}  // namespace
+
+int64_t file_size(std::FILE* stream) {
+  if (std::fseek(stream, 0, SEEK_END) != 0) {
+    return -1;
+  }
+  const int64_t size = std::ftell(stream);
+  return std::fseek(stream, 0, SEEK_SET) == 0 ? size : -1;
+}
+
+int32_t read_file(uint8_t** out_bytes, const char* name) {
+  const gen_ptr<char> stream_buffer(gen_alloc_array<char>(kStreamBuffer));
+  const file_ptr stream(gen_fopen(name, "r"));
+  if (stream == nullptr) {
+    gen_perror("unable to open input file '%s'", name);
+    return -1;
+  }
+  std::setvbuf(stream.get(), stream_buffer.get(), _IOFBF, kStreamBuffer);
+  if (is_directory(stream.get())) {
+    gen_error("could not load '%s': %s", name, "it is a directory");
+    return -1;
+  }
+  const int64_t size = file_size(stream.get());
+  if (size < 0) {
+    gen_error("could not load '%s': %s", name, "its size cannot be found");
+    return -1;
+  }
+  if (size > INT32_MAX) {
+    gen_error("could not load '%s': %s", name, "it has more than 2147483647 bytes");
+    return -1;
+  }
+  gen_ptr<uint8_t> bytes(gen_alloc_array<uint8_t>(static_cast<uint32_t>(size)));
+  if (bytes == nullptr) {
+    gen_error("could not allocate %i bytes for file '%s'", static_cast<int32_t>(size), name);
+    return -1;
+  }
+  const int32_t total = read_pieces(stream.get(), bytes.get(), static_cast<size_t>(size));
+  *out_bytes = bytes.release();
+  return total;
+}
+
+int32_t load_file(file_data* record, const char* name) {
+  record->name = name;
+  record->size = read_file(&record->bytes, name);
+  if (record->size < 0) {
+    return 0;
+  }
+  record->checksum = 0;
+  bd_checksum(record->bytes, static_cast<uint32_t>(record->size), &record->checksum);
+  record->crt1 = 0;
+  // No image reader takes the file in, so it has no sections, and its byte order is that of the
+  // file read last.
+  record->big_endian = endian == 1 ? 1 : 0;
+  record->sections = nullptr;
+  record->sections_end = nullptr;
+  return 1;
+}
+
+}  // namespace kelvane

@@ -1,3 +1,24 @@
 #pragma once
 
-namespace kelvane {}  // namespace kelvane
+#include <cstdint>
+#include <cstdio>
+
+#include "image.h"
+
+// Inputs read into memory.
+namespace kelvane {
+
+// Fills the record from the file `name`, which is borrowed. Gives 1, or 0 if the file could not be
+// read into memory, which has been reported then.
+int32_t load_file(file_data* record, const char* name);
+
+// Reads the file whole into a fresh buffer, stores that through `out_bytes` and gives the number of
+// bytes read. A failure is reported and gives -1: "unable to open input file '%s'" with the reason;
+// "could not load '%s': %s" for a directory, a pipe, or more than 2147483647 bytes; "could not
+// allocate %i bytes for file '%s'" for an empty file.
+int32_t read_file(uint8_t** out_bytes, const char* name);
+
+// Size of the stream's file in bytes, with the stream put back to its start; -1 if it can't seek.
+int64_t file_size(std::FILE* stream);
+
+}  // namespace kelvane

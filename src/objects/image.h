@@ -1,3 +1,73 @@
 #pragma once
 
-namespace kelvane {}  // namespace kelvane
+#include <cstdint>
+
+#include "indgadr.h"
+
+// What a run knows of an input: the loaded file, its sections, its symbols. Plain records that the
+// engine and the driver read.
+namespace kelvane {
+
+// Set by the option -ram: memory mode, a comparison section by section at target addresses. In
+// file mode, 0, a comparison of the files whole.
+extern int32_t fDiffMemory;
+
+// A section as it takes part in a comparison. The key is `name`, unique within a file.
+struct sym_addr {
+  char* name;                // owned, after mapping
+  uint32_t type;             // sh_type of the section
+  gadr addr;                 // target address, after memory aliases
+  gadr offset;               // file offset of the contents
+  uint32_t size;             // bytes of contents
+  uint32_t compressed_size;  // bytes of stored compressed data; 0 if it is not compressed
+};
+
+// A loaded input file.
+struct file_data {
+  const char* name;        // borrowed from the command line
+  uint8_t* bytes;          // the file whole; owned, never freed
+  int32_t size;            // number of bytes actually read
+  uint32_t checksum;       // bd_checksum of the whole file, started from 0
+  int32_t big_endian;      // 1 for a big-endian target
+  sym_addr* sections;      // first section record
+  sym_addr* sections_end;  // behind the last one
+  uint32_t crt1;           // value of the symbol __qvr_ind_crt1; 0 if it was not found
+};
+
+namespace elf32 {
+
+// A symbol of a 32-bit ELF file (System V ABI), in the host's byte order.
+struct symbol {
+  uint32_t st_name;  // index of the name in the string table
+  uint32_t st_value;
+  uint32_t st_size;
+  uint8_t st_info;  // the low four bits are the symbol type
+  uint8_t st_other;
+  uint16_t st_shndx;
+};
+
+inline constexpr uint8_t STT_OBJECT = 1;
+inline constexpr uint8_t STT_FUNC = 2;
+inline constexpr uint16_t SHN_UNDEF = 0;
+
+}  // namespace elf32
+
+// The symbols of a file.
+struct symbol_table {
+  int32_t count;           // number of symbol records
+  int32_t relevant;        // leading records that searches may use; set by main
+  elf32::symbol* records;  // owned, never freed
+  char* strings;           // string table that st_name indexes; owned, never freed
+};
+
+// `table` describes the file that was loaded last; main copies it to `table1` for the first file
+// and to `table2` for the second.
+extern symbol_table table;
+extern symbol_table table1;
+extern symbol_table table2;
+
+// Byte order of the file that was read last: 0 not yet known, 1 big-endian, 2 little-endian.
+// Written by the reader of file headers; load_file looks at it after each load.
+extern int32_t endian;
+
+}  // namespace kelvane

@@ -9,6 +9,7 @@
 #include "indgen_memory.h"
 #include "indgen_message.h"
 #include "indgen_path.h"
+#include "indgen_string.h"
 #include "indview.h"
 #include "indview_internal.h"
 

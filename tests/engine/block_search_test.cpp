@@ -1,1 +1,167 @@
+#include "block_search.h"
+
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+#include "bytes.h"
+#include "plain_search.h"
+
+namespace kelvane {
+namespace {
+
+int32_t compare_with_differences_at(std::initializer_list<size_t> places, int32_t n) {
+  const Bytes a(static_cast<size_t>(n), 'a');
+  Bytes b = a;
+  for (const size_t place : places) {
+    b[place] = 'b';
+  }
+  return bstrncmp(a.data(), b.data(), n);
+}
+
+TEST(FuzzyCompare, ToleratesOneByteInTenOfThoseSeenSoFar) {
+  EXPECT_EQ(compare_with_differences_at({}, 20), 0);
+  EXPECT_EQ(compare_with_differences_at({9, 19}, 20), 2);
+  EXPECT_EQ(compare_with_differences_at({8}, 20), -1);
+  EXPECT_EQ(compare_with_differences_at({9, 10}, 20), -1);
+  EXPECT_EQ(compare_with_differences_at({9, 18}, 20), -1);
+  EXPECT_EQ(bstrncmp(nullptr, nullptr, 0), 0);
+  EXPECT_EQ(bstrncmp(nullptr, nullptr, -1), 0);
+}
+
+TEST(FuzzyCompare, AgreesWithThePlainLoopOnRandomBytes) {
+  Random random(1);
+  for (int round = 0; round < 20000; ++round) {
+    const size_t n = random.below(130);
+    const Bytes a = random.bytes(n, 2);
+    Bytes b = a;
+    for (uint32_t change = random.below(12); change > 0 && n > 0; --change) {
+      b[random.below(n)] ^= 1U;
+    }
+    const auto length = static_cast<int32_t>(n);
+    ASSERT_EQ(bstrncmp(a.data(), b.data(), length), plain_bstrncmp(a.data(), b.data(), length))
+        << "round " << round;
+  }
+}
+
+TEST(CommonTail, CountsEqualBytesFromTheEnd) {
+  Random random(2);
+  for (size_t n = 0; n < 40; ++n) {
+    for (size_t equal = 0; equal <= n; ++equal) {
+      Bytes a = random.bytes(n);
+      Bytes b = a;
+      if (equal < n) {
+        b[n - equal - 1] ^= 0x80U;
+      }
+      EXPECT_EQ(common_tail(a.data() + n, b.data() + n, n), equal);
+    }
+  }
+}
+
+void expect_same_agreement(const Bytes& a, const Bytes& b, uint16_t blocksize, int32_t max_scan) {
+  const Rest rest1 = {a.data(), static_cast<uint32_t>(a.size())};
+  const Rest rest2 = {b.data(), static_cast<uint32_t>(b.size())};
+  const Agreement expected = plain_find_agreement(rest1, rest2, blocksize, max_scan);
+  const Agreement found = find_agreement(rest1, rest2, blocksize, max_scan);
+  ASSERT_EQ(found.result, expected.result) << "sizes " << a.size() << " " << b.size();
+  ASSERT_EQ(found.offset1, expected.offset1);
+  ASSERT_EQ(found.offset2, expected.offset2);
+}
+
+// Every pair of strings of up to 7 letters over an alphabet of two.
+TEST(RingSearch, FindsTheFirstPairOfThePlainLoopForAllSmallInputs) {
+  constexpr size_t kLongest = 7;
+  std::vector<Bytes> strings;
+  for (size_t length = 2; length <= kLongest; ++length) {
+    for (uint32_t bits = 0; bits < (1U << length); ++bits) {
+      Bytes string(length);
+      for (size_t i = 0; i < length; ++i) {
+        string[i] = static_cast<uint8_t>((bits >> i) & 1U);
+      }
+      strings.push_back(string);
+    }
+  }
+  for (const Bytes& a : strings) {
+    for (const Bytes& b : strings) {
+      for (uint16_t blocksize = 1; blocksize < std::min(a.size(), b.size()); ++blocksize) {
+        expect_same_agreement(a, b, blocksize, 100);
+      }
+    }
+  }
+}
+
+struct SearchShape {
+  const char* name;
+  uint32_t letters;      // size of the alphabet
+  uint32_t longest;      // greatest size of a side
+  uint32_t block_limit;  // block sizes below this
+};
+
+class RingSearchShapes : public testing::TestWithParam<SearchShape> {};
+
+TEST_P(RingSearchShapes, FindsTheFirstPairOfThePlainLoop) {
+  const SearchShape& shape = GetParam();
+  Random random(3);
+  for (int round = 0; round < 1500; ++round) {
+    const auto blocksize = static_cast<uint16_t>(1 + random.below(shape.block_limit));
+    const size_t size1 = blocksize + 1 + random.below(shape.longest);
+    const size_t size2 = blocksize + 1 + random.below(shape.longest);
+    Bytes a = random.bytes(size1, shape.letters);
+    Bytes b = random.bytes(size2, shape.letters);
+    if (round % 3 != 0) {  // the sides have a piece in common, perhaps with a byte changed in it
+      const size_t from = random.below(size1);
+      const size_t to = random.below(size2);
+      const size_t length = std::min(size1 - from, size2 - to);
+      std::copy_n(a.begin() + static_cast<std::ptrdiff_t>(from), length,
+                  b.begin() + static_cast<std::ptrdiff_t>(to));
+      b[to + random.below(length)] ^= 1U;
+    }
+    const auto max_scan = static_cast<int32_t>(random.below(2 * shape.longest)) - 1;
+    SCOPED_TRACE(testing::Message()
+                 << "round " << round << " blocksize " << blocksize << " max_scan " << max_scan);
+    expect_same_agreement(a, b, blocksize, max_scan);
+    if (HasFatalFailure()) {
+      return;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(AllShapes, RingSearchShapes,
+                         testing::Values(SearchShape{"bytes", 256, 200, 12},
+                                         SearchShape{"letters", 3, 150, 14},
+                                         SearchShape{"bits", 2, 120, 30},
+                                         SearchShape{"blocks_of_default_size", 4, 300, 110},
+                                         SearchShape{"one_letter_alphabet", 1, 60, 20}),
+                         [](const auto& tested) { return std::string(tested.param.name); });
+
+TEST(RingSearch, KeepsTheOrderOfARing) {
+  // At distance 2 the pairs (2, 2), (2, 0) and (0, 2) would all do; replacing comes first, then
+  // removal, then insertion.
+  const Bytes block = bytes_of("0123456789");
+  const Bytes both = joined({bytes_of("xx"), block});
+  const Bytes other = joined({bytes_of("yy"), block});
+  const Agreement replaced = find_agreement({both.data(), 12}, {other.data(), 12}, 10, 10);
+  EXPECT_EQ(replaced.offset1, 2U);
+  EXPECT_EQ(replaced.offset2, 2U);
+  const Bytes longer = joined({block, bytes_of("zz")});
+  const Agreement removed = find_agreement({both.data(), 12}, {longer.data(), 12}, 10, 10);
+  EXPECT_EQ(removed.offset1, 2U);
+  EXPECT_EQ(removed.offset2, 0U);
+  const Agreement inserted = find_agreement({longer.data(), 12}, {both.data(), 12}, 10, 10);
+  EXPECT_EQ(inserted.offset1, 0U);
+  EXPECT_EQ(inserted.offset2, 2U);
+}
+
+TEST(RingSearch, NeedsAScanLimitAboveOne) {
+  const Bytes a = bytes_of("x0123456789");
+  const Bytes b = bytes_of("y0123456789");
+  const Rest rest1 = {a.data(), 11};
+  const Rest rest2 = {b.data(), 11};
+  EXPECT_EQ(find_agreement(rest1, rest2, 10, 2).result, 0);
+  EXPECT_EQ(find_agreement(rest1, rest2, 10, 1).result, -1);
+  EXPECT_EQ(find_agreement(rest1, rest2, 10, -5).result, -1);
+}
+
+}  // namespace
+}  // namespace kelvane

@@ -1,3 +1,29 @@
 #pragma once
 
-namespace kelvane {}  // namespace kelvane
+#include <cstdint>
+
+#include "diffshared.h"
+
+// CM_MOVE: the stretches of memory between the points of change, each with the distance by which it
+// has to shift, in an order in which they can be moved in place.
+namespace kelvane {
+
+// Writes the body of CM_MOVE, behind its code byte, from `first_abs_move` and the list given (which
+// is `first_move`), and releases the moves of both. A list of more than 65535 blocks is written as
+// several commands. The caller sets the list variables to null.
+void output_block_moves(command_record* moves);
+
+// Append the blocks of a list of moves to the list of blocks that `first`, `last` and `count` keep,
+// and release the moves: those of `first_abs_move`, and those of `first_move`, a run of upward
+// blocks with the highest address first.
+void build_block_moves_abs(command_record* moves, command_record** first, command_record** last,
+                           int32_t* count);
+void build_block_moves(command_record* moves, command_record** first, command_record** last,
+                       int32_t* count);
+
+// Make one block from two neighbouring moves; the caller owns it. `shift` is the running shift.
+command_record* generate_block_abs(const command_record* move, const command_record* next_move);
+command_record* generate_block(const command_record* move, const command_record* next_move,
+                               int32_t shift);
+
+}  // namespace kelvane
