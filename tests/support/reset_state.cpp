@@ -10,6 +10,7 @@
 #include "increment_coder_internal.h"
 #include "increments_internal.h"
 #include "indconfig_internal.h"
+#include "indgadr_internal.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
 #include "indgen_path_internal.h"
@@ -47,6 +48,8 @@ void reset_all_state() {
   reset_indgen_memory();
   reset_indview();
   reset_indconfig();
+  reset_indgadr();
+  reset_indzip();
   debug_level = 0;
 }
 
