@@ -1,6 +1,7 @@
 #include "reset_state.h"
 
 #include "debug_print.h"
+#include "indgadr_internal.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
 #include "indgeninit_internal.h"
@@ -13,6 +14,7 @@ void reset_all_state() {
   reset_indgeninit();
   reset_indgen_memory();
   reset_indzip();
+  reset_indgadr();
   debug_level = 0;
 }
 
