@@ -4,8 +4,8 @@
 //
 // Plain C11, which also compiles as C++. It needs no heap, no stdio, no recursion and no integer
 // wider than 32 bits, and it includes nothing but <stddef.h> and <stdint.h>. All its state is in a
-// `kelvane_applier`, which the caller provides (KELVANE_APPLIER_BYTES at most); beside that it
-// takes some 200 bytes of stack.
+// `kelvane_applier`, which the caller provides (KELVANE_APPLIER_BYTES at most); besides, it
+// takes some 500 bytes of stack and what the callbacks need.
 //
 // The patch lies in memory, whole, and is reached by a pointer, not by a callback. A patch has to
 // be there whole before its first byte can be trusted, since nothing is changed before everything

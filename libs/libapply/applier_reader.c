@@ -26,9 +26,6 @@ static const uint8_t payload_bits[CATEGORIES] = {0, 1, 2, 4, 8, 16, 32};
 static const uint32_t smallest_jump[CATEGORIES] = {1, 2, 4, 8, 24, 280, 65816};
 static const uint32_t default_map = 0x1AC688;
 
-// The window of the compressed form.
-enum { WINDOW_SIZE = 4096, WINDOW_START = 4078 };
-
 // ---- Bytes of the patch -------------------------------------------------------------------------
 
 uint32_t kelvane_apply_checksum(uint32_t sum, const uint8_t* bytes, uint32_t count) {
@@ -72,123 +69,6 @@ static uint32_t take_word(kelvane_applier* applier) {
   const uint32_t word = word_at(applier, applier->position);
   applier->position += 4;
   return word;
-}
-
-// ---- The bit stream of increments ---------------------------------------------------------------
-
-typedef struct bit_reader {
-  const uint8_t* bytes;
-  uint32_t size;
-  uint32_t position;  // byte
-  uint32_t bit;       // bit in that byte, from the lowest
-  int overrun;        // more was asked for than there is
-} bit_reader;
-
-static uint32_t take_bits(bit_reader* reader, uint32_t count) {
-  uint32_t value = 0;
-  uint32_t got = 0;
-  while (got < count) {
-    const uint32_t room = 8 - reader->bit;
-    const uint32_t step = count - got < room ? count - got : room;
-    uint32_t bits;
-    if (reader->position >= reader->size) {
-      reader->overrun = 1;
-      return 0;
-    }
-    bits = ((uint32_t)reader->bytes[reader->position] >> reader->bit) & ((1u << step) - 1u);
-    value |= bits << got;
-    got += step;
-    reader->bit += step;
-    if (reader->bit == 8) {
-      reader->bit = 0;
-      ++reader->position;
-    }
-  }
-  return value;
-}
-
-// The number of 0 bits ahead of the next 1 bit, which is taken too: up to 6 a rank, 7 to 9 the end
-// of a class. More means a damaged stream, and counts as an overrun.
-static uint32_t take_prefix(bit_reader* reader) {
-  uint32_t zeros = 0;
-  while (take_bits(reader, 1) == 0) {
-    if (reader->overrun || ++zeros > 9) {
-      reader->overrun = 1;
-      return 0;
-    }
-  }
-  return zeros;
-}
-
-// A map gives each rank a category of its own.
-static int is_map(uint32_t map) {
-  uint32_t seen = 0;
-  uint32_t rank;
-  for (rank = 0; rank < CATEGORIES; ++rank) {
-    seen |= 1u << ((map >> (3 * rank)) & 7u);
-  }
-  return seen == 0x7F;
-}
-
-// ---- The compressed form ------------------------------------------------------------------------
-
-void kelvane_apply_start_compressed(compressed_reader* reader, const uint8_t* bytes,
-                                    uint32_t size) {
-  reader->bytes = bytes;
-  reader->size = size;
-  reader->position = 0;
-  reader->flags = 0;
-  reader->left = 0;
-  reader->ring_index = WINDOW_START;
-}
-
-int kelvane_apply_take_compressed(compressed_reader* reader, compressed_item* item) {
-  const uint8_t* const bytes = reader->bytes;
-  uint32_t literal;
-  if (reader->position == reader->size) {
-    // Flags that have no item are 0.
-    return reader->flags == 0 ? ITEM_END : ITEM_DAMAGED;
-  }
-  if (reader->left == 0) {
-    reader->flags = bytes[reader->position++];
-    reader->left = 8;
-  }
-  literal = reader->flags & 1u;
-  reader->flags >>= 1;
-  --reader->left;
-  if (reader->size - reader->position < (literal ? 1u : 2u)) {
-    return ITEM_DAMAGED;
-  }
-  if (literal) {
-    item->length = 1;
-    item->distance = 0;
-    item->literal = bytes[reader->position++];
-  } else {
-    const uint32_t first = bytes[reader->position++];
-    const uint32_t second = bytes[reader->position++];
-    const uint32_t slot = first | ((second & 0xF0u) << 4);
-    item->length = (second & 0x0Fu) + 3;
-    item->distance = reader->ring_index > slot ? reader->ring_index - slot
-                                               : reader->ring_index + WINDOW_SIZE - slot;
-  }
-  reader->ring_index = (reader->ring_index + item->length) % WINDOW_SIZE;
-  return ITEM_TAKEN;
-}
-
-// Stores the number of bytes that a compressed stream expands to; gives 0 if it is damaged.
-static int expanded_size(const uint8_t* bytes, uint32_t size, uint32_t* expanded) {
-  compressed_reader reader;
-  compressed_item item = {0, 0, 0};
-  int state;
-  *expanded = 0;
-  kelvane_apply_start_compressed(&reader, bytes, size);
-  while ((state = kelvane_apply_take_compressed(&reader, &item)) == ITEM_TAKEN) {
-    if (item.length > 0xFFFFFFFFu - *expanded) {
-      return 0;
-    }
-    *expanded += item.length;
-  }
-  return state == ITEM_END;
 }
 
 // ---- The walk over the commands -----------------------------------------------------------------
@@ -284,7 +164,7 @@ static int walk_store(walk* self, uint32_t relative, uint32_t first, uint32_t pr
   }
   applier->position += item->data_size;
   if (item->command == KELVANE_CM_SUB_COMP &&
-      !expanded_size(item->data, item->data_size, &item->size)) {
+      !kelvane_apply_expanded_size(item->data, item->data_size, &item->size)) {
     return damaged(self, KELVANE_APPLY_BAD_COMPRESSION);
   }
   return emit(self, KELVANE_ITEM_STORE);
@@ -393,6 +273,16 @@ static int walk_checksum(walk* self) {
   return emit(self, KELVANE_ITEM_CHECKSUM);
 }
 
+// A map gives each rank a category of its own.
+static int is_map(uint32_t map) {
+  uint32_t seen = 0;
+  uint32_t rank;
+  for (rank = 0; rank < CATEGORIES; ++rank) {
+    seen |= 1u << ((map >> (3 * rank)) & 7u);
+  }
+  return seen == 0x7F;
+}
+
 // Where the reader stands, as an offset in the patch: its bytes begin at `start`.
 static void begin_stream_item(walk* self, uint32_t start, const bit_reader* reader) {
   begin_item(self);
@@ -409,13 +299,13 @@ static int walk_jumps(walk* self, bit_reader* reader, uint32_t start, uint32_t v
     uint32_t jump;
     int code;
     begin_stream_item(self, start, reader);
-    rank = take_prefix(reader);
+    rank = kelvane_apply_take_prefix(reader);
     if (rank >= CATEGORIES) {
       *code_behind = rank;
       return KELVANE_APPLY_OK;
     }
     category = (map >> (3 * rank)) & 7u;
-    jump = smallest_jump[category] + take_bits(reader, payload_bits[category]);
+    jump = smallest_jump[category] + kelvane_apply_take_bits(reader, payload_bits[category]);
     // Addresses ascend, so none lies beyond the last word of the address space.
     if (reader->overrun || jump > (0xFFFFFFFFu - address) / 4) {
       return damaged(self, KELVANE_APPLY_BAD_INCREMENTS);
@@ -437,18 +327,18 @@ enum { SHORT_FORM = 7, LONG_FORM = 8, END_OF_STREAM = 9 };
 
 static int walk_classes(walk* self, bit_reader* reader, uint32_t start) {
   uint32_t value = 0;
-  uint32_t form = SHORT_FORM + take_bits(reader, 1);
+  uint32_t form = SHORT_FORM + kelvane_apply_take_bits(reader, 1);
   while (form != END_OF_STREAM) {
     uint32_t map = default_map;
     int code;
     begin_stream_item(self, start, reader);
     if (form == SHORT_FORM) {
-      value += take_bits(reader, 16) + 1;
+      value += kelvane_apply_take_bits(reader, 16) + 1;
     } else {
-      value = take_bits(reader, 32);
+      value = kelvane_apply_take_bits(reader, 32);
     }
-    if (take_bits(reader, 1)) {
-      map = take_bits(reader, 21);
+    if (kelvane_apply_take_bits(reader, 1)) {
+      map = kelvane_apply_take_bits(reader, 21);
       // A coder starts with a map of 0, which acts as the default one.
       map = map == 0 ? default_map : map;
     }
@@ -467,7 +357,7 @@ static int walk_classes(walk* self, bit_reader* reader, uint32_t start) {
   }
   // Bits of 0 fill the last byte, and nothing follows it.
   begin_stream_item(self, start, reader);
-  if (reader->bit != 0 && take_bits(reader, 8 - reader->bit) != 0) {
+  if (reader->bit != 0 && kelvane_apply_take_bits(reader, 8 - reader->bit) != 0) {
     return damaged(self, KELVANE_APPLY_BAD_INCREMENTS);
   }
   return reader->position == reader->size ? KELVANE_APPLY_OK

@@ -92,7 +92,7 @@ void* gen_safe_readbytes(const char* name, std::FILE* stream, void* buffer, uint
   if (std::fread(buffer, size, 1, stream) != 1) {
     report_read_error(name);
   }
-  fresh.release();
+  static_cast<void>(fresh.release());
   return buffer;
 }
 

@@ -97,16 +97,14 @@ void reduce_components(char* const start) {
       cursor = start;
     } else if (component_is(slash + 1, ".")) {
       erase(slash, 2);
-    } else if (std::strncmp(cursor, "../", 3) == 0) {  // nothing before it that it could undo
-      cursor = slash + 1;
-    } else if (cursor[0] == '.' && slash == cursor + 1 && component_is(slash + 1, kUp)) {
-      erase(cursor, 2);
-      cursor = start;
-    } else if (component_is(slash + 1, kUp)) {
-      erase(cursor, static_cast<size_t>(slash - cursor) + 1 + kUp.size());
+    } else if (!component_is(slash + 1, kUp) || component_is(cursor, kUp)) {
+      cursor = slash + 1;  // nothing to undo, or only a `..` that nothing before it can undo
+    } else if (slash == cursor + 1 && *cursor == '.') {
+      erase(cursor, 2);  // ./.. is no more than ..
       cursor = start;
     } else {
-      cursor = slash + 1;
+      erase(cursor, static_cast<size_t>(slash - cursor) + 1 + kUp.size());
+      cursor = start;
     }
   }
 }

@@ -169,8 +169,9 @@ int32_t gen_millisleep_or_select(int32_t milliseconds, int32_t count, const int3
   }
   const int64_t start = microseconds_now();
   timeval timeout{};
-  timeout.tv_sec = std::max(milliseconds, 0) / 1000;
-  timeout.tv_usec = std::max(milliseconds, 0) % 1000 * 1000;
+  const int64_t longest = std::max(milliseconds, 0);
+  timeout.tv_sec = longest / 1000;
+  timeout.tv_usec = longest % 1000 * 1000;
   if (::select(end, &readable, nullptr, nullptr, &timeout) == 0) {
     return milliseconds;
   }

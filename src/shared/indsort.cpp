@@ -89,8 +89,8 @@ uint8_t* choose_pivot(const Elements& elements, uint8_t* begin, uint8_t* end) {
 }
 
 template <typename Order>
-void exchange_sort(const Order& order, uint8_t* begin, uint8_t* end) {
-  for (uint8_t* i = begin; i + order.size < end; i += order.size) {
+void exchange_sort(const Order& order, uint8_t* begin, const uint8_t* end) {
+  for (uint8_t* i = begin; order.count(i, end) > 1; i += order.size) {
     for (uint8_t* j = i + order.size; j < end; j += order.size) {
       if (order.sorts_after(i, j)) {
         order.exchange(i, j);

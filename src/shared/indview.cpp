@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #include "indgen_memory.h"
@@ -81,21 +82,20 @@ bool is_set(const char* variable) {
 
 // Puts the text of the list into Viewpath, with the elements that don't fit whole left out.
 void store_viewpath_text(std::string_view text) {
-  std::string_view kept = text;
   constexpr size_t kRoom = kViewpathTextSize - 1;
-  if (text.size() > kRoom) {
+  size_t kept = text.size();
+  if (kept > kRoom) {
     const size_t separator = text.find_last_of(kNodeSeparators, kRoom);
-    kept = separator == std::string_view::npos ? std::string_view() : text.substr(0, separator);
-    const std::string_view left_out =
-        separator == std::string_view::npos ? text : text.substr(separator + 1);
+    kept = separator == std::string_view::npos ? 0 : separator;
+    std::string_view left_out = text;
+    left_out.remove_prefix(separator == std::string_view::npos ? 0 : separator + 1);
     if (!left_out.empty()) {
-      const std::string_view element = left_out.substr(0, left_out.find_first_of(kNodeSeparators));
-      gen_warning("V_get_vpath:  viewpath is too long, ignoring '%.*s'",
-                  static_cast<int>(element.size()), element.data());
+      const std::string element(left_out.substr(0, left_out.find_first_of(kNodeSeparators)));
+      gen_warning("V_get_vpath:  viewpath is too long, ignoring '%s'", element.c_str());
     }
   }
-  std::memcpy(Viewpath.data(), kept.data(), kept.size());
-  Viewpath[kept.size()] = '\0';
+  text.copy(Viewpath.data(), kept);
+  Viewpath[kept] = '\0';
 }
 
 // Makes one element of the list the next node.

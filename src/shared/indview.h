@@ -165,9 +165,9 @@ extern uint8_t allow_fake_roots;
 // Set by gen_sourceroot_initfromviewpath: an active viewpath serves as the source root.
 extern uint8_t use_vp_as_src_root;
 
-// Takes the roots from `list`, separated by ':', ';' or ',' (the colon behind a drive letter doesn't
-// count), in place of those before, and gives their number. A null or empty list gives 0 and
-// changes nothing.
+// Takes the roots from `list`, separated by ':', ';' or ',' (the colon behind a drive letter
+// doesn't count), in place of those before, and gives their number. A null or empty list gives 0
+// and changes nothing.
 int32_t gen_sourceroot_init(const char* list);
 
 // Makes the viewpath serve as the source root while it is active.

@@ -1,3 +1,5 @@
+#include "indview.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -9,7 +11,7 @@
 #include "indgen_memory.h"
 #include "indgen_message.h"
 #include "indgen_path.h"
-#include "indview.h"
+#include "indgen_string.h"
 #include "indview_internal.h"
 
 // The platform's calls as they are, and seen through the viewpath.

@@ -67,8 +67,8 @@ const char* rest_behind_root(const char* path, size_t length);
 // The current directory in an owned string; null if the platform can't tell or it is too long.
 char* read_current_directory();
 
-// The owned rest of `name` behind `node` and slashes or backslashes, "." if nothing remains; null if
-// it doesn't lie there or `node` is null.
+// The owned rest of `name` behind `node` and slashes or backslashes, "." if nothing remains; null
+// if it doesn't lie there or `node` is null.
 char* get_relative_from_node(const char* node, const char* name);
 
 // Owns what the platform's library has allocated.

@@ -1,3 +1,5 @@
+#include "indview_internal.h"
+
 #include <cstdarg>
 #include <cstring>
 #include <string>
@@ -6,7 +8,6 @@
 
 #include "exit_status.h"
 #include "indgen_message.h"
-#include "indview_internal.h"
 
 // Compression of paths as text.
 namespace kelvane {
@@ -38,10 +39,10 @@ class ComponentReader {
 char* store(char* path, bool absolute, const std::vector<std::string_view>& components) {
   std::string result(absolute ? "/" : "");
   for (const std::string_view component : components) {
-    if (&component != components.data()) {
-      result += '/';
-    }
-    result += component;
+    result.append(component).append("/");
+  }
+  if (!components.empty()) {
+    result.pop_back();
   }
   if (result.empty()) {
     result = ".";

@@ -1,3 +1,5 @@
+#include "indview.h"
+
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -5,7 +7,6 @@
 #include "indgen_memory.h"
 #include "indgen_path.h"
 #include "indgen_string.h"
-#include "indview.h"
 #include "indview_internal.h"
 
 // Source roots: file names made relative to the first of several directories that holds them.

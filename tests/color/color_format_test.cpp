@@ -318,15 +318,6 @@ TEST_F(Color, LeavesMessagesInAFilePlainUnlessForced) {
             kColoredMessages);
 }
 
-TEST_F(Color, ColoursTheMessageThatEndsTheRun) {
-  const CapturedRun run = capture([] {
-    color_init(nullptr, 1);
-    gen_errorexit(0, "stopped");
-  });
-  EXPECT_EQ(run.errors, "\x1b[1;31mkelvane: stopped\n\x1b[00m");
-  EXPECT_EQ(run.status, 0);
-}
-
 uint32_t code_seen = 0;
 
 __attribute__((format(printf, 2, 3))) void print_code(uint32_t code, const char* format, ...) {

@@ -82,7 +82,7 @@ TEST_F(TextReading, TokensAreCutAtSpaces) {
 TEST_F(TextReading, FreshLinesKeepTheirNewlineHoweverLong) {
   EXPECT_EQ(gen_afgets(nullptr), nullptr);
   // The first room is 2048 bytes with the terminator, the next 4096.
-  for (const size_t length : {0, 1, 2045, 2046, 2047, 2048, 4094, 4095, 100000}) {
+  for (const size_t length : {0U, 1U, 2045U, 2046U, 2047U, 2048U, 4094U, 4095U, 100000U}) {
     const std::string line(length, 'x');
     const file_ptr stream(std::fopen(root_.write("text", line + "\n" + line).c_str(), "r"));
     EXPECT_EQ(gen_ptr<char>(gen_afgets(stream.get())).get(), line + "\n");

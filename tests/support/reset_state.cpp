@@ -1,15 +1,16 @@
 #include "reset_state.h"
 
 #include "binshared_internal.h"
+#include "color_format_internal.h"
 #include "debug_print.h"
 #include "diffshared_internal.h"
 #include "engine_settings_internal.h"
+#include "genrand_internal.h"
 #include "image_internal.h"
 #include "increment_coder_internal.h"
 #include "increments_internal.h"
-#include "color_format_internal.h"
-#include "genrand_internal.h"
 #include "indconfig_internal.h"
+#include "indgadr_internal.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
 #include "indgen_path_internal.h"
@@ -17,11 +18,11 @@
 #include "indgen_quote_internal.h"
 #include "indgen_tempname_internal.h"
 #include "indgeninit_internal.h"
+#include "indview_internal.h"
 #include "indzip_internal.h"
 #include "options.h"
 #include "section_filter_internal.h"
 #include "substitution_internal.h"
-#include "indview_internal.h"
 
 namespace kelvane {
 
@@ -47,6 +48,8 @@ void reset_all_state() {
   reset_indgen_memory();
   reset_indview();
   reset_indconfig();
+  reset_indgadr();
+  reset_indzip();
   debug_level = 0;
 }
 

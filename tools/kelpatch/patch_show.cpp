@@ -1,0 +1,185 @@
+#include "patch_show.h"
+
+#include <algorithm>
+#include <array>
+#include <cinttypes>
+#include <cstdio>
+
+namespace kelpatch {
+namespace {
+
+struct Kind {
+  const char* name;
+  const char* unit;  // what the count of a command counts
+};
+
+// Indexed by the code of the command.
+constexpr std::array<Kind, 8> kKinds = {{
+    {"", ""},
+    {"CM_SUBSTITUTE", "list"},
+    {"CM_SUB_ONE", "list"},
+    {"CM_MOVE", "block"},
+    {"CM_CHECKSUM", "region"},
+    {"CM_SUB_COMP", "list"},
+    {"CM_FILL", "fill"},
+    {"CM_INCRS", "byte"},
+}};
+
+// The kinds in the order in which a patch has them.
+constexpr std::array<uint8_t, 7> kTableOrder = {
+    KELVANE_CM_CHECKSUM, KELVANE_CM_MOVE, KELVANE_CM_SUBSTITUTE, KELVANE_CM_SUB_COMP,
+    KELVANE_CM_SUB_ONE,  KELVANE_CM_FILL, KELVANE_CM_INCRS};
+
+struct Total {
+  uint64_t commands = 0;
+  uint64_t changes = 0;
+  uint64_t patch_bytes = 0;
+  uint64_t target_bytes = 0;
+};
+
+struct Listing {
+  std::array<Total, kKinds.size()> totals;
+};
+
+std::string counted(uint32_t count, const char* unit) {
+  return formatted("%" PRIu32 " %s%s", count, unit, count == 1 ? "" : "s");
+}
+
+std::string hexadecimal(const kelvane_item& item) {
+  constexpr uint32_t kShown = 16;
+  std::string text;
+  for (uint32_t i = 0; i < std::min(item.data_size, kShown); ++i) {
+    text += formatted(" %02x", item.data[i]);
+  }
+  return item.data_size > kShown ? text + " ..." : text;
+}
+
+void show_store(const kelvane_item& item) {
+  const std::string data = hexadecimal(item);
+  if (item.command == KELVANE_CM_SUB_ONE) {
+    std::printf("    store 0x%02x at 0x%" PRIx32 "\n", item.data[0], item.address);
+  } else if (item.command == KELVANE_CM_SUB_COMP) {
+    std::printf("    expand %s to %s at 0x%" PRIx32 ":%s\n",
+                counted(item.data_size, "byte").c_str(), counted(item.size, "byte").c_str(),
+                item.address, data.c_str());
+  } else {
+    std::printf("    store %s at 0x%" PRIx32 ":%s\n", counted(item.size, "byte").c_str(),
+                item.address, data.c_str());
+  }
+}
+
+int show_item(void* context, const kelvane_item* shown) {
+  const kelvane_item& item = *shown;
+  Total& total = static_cast<Listing*>(context)->totals[item.command];
+  const Kind& kind = kKinds[item.command];
+  const auto signed_value = static_cast<int32_t>(item.value);
+  switch (item.kind) {
+    case KELVANE_ITEM_COMMAND:
+      ++total.commands;
+      std::printf("%s%s, %s\n", kind.name,
+                  item.command != KELVANE_CM_CHECKSUM ? ""
+                  : item.after != 0                   ? " of the new contents"
+                                                      : " of the old contents",
+                  counted(item.count, kind.unit).c_str());
+      break;
+    case KELVANE_ITEM_COMMAND_END:
+      total.patch_bytes += item.data_size;
+      break;
+    case KELVANE_ITEM_LIST:
+      if (item.relative != 0) {
+        std::printf("  relative list from 0x%" PRIx32 ", %s\n", item.address,
+                    counted(item.count, "command").c_str());
+      } else {
+        std::printf("  absolute list, %s\n", counted(item.count, "command").c_str());
+      }
+      break;
+    case KELVANE_ITEM_MOVE:
+      std::printf("  move %s from 0x%" PRIx32 " to 0x%" PRIx32 " (%+" PRId32 ")\n",
+                  counted(item.size, "byte").c_str(), item.address, item.address + item.value,
+                  signed_value);
+      break;
+    case KELVANE_ITEM_STORE:
+      show_store(item);
+      break;
+    case KELVANE_ITEM_FILL:
+      std::printf("  fill %s at 0x%" PRIx32 " with 0x%02" PRIx32 "\n",
+                  counted(item.size, "byte").c_str(), item.address, item.value);
+      break;
+    case KELVANE_ITEM_CLASS:
+      std::printf("  class of %" PRId32 " (0x%08" PRIx32 "), map 0x%06" PRIx32 "\n", signed_value,
+                  item.value, item.count);
+      break;
+    case KELVANE_ITEM_INCREMENT:
+      std::printf("    add %" PRId32 " to the word at 0x%" PRIx32 "\n", signed_value, item.address);
+      break;
+    case KELVANE_ITEM_REGION:
+      std::printf("  region of %s at 0x%" PRIx32 "\n", counted(item.size, "byte").c_str(),
+                  item.address);
+      break;
+    case KELVANE_ITEM_CHECKSUM:
+      std::printf("  checksum 0x%08" PRIx32 "\n", item.value);
+      break;
+    default:
+      break;
+  }
+  if (item.kind == KELVANE_ITEM_MOVE || item.kind == KELVANE_ITEM_STORE ||
+      item.kind == KELVANE_ITEM_FILL || item.kind == KELVANE_ITEM_INCREMENT ||
+      item.kind == KELVANE_ITEM_REGION) {
+    ++total.changes;
+    total.target_bytes += item.size;
+  }
+  return 0;
+}
+
+void show_header(PatchFile& patch, ByteOrder order) {
+  const kelvane_patch_info& info = patch.info();
+  const char* remark = "";
+  const char* mode = info.memory_mode != 0 ? "memory mode" : "file mode";
+  if (info.version == 0) {
+    remark = order == ByteOrder::kFound ? " (found from the sizes)" : " (as told)";
+    mode = patch.fits_files() ? "file mode" : "memory mode (addresses outside both files)";
+  }
+  std::printf("version %d, %s, %s%s, %s\n", info.version, mode,
+              info.big_endian != 0 ? "big-endian" : "little-endian", remark,
+              counted(patch.size(), "byte").c_str());
+  if (info.memory_mode != 0) {
+    std::printf("old start-up code at 0x%" PRIx32 "\nnew start-up code at 0x%" PRIx32 "\n",
+                info.old_crt1, info.new_crt1);
+  } else {
+    std::printf("old file: %s, checksum 0x%08" PRIx32 "\n", counted(info.old_size, "byte").c_str(),
+                info.old_checksum);
+    std::printf("new file: %s, checksum 0x%08" PRIx32 "\n", counted(info.new_size, "byte").c_str(),
+                info.new_checksum);
+  }
+  std::printf("\n");
+}
+
+void show_row(const char* name, const Total& total) {
+  std::printf("%-14s %9" PRIu64 " %9" PRIu64 " %12" PRIu64 " %13" PRIu64 "\n", name, total.commands,
+              total.changes, total.patch_bytes, total.target_bytes);
+}
+
+}  // namespace
+
+void show_patch(PatchFile& patch, ByteOrder order) {
+  Listing listing;
+  show_header(patch, order);
+  kelvane_apply_visit(patch.applier(), show_item, &listing);
+  std::printf("\nkind            commands     items  patch bytes  target bytes\n");
+  Total all;
+  all.patch_bytes = patch.info().header_size;
+  show_row("header", all);
+  for (const uint8_t command : kTableOrder) {
+    const Total& total = listing.totals[command];
+    if (total.commands != 0) {
+      show_row(kKinds[command].name, total);
+      all.commands += total.commands;
+      all.changes += total.changes;
+      all.patch_bytes += total.patch_bytes;
+      all.target_bytes += total.target_bytes;
+    }
+  }
+  show_row("total", all);
+}
+
+}  // namespace kelpatch

@@ -1,3 +1,4 @@
+// The values of structured files: numbers, strings, addresses, padding and arrays.
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -10,156 +11,180 @@ namespace kelvane {
 
 namespace {
 
-constexpr uint32_t kGroupBits = 7;  // of LEB128
-constexpr uint32_t kGroupMask = 0x7F;
-constexpr uint32_t kMoreGroups = 0x80;
-constexpr uint32_t kGroupSign = 0x40;
-constexpr uint32_t kWordBits = 32;
-constexpr uint32_t kLastPad = 0xAB;
-constexpr uint32_t kElement = 4;  // bytes of an element of an array of 4-byte values
+constexpr uint32_t kGroupBits = 7;
+constexpr uint8_t kMore = 0x80;  // set in every byte of a variable-length number but the last
+constexpr uint8_t kSign = 0x40;  // the sign in the last byte of a signed one
+constexpr int32_t kLastPad = 0xAB;
+constexpr uint32_t kStringPiece = 4096;  // read at once of a string, so that a length is believed
+                                         // only as far as the file goes
+
+// Modes of an address.
+constexpr int32_t kMode16 = 0;
+constexpr int32_t kMode16Segmented = 1;
+constexpr int32_t kMode32 = 2;
+constexpr int32_t kMode64 = 3;
 
 bool is_variable(const GFile* handle) {
   return handle->file_version != 0;
 }
 
-// Numbers wrap, so differences of any two values can be stored.
-int32_t difference(uint32_t later, uint32_t earlier) {
-  return static_cast<int32_t>(later - earlier);
+template <size_t Size>
+void put_bytes(GFile* handle, const std::array<uint8_t, Size>& bytes) {
+  std::fwrite(bytes.data(), 1, bytes.size(), handle->fp);
 }
 
-uint32_t sum(uint32_t value, int32_t change) {
-  return value + static_cast<uint32_t>(change);
+// Bytes behind the end of the file are all ones.
+template <size_t Size>
+std::array<uint8_t, Size> get_bytes(GFile* handle) {
+  std::array<uint8_t, Size> bytes{};
+  const size_t read = std::fread(bytes.data(), 1, bytes.size(), handle->fp);
+  std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(read), bytes.end(), uint8_t{0xFF});
+  return bytes;
 }
 
-// The groups of a LEB128 number. `bits` is how many were gathered, `last` the last group; groups
-// beyond 32 bits are read and don't count. False at the end of the file.
+// The groups of a variable-length number.
 struct Groups {
-  uint32_t value = 0;
-  uint32_t bits = 0;
-  uint32_t last = 0;
+  uint32_t value;  // the groups together, upper bits 0
+  uint32_t bits;   // bits gathered
+  uint8_t last;    // the last byte
 };
 
-bool read_groups(GFile* handle, Groups* groups) {
-  while (true) {
-    const int c = std::fgetc(handle->fp);
-    if (c == EOF) {
-      return false;
+// At the end of the file, inside a number too, all is 0.
+Groups get_groups(GFile* handle) {
+  Groups groups{};
+  for (;;) {
+    const int byte = std::fgetc(handle->fp);
+    if (byte == EOF) {
+      return Groups{};
     }
-    groups->last = static_cast<uint32_t>(c);
-    if (groups->bits < kWordBits) {
-      groups->value |= (groups->last & kGroupMask) << groups->bits;
-      groups->bits += kGroupBits;
+    groups.last = static_cast<uint8_t>(byte);
+    if (groups.bits < 32) {
+      groups.value |= (groups.last & ~uint32_t{kMore}) << groups.bits;
+      groups.bits += kGroupBits;
     }
-    if ((groups->last & kMoreGroups) == 0) {
-      return true;
+    if ((groups.last & kMore) == 0) {
+      return groups;
     }
   }
 }
 
-uint32_t segment_of(const gadr* address) {
-  return address->low >> 16U;
-}
-uint32_t offset_of(const gadr* address) {
-  return address->low & 0xFFFFU;
+// Differences wrap around, as 32-bit numbers.
+int32_t difference(uint32_t value, uint32_t from) {
+  return static_cast<int32_t>(value - from);
 }
 
-void set_offset(gadr* address, uint32_t offset) {
-  if (offset == 0xFFFFU) {
+uint32_t get_next(GFile* handle, uint32_t from) {
+  return from + static_cast<uint32_t>(gf_get_sn(handle));
+}
+
+// An index behind another one.
+void put_following_iss(GFile* handle, int32_t value, int32_t from) {
+  const bool variable = is_variable(handle);
+  gf_put_sn(handle, variable ? difference(static_cast<uint32_t>(value), static_cast<uint32_t>(from))
+                             : value);
+}
+
+int32_t get_following_iss(GFile* handle, int32_t from) {
+  const uint32_t base = is_variable(handle) ? static_cast<uint32_t>(from) : 0;
+  return static_cast<int32_t>(get_next(handle, base));
+}
+
+uint16_t off(const gadr& address) {
+  return static_cast<uint16_t>(address.low & 0xFFFFU);
+}
+
+uint16_t seg(const gadr& address) {
+  return static_cast<uint16_t>(address.low >> 16U);
+}
+
+// What reading an offset, with its segment, leaves in an address.
+void assign_segmented(gadr* address, uint32_t segment, uint16_t offset) {
+  address->low = (segment << 16U) | offset;
+  if (offset == 0xFFFF) {
     gadr_assign_nil(address);
-  } else {
-    address->low = (address->low & 0xFFFF0000U) | offset;
   }
 }
 
-void set_segment_and_offset(gadr* address, int32_t segment, uint32_t offset) {
-  if (offset == 0xFFFFU) {
+void assign_low(gadr* address, uint32_t low) {
+  address->low = low;
+  if (low == 0xFFFFFFFF) {
     gadr_assign_nil(address);
-  } else {
-    address->low = (static_cast<uint32_t>(segment) << 16U) | offset;
   }
 }
 
-void set_low(gadr* address, uint32_t low) {
-  if (low == UINT32_MAX) {
-    gadr_assign_nil(address);
-  } else {
-    address->low = low;
-  }
-}
-
-// Moves the position forward.
-void skip(GFile* handle, uint64_t count) {
+// Moves forward.
+void skip_bytes(GFile* handle, uint64_t count) {
   if (std::fseek(handle->fp, static_cast<long>(count), SEEK_CUR) != 0) {
     gf_set_got_error(handle, 1);
   }
 }
 
-// Gives the place of the next `size` bytes in the mapping and moves behind them; null and an error
-// if they don't lie inside it.
-const void* take_mapped(GFile* handle, uint64_t size) {
+bool has_mapping(const GFile* handle) {
+  return handle->mapping != gf_get_nil_file_memory_mapping_handle();
+}
+
+// Gives the next `count` bytes in the mapping and moves behind them. Null, with the mapping error,
+// if they don't lie in it whole.
+const uint8_t* take_mapped(GFile* handle, uint64_t count) {
   const int32_t position = gf_tell(handle, nullptr);
-  if (handle->mapping == gf_get_nil_file_memory_mapping_handle() || position < 0 ||
-      size > handle->mapping_size ||
-      static_cast<uint32_t>(position) > handle->mapping_size - size) {
+  const uint64_t size = handle->mapping_size;
+  if (position < 0 || static_cast<uint64_t>(position) > size ||
+      count > size - static_cast<uint64_t>(position)) {
     gf_set_file_memory_mapping_error(handle);
     return nullptr;
   }
-  skip(handle, size);
+  skip_bytes(handle, count);
   return static_cast<const uint8_t*>(handle->mapping) + position;
 }
 
-// Number of pad bytes in front of the next multiple of `alignment`.
-uint32_t pad_bytes(GFile* handle, uint32_t alignment) {
-  if (alignment <= 1) {
+// The number of pad bytes at the current position.
+uint32_t pad_size(GFile* handle, uint32_t alignment) {
+  if (alignment < 2) {
     return 0;
   }
   const int32_t position = gf_tell(handle, nullptr);
-  const uint32_t over = position < 0 ? 0 : static_cast<uint32_t>(position) % alignment;
-  return over == 0 ? 0 : alignment - over;
+  const uint32_t rest = position < 0 ? 0 : static_cast<uint32_t>(position) % alignment;
+  return rest == 0 ? 0 : alignment - rest;
 }
 
 }  // namespace
 
-void gf_put_1(GFile* handle, uint32_t value) {
-  std::fputc(static_cast<int>(value & 0xFFU), handle->fp);
+void gf_put_1(GFile* handle, uint8_t value) {
+  std::fputc(value, handle->fp);
 }
 
 uint8_t gf_get_1(GFile* handle) {
-  return static_cast<uint8_t>(std::fgetc(handle->fp));
+  return get_bytes<1>(handle)[0];
 }
 
-void gf_put_2(GFile* handle, uint32_t value) {
+void gf_put_2(GFile* handle, uint16_t value) {
   std::array<uint8_t, 2> bytes{};
   store_half(bytes.data(), value, ByteOrder::big);
-  std::fwrite(bytes.data(), 1, bytes.size(), handle->fp);
+  put_bytes(handle, bytes);
 }
 
 uint16_t gf_get_2(GFile* handle) {
-  std::array<uint8_t, 2> bytes{};
-  const size_t got = std::fread(bytes.data(), 1, bytes.size(), handle->fp);
-  return got == bytes.size() ? load_half(bytes.data(), ByteOrder::big) : uint16_t{0};
+  return load_half(get_bytes<2>(handle).data(), ByteOrder::big);
 }
 
 void gf_put_4(GFile* handle, uint32_t value) {
   std::array<uint8_t, 4> bytes{};
   store_word(bytes.data(), value, ByteOrder::big);
-  std::fwrite(bytes.data(), 1, bytes.size(), handle->fp);
+  put_bytes(handle, bytes);
 }
 
 uint32_t gf_get_4(GFile* handle) {
-  std::array<uint8_t, 4> bytes{};
-  const size_t got = std::fread(bytes.data(), 1, bytes.size(), handle->fp);
-  return got == bytes.size() ? load_word(bytes.data(), ByteOrder::big) : 0;
+  return load_word(get_bytes<4>(handle).data(), ByteOrder::big);
 }
 
 void gf_put_8(GFile* handle, uint64_t value) {
-  gf_put_4(handle, static_cast<uint32_t>(value >> kWordBits));
-  gf_put_4(handle, static_cast<uint32_t>(value));
+  gf_put_4(handle, static_cast<uint32_t>(value >> 32U));
+  gf_put_4(handle, static_cast<uint32_t>(value & 0xFFFFFFFFU));
 }
 
 uint64_t gf_get_8(GFile* handle) {
   const uint64_t high = gf_get_4(handle);
-  return (high << kWordBits) | gf_get_4(handle);
+  return (high << 32U) | gf_get_4(handle);
 }
 
 void gf_put_un(GFile* handle, uint32_t value) {
@@ -167,19 +192,15 @@ void gf_put_un(GFile* handle, uint32_t value) {
     gf_put_4(handle, value);
     return;
   }
-  while (value > kGroupMask) {
-    gf_put_1(handle, (value & kGroupMask) | kMoreGroups);
+  while (value >= kMore) {
+    gf_put_1(handle, static_cast<uint8_t>((value & 0x7FU) | kMore));
     value >>= kGroupBits;
   }
-  gf_put_1(handle, value);
+  gf_put_1(handle, static_cast<uint8_t>(value));
 }
 
 uint32_t gf_get_un(GFile* handle) {
-  if (!is_variable(handle)) {
-    return gf_get_4(handle);
-  }
-  Groups groups;
-  return read_groups(handle, &groups) ? groups.value : 0;
+  return is_variable(handle) ? get_groups(handle).value : gf_get_4(handle);
 }
 
 void gf_put_sn(GFile* handle, int32_t value) {
@@ -187,15 +208,15 @@ void gf_put_sn(GFile* handle, int32_t value) {
     gf_put_4(handle, static_cast<uint32_t>(value));
     return;
   }
-  while (true) {
-    const uint32_t group = static_cast<uint32_t>(value) & kGroupMask;
-    value >>= kGroupBits;  // keeps the sign
-    const bool negative = (group & kGroupSign) != 0;
-    if ((value == 0 && !negative) || (value == -1 && negative)) {
+  for (;;) {
+    const auto group = static_cast<uint8_t>(static_cast<uint32_t>(value) & 0x7FU);
+    value >>= kGroupBits;
+    const bool negative = (group & kSign) != 0;
+    if (value == (negative ? -1 : 0)) {
       gf_put_1(handle, group);
       return;
     }
-    gf_put_1(handle, group | kMoreGroups);
+    gf_put_1(handle, static_cast<uint8_t>(group | kMore));
   }
 }
 
@@ -203,52 +224,19 @@ int32_t gf_get_sn(GFile* handle) {
   if (!is_variable(handle)) {
     return static_cast<int32_t>(gf_get_4(handle));
   }
-  Groups groups;
-  if (!read_groups(handle, &groups)) {
-    return 0;
-  }
-  if ((groups.last & kGroupSign) != 0 && groups.bits < kWordBits) {
-    groups.value |= UINT32_MAX << groups.bits;
-  }
-  return static_cast<int32_t>(groups.value);
+  const Groups groups = get_groups(handle);
+  const bool fill = (groups.last & kSign) != 0 && groups.bits < 32;
+  return static_cast<int32_t>(fill ? groups.value | (UINT32_MAX << groups.bits) : groups.value);
 }
 
 void gf_put_iss(GFile* handle, int32_t value) {
-  // In the variable form -1 takes one byte.
-  const uint32_t stored = static_cast<uint32_t>(value) + (is_variable(handle) ? 1U : 0U);
-  gf_put_un(handle, stored);
+  const auto number = static_cast<uint32_t>(value);
+  gf_put_un(handle, is_variable(handle) ? number + 1 : number);
 }
 
 int32_t gf_get_iss(GFile* handle) {
-  return static_cast<int32_t>(gf_get_un(handle) - (is_variable(handle) ? 1U : 0U));
-}
-
-void gf_put_iss_2(GFile* handle, int32_t first, int32_t second) {
-  gf_put_iss(handle, first);
-  gf_put_sn(handle, is_variable(handle)
-                        ? difference(static_cast<uint32_t>(second), static_cast<uint32_t>(first))
-                        : second);
-}
-
-void gf_get_iss_2(GFile* handle, int32_t* first, int32_t* second) {
-  *first = gf_get_iss(handle);
-  const int32_t stored = gf_get_sn(handle);
-  *second = is_variable(handle) ? static_cast<int32_t>(sum(static_cast<uint32_t>(*first), stored))
-                                : stored;
-}
-
-void gf_put_iss_3(GFile* handle, int32_t first, int32_t second, int32_t third) {
-  gf_put_iss_2(handle, first, second);
-  gf_put_sn(handle, is_variable(handle)
-                        ? difference(static_cast<uint32_t>(third), static_cast<uint32_t>(second))
-                        : third);
-}
-
-void gf_get_iss_3(GFile* handle, int32_t* first, int32_t* second, int32_t* third) {
-  gf_get_iss_2(handle, first, second);
-  const int32_t stored = gf_get_sn(handle);
-  *third = is_variable(handle) ? static_cast<int32_t>(sum(static_cast<uint32_t>(*second), stored))
-                               : stored;
+  const uint32_t number = gf_get_un(handle);
+  return static_cast<int32_t>(is_variable(handle) ? number - 1 : number);
 }
 
 void gf_put_ind(GFile* handle, int32_t value) {
@@ -259,12 +247,32 @@ int32_t gf_get_ind(GFile* handle) {
   return gf_get_iss(handle);
 }
 
+void gf_put_iss_2(GFile* handle, int32_t first, int32_t second) {
+  gf_put_iss(handle, first);
+  put_following_iss(handle, second, first);
+}
+
+void gf_get_iss_2(GFile* handle, int32_t* first, int32_t* second) {
+  *first = gf_get_iss(handle);
+  *second = get_following_iss(handle, *first);
+}
+
 void gf_put_ind_2(GFile* handle, int32_t first, int32_t second) {
   gf_put_iss_2(handle, first, second);
 }
 
 void gf_get_ind_2(GFile* handle, int32_t* first, int32_t* second) {
   gf_get_iss_2(handle, first, second);
+}
+
+void gf_put_iss_3(GFile* handle, int32_t first, int32_t second, int32_t third) {
+  gf_put_iss_2(handle, first, second);
+  put_following_iss(handle, third, second);
+}
+
+void gf_get_iss_3(GFile* handle, int32_t* first, int32_t* second, int32_t* third) {
+  gf_get_iss_2(handle, first, second);
+  *third = get_following_iss(handle, *second);
 }
 
 void gf_put_ind_3(GFile* handle, int32_t first, int32_t second, int32_t third) {
@@ -280,40 +288,39 @@ void gf_put_str(GFile* handle, const char* string) {
     gf_put_un(handle, 0);
     return;
   }
-  const auto size = static_cast<uint32_t>(std::strlen(string) + 1);
-  gf_put_un(handle, size);
+  const size_t size = std::strlen(string) + 1;
+  gf_put_un(handle, static_cast<uint32_t>(size));
   std::fwrite(string, 1, size, handle->fp);
 }
 
 char* gf_get_str(GFile* handle) {
-  constexpr uint32_t kFirstRoom = 4096;
   const uint32_t size = gf_get_un(handle);
   if (size == 0) {
     return nullptr;
   }
-  // The room grows with what arrives, so that a false length costs no memory.
   gen_ptr<char> string;
-  uint32_t room = 0;
-  uint32_t got = 0;
-  while (got == room && got < size) {
-    room = std::min(size, room == 0 ? kFirstRoom : 2 * room);
-    string.reset(static_cast<char*>(gen_allocate(string.release(), 1, room)));
-    got += static_cast<uint32_t>(std::fread(string.get() + got, 1, room - got, handle->fp));
+  uint32_t length = 0;
+  uint32_t capacity = 0;
+  while (length == capacity && length < size) {
+    capacity = static_cast<uint32_t>(std::min<uint64_t>(size, uint64_t{2} * length + kStringPiece));
+    string.reset(static_cast<char*>(gen_allocate(string.release(), capacity + 1, 1)));
+    length +=
+        static_cast<uint32_t>(std::fread(string.get() + length, 1, capacity - length, handle->fp));
   }
-  string.get()[std::min(got, room - 1)] = '\0';
+  string.get()[length] = '\0';
   return string.release();
 }
 
-void gf_put_adr16(GFile* handle, uint32_t value) {
-  gf_put_2(handle, value);
+void gf_put_adr16(GFile* handle, uint16_t address) {
+  gf_put_2(handle, address);
 }
 
 uint16_t gf_get_adr16(GFile* handle) {
   return gf_get_2(handle);
 }
 
-void gf_put_adr32(GFile* handle, uint32_t value) {
-  gf_put_4(handle, value);
+void gf_put_adr32(GFile* handle, uint32_t address) {
+  gf_put_4(handle, address);
 }
 
 uint32_t gf_get_adr32(GFile* handle) {
@@ -330,10 +337,10 @@ void gf_get_adr64(GFile* handle, gadr* address) {
   address->low = gf_get_4(handle);
 }
 
-void gf_put_adr16_2(GFile* handle, uint32_t first, uint32_t second) {
+void gf_put_adr16_2(GFile* handle, uint16_t first, uint16_t second) {
   gf_put_adr16(handle, first);
   if (is_variable(handle)) {
-    gf_put_sn(handle, difference(second & 0xFFFFU, first & 0xFFFFU));
+    gf_put_sn(handle, difference(second, first));
   } else {
     gf_put_adr16(handle, second);
   }
@@ -341,7 +348,7 @@ void gf_put_adr16_2(GFile* handle, uint32_t first, uint32_t second) {
 
 void gf_get_adr16_2(GFile* handle, uint16_t* first, uint16_t* second) {
   *first = gf_get_adr16(handle);
-  *second = is_variable(handle) ? static_cast<uint16_t>(sum(*first, gf_get_sn(handle)))
+  *second = is_variable(handle) ? static_cast<uint16_t>(get_next(handle, *first) & 0xFFFFU)
                                 : gf_get_adr16(handle);
 }
 
@@ -356,7 +363,7 @@ void gf_put_adr32_2(GFile* handle, uint32_t first, uint32_t second) {
 
 void gf_get_adr32_2(GFile* handle, uint32_t* first, uint32_t* second) {
   *first = gf_get_adr32(handle);
-  *second = is_variable(handle) ? sum(*first, gf_get_sn(handle)) : gf_get_adr32(handle);
+  *second = is_variable(handle) ? get_next(handle, *first) : gf_get_adr32(handle);
 }
 
 void gf_put_adr64_2(GFile* handle, const gadr* first, const gadr* second) {
@@ -372,8 +379,8 @@ void gf_put_adr64_2(GFile* handle, const gadr* first, const gadr* second) {
 void gf_get_adr64_2(GFile* handle, gadr* first, gadr* second) {
   gf_get_adr64(handle, first);
   if (is_variable(handle)) {
-    second->high = sum(first->high, gf_get_sn(handle));
-    second->low = sum(first->low, gf_get_sn(handle));
+    second->high = get_next(handle, first->high);
+    second->low = get_next(handle, first->low);
   } else {
     gf_get_adr64(handle, second);
   }
@@ -381,17 +388,17 @@ void gf_get_adr64_2(GFile* handle, gadr* first, gadr* second) {
 
 void gf_put_adr(GFile* handle, const gadr* address) {
   switch (handle->address_mode) {
-    case 0:
-      gf_put_adr16(handle, offset_of(address));
+    case kMode16:
+      gf_put_adr16(handle, off(*address));
       break;
-    case 1:
-      gf_put_sn(handle, static_cast<int32_t>(segment_of(address)));
-      gf_put_adr16(handle, offset_of(address));
+    case kMode16Segmented:
+      gf_put_sn(handle, seg(*address));
+      gf_put_adr16(handle, off(*address));
       break;
-    case 2:
+    case kMode32:
       gf_put_adr32(handle, address->low);
       break;
-    case 3:
+    case kMode64:
       gf_put_adr64(handle, address);
       break;
     default:
@@ -401,18 +408,18 @@ void gf_put_adr(GFile* handle, const gadr* address) {
 
 void gf_get_adr(GFile* handle, gadr* address) {
   switch (handle->address_mode) {
-    case 0:
-      set_offset(address, gf_get_adr16(handle));
+    case kMode16:
+      assign_segmented(address, seg(*address), gf_get_adr16(handle));
       break;
-    case 1: {
-      const int32_t segment = gf_get_sn(handle);
-      set_segment_and_offset(address, segment, gf_get_adr16(handle));
+    case kMode16Segmented: {
+      const auto segment = static_cast<uint32_t>(gf_get_sn(handle));
+      assign_segmented(address, segment, gf_get_adr16(handle));
       break;
     }
-    case 2:
-      set_low(address, gf_get_adr32(handle));
+    case kMode32:
+      assign_low(address, gf_get_adr32(handle));
       break;
-    case 3:
+    case kMode64:
       gf_get_adr64(handle, address);
       break;
     default:
@@ -422,18 +429,17 @@ void gf_get_adr(GFile* handle, gadr* address) {
 
 void gf_put_adr_2(GFile* handle, const gadr* first, const gadr* second) {
   switch (handle->address_mode) {
-    case 0:
-      gf_put_adr16_2(handle, offset_of(first), offset_of(second));
+    case kMode16Segmented:
+      gf_put_sn(handle, seg(*first));
+      gf_put_sn(handle, seg(*second));
+      [[fallthrough]];
+    case kMode16:
+      gf_put_adr16_2(handle, off(*first), off(*second));
       break;
-    case 1:
-      gf_put_sn(handle, static_cast<int32_t>(segment_of(first)));
-      gf_put_sn(handle, static_cast<int32_t>(segment_of(second)));
-      gf_put_adr16_2(handle, offset_of(first), offset_of(second));
-      break;
-    case 2:
+    case kMode32:
       gf_put_adr32_2(handle, first->low, second->low);
       break;
-    case 3:
+    case kMode64:
       gf_put_adr64_2(handle, first, second);
       break;
     default:
@@ -442,35 +448,27 @@ void gf_put_adr_2(GFile* handle, const gadr* first, const gadr* second) {
 }
 
 void gf_get_adr_2(GFile* handle, gadr* first, gadr* second) {
-  uint16_t offset1 = 0;
-  uint16_t offset2 = 0;
-  switch (handle->address_mode) {
-    case 0:
-      gf_get_adr16_2(handle, &offset1, &offset2);
-      set_offset(first, offset1);
-      set_offset(second, offset2);
-      break;
-    case 1: {
-      const int32_t segment1 = gf_get_sn(handle);
-      const int32_t segment2 = gf_get_sn(handle);
-      gf_get_adr16_2(handle, &offset1, &offset2);
-      set_segment_and_offset(first, segment1, offset1);
-      set_segment_and_offset(second, segment2, offset2);
-      break;
+  const int32_t mode = handle->address_mode;
+  if (mode == kMode16 || mode == kMode16Segmented) {
+    uint32_t first_segment = seg(*first);
+    uint32_t second_segment = seg(*second);
+    if (mode == kMode16Segmented) {
+      first_segment = static_cast<uint32_t>(gf_get_sn(handle));
+      second_segment = static_cast<uint32_t>(gf_get_sn(handle));
     }
-    case 2: {
-      uint32_t low1 = 0;
-      uint32_t low2 = 0;
-      gf_get_adr32_2(handle, &low1, &low2);
-      set_low(first, low1);
-      set_low(second, low2);
-      break;
-    }
-    case 3:
-      gf_get_adr64_2(handle, first, second);
-      break;
-    default:
-      break;
+    uint16_t first_offset = 0;
+    uint16_t second_offset = 0;
+    gf_get_adr16_2(handle, &first_offset, &second_offset);
+    assign_segmented(first, first_segment, first_offset);
+    assign_segmented(second, second_segment, second_offset);
+  } else if (mode == kMode32) {
+    uint32_t first_low = 0;
+    uint32_t second_low = 0;
+    gf_get_adr32_2(handle, &first_low, &second_low);
+    assign_low(first, first_low);
+    assign_low(second, second_low);
+  } else if (mode == kMode64) {
+    gf_get_adr64_2(handle, first, second);
   }
 }
 
@@ -487,19 +485,16 @@ void gf_put_sc(GFile* handle, int32_t value, int32_t expected) {
 }
 
 void gf_put_alignpad(GFile* handle, uint32_t alignment) {
-  for (uint32_t left = pad_bytes(handle, alignment); left > 0; --left) {
-    gf_put_1(handle, kLastPad + left - 1);
+  for (uint32_t left = pad_size(handle, alignment); left > 0; --left) {
+    gf_put_1(handle, static_cast<uint8_t>((kLastPad + left - 1) & 0xFFU));
   }
 }
 
 void gf_get_alignpad(GFile* handle, uint32_t alignment) {
-  for (uint32_t left = pad_bytes(handle, alignment); left > 0; --left) {
-    const int c = std::fgetc(handle->fp);
-    if (c == EOF) {
-      gf_set_alignpad_error(handle);
-      return;
-    }
-    if (static_cast<uint32_t>(c) != kLastPad + left - 1) {
+  for (uint32_t left = pad_size(handle, alignment); left > 0; --left) {
+    // Compared as full numbers: a pad byte beyond 255 never matches.
+    const int64_t expected = int64_t{kLastPad} + left - 1;
+    if (std::fgetc(handle->fp) != expected) {
       gf_set_alignpad_error(handle);
     }
   }
@@ -514,13 +509,19 @@ void gf_get_array_1(GFile* handle, uint8_t* bytes, uint32_t count) {
 }
 
 void gf_skip_array_1(GFile* handle, uint32_t count) {
-  skip(handle, count);
+  skip_bytes(handle, count);
 }
 
 void gf_get_mapped_array_1(GFile* handle, const uint8_t** pointer, uint32_t count) {
-  if (count != 0) {
-    *pointer = static_cast<const uint8_t*>(take_mapped(handle, count));
+  if (count == 0) {
+    return;
   }
+  *pointer = nullptr;
+  if (!has_mapping(handle)) {
+    gf_set_file_memory_mapping_error(handle);
+    return;
+  }
+  *pointer = take_mapped(handle, count);
 }
 
 void gf_put_array_4(GFile* handle, const uint32_t* values, uint32_t count) {
@@ -528,8 +529,8 @@ void gf_put_array_4(GFile* handle, const uint32_t* values, uint32_t count) {
     return;
   }
   if (handle->raw_arrays != 0) {
-    gf_put_alignpad(handle, kElement);
-    std::fwrite(values, kElement, count, handle->fp);
+    gf_put_alignpad(handle, 4);
+    std::fwrite(values, sizeof *values, count, handle->fp);
     return;
   }
   for (uint32_t i = 0; i < count; ++i) {
@@ -541,16 +542,16 @@ void gf_get_array_4(GFile* handle, uint32_t* values, uint32_t count) {
   if (count == 0) {
     return;
   }
-  if (handle->raw_arrays != 0) {
-    gf_get_alignpad(handle, kElement);
-    const size_t got = std::fread(values, kElement, count, handle->fp);
-    if (handle->swapped != 0) {
-      gf_swap_array_4(values, static_cast<uint32_t>(got));
+  if (handle->raw_arrays == 0) {
+    for (uint32_t i = 0; i < count; ++i) {
+      values[i] = gf_get_4(handle);
     }
     return;
   }
-  for (uint32_t i = 0; i < count; ++i) {
-    values[i] = gf_get_4(handle);
+  gf_get_alignpad(handle, 4);
+  const size_t read = std::fread(values, sizeof *values, count, handle->fp);
+  if (handle->swapped != 0) {
+    gf_swap_array_4(values, static_cast<uint32_t>(read));
   }
 }
 
@@ -559,11 +560,12 @@ void gf_skip_array_4(GFile* handle, uint32_t count) {
     return;
   }
   if (handle->raw_arrays != 0) {
-    gf_get_alignpad(handle, kElement);
-    skip(handle, uint64_t{count} * kElement);
+    gf_get_alignpad(handle, 4);
+    skip_bytes(handle, uint64_t{4} * count);
     return;
   }
-  for (uint32_t i = 0; i < count && std::feof(handle->fp) == 0; ++i) {
+  for (uint32_t i = 0; i < count && std::feof(handle->fp) == 0 && std::ferror(handle->fp) == 0;
+       ++i) {
     gf_get_4(handle);
   }
 }
@@ -573,19 +575,21 @@ void gf_get_mapped_array_4(GFile* handle, const uint32_t** pointer, uint32_t cou
     return;
   }
   *pointer = nullptr;
-  if (handle->raw_arrays == 0 || handle->swapped != 0 ||
-      handle->mapping == gf_get_nil_file_memory_mapping_handle()) {
+  if (!has_mapping(handle) || handle->raw_arrays == 0 || handle->swapped != 0) {
     gf_set_file_memory_mapping_error(handle);
     return;
   }
-  gf_get_alignpad(handle, kElement);
-  *pointer = static_cast<const uint32_t*>(take_mapped(handle, uint64_t{count} * kElement));
+  gf_get_alignpad(handle, 4);
+  // The mapping begins with the file, on a page, and the position is a multiple of 4.
+  *pointer = reinterpret_cast<const uint32_t*>(take_mapped(handle, uint64_t{4} * count));
 }
 
 void gf_swap_array_4(uint32_t* values, uint32_t count) {
-  for (uint32_t i = 0; i < count; ++i) {
-    values[i] = __builtin_bswap32(values[i]);
-  }
+  std::transform(values, values + count, values, [](uint32_t value) {
+    std::array<uint8_t, 4> bytes{};
+    store_word(bytes.data(), value, ByteOrder::little);
+    return load_word(bytes.data(), ByteOrder::big);
+  });
 }
 
 }  // namespace kelvane

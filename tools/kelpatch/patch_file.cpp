@@ -1,0 +1,154 @@
+#include "patch_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+namespace kelpatch {
+namespace {
+
+std::string formatted_list(const char* format, va_list arguments)
+    __attribute__((format(printf, 1, 0)));
+std::string formatted_list(const char* format, va_list arguments) {
+  va_list again;
+  va_copy(again, arguments);
+  const int size = std::vsnprintf(nullptr, 0, format, again);
+  va_end(again);
+  std::string text(static_cast<size_t>(std::max(size, 0)) + 1, '\0');
+  std::vsnprintf(text.data(), text.size(), format, arguments);
+  text.pop_back();
+  return text;
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : number_(number) {}
+  ~Descriptor() { ::close(number_); }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int number() const { return number_; }
+
+ private:
+  int number_;
+};
+
+int no_read(void* /*context*/, uint32_t /*address*/, uint8_t* /*bytes*/, uint32_t /*count*/) {
+  return 1;
+}
+
+}  // namespace
+
+std::string formatted(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  std::string text = formatted_list(format, arguments);
+  va_end(arguments);
+  return text;
+}
+
+void fatal(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const std::string text = formatted_list(format, arguments);
+  va_end(arguments);
+  throw Failure{kTrouble, "fatal: " + text};
+}
+
+void fatal_errno(const char* format, ...) {
+  const int error = errno;
+  va_list arguments;
+  va_start(arguments, format);
+  const std::string text = formatted_list(format, arguments);
+  va_end(arguments);
+  throw Failure{kTrouble, "fatal: " + text + ": " + std::strerror(error)};
+}
+
+void mismatch(const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const std::string text = formatted_list(format, arguments);
+  va_end(arguments);
+  throw Failure{kMismatch, "error: " + text};
+}
+
+Bytes read_input(const std::string& name) {
+  const int number = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+  if (number < 0) {
+    fatal_errno("unable to open input file '%s'", name.c_str());
+  }
+  const Descriptor file(number);
+  Bytes bytes;
+  struct stat status = {};
+  if (::fstat(number, &status) == 0 && S_ISREG(status.st_mode)) {
+    if (status.st_size > off_t{kLargestFile}) {
+      fatal("input file '%s' has more than %u bytes", name.c_str(), kLargestFile);
+    }
+    bytes.reserve(static_cast<size_t>(status.st_size));
+  }
+  // The end is where a read finds it: a pipe has no size, and a file may grow meanwhile.
+  std::array<uint8_t, 65536> piece;
+  for (;;) {
+    const ssize_t count = ::read(file.number(), piece.data(), piece.size());
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count < 0) {
+      fatal_errno("error reading input file '%s'", name.c_str());
+    }
+    if (count == 0) {
+      return bytes;
+    }
+    bytes.insert(bytes.end(), piece.begin(), piece.begin() + count);
+    if (bytes.size() > kLargestFile) {
+      fatal("input file '%s' has more than %u bytes", name.c_str(), kLargestFile);
+    }
+  }
+}
+
+PatchFile::PatchFile(const std::string& name, ByteOrder order, const KnownSizes& known)
+    : name_(name), bytes_(read_input(name)) {
+  uint32_t flags = order == ByteOrder::kBig ? KELVANE_V0_BIG_ENDIAN : KELVANE_V0_LITTLE_ENDIAN;
+  if (order == ByteOrder::kFound) {
+    const Rank little = rank(KELVANE_V0_LITTLE_ENDIAN, known);
+    const Rank big = rank(KELVANE_V0_BIG_ENDIAN, known);
+    if (big.merits != little.merits ? big.merits > little.merits
+                                    : big.longer_file < little.longer_file) {
+      flags = KELVANE_V0_BIG_ENDIAN;
+    }
+  }
+  // An empty vector has no data, and an empty patch is too short, not absent.
+  const uint8_t nothing = 0;
+  const int code =
+      kelvane_apply_open(&applier_, bytes_.empty() ? &nothing : bytes_.data(), size(), flags);
+  if (code != KELVANE_APPLY_OK) {
+    fatal("patch file '%s' is damaged at offset %u: %s", name.c_str(), applier_.error_position,
+          kelvane_apply_text(code));
+  }
+}
+
+PatchFile::Rank PatchFile::rank(uint32_t flags, const KnownSizes& known) {
+  const bool sound =
+      kelvane_apply_open(&applier_, bytes_.data(), size(), flags) == KELVANE_APPLY_OK;
+  const kelvane_patch_info& header = applier_.info;
+  uint32_t merits = 0;
+  merits += known.old_file == header.old_size ? 4U : 0U;
+  merits += known.new_file == header.new_size ? 4U : 0U;
+  merits += sound ? 2U : 0U;
+  merits += sound && fits_files() ? 1U : 0U;
+  return {merits, std::max(header.old_size, header.new_size)};
+}
+
+bool PatchFile::fits_files() {
+  const kelvane_region room = {0, std::max(info().old_size, info().new_size)};
+  const kelvane_memory memory = {nullptr, no_read, nullptr, &room, 1, KELVANE_SIZE_UNKNOWN};
+  return kelvane_apply_check(&applier_, &memory) == KELVANE_APPLY_OK;
+}
+
+}  // namespace kelpatch
