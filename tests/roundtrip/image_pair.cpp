@@ -232,8 +232,8 @@ Bytes code_like(size_t size, Random& random) {
 
 Bytes text_like(size_t size, Random& random) {
   static constexpr std::array<std::string_view, 14> kWords = {
-      "error ", "buffer ", "of ",  "the ",  "queue ", "timeout", " in ",
-      "task ",  "%d\n",    "is ",  "not ",  "set",    ": %s ",   "sensor "};
+      "error ", "buffer ", "of ", "the ", "queue ", "timeout", " in ",
+      "task ",  "%d\n",    "is ", "not ", "set",    ": %s ",   "sensor "};
   Bytes image;
   while (image.size() < size) {
     const std::string_view word = kWords[random.below(kWords.size())];

@@ -30,9 +30,9 @@ enum class PairKind {
 };
 
 inline constexpr PairKind kAllPairKinds[] = {
-    PairKind::edits,       PairKind::insertions, PairKind::removals, PairKind::moved_blocks,
-    PairKind::runs,        PairKind::word_tables, PairKind::mixed,   PairKind::tiny,
-    PairKind::unlike,      PairKind::equal,      PairKind::inside};
+    PairKind::edits,  PairKind::insertions,  PairKind::removals, PairKind::moved_blocks,
+    PairKind::runs,   PairKind::word_tables, PairKind::mixed,    PairKind::tiny,
+    PairKind::unlike, PairKind::equal,       PairKind::inside};
 
 std::string name_of(PairKind kind);
 

@@ -94,12 +94,12 @@ TEST_P(RepeatedSubstitutions, AbsoluteCommandsAreAppliedAllTheSame) {
                   GetParam().name);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    AllCodes, RepeatedSubstitutions,
-    testing::Values(SubstitutionShape{KELVANE_CM_SUBSTITUTE, "CM_SUBSTITUTE", 2},
-                    SubstitutionShape{KELVANE_CM_SUB_ONE, "CM_SUB_ONE", 1},
-                    SubstitutionShape{KELVANE_CM_SUB_COMP, "CM_SUB_COMP", 3}),
-    [](const auto& tested) { return std::string(tested.param.name); });
+INSTANTIATE_TEST_SUITE_P(AllCodes, RepeatedSubstitutions,
+                         testing::Values(SubstitutionShape{KELVANE_CM_SUBSTITUTE, "CM_SUBSTITUTE",
+                                                           2},
+                                         SubstitutionShape{KELVANE_CM_SUB_ONE, "CM_SUB_ONE", 1},
+                                         SubstitutionShape{KELVANE_CM_SUB_COMP, "CM_SUB_COMP", 3}),
+                         [](const auto& tested) { return std::string(tested.param.name); });
 
 TEST(RepeatedCommands, RelativeListsAreAppliedAllTheSame) {
   // Pairs of single bytes, each pair out of reach of the one before: a list for each.

@@ -82,10 +82,10 @@ std::vector<std::string> arguments_for(const PatchOptions& options) {
     arguments.emplace_back("-fill");
   }
   if (options.compression) {
-    arguments.insert(arguments.end(), {"-compressed_substitutions", "-min_compression_percent",
-                                       std::to_string(options.min_percent),
-                                       "-min_compression_length",
-                                       std::to_string(options.min_length)});
+    arguments.insert(arguments.end(),
+                     {"-compressed_substitutions", "-min_compression_percent",
+                      std::to_string(options.min_percent), "-min_compression_length",
+                      std::to_string(options.min_length)});
   }
   arguments.insert(arguments.end(), {"-b", std::to_string(options.blocksize), "-s",
                                      std::to_string(options.max_scan)});
@@ -155,8 +155,7 @@ std::optional<std::string> fault_in_patch(std::string_view patch_file, const Ima
   return std::nullopt;
 }
 
-std::optional<std::string> fault_in_round_trip(const ImagePair& pair,
-                                               const PatchOptions& options) {
+std::optional<std::string> fault_in_round_trip(const ImagePair& pair, const PatchOptions& options) {
   const MadePatch as_file = make_patch_file(pair, options);
   const MadePatch in_memory = make_patch_in_memory(pair, options);
   for (const MadePatch* made : {&as_file, &in_memory}) {

@@ -35,9 +35,9 @@ PatchOptions options_of(uint32_t round, Random& random) {
   options.relative = (round & 64U) == 0;
   options.min_percent = one_of({10, 0, 60, -200}, random);  // -200 takes whatever comes out
   options.min_length = one_of({50, 1, 3, 20, 1000}, random);
-  options.blocksize = static_cast<uint16_t>(
-      random.below(2) == 0 ? one_of({1, 2, 4, 8, 9, 10, 20, 21, 100}, random)
-                           : 1 + static_cast<int32_t>(random.below(200)));
+  options.blocksize =
+      static_cast<uint16_t>(random.below(2) == 0 ? one_of({1, 2, 4, 8, 9, 10, 20, 21, 100}, random)
+                                                 : 1 + static_cast<int32_t>(random.below(200)));
   options.max_scan = random.below(2) == 0 ? one_of({1, 2, 10, 1000, 100000}, random)
                                           : static_cast<int32_t>(random.below(300));
   return options;
