@@ -103,5 +103,3 @@ BENCHMARK_CAPTURE(encode, zeros, Bytes(kSize, 0))->Apply(pieces);
 
 }  // namespace
 }  // namespace kelvane
-
-BENCHMARK_MAIN();

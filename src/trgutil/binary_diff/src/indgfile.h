@@ -24,10 +24,10 @@
 // can lie inside another file.
 //
 // Value operations return no failures: the error states are sticky, and a reader or writer asks
-// gf_got_error after a batch. A value that is read at the end of the file comes out wrong. The
-// first error found on a handle is reported, once, as "Error while processing "NAME"" (class error,
-// or class fatal with the reason where the system gave one), with UNKNOWN where there is no name.
-// Nothing here ends the run.
+// gf_got_error after a batch. A number that is read at the end of the file is 0. The first error
+// found on a handle is reported, once, as "Error while processing "NAME"" (class error, or class
+// fatal with the reason where the system gave one), with UNKNOWN where there is no name. Nothing
+// here ends the run.
 namespace kelvane {
 
 // The handle of a structured file. The caller may own the storage, or the library allocates it.
@@ -126,7 +126,8 @@ int32_t gf_is_eof(const GFile* handle);
 // ---- Values, written and read at the current position. "Variable" and "fixed" are the forms that
 // the file version selects.
 
-// Big-endian numbers of 1, 2, 4 and 8 bytes. Bytes behind the end of the file read as FF.
+// Big-endian numbers of 1, 2, 4 and 8 bytes. One that the end of the file
+// cuts reads as 0.
 void gf_put_1(GFile* handle, uint8_t value);
 uint8_t gf_get_1(GFile* handle);
 void gf_put_2(GFile* handle, uint16_t value);
