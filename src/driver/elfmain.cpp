@@ -58,13 +58,11 @@ int32_t run(int32_t argc, char* const* argv) {
   check_command_line(line);
   limit_to_version();
   read_exclude_file();
-  file_data first = {};
-  file_data second = {};
+  static file_data first = {};  // like the lists, they live as long as the process
+  static file_data second = {};
   load_first(&first, line.file1);
   load_second(&second, line.file2);
-  if (first.big_endian != second.big_endian) {
-    gen_errorexit(kStatusFailure, "files have different endianness\n");
-  }
+  check_byte_orders(&first, &second);
   TargetIsBigEndian = first.big_endian;
   // Memory mode compares section by section, and these files have none.
   if (fDiffMemory == 0) {

@@ -249,6 +249,7 @@ int32_t dump_command_set(int32_t x) {
   first_sub_one = nullptr;
   last_sub_one = nullptr;
   dump_fill_command(first_fill);
+  free_commands(first_fill);
   first_fill = nullptr;
   last_fill = nullptr;
   output_increments();

@@ -97,7 +97,7 @@ uint16_t seg(const gadr& address) {
 
 // What reading an offset, with its segment, leaves in an address.
 void assign_segmented(gadr* address, uint32_t segment, uint16_t offset) {
-  address->low = (segment << 16U) | offset;
+  address->low = (segment << 16U) + offset;
   if (offset == 0xFFFF) {
     gadr_assign_nil(address);
   }

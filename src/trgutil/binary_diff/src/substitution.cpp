@@ -1,6 +1,7 @@
 #include "substitution.h"
 
 #include <cstring>
+#include <vector>
 
 #include "block_search.h"
 #include "debug_print.h"
@@ -25,6 +26,8 @@ constexpr int32_t kBufferStep = 10000;
 
 struct State {
   int32_t compressed_buffer_size = 0;  // bytes allocated
+  // What the records of CM_SUB_COMP point to; stays when the records go.
+  std::vector<gen_ptr<uint8_t>> compressed_pieces;
 };
 State state;
 
@@ -50,10 +53,11 @@ bool compress(command_record* record) {
   if (saving <= min_compression_percent) {
     return false;
   }
-  uint8_t* const bytes = gen_alloc_array<uint8_t>(compressed_size);
-  std::memcpy(bytes, compressed_buffer_start, compressed_size);
+  gen_ptr<uint8_t>& piece =
+      state.compressed_pieces.emplace_back(gen_alloc_array<uint8_t>(compressed_size));
+  std::memcpy(piece.get(), compressed_buffer_start, compressed_size);
   record->size = static_cast<int32_t>(compressed_size);
-  record->data.bytes = bytes;
+  record->data.bytes = piece.get();
   return true;
 }
 
