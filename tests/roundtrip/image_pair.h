@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,9 @@ inline constexpr PairKind kAllPairKinds[] = {
     PairKind::unlike, PairKind::equal,       PairKind::inside};
 
 std::string name_of(PairKind kind);
+inline void PrintTo(PairKind kind, std::ostream* out) {
+  *out << name_of(kind);
+}
 
 // A pair of that kind, with images of up to some 4000 bytes.
 ImagePair make_pair_of(PairKind kind, Random& random);

@@ -81,6 +81,10 @@ struct SubstitutionShape {
   size_t changed;
 };
 
+void PrintTo(const SubstitutionShape& shape, std::ostream* out) {
+  *out << shape.name;
+}
+
 class RepeatedSubstitutions : public testing::TestWithParam<SubstitutionShape> {};
 
 TEST_P(RepeatedSubstitutions, AbsoluteCommandsAreAppliedAllTheSame) {
