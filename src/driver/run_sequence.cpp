@@ -6,16 +6,25 @@
 #include "engine_settings.h"
 #include "exit_status.h"
 #include "image.h"
+#include "indgen_memory.h"
 #include "indgen_message.h"
 #include "indgeninit.h"
 #include "load.h"
 #include "options.h"
+#include "run_sequence_internal.h"
 #include "symbol_list.h"
 
 namespace kelvane {
 namespace {
 
 constexpr int32_t kViewpathSlow = 1;
+
+// Both files stay to the end of the process, since commands point into the second.
+struct State {
+  file_data first;
+  file_data second;
+};
+State state = {};
 
 // Loads one input, or ends the run; the reason has been reported then.
 void load_or_exit(file_data* record, const char* name) {
@@ -55,8 +64,8 @@ int32_t run_sequence(int32_t argc, char* const* argv) {
   check_command_line(line);
   limit_to_version();
   read_exclude_file();
-  file_data first = {};
-  file_data second = {};
+  file_data& first = state.first;
+  file_data& second = state.second;
   load_first(&first, line.file1);
   load_second(&second, line.file2);
   if (first.big_endian != second.big_endian) {
@@ -69,6 +78,13 @@ int32_t run_sequence(int32_t argc, char* const* argv) {
   }
   dump_to_file(&first, &second, line.output);
   return kStatusSuccess;
+}
+
+void reset_run_sequence() {
+  for (file_data* const record : {&state.first, &state.second}) {
+    gen_free(record->bytes);
+    *record = {};
+  }
 }
 
 }  // namespace kelvane

@@ -23,8 +23,15 @@ constexpr uint32_t kLeastFill = 3;
 constexpr uint32_t kFillLimit = 65535;  // CM_FILL carries its size in 16 bits
 constexpr int32_t kBufferStep = 10000;
 
+// In front of the bytes of a compressed piece, which a command keeps by reference. No command owns
+// them; they stay to the end of the run.
+struct CompressedPiece {
+  CompressedPiece* next;
+};
+
 struct State {
-  int32_t compressed_buffer_size = 0;  // bytes allocated
+  int32_t compressed_buffer_size = 0;            // bytes allocated
+  CompressedPiece* compressed_pieces = nullptr;  // all of the run
 };
 State state;
 
@@ -50,7 +57,11 @@ bool compress(command_record* record) {
   if (saving <= min_compression_percent) {
     return false;
   }
-  uint8_t* const bytes = gen_alloc_array<uint8_t>(compressed_size);
+  auto* const piece =
+      static_cast<CompressedPiece*>(gen_alloc(1, sizeof(CompressedPiece) + compressed_size));
+  piece->next = state.compressed_pieces;
+  state.compressed_pieces = piece;
+  auto* const bytes = reinterpret_cast<uint8_t*>(piece + 1);
   std::memcpy(bytes, compressed_buffer_start, compressed_size);
   record->size = static_cast<int32_t>(compressed_size);
   record->data.bytes = bytes;
@@ -103,25 +114,25 @@ void process_substitution(const uint8_t* old_bytes, const uint8_t* new_bytes,
 }
 
 void add_substitution(uint32_t address, uint32_t size, const uint8_t* bytes) {
-  command_record* const record = gen_alloc_array<command_record>(1);
+  gen_ptr<command_record> record(gen_alloc_array<command_record>(1));
   record->address = address;
   record->size = static_cast<int32_t>(size);
   record->data.bytes = bytes;
   if (size == 1) {
     dprintf(2, " CMD: sub 0x%.2x into %p", *bytes, address_for_print(address));
-    append_command(record, &first_sub_one, &last_sub_one);
+    append_command(record.release(), &first_sub_one, &last_sub_one);
     ++num_sub_ones;
   } else if (is_fill(size, bytes)) {
     dprintf(2, " CMD: fill 0x%08x - 0x%08x with 0x%.2x", address, address + size - 1, *bytes);
-    append_command(record, &first_fill, &last_fill);
+    append_command(record.release(), &first_fill, &last_fill);
   } else if (compressed_substitutions != 0 && record->size >= min_compression_length &&
-             compress(record)) {
+             compress(record.get())) {
     dprintf(2, " CMD: sub %d/%d at %p", record->size, static_cast<int32_t>(size),
             address_for_print(address));
-    append_command(record, &first_sub_comp, &last_sub_comp);
+    append_command(record.release(), &first_sub_comp, &last_sub_comp);
   } else {
     dprintf(2, " CMD: sub %i at %p", record->size, address_for_print(address));
-    append_command(record, &first_sub, &last_sub);
+    append_command(record.release(), &first_sub, &last_sub);
     ++num_subs;
   }
 }
@@ -141,6 +152,11 @@ void reset_substitution() {
   gen_free(compressed_buffer_start);
   compressed_buffer_start = nullptr;
   compressed_buffer_end = nullptr;
+  while (state.compressed_pieces != nullptr) {
+    CompressedPiece* const next = state.compressed_pieces->next;
+    gen_free(state.compressed_pieces);
+    state.compressed_pieces = next;
+  }
   state = State{};
 }
 
