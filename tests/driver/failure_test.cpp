@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include "reset_state.h"
 #include "run_program.h"
 #include "run_sequence.h"
+#include "sanitizers.h"
 #include "temporary_directory.h"
 
 namespace kelvane {
@@ -75,11 +77,11 @@ Versions changed_in_every_way() {
   Bytes after = before;
   after[40] ^= 1;
   after[50] ^= 1;
-  for (size_t i = 0; i < 12; ++i) {
+  for (size_t i = 0; i < 96; ++i) {  // more words than there are classes of increments
     after[100 + i] = static_cast<uint8_t>(~before[100 + i]);
   }
   std::fill_n(after.begin() + 200, 40, uint8_t{0xEE});
-  for (size_t i = 0; i < 80; ++i) {
+  for (size_t i = 0; i < 120; ++i) {
     after[400 + i] = static_cast<uint8_t>("repeat"[i % 6]);
   }
   for (size_t i = 600; i < 680; i += 8) {
@@ -138,6 +140,16 @@ class WholeRun : public testing::Test {
 const std::vector<std::vector<std::string>> kOptionSets = {{"-b", "16"},
                                                            {"-b", "16", "-version", "1", "-inc"}};
 
+TEST_F(WholeRun, MakesEveryCommandOfFileMode) {
+  EXPECT_EQ(run_here(kOptionSets[1]).errors, "");
+  const std::string shown =
+      run_program({kelpatch_program(), "show", "diff.out"}, tree_.name()).output;
+  for (const char* const command :
+       {"CM_MOVE", "CM_SUBSTITUTE", "CM_SUB_COMP", "CM_SUB_ONE", "CM_FILL", "CM_INCRS"}) {
+    EXPECT_THAT(shown, testing::HasSubstr(command));
+  }
+}
+
 TEST_F(WholeRun, TwiceInAProcessIsEqualToTwoProcesses) {
   const Versions first = changed_in_every_way();
   const Versions back = {first.new_file, first.old_file};
@@ -181,6 +193,41 @@ TEST_F(WholeRun, EndsWithOneMessageAndNoLeakWhereMemoryIsRefused) {
       live_blocks.clear();
     }
   }
+}
+
+// What containers take counts like what is allocated by name: the index of a search takes more than
+// the files do.
+TEST_F(WholeRun, EndsWithOneMessageWhereTheAddressSpaceEnds) {
+  if (kUnderAddressSanitizer) {
+    GTEST_SKIP() << "the sanitizer needs the address space";
+  }
+  constexpr size_t kMebibyte = size_t{1} << 20U;
+  const auto run_within = [this](size_t limit, const Words& options) {
+    return run_there(options, [limit] {
+      const rlimit most = {limit, limit};
+      ::setrlimit(RLIMIT_AS, &most);
+    });
+  };
+  size_t limit = kMebibyte;  // grows until the program itself fits
+  while (run_within(limit, {"-b", "16"}).status != 0) {
+    limit += kMebibyte;
+    ASSERT_LT(limit, 1024 * kMebibyte);
+  }
+  Random random(22);
+  const Bytes before = random.bytes(kMebibyte);
+  const Bytes after = random.bytes(kMebibyte);
+  write({{before.begin(), before.end()}, {after.begin(), after.end()}});
+  limit += 3 * kMebibyte;  // room for the files
+  int32_t refusals = 0;
+  ProgramResult result;
+  while ((result = run_within(limit, {"-s", "1000000"})).status == 3) {
+    EXPECT_EQ(result.errors, "kelvane: fatal: Out of memory\n") << limit;
+    ++refusals;
+    limit += 2 * kMebibyte;
+  }
+  EXPECT_GT(refusals, 3);
+  EXPECT_EQ(result.status, 1);  // nothing is alike in these files
+  EXPECT_EQ(result.errors, "");
 }
 
 TEST_F(WholeRun, EndsWithOneMessageWhereTheOutputCannotGrow) {
