@@ -96,8 +96,8 @@ void* gen_get_temp_buf(int32_t slots, uint32_t size) {
     return nullptr;
   }
   if (slots > state.num_bufs) {
-    const auto bytes = static_cast<int32_t>(static_cast<size_t>(slots) * sizeof(TempBuffer));
-    state.the_bufs = static_cast<TempBuffer*>(gen_realloc(state.the_bufs, bytes));
+    state.the_bufs = static_cast<TempBuffer*>(
+        gen_allocate(state.the_bufs, static_cast<uint32_t>(slots), sizeof(TempBuffer)));
     for (int32_t index = state.num_bufs; index < slots; ++index) {
       state.the_bufs[index] = TempBuffer{0, nullptr};
     }

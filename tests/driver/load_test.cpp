@@ -1,1 +1,144 @@
+#include "load.h"
+
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "captured_run.h"
+#include "changed_surroundings.h"
+#include "indgen_memory.h"
+#include "indgeninit.h"
+#include "ordinary_user.h"
+#include "reset_state.h"
+#include "temporary_directory.h"
+
+namespace kelvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+class Loading : public testing::Test {
+ protected:
+  Loading() {
+    reset_all_state();
+    gen_changeprogname("kelvane");
+  }
+  ~Loading() override { reset_all_state(); }
+
+  // What is said where the file can't be loaded.
+  static std::string refusal(const char* name) {
+    return capture([name] {
+             file_data record = {};
+             EXPECT_EQ(load_file(&record, name), 0);
+             EXPECT_EQ(record.bytes, nullptr);
+             EXPECT_EQ(record.size, -1);
+           })
+        .errors;
+  }
+
+  TemporaryDirectory tree_;
+  ChangedDirectory here_{tree_.name()};
+};
+
+TEST_F(Loading, TakesAFileWholeWithItsChecksum) {
+  tree_.write("abc", "abc");
+  file_data record;
+  record.crt1 = 7;
+  const char* const name = "abc";
+  ASSERT_EQ(load_file(&record, name), 1);
+  const gen_ptr<uint8_t> bytes(record.bytes);
+  EXPECT_EQ(record.name, name);
+  EXPECT_EQ(record.size, 3);
+  EXPECT_EQ(std::string(bytes.get(), bytes.get() + 3), "abc");
+  EXPECT_EQ(record.checksum, 0x187163U);
+  EXPECT_EQ(record.big_endian, 0);
+  EXPECT_EQ(record.crt1, 0U);
+  EXPECT_EQ(record.sections, record.sections_end);
+}
+
+TEST_F(Loading, TakesFilesOfManyPieces) {
+  for (const size_t size : {1023U, 1024U, 1025U, 262144U, 300001U}) {
+    std::string contents(size, '\0');
+    for (size_t i = 0; i < size; ++i) {
+      contents[i] = static_cast<char>(static_cast<uint8_t>(i * 7 + i / 1024));
+    }
+    tree_.write("file", contents);
+    uint8_t* read = nullptr;
+    ASSERT_EQ(read_file(&read, "file"), static_cast<int32_t>(size));
+    const gen_ptr<uint8_t> bytes(read);
+    EXPECT_TRUE(std::string(read, read + size) == contents) << size;
+  }
+}
+
+TEST_F(Loading, GivesTheByteOrderOfTheImageReadLast) {
+  tree_.write("abc", "abc");
+  for (const int32_t order : {0, 1, 2}) {
+    endian = order;
+    file_data record = {};
+    ASSERT_EQ(load_file(&record, "abc"), 1);
+    const gen_ptr<uint8_t> bytes(record.bytes);
+    EXPECT_EQ(record.big_endian, order == 1 ? 1 : 0);
+  }
+}
+
+TEST_F(Loading, NamesWhatCannotBeLoadedWithTheReason) {
+  EXPECT_EQ(refusal("missing"),
+            "kelvane: fatal: unable to open input file 'missing': No such file or directory\n");
+  EXPECT_EQ(refusal("."), "kelvane: error: could not load '.': it is a directory\n");
+  tree_.write("empty", "");
+  EXPECT_EQ(refusal("empty"), "kelvane: error: could not allocate 0 bytes for file 'empty'\n");
+}
+
+TEST_F(Loading, RefusesAPipe) {
+  ASSERT_EQ(::mkfifo("pipe", 0600), 0);
+  std::thread writer([this] { std::ofstream(tree_.path("pipe")) << "abc"; });
+  EXPECT_EQ(refusal("pipe"), "kelvane: error: could not load 'pipe': its size cannot be found\n");
+  writer.join();
+}
+
+TEST_F(Loading, RefusesMoreThan2147483647Bytes) {
+  tree_.write("huge", "");
+  std::error_code refused;
+  fs::resize_file("huge", 2147483648U, refused);
+  if (refused) {
+    GTEST_SKIP() << "no room for a sparse file";
+  }
+  EXPECT_EQ(refusal("huge"),
+            "kelvane: error: could not load 'huge': it has more than 2147483647 bytes\n");
+}
+
+TEST_F(Loading, RefusesAFileThatTheUserMayNotRead) {
+  tree_.write("secret", "abc");
+  fs::permissions(tree_.name(), fs::perms::all);
+  fs::permissions("secret", fs::perms::none);
+  testing::internal::CaptureStderr();
+  EXPECT_TRUE(as_ordinary_user([] {
+    file_data record = {};
+    return load_file(&record, "secret") == 0;
+  }));
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "kelvane: fatal: unable to open input file 'secret': Permission denied\n");
+}
+
+TEST_F(Loading, MeasuresAStreamAndPutsItBackToItsStart) {
+  tree_.write("file", "abcde");
+  const file_ptr stream(std::fopen("file", "r"));
+  std::fgetc(stream.get());
+  EXPECT_EQ(file_size(stream.get()), 5);
+  EXPECT_EQ(std::ftell(stream.get()), 0);
+  std::array<int, 2> ends{};
+  ASSERT_EQ(::pipe(ends.data()), 0);
+  const file_ptr pipe(::fdopen(ends[0], "r"));
+  EXPECT_EQ(file_size(pipe.get()), -1);
+  ::close(ends[1]);
+}
+
+}  // namespace
+}  // namespace kelvane

@@ -1,1 +1,209 @@
+#include "indgen_message.h"
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "captured_run.h"
+#include "child_process.h"
+#include "indgeninit.h"
+#include "reset_state.h"
+
+namespace kelvane {
+namespace {
+
+using testing::ElementsAre;
+
+class Messages : public testing::Test {
+ protected:
+  Messages() {
+    reset_all_state();
+    gen_changeprogname("kelvane");
+  }
+  ~Messages() override { reset_all_state(); }
+};
+
+__attribute__((format(printf, 2, 3))) void send(uint32_t code, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  gen_domessage(code, format, arguments);
+  va_end(arguments);
+}
+
+// What a message of the code says.
+std::string words_of(uint32_t code) {
+  return capture([code] { send(code, "text"); }).errors;
+}
+
+TEST_F(Messages, CarryTheWordOfTheirClassAndAreCounted) {
+  EXPECT_EQ(words_of(0), "kelvane: text\n");
+  EXPECT_EQ(words_of(1), "kelvane: disaster: text\n");
+  EXPECT_EQ(words_of(2), "kelvane: fatal: text\n");
+  EXPECT_EQ(words_of(3), "kelvane: error: text\n");
+  EXPECT_EQ(gen_any_error, 4U);
+  EXPECT_EQ(words_of(4), "kelvane: warning: text\n");
+  EXPECT_EQ(words_of(5), "kelvane: info: text\n");
+  EXPECT_EQ(words_of(6), "text\n");
+  EXPECT_THAT(gen_error_count, ElementsAre(1, 1, 1, 1, 1, 1, 1));
+  EXPECT_EQ(gen_any_error, 4U);
+}
+
+TEST_F(Messages, HaveWordsInCapitalsToo) {
+  gen_upper_error_msgs = 1;
+  EXPECT_EQ(words_of(0), "kelvane: ERROR: text\n");
+  EXPECT_EQ(words_of(1), "kelvane: ERROR: DISASTER: text\n");
+  EXPECT_EQ(words_of(2), "kelvane: ERROR: FATAL: text\n");
+  EXPECT_EQ(words_of(3), "kelvane: ERROR: text\n");
+  EXPECT_EQ(words_of(4), "kelvane: WARNING: text\n");
+  EXPECT_EQ(words_of(5), "kelvane: INFO: text\n");
+  EXPECT_EQ(words_of(6), "text\n");
+}
+
+TEST_F(Messages, OfUnknownCodesHaveNoClassAndAreNotCounted) {
+  errno = ENOENT;
+  EXPECT_EQ(words_of(7), "kelvane: text\n");
+  EXPECT_EQ(words_of(100), "kelvane: text\n");
+  errno = ENOENT;
+  EXPECT_EQ(words_of(107), "kelvane: text: No such file or directory\n");
+  EXPECT_THAT(gen_error_count, ElementsAre(0, 0, 0, 0, 0, 0, 0));
+  EXPECT_EQ(gen_any_error, 0U);
+}
+
+TEST_F(Messages, TellTheReasonOnceForCodesAbove100) {
+  errno = ENOENT;
+  EXPECT_EQ(words_of(101), "kelvane: disaster: text: No such file or directory\n");
+  EXPECT_EQ(errno, 0);
+  EXPECT_EQ(words_of(103), "kelvane: error: text\n");
+  errno = EACCES;
+  EXPECT_EQ(words_of(106), "text: Permission denied\n");
+  EXPECT_THAT(gen_error_count, ElementsAre(0, 1, 0, 1, 0, 0, 1));
+  EXPECT_EQ(gen_any_error, 2U);
+}
+
+TEST_F(Messages, EndInOneNewline) {
+  for (uint32_t code = 0; code < 9; ++code) {
+    EXPECT_EQ(capture([code] { send(code, "text\n"); }).errors, words_of(code)) << code;
+  }
+  // The format decides, not the text.
+  EXPECT_EQ(capture([] { send(6, "%s", "text\n"); }).errors, "text\n\n");
+  errno = ENOENT;
+  EXPECT_EQ(capture([] { gen_perror("text\n"); }).errors,
+            "kelvane: fatal: text\n: No such file or directory\n");
+  errno = 0;
+  EXPECT_EQ(capture([] { gen_perror("text\n"); }).errors, "kelvane: fatal: text\n");
+  EXPECT_EQ(capture([] { gen_perror("text"); }).errors, "kelvane: fatal: text\n");
+}
+
+TEST_F(Messages, BeginWithTheClassWhereTheProgramHasNoName) {
+  gen_changeprogname("");
+  EXPECT_EQ(words_of(3), "error: text\n");
+  gen_changeprogname(nullptr);
+  EXPECT_EQ(words_of(3), "error: text\n");
+  EXPECT_EQ(words_of(0), "text\n");
+}
+
+TEST_F(Messages, ComeFromOneOperationForEachClass) {
+  const auto all = [] {
+    gen_printf("%s", "printed");
+    gen_info("gadr: %d", 5);
+    gen_warning("gadr: invalid range");
+    gen_error("line %d: %s\n", 3, "invalid heading 'X'");
+    errno = ENOENT;
+    gen_perror("unable to open input file '%s'", "a.out");
+  };
+  const CapturedRun run = capture(all);
+  EXPECT_FALSE(run.ended);
+  EXPECT_EQ(run.errors,
+            "printed\n"
+            "kelvane: info: gadr: 5\n"
+            "kelvane: warning: gadr: invalid range\n"
+            "kelvane: error: line 3: invalid heading 'X'\n"
+            "kelvane: fatal: unable to open input file 'a.out': No such file or directory\n");
+}
+
+TEST_F(Messages, EndTheRunWithTheStatusOfTheCaller) {
+  CapturedRun run = capture([] { gen_errorexit(1, "unable to open input file '%s'", "a.out"); });
+  EXPECT_EQ(run.errors, "kelvane: fatal: unable to open input file 'a.out'\n");
+  EXPECT_EQ(run.status, 1);
+  run = capture([] { gen_errorexit(0, "done"); });
+  EXPECT_EQ(run.errors, "kelvane: done\n");
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(gen_error_count[0], 1U);
+  EXPECT_EQ(gen_any_error, 2U);
+  run = capture([] {
+    errno = ENOENT;
+    gen_perrorexit(4, "Unable to open %s for %s: ", "x", "input");
+  });
+  EXPECT_EQ(run.errors,
+            "kelvane: fatal: Unable to open x for input: : No such file or directory\n");
+  EXPECT_EQ(run.status, 4);
+  EXPECT_EQ(gen_error_count[2], 2U);
+  run = capture([] { gen_successexit(); });
+  EXPECT_TRUE(run.ended);
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.errors, "");
+}
+
+TEST_F(Messages, GoThroughThePointerWithTheFullCode) {
+  static uint32_t seen = 0;
+  gen_domessage = [](uint32_t code, const char*, va_list) { seen = code; };
+  EXPECT_EQ(capture([] { gen_perrorexit(1, "text"); }).errors, "");
+  EXPECT_EQ(seen, 102U);
+  EXPECT_EQ(capture([] { gen_errorexit(0, "text"); }).errors, "");
+  EXPECT_EQ(seen, 0U);
+}
+
+TEST_F(Messages, StandBehindWhatWasPrintedBefore) {
+  const ChildResult report = in_child([] {
+    std::fputs("output\n", stdout);
+    gen_error("report");
+  });
+  EXPECT_EQ(report.words, "output\nkelvane: error: report\n");
+  EXPECT_EQ(report.status, kReturned);
+}
+
+TEST_F(Messages, OfAFailedAssertionEndTheProcess) {
+  gen_exit = [](int32_t) { std::puts("not this way"); };
+  const auto failed = [](const char* text, int32_t code) {
+    const ChildResult run = in_child([text, code] {
+      std::fputs("output\n", stdout);
+      __Assert(0, text, "a", 12, code);
+    });
+    EXPECT_EQ(run.status, 1);
+    return run.words;
+  };
+  EXPECT_EQ(failed("x", 0), "output\nAssertion failed in 'a' on line 12 in kelvane\n");
+  EXPECT_EQ(failed(nullptr, 0), "output\nAssertion failed in 'a' on line 12 in kelvane\n");
+  EXPECT_EQ(failed("y < 7", 0), "output\nAssertion (y < 7) failed in 'a' on line 12 in kelvane\n");
+  EXPECT_EQ(failed("xx", -3), "output\nAssertion (xx) [-3] failed in 'a' on line 12 in kelvane\n");
+  gen_changeprogname("");
+  EXPECT_EQ(failed("x", 5), "output\nAssertion [5] failed in 'a' on line 12\n");
+  gen_changeprogname(nullptr);
+  EXPECT_EQ(failed("x", 0), "output\nAssertion failed in 'a' on line 12\n");
+  EXPECT_EQ(in_child([] { __Assert(-1, "y", "a", 12, 0); }).status, kReturned);
+}
+
+TEST_F(Messages, ExitFlushesAndRunsHandlersTheFirstTimeOnly) {
+  const ChildResult first = in_child([] {
+    std::atexit([] { std::fputs("handler\n", stdout); });
+    std::fputs("output\n", stdout);
+    gen_exit(5);
+  });
+  EXPECT_EQ(first.status, 5);
+  EXPECT_EQ(first.words, "output\nhandler\n");
+  // The handlers run from the last to the first.
+  const ChildResult again = in_child([] {
+    std::atexit([] { std::fputs("not any more\n", stdout); });
+    std::atexit([] { gen_exit(already_doing_exit == 1 ? 7 : 8); });
+    gen_exit(5);
+  });
+  EXPECT_EQ(again.status, 7);
+  EXPECT_EQ(again.words, "");
+}
+
+}  // namespace
+}  // namespace kelvane

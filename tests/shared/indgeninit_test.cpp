@@ -1,1 +1,300 @@
+#include "indgeninit.h"
+
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <bit>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+
+#include "captured_run.h"
+#include "changed_surroundings.h"
+#include "child_process.h"
+#include "indgen_memory.h"
+#include "indgen_message.h"
+#include "indview.h"
+#include "reset_state.h"
+#include "temporary_directory.h"
+
+namespace kelvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+// Start-up in the test's own process: without signal handlers and without a viewpath.
+class StartUp : public testing::Test {
+ protected:
+  StartUp() {
+    reset_all_state();
+    gen_skip_trapsetup = 1;
+  }
+  ~StartUp() override { reset_all_state(); }
+
+ private:
+  ChangedVariable no_viewpath_{"NVPATH", std::nullopt};
+};
+
+TEST_F(StartUp, KnowsTheProgramByItsStartName) {
+  EXPECT_EQ(gen_getprogname(), nullptr);
+  gen_init("dir/prog///", 0, 1);
+  EXPECT_STREQ(gen_getprogname(), "prog");
+  EXPECT_EQ(gen_getprogname(), gen_progname);
+  EXPECT_STREQ(gen_execname, "dir/prog");
+  gen_init(nullptr, 0, 1);
+  EXPECT_STREQ(gen_progname, "prog");
+  EXPECT_STREQ(gen_execname, "dir/prog");
+  gen_init("other", 0, 1);
+  EXPECT_STREQ(gen_progname, "other");
+  EXPECT_STREQ(gen_execname, "other");
+  gen_init(gen_execname, 0, 1);
+  EXPECT_STREQ(gen_execname, "other");
+  gen_changeprogname("third");
+  gen_changeprogname(gen_getprogname());
+  EXPECT_STREQ(gen_progname, "third");
+  EXPECT_STREQ(gen_execname, "other");
+}
+
+TEST_F(StartUp, WithoutANameLeavesBothNamesNull) {
+  gen_init(nullptr, 0, 1);
+  EXPECT_EQ(gen_progname, nullptr);
+  EXPECT_EQ(gen_execname, nullptr);
+  EXPECT_EQ(gen_getprogdir(), nullptr);
+}
+
+TEST_F(StartUp, FindsTheByteOrderOfTheHost) {
+  constexpr uint8_t kBig = std::endian::native == std::endian::big ? 1 : 0;
+  bigendian_host = 7;
+  EXPECT_EQ(gen_endian_init(), kBig);
+  bigendian_host = 7;
+  gen_init("kelvane", 0, 1);
+  EXPECT_EQ(bigendian_host, kBig);
+}
+
+TEST_F(StartUp, BringsUpTheViewpathOfItsThirdArgument) {
+  const TemporaryDirectory tree;
+  const ChangedVariable viewpath("NVPATH", tree.name());
+  gen_init("kelvane", 0, 0);
+  EXPECT_FALSE(gen_isviewpathing());
+  gen_init("kelvane", 0, 1);
+  EXPECT_TRUE(gen_isviewpathing());
+}
+
+TEST_F(StartUp, IsTakenBackOnce) {
+  const TemporaryDirectory tree;
+  const ChangedVariable viewpath("NVPATH", tree.name());
+  gen_init("dir/prog", 0, 1);
+  gen_changeprogdir(tree.name().c_str());
+  char** roots = nullptr;
+  gen_sourceroot_init(tree.name().c_str());
+  gen_destruct();
+  EXPECT_EQ(gen_progname, nullptr);
+  EXPECT_EQ(gen_execname, nullptr);
+  EXPECT_EQ(gen_progdir, nullptr);
+  EXPECT_FALSE(gen_isviewpathing());
+  EXPECT_EQ(gen_sourceroot_getroots(&roots, nullptr), 0);
+  EXPECT_EQ(capture([] { gen_error("text"); }).errors, "error: text\n");
+  gen_init("again", 0, 1);
+  gen_destruct();
+  EXPECT_STREQ(gen_progname, "again");
+}
+
+TEST_F(StartUp, KeepsAVersionWord) {
+  EXPECT_EQ(gen_get_version(), 6);
+  EXPECT_TRUE(gen_is_at_least_version(6));
+  EXPECT_FALSE(gen_is_at_least_version(7));
+  EXPECT_TRUE(gen_is_at_most_version(6));
+  EXPECT_FALSE(gen_is_at_most_version(5));
+  EXPECT_EQ(capture([] { gen_set_version(8); }).errors, "");
+  EXPECT_EQ(gen_get_version(), 8);
+  EXPECT_EQ(capture([] { gen_set_version(9); }).errors,
+            "error: Attempt to set version to an illegal value\n");
+  EXPECT_EQ(gen_get_version(), 8);
+  gen_set_version(-1);
+  EXPECT_EQ(qvr_current_version, -1);
+}
+
+// A fresh directory with programs, in which the test works.
+class Executables : public StartUp {
+ protected:
+  std::string program(const std::string& entry) {
+    const std::string name = tree_.write(entry, "#!/bin/sh\n");
+    fs::permissions(name, fs::perms::owner_all);
+    return name;
+  }
+  static std::string found(const char* name, uint8_t look_in_progdir = 0, uint8_t resolve = 0) {
+    const gen_ptr<char> path(gen_findexec(name, look_in_progdir, resolve));
+    return path == nullptr ? "(null)" : path.get();
+  }
+
+  TemporaryDirectory tree_;
+  ChangedDirectory here_{tree_.name()};
+  ChangedVariable path_{"PATH", std::nullopt};
+};
+
+TEST_F(Executables, WithADirectoryPartStandWhereTheySay) {
+  const std::string name = program("bin/prog");
+  program("prog");
+  fs::create_directory("bin/folder");
+  tree_.write("bin/text", "");
+  path_.set(tree_.path("bin"));
+  EXPECT_EQ(found("bin/prog"), name);
+  EXPECT_EQ(found(name.c_str()), name);
+  EXPECT_EQ(found("other/prog"), "(null)");
+  EXPECT_EQ(found("bin/folder"), "(null)");
+  EXPECT_EQ(found("./text"), "(null)");
+  EXPECT_EQ(found(nullptr), "(null)");
+}
+
+TEST_F(Executables, AreLookedForAlongThePathFromTheLeft) {
+  const std::string first = program("one/prog");
+  const std::string second = program("two/prog");
+  tree_.write("zero/prog", "not executable");
+  const std::string one = tree_.path("one");
+  const std::string two = tree_.path("two");
+  path_.set(tree_.path("zero") + ":" + two + ":" + one);
+  EXPECT_EQ(found("prog"), second);
+  path_.set("one:" + two);
+  EXPECT_EQ(found("prog"), "one/prog");
+  path_.set("");
+  EXPECT_EQ(found("prog"), "(null)");
+  path_.set(std::nullopt);
+  EXPECT_EQ(found("prog"), "(null)");
+}
+
+TEST_F(Executables, AreFoundHereByAnEmptyElementWhereverItStands) {
+  program("prog");
+  const std::string nowhere = tree_.path("nowhere");
+  for (const std::string& list : {":" + nowhere, nowhere + "::" + nowhere, nowhere + ":"}) {
+    path_.set(list);
+    EXPECT_EQ(found("prog"), "prog") << list;
+  }
+  path_.set(nowhere);
+  EXPECT_EQ(found("prog"), "(null)");
+}
+
+TEST_F(Executables, BesideTheProgramComeBeforeThePath) {
+  const std::string beside = program("own/prog");
+  const std::string along = program("bin/prog");
+  program("bin/other");
+  path_.set(tree_.path("bin"));
+  gen_changeprogdir("own");
+  EXPECT_STREQ(gen_getprogdir(), tree_.path("own").c_str());
+  EXPECT_EQ(found("prog", 1), beside);
+  EXPECT_EQ(found("prog", 0), along);
+  EXPECT_EQ(found("other", 1), tree_.path("bin/other"));
+}
+
+TEST_F(Executables, HaveTheirLinksResolvedOnDemand) {
+  const std::string real = program("real/prog-1");
+  fs::create_directory("bin");
+  fs::create_symlink("../real/prog-1", "bin/prog");
+  path_.set(tree_.path("bin"));
+  EXPECT_EQ(found("prog", 0, 0), tree_.path("bin/prog"));
+  EXPECT_EQ(found("prog", 0, 1), real);
+  EXPECT_EQ(found("bin/prog", 0, 1), real);
+  EXPECT_STREQ(gen_ptr<char>(gen_findexecdir("prog", 0, 0)).get(), tree_.path("bin").c_str());
+  EXPECT_STREQ(gen_ptr<char>(gen_findexecdir("prog", 0, 1)).get(), tree_.path("real").c_str());
+  EXPECT_EQ(gen_ptr<char>(gen_findexecdir("missing", 0, 1)), nullptr);
+}
+
+TEST_F(Executables, StartedThroughALinkOrThePathLieWhereTheRealFileLies) {
+  program("real/prog-1");
+  fs::create_directory("bin");
+  fs::create_symlink("../real/prog-1", "bin/prog");
+  path_.set(tree_.path("bin"));
+  for (const char* const start_name : {"prog", "bin/prog"}) {
+    reset_all_state();
+    gen_skip_trapsetup = 1;
+    gen_init(start_name, 0, 1);
+    EXPECT_EQ(gen_progdir, nullptr);
+    EXPECT_STREQ(gen_getprogdir(), tree_.path("real").c_str()) << start_name;
+    path_.set(std::nullopt);
+    EXPECT_EQ(gen_getprogdir(), gen_progdir);  // found once
+    path_.set(tree_.path("bin"));
+  }
+}
+
+// ---- Signals.
+
+using Handler = void (*)(int);
+
+Handler handler_of(int signal_number) {
+  struct sigaction action {};
+  ::sigaction(signal_number, nullptr, &action);
+  return action.sa_handler;
+}
+
+TEST_F(StartUp, InstallsTheHandlersTheFirstTimeOnly) {
+  const ChildResult run = in_child([] {
+    constexpr std::array kTaken = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGXCPU};
+    for (const int signal_number : kTaken) {
+      std::signal(signal_number, SIG_DFL);
+    }
+    gen_init("kelvane", 0, 1);  // the flag is set
+    bool right = handler_of(SIGINT) == SIG_DFL;
+    gen_skip_trapsetup = 0;
+    gen_init("kelvane", 0, 1);
+    for (const int signal_number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+      right = right && handler_of(signal_number) == sigtrap;
+    }
+    right = right && handler_of(SIGPIPE) == sigpipetrap;
+    right = right && handler_of(SIGXCPU) == siglimitexceeded;
+    right = right && gen_skip_trapsetup == 1;
+    std::signal(SIGINT, SIG_DFL);
+    gen_init("kelvane", 0, 1);
+    right = right && handler_of(SIGINT) == SIG_DFL;
+    ::_exit(right ? 0 : 1);
+  });
+  EXPECT_EQ(run.status, 0);
+}
+
+TEST_F(StartUp, HandlersReportAndEndTheRunWithStatus2) {
+  gen_changeprogname("kelvane");
+  const auto taken = [](Handler handler, int signal_number) {
+    const CapturedRun run = capture([&] { handler(signal_number); });
+    EXPECT_EQ(run.status, 2);
+    return run.errors;
+  };
+  EXPECT_EQ(taken(sigtrap, SIGINT), "kelvane: error: Halted\n");
+  EXPECT_EQ(gen_sigtrap_value, SIGINT);
+  EXPECT_EQ(taken(sigtrap, SIGTERM), "");
+  EXPECT_EQ(gen_sigtrap_value, SIGTERM);
+  EXPECT_EQ(taken(sigtrap, 1), "kelvane: error: Interrupt (1)\n");
+  EXPECT_EQ(taken(siglimitexceeded, SIGXCPU), "kelvane: error: Cpu Limit Exceeded\n");
+  EXPECT_EQ(gen_sigtrap_value, SIGXCPU);
+  EXPECT_EQ(taken(siglimitexceeded, SIGXFSZ), "kelvane: error: Resource Limit exceeded\n");
+  EXPECT_EQ(gen_sigtrap_value, SIGXFSZ);
+}
+
+TEST_F(StartUp, ASecondBrokenPipeClosesTheOutputsInsteadOfTelling) {
+  gen_changeprogname("kelvane");
+  static int32_t ends = 0;
+  const ChildResult run = in_child([] {
+    gen_exit = [](int32_t status) {
+      if (++ends == 1) {
+        sigpipetrap(SIGPIPE);
+      }
+      const bool closed = ::fcntl(1, F_GETFD) == -1 && ::fcntl(2, F_GETFD) == -1;
+      ::_exit(closed && handler_of(SIGPIPE) == sigpipetrap ? status : 1);
+    };
+    sigpipetrap(SIGPIPE);
+  });
+  EXPECT_EQ(run.words, "kelvane: error: Halted by a SIGPIPE.\n");
+  EXPECT_EQ(run.status, 2);
+}
+
+TEST_F(StartUp, ASignalDuringTheExitEndsTheProcessWithoutWords) {
+  const ChildResult run = in_child([] {
+    gen_skip_trapsetup = 0;
+    gen_init("kelvane", 0, 1);
+    std::atexit([] { std::raise(SIGINT); });
+    gen_exit(0);
+  });
+  EXPECT_EQ(run.words, "");
+  EXPECT_EQ(run.status, 2);
+}
+
+}  // namespace
+}  // namespace kelvane

@@ -257,7 +257,7 @@ void gf_put_str(GFile* handle, const char* string) {
 }
 
 char* gf_get_str(GFile* handle) {
-  const uint32_t size = gf_get_un(handle);
+  const uint32_t size = std::min(gf_get_un(handle), UINT32_MAX - 1);  // room for a terminator
   if (size == 0) {
     return nullptr;
   }

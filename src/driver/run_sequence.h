@@ -1,0 +1,12 @@
+#pragma once
+
+#include <cstdint>
+
+namespace kelvane {
+
+// The life of the tool: reads the command line, loads the two files, compares them and writes the
+// patch. Gives 0; every failure is reported where it is found and ends the run there. To be called
+// once in a process.
+int32_t run_sequence(int32_t argc, char* const* argv);
+
+}  // namespace kelvane
