@@ -13,8 +13,8 @@ namespace kelvane {
 
 namespace {
 
-constexpr size_t kPiece = 1024;               // bytes of one read
-constexpr size_t kStreamBuffer = 256 * 1024;  // bytes that the stream reads ahead
+constexpr size_t kPiece = 1024;                       // bytes of one read
+constexpr size_t kStreamBuffer = size_t{256} * 1024;  // bytes that the stream reads ahead
 
 bool is_directory(std::FILE* stream) {
   struct stat status = {};
