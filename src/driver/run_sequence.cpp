@@ -11,12 +11,20 @@
 #include "indgeninit.h"
 #include "load.h"
 #include "options.h"
+#include "run_sequence_internal.h"
 #include "symbol_list.h"
 
 namespace kelvane {
 namespace {
 
 constexpr int32_t kViewpathSlow = 1;
+
+// Both files stay to the end of the process, since commands point into the second.
+struct State {
+  file_data first;
+  file_data second;
+};
+State state = {};
 
 // Loads one input, or ends the run; the reason has been reported then.
 void load_or_exit(file_data* record, const char* name) {
@@ -56,12 +64,8 @@ int32_t run_sequence(int32_t argc, char* const* argv) {
   check_command_line(line);
   limit_to_version();
   read_exclude_file();
-  static file_data first;  // like the lists, they live as long as the process
-  static file_data second;
-  for (file_data* const image : {&first, &second}) {
-    gen_free(image->bytes);  // of a run before in this process
-    *image = {};
-  }
+  file_data& first = state.first;
+  file_data& second = state.second;
   load_first(&first, line.file1);
   load_second(&second, line.file2);
   check_byte_orders(&first, &second);
@@ -72,6 +76,13 @@ int32_t run_sequence(int32_t argc, char* const* argv) {
   }
   dump_to_file(&first, &second, line.output);
   return kStatusSuccess;
+}
+
+void reset_run_sequence() {
+  for (file_data* const record : {&state.first, &state.second}) {
+    gen_free(record->bytes);
+    *record = {};
+  }
 }
 
 }  // namespace kelvane

@@ -142,14 +142,14 @@ void* gen_structcopy(const void* pointer, uint32_t size) {
 }
 
 void reset_indgen_memory() {
-  gen_alloc = gen_default_alloc;
-  gen_realloc = gen_default_realloc;
-  gen_free = gen_default_free;
   for (int32_t index = 0; index < state.num_bufs; ++index) {
     gen_free(state.the_bufs[index].bytes);
   }
   gen_free(state.the_bufs);
   state = State{};
+  gen_alloc = gen_default_alloc;
+  gen_realloc = gen_default_realloc;
+  gen_free = gen_default_free;
 }
 
 }  // namespace kelvane

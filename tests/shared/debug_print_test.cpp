@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "captured_run.h"
 #include "reset_state.h"
 
@@ -27,8 +29,8 @@ TEST_F(DebugPrint, EndsALineThatTheFormatLeavesOpen) {
   EXPECT_EQ(capture([] { EXPECT_EQ(dprintf(0, "whole\n"), 6); }).errors, "whole\n");
   // The format decides, not the text.
   EXPECT_EQ(capture([] { EXPECT_EQ(dprintf(0, "%s", "text\n"), 5); }).errors, "text\n\n");
-  const char* const nothing = "";
-  EXPECT_EQ(capture([nothing] { EXPECT_EQ(dprintf(0, nothing, 0), 0); }).errors, "\n");
+  const std::string nothing;
+  EXPECT_EQ(capture([&] { EXPECT_EQ(dprintf(0, nothing.c_str(), 0), 0); }).errors, "\n");
 }
 
 TEST_F(DebugPrint, ShowsAnAddressAsThePlatformShowsAPointer) {

@@ -8,16 +8,7 @@
 #include "captured_run.h"
 #include "indgeninit.h"
 #include "reset_state.h"
-
-// An allocation that can't be granted ends a program under AddressSanitizer by the sanitizer's
-// words.
-#if defined(__SANITIZE_ADDRESS__)
-#define KELVANE_UNDER_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define KELVANE_UNDER_ASAN 1
-#endif
-#endif
+#include "sanitizers.h"
 
 namespace kelvane {
 namespace {
@@ -99,11 +90,10 @@ TEST_F(Memory, ThatCannotBeGrantedEndsTheRun) {
   const CapturedRun product = capture([] { gen_allocate(nullptr, 0x10000, 0x8000); });
   EXPECT_EQ(product.status, 3);
   EXPECT_EQ(product.errors, "fatal: Out of memory\n");
-#ifdef KELVANE_UNDER_ASAN
-  GTEST_SKIP() << "the sanitizer refuses such a request itself";
-#else
+  if (kUnderAddressSanitizer) {
+    GTEST_SKIP() << "the sanitizer refuses such a request itself";
+  }
   EXPECT_EQ(capture([] { gen_alloc(0xFFFFFFFFU, 0xFFFFFFFFU); }).status, 3);
-#endif
 }
 
 TEST_F(Memory, RingKeepsABufferForAsManyRequestsAsItHasSlots) {

@@ -21,12 +21,14 @@
 #include "indview_internal.h"
 #include "indzip_internal.h"
 #include "options.h"
+#include "run_sequence_internal.h"
 #include "section_filter_internal.h"
 #include "substitution_internal.h"
 
 namespace kelvane {
 
 void reset_all_state() {
+  reset_run_sequence();
   reset_increment_coder();
   reset_increments();
   reset_substitution();
@@ -45,12 +47,12 @@ void reset_all_state() {
   reset_indgeninit();
   reset_indgen_path();
   reset_indgen_tempname();
-  reset_indgen_memory();
   reset_indview();
   reset_indconfig();
   reset_indgadr();
-  reset_indzip();
   debug_level = 0;
+  // Last, so that a test that counts memory sees what the others release.
+  reset_indgen_memory();
 }
 
 }  // namespace kelvane

@@ -11,6 +11,17 @@ namespace kelvane {
 
 namespace {
 
+// A list of blocks that belong to it.
+struct BlockList {
+  BlockList() = default;
+  ~BlockList() { free_commands(first); }
+  BlockList(const BlockList&) = delete;
+  BlockList& operator=(const BlockList&) = delete;
+
+  command_record* first = nullptr;
+  command_record* last = nullptr;
+};
+
 int32_t shift_of(const command_record* block) {
   return static_cast<int32_t>(block->data.value);
 }
@@ -24,19 +35,18 @@ command_record* make_block(uint32_t address, uint32_t size, uint32_t shift) {
 }
 
 // Hangs the whole pending list behind the output list and leaves it empty.
-void flush_pending(command_record** pending_first, command_record** pending_last,
-                   command_record** first, command_record** last) {
-  if (*pending_first == nullptr) {
+void flush_pending(BlockList* pending, command_record** first, command_record** last) {
+  if (pending->first == nullptr) {
     return;
   }
   if (*first == nullptr) {
-    *first = *pending_first;
+    *first = pending->first;
   } else {
-    (*last)->next = *pending_first;
+    (*last)->next = pending->first;
   }
-  *last = *pending_last;
-  *pending_first = nullptr;
-  *pending_last = nullptr;
+  *last = pending->last;
+  pending->first = nullptr;
+  pending->last = nullptr;
 }
 
 // Whether two ranges of addresses share a byte; ranges may wrap, and both have a size above 0.
@@ -91,12 +101,15 @@ void output_block(const command_record* block) {
 }  // namespace
 
 void output_block_moves(command_record* moves) {
-  command_record* first = nullptr;
-  command_record* last = nullptr;
+  commands_ptr unbuilt(moves);
+  BlockList blocks;
   int32_t count = 0;
-  build_block_moves_abs(first_abs_move, &first, &last, &count);
-  build_block_moves(moves, &first, &last, &count);
-  join_neighbours(first, &last, &count);
+  build_block_moves_abs(first_abs_move, &blocks.first, &blocks.last, &count);
+  first_abs_move = nullptr;
+  last_abs_move = nullptr;
+  build_block_moves(unbuilt.get(), &blocks.first, &blocks.last, &count);
+  static_cast<void>(unbuilt.release());
+  join_neighbours(blocks.first, &blocks.last, &count);
   warn_of_repetition("CM_MOVE", commands_for(count));
   int32_t left = count;
   do {
@@ -107,10 +120,10 @@ void output_block_moves(command_record* moves) {
     put_half(static_cast<uint32_t>(here));
     dprintf(2, "num_blocks=%i", here);
     for (int32_t i = 0; i < here; ++i) {
-      command_record* const next = first->next;
-      output_block(first);
-      gen_free(first);
-      first = next;
+      command_record* const block = blocks.first;
+      output_block(block);
+      blocks.first = block->next;
+      gen_free(block);
     }
     left -= here;
   } while (left > 0);
@@ -123,20 +136,19 @@ command_record* generate_block_abs(const command_record* move, const command_rec
 
 void build_block_moves_abs(command_record* moves, command_record** first, command_record** last,
                            int32_t* count) {
-  while (moves != nullptr) {
-    command_record* const next_move = moves->next;
-    if (next_move != nullptr) {
-      command_record* const block = generate_block_abs(moves, next_move);
-      if (block->data.value == 0 || block->size == 0) {
-        gen_free(block);
-      } else {
-        append_block(block, first, last);
-        ++*count;
-      }
+  for (const command_record* move = moves; move != nullptr && move->next != nullptr;
+       move = move->next) {
+    command_record* const block = generate_block_abs(move, move->next);
+    if (block->data.value == 0 || block->size == 0) {
+      gen_free(block);
+    } else {
+      append_block(block, first, last);
+      ++*count;
     }
-    gen_free(moves);
-    moves = next_move;
   }
+  // Not before all blocks are there: as long as making one can end the run, the moves are the
+  // caller's.
+  free_commands(moves);
 }
 
 command_record* generate_block(const command_record* move, const command_record* next_move,
@@ -153,29 +165,25 @@ command_record* generate_block(const command_record* move, const command_record*
 
 void build_block_moves(command_record* moves, command_record** first, command_record** last,
                        int32_t* count) {
-  command_record* pending_first = nullptr;
-  command_record* pending_last = nullptr;
+  BlockList pending;
   int32_t shift = 0;
-  while (moves != nullptr) {
-    command_record* const next_move = moves->next;
-    if (next_move != nullptr) {
-      command_record* const block = generate_block(moves, next_move, shift);
-      shift = shift_of(block);
-      if (shift == 0 || block->size == 0) {
-        gen_free(block);
-      } else if (shift < 0) {
-        flush_pending(&pending_first, &pending_last, first, last);
-        append_block(block, first, last);
-        ++*count;
-      } else {
-        prepend_block(block, &pending_first, &pending_last);
-        ++*count;
-      }
+  for (const command_record* move = moves; move != nullptr && move->next != nullptr;
+       move = move->next) {
+    command_record* const block = generate_block(move, move->next, shift);
+    shift = shift_of(block);
+    if (shift == 0 || block->size == 0) {
+      gen_free(block);
+    } else if (shift < 0) {
+      flush_pending(&pending, first, last);
+      append_block(block, first, last);
+      ++*count;
+    } else {
+      prepend_block(block, &pending.first, &pending.last);
+      ++*count;
     }
-    gen_free(moves);
-    moves = next_move;
   }
-  flush_pending(&pending_first, &pending_last, first, last);
+  flush_pending(&pending, first, last);
+  free_commands(moves);
 }
 
 }  // namespace kelvane

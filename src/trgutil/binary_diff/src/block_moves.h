@@ -9,8 +9,9 @@
 namespace kelvane {
 
 // Writes the body of CM_MOVE, behind its code byte, from `first_abs_move` and the list given (which
-// is `first_move`), and releases the moves of both. A list of more than 65535 blocks is written as
-// several commands. The caller sets the list variables to null.
+// is that of `first_move`), and releases the moves of both. A list of more than 65535 blocks is
+// written as several commands. `first_abs_move` is null then; `moves` belongs to this operation,
+// and the caller has set `first_move` to null.
 void output_block_moves(command_record* moves);
 
 // Append the blocks of a list of moves to the list of blocks that `first`, `last` and `count` keep,

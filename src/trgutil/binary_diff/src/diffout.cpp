@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "bd_checksum.h"
 #include "binshared.h"
@@ -28,6 +29,23 @@ constexpr int32_t kLeastPatchSize = 20;
 
 constexpr uint32_t kRelativeReach = 256;  // distances and sizes in a relative list fit a byte
 constexpr int32_t kMaxRelativeLists = kMaxCount - 1;  // beside the absolute list
+
+// Command lists that belong to the object, with their commands.
+struct CommandLists {
+  CommandLists() = default;
+  ~CommandLists() { free_command_list(first); }
+  CommandLists(const CommandLists&) = delete;
+  CommandLists& operator=(const CommandLists&) = delete;
+
+  command_list* first = nullptr;
+  command_list* last = nullptr;
+};
+
+// Takes a list out of its variables.
+command_record* taken(command_record** first, command_record** last) {
+  *last = nullptr;
+  return std::exchange(*first, nullptr);
+}
 
 [[noreturn]] void fail_to_open() {
   gen_errorexit(kStatusFailure, "gfile: could not open file for writing");
@@ -228,30 +246,19 @@ void dump_commands_v0(const file_data* first, const file_data* second) {
 int32_t dump_command_set(int32_t x) {
   put_byte(CM_MOVE);
   dprintf(2, "\nCM_MOVE");
-  output_block_moves(first_move);
-  first_move = nullptr;
-  last_move = nullptr;
-  first_abs_move = nullptr;
+  output_block_moves(taken(&first_move, &last_move));
   last_abs_move = nullptr;
   num_moves = 0;
   reject_some_sort_others(0);
   commit_rejections();
   dprintf(2, "\nCM_SUBSTITUTE");
-  dump_sub_command(CM_SUBSTITUTE, first_sub, 0);
-  first_sub = nullptr;
-  last_sub = nullptr;
+  dump_sub_command(CM_SUBSTITUTE, taken(&first_sub, &last_sub), 0);
   dprintf(2, "\nCM_SUB_COMP");
-  dump_sub_command(CM_SUB_COMP, first_sub_comp, 0);
-  first_sub_comp = nullptr;
-  last_sub_comp = nullptr;
+  dump_sub_command(CM_SUB_COMP, taken(&first_sub_comp, &last_sub_comp), 0);
   dprintf(2, "\nCM_SUB_ONE");
-  dump_sub_command(CM_SUB_ONE, first_sub_one, CL_NO_SIZE);
-  first_sub_one = nullptr;
-  last_sub_one = nullptr;
-  dump_fill_command(first_fill);
-  free_commands(first_fill);
-  first_fill = nullptr;
-  last_fill = nullptr;
+  dump_sub_command(CM_SUB_ONE, taken(&first_sub_one, &last_sub_one), CL_NO_SIZE);
+  const commands_ptr fills(taken(&first_fill, &last_fill));
+  dump_fill_command(fills.get());
   output_increments();
   return x;
 }
@@ -260,12 +267,11 @@ void dump_sub_command(uint32_t code, command_record* list, uint32_t flags) {
   if (list == nullptr) {
     return;
   }
-  command_list* lists = nullptr;
-  command_list* last_list = nullptr;
-  generate_command_list(list, &lists, &last_list, flags);
+  CommandLists lists;
+  generate_command_list(list, &lists.first, &lists.last, flags);
   // The absolute list and the relative ones are used up together, command by command.
-  const command_record* absolute = lists->first;
-  const command_list* relative = lists->next;
+  const command_record* absolute = lists.first->first;
+  const command_list* relative = lists.first->next;
   int32_t absolute_left = count_commands(absolute);
   int32_t relative_left = count_lists(relative);
   warn_of_repetition(name_of(code), std::max(commands_for(absolute_left),
@@ -288,34 +294,34 @@ void dump_sub_command(uint32_t code, command_record* list, uint32_t flags) {
     absolute_left -= commands_here;
     relative_left -= lists_here;
   } while (absolute_left > 0 || relative_left > 0);
-  free_command_list(lists);
 }
 
 uint16_t generate_command_list(command_record* commands, command_list** lists,
                                command_list** last_list, uint32_t flags) {
+  commands_ptr rest(commands);  // those that stand in no list yet
   dprintf(3, " generate_command_list");
   *lists = nullptr;
   *last_list = nullptr;
   command_list* const absolute = new_list(flags, lists, last_list);
   uint32_t count = 1;
-  command_record* current = commands;
-  while (current != nullptr) {
-    // Moving a command overwrites its link, so the next one is read first.
-    command_record* next = current->next;
-    if (relative_substitutions == 0 || !small(current) || !within_reach(current, next)) {
-      move_to_list(current, absolute);
-      current = next;
+  // Moving a command overwrites its link, so what follows it is read first.
+  const auto move_first_to = [&rest](command_list* list) {
+    command_record* const first = rest.release();
+    rest.reset(first->next);
+    move_to_list(first, list);
+  };
+  while (rest != nullptr) {
+    if (relative_substitutions == 0 || !small(rest.get()) ||
+        !within_reach(rest.get(), rest->next)) {
+      move_first_to(absolute);
       continue;
     }
     command_list* const relative = new_list(flags | CL_RELATIVE, lists, last_list);
     ++count;
-    while (within_reach(current, next) && relative->num_commands + 1 < kMaxCount) {
-      move_to_list(current, relative);
-      current = next;
-      next = next->next;
+    while (within_reach(rest.get(), rest->next) && relative->num_commands + 1 < kMaxCount) {
+      move_first_to(relative);
     }
-    move_to_list(current, relative);
-    current = next;
+    move_first_to(relative);
   }
   return static_cast<uint16_t>(count);
 }

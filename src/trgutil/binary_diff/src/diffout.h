@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "diffshared.h"
 
@@ -51,7 +52,7 @@ void dump_sub_command(uint32_t code, command_record* list, uint32_t flags);
 
 // Divides `commands` into one absolute list, the first of `lists`, and any number of relative ones,
 // and returns the number of lists, of which there may be more than 65535, in 16 bits. The caller
-// releases the lists by free_command_list.
+// releases the lists by free_command_list, and no longer owns `commands` whatever happens.
 uint16_t generate_command_list(command_record* commands, command_list** lists,
                                command_list** last_list, uint32_t flags);
 
@@ -62,6 +63,12 @@ void output_commands(const command_record* commands, uint16_t count, uint32_t fl
 // Release each header with its commands, and a chain of commands.
 void free_command_list(command_list* lists);
 void free_commands(command_record* commands);
+
+// Owns a chain of commands, so that it is released on every road out of a function.
+struct CommandsDeleter {
+  void operator()(command_record* commands) const { free_commands(commands); }
+};
+using commands_ptr = std::unique_ptr<command_record, CommandsDeleter>;
 
 // Writes CM_FILL, unless `commands` is null.
 void dump_fill_command(const command_record* commands);

@@ -107,25 +107,25 @@ void process_substitution(const uint8_t* old_bytes, const uint8_t* new_bytes,
 }
 
 void add_substitution(uint32_t address, uint32_t size, const uint8_t* bytes) {
-  command_record* const record = gen_alloc_array<command_record>(1);
+  gen_ptr<command_record> record(gen_alloc_array<command_record>(1));
   record->address = address;
   record->size = static_cast<int32_t>(size);
   record->data.bytes = bytes;
   if (size == 1) {
     dprintf(2, " CMD: sub 0x%.2x into %p", *bytes, address_for_print(address));
-    append_command(record, &first_sub_one, &last_sub_one);
+    append_command(record.release(), &first_sub_one, &last_sub_one);
     ++num_sub_ones;
   } else if (is_fill(size, bytes)) {
     dprintf(2, " CMD: fill 0x%08x - 0x%08x with 0x%.2x", address, address + size - 1, *bytes);
-    append_command(record, &first_fill, &last_fill);
+    append_command(record.release(), &first_fill, &last_fill);
   } else if (compressed_substitutions != 0 && record->size >= min_compression_length &&
-             compress(record)) {
+             compress(record.get())) {
     dprintf(2, " CMD: sub %d/%d at %p", record->size, static_cast<int32_t>(size),
             address_for_print(address));
-    append_command(record, &first_sub_comp, &last_sub_comp);
+    append_command(record.release(), &first_sub_comp, &last_sub_comp);
   } else {
     dprintf(2, " CMD: sub %i at %p", record->size, address_for_print(address));
-    append_command(record, &first_sub, &last_sub);
+    append_command(record.release(), &first_sub, &last_sub);
     ++num_subs;
   }
 }
