@@ -46,10 +46,10 @@ class FileChanges : public testing::Test {
 
 TEST_F(FileChanges, ADirectoryIsMadeOnceAndNotOverAFile) {
   const std::string directory = path("made");
-  EXPECT_EQ(gen_createdir(directory.c_str(), 0750), 0);
-  EXPECT_EQ(status("made").st_mode & 0750, 0750u);
-  EXPECT_EQ(gen_createdir(directory.c_str(), 0750), 0);
-  EXPECT_EQ(gen_mkdir(directory.c_str(), 0750), -1);
+  EXPECT_EQ(gen_createdir(directory.c_str(), 0700), 0);
+  EXPECT_EQ(status("made").st_mode & 0777, 0700u);  // which a usual umask leaves alone
+  EXPECT_EQ(gen_createdir(directory.c_str(), 0700), 0);
+  EXPECT_EQ(gen_mkdir(directory.c_str(), 0700), -1);
   EXPECT_EQ(errno, EEXIST);
   EXPECT_EQ(gen_createdir(root_.write("file", "").c_str(), 0750), -1);
   EXPECT_EQ(gen_createdir(path("no/parent").c_str(), 0750), -1);
