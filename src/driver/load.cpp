@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "bd_checksum.h"
+#include "exit_status.h"
 #include "indgen_memory.h"
 #include "indgen_message.h"
 #include "indview.h"
@@ -13,8 +14,8 @@ namespace kelvane {
 
 namespace {
 
-constexpr size_t kPiece = 1024;                       // bytes of one read
-constexpr size_t kStreamBuffer = size_t{256} * 1024;  // bytes that the stream reads ahead
+constexpr size_t kPiece = 1024;           // bytes of one read
+constexpr size_t kStreamBuffer = 262144;  // bytes that the stream reads ahead
 
 bool is_directory(std::FILE* stream) {
   struct stat status = {};
@@ -90,6 +91,12 @@ int32_t load_file(file_data* record, const char* name) {
   record->sections = nullptr;
   record->sections_end = nullptr;
   return 1;
+}
+
+void check_byte_orders(const file_data* first, const file_data* second) {
+  if (first->big_endian != second->big_endian) {
+    gen_errorexit(kStatusFailure, "files have different endianness\n");
+  }
 }
 
 }  // namespace kelvane

@@ -18,6 +18,10 @@ int32_t load_file(file_data* record, const char* name);
 // allocate %i bytes for file '%s'" for an empty file.
 int32_t read_file(uint8_t** out_bytes, const char* name);
 
+// Ends the run with "files have different endianness\n" and status 1 unless both files are of one
+// byte order.
+void check_byte_orders(const file_data* first, const file_data* second);
+
 // Size of the stream's file in bytes, with the stream put back to its start; -1 if it can't seek.
 int64_t file_size(std::FILE* stream);
 

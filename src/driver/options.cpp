@@ -203,7 +203,7 @@ void read_exclude_file() {
   while (true) {
     std::array<char, 1026> word{};
     // A word with nothing behind it ends at the end of the file, and is not used.
-    std::fscanf(stream.get(), "%1025s", word.data());
+    [[maybe_unused]] const int words = std::fscanf(stream.get(), "%1025s", word.data());
     if (std::ferror(stream.get()) != 0) {
       gen_perrorexit(kStatusFailure, "error while reading exclude file '%s'", exclude_file);
     }

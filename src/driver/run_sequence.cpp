@@ -68,9 +68,7 @@ int32_t run_sequence(int32_t argc, char* const* argv) {
   file_data& second = state.second;
   load_first(&first, line.file1);
   load_second(&second, line.file2);
-  if (first.big_endian != second.big_endian) {
-    gen_errorexit(kStatusFailure, "files have different endianness\n");
-  }
+  check_byte_orders(&first, &second);
   TargetIsBigEndian = first.big_endian;
   // Memory mode compares section by section, and these files have none.
   if (fDiffMemory == 0) {

@@ -2,7 +2,7 @@
 
 namespace kelvane {
 
-// Forgets the seed.
+// Forgets the numbers given so far: the next one seeds itself from the clock.
 void reset_genrand();
 
 }  // namespace kelvane

@@ -29,7 +29,7 @@ class DirReader {
   gen_dir_handle* handle() { return &handle_; }
 
  private:
-  gen_dir_handle handle_;
+  gen_dir_handle handle_ = {};
   bool open_;
 };
 

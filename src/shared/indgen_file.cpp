@@ -103,8 +103,8 @@ int32_t gen_isvcdir(const char* name) {
 
 int32_t gen_islink(const char* name) {
   struct stat status {};
-  if (name == nullptr || ::lstat(name, &status) != 0 || S_ISDIR(status.st_mode)) {
-    return 0;  // the links of a directory are its own and its children's
+  if (name == nullptr || ::lstat(name, &status) != 0) {
+    return 0;
   }
   if (S_ISLNK(status.st_mode)) {
     return 1;

@@ -104,8 +104,9 @@ int32_t gen_isemptydir(const char* directory);
 // Gives 1 if the name is exactly "CVS" or "mvc.log", else 0. Null gives 0.
 int32_t gen_isvcdir(const char* name);
 
-// Gives 1 for a symbolic link, 2 for a file with more than one hard link, 0 for anything else, a
-// directory included, and on failure. Looks at the real file system, past the viewpath.
+// Gives 1 for a symbolic link, 2 for a file with more than one hard link, 0 for anything else and
+// on failure. The `.` in a directory and the `..` in those below it may count as hard links, so a
+// directory can give 2. Looks at the real file system, past the viewpath.
 int32_t gen_islink(const char* name);
 
 // Tells whether `name` can be executed: 1 yes; 0 it exists and can't, or is a directory; -1 it
@@ -160,7 +161,8 @@ int32_t gen_removefile(const char* name);
 // Remove all that is in a directory; the first removes the directory too and gives the result of
 // rmdir, the second gives 0. What can't be removed is passed over. A symbolic link is removed
 // itself and never followed, also when it is the argument: then gen_removedir_recursive removes
-// the link and gives the result of that, and gen_removestar_recursive does nothing.
+// the link and gives the result of that, and gen_removestar_recursive does nothing. A null name is
+// one that doesn't exist.
 int32_t gen_removedir_recursive(const char* directory);
 int32_t gen_removestar_recursive(const char* directory);
 

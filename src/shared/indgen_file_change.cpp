@@ -165,6 +165,9 @@ int32_t gen_removefile(const char* name) {
 }
 
 int32_t gen_removedir_recursive(const char* directory) {
+  if (directory == nullptr) {
+    return fail(EFAULT);
+  }
   struct stat status {};
   if (::lstat(directory, &status) == 0 && S_ISLNK(status.st_mode)) {
     return gen_unlink(directory);
@@ -174,7 +177,7 @@ int32_t gen_removedir_recursive(const char* directory) {
 }
 
 int32_t gen_removestar_recursive(const char* directory) {
-  if (is_real_directory(directory)) {
+  if (directory != nullptr && is_real_directory(directory)) {
     remove_contents(directory);
   }
   return 0;

@@ -85,9 +85,8 @@ char* gen_dirname(const char* path);
 char* gen_dirname_anyhost(const char* path);
 // The first component: leading `/` skipped, up to the next `/` or `\`, or up to and with a `:`.
 char* gen_topdir(const char* path);
-// The position in `path` of the `/` that ends its first component; if none does, of the last
-// leading
-// `/`, or null if there is none either.
+// The position in `path` of the `/` that ends its first component; if none does, that of the last
+// leading `/`, or null if there is none either.
 const char* gen_popdir(const char* path);
 
 // ---- Comparing as text.
@@ -98,8 +97,8 @@ bool gen_dirmatch(const char* a, const char* b);
 bool gen_dir_contains_file(const char* dir, const char* file);
 // True if `file` begins with `dir` and that prefix ends at a component: a `/` ends or follows it.
 bool gen_tree_contains_file(const char* dir, const char* file);
-// True if `sub` is the directory `dir` or lies below it, both made canonical. A `dir` of one
-// character contains all that begins with it. Null is not allowed.
+// True if `sub` is the directory `dir` or lies below it, both made canonical. A `dir` that is given
+// as one character contains all that begins with it. Null is not allowed.
 bool gen_isDirSubdirOfDir(const char* sub, const char* dir);
 // True if `path`, made canonical, ends with the components of `tail`: dir/z.c ends with z.c, and
 // dir/xz.c doesn't. Case counts if `case_sensitive` is set.
@@ -163,9 +162,8 @@ const char* gen_getdevdot();
 const char* gen_getpath(const char* list, char* buffer, int32_t size);
 // Shortens `path` for a listing in which `*current` is the directory in use: a name in that
 // directory loses its directory part; any other one is given whole and becomes the directory in
-// use.
-// `*current` is an owned string of the caller's, released when it is replaced; null, empty and "."
-// mean the current directory. The result lies in `path` or is `*current`.
+// use. `*current` is an owned string of the caller's, released when it is replaced; null, empty and
+// "." mean the current directory. The result lies in `path` or is `*current`.
 const char* gen_addpath(const char* path, char** current);
 
 // ---- Name mangling.

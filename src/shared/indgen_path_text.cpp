@@ -177,9 +177,9 @@ bool gen_isDirSubdirOfDir(const char* sub, const char* dir) {
   if (!starts_with(inner.get(), outer.get())) {
     return false;
   }
-  const size_t length = std::strlen(outer.get());
-  const char behind = inner.get()[length];
-  return length == 1 || behind == '\0' || behind == '/' || behind == '\\';
+  const char behind = inner.get()[std::strlen(outer.get())];
+  // As it was given: a/. is no longer the name of one character that a is.
+  return std::strlen(dir) == 1 || behind == '\0' || behind == '/' || behind == '\\';
 }
 
 bool gen_FilenameTailCmp(const char* path, const char* tail, uint8_t case_sensitive) {

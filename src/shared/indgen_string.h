@@ -152,9 +152,9 @@ void gen_strarray_free(char*** array, uint32_t* count);
 
 // Cuts the next token out of a writable string: skips leading characters of the set `delimiters`
 // (not empty), overwrites the delimiter behind the token with a terminator and stores the position
-// behind that in `*rest`, or null if the string has ended. Gives the token; null if there is none
-// or `text` is null, in which case `*rest` stays. `rest` may be null. The next call takes the value
-// of `*rest` as `text`.
+// behind that in `*rest`, or null if the string has ended. Gives the token, or null if there is
+// none. A null `text` gives null and leaves `*rest` alone; `rest` may be null. The next call takes
+// the value of `*rest` as `text`.
 char* gen_strtok_r(char* text, const char* delimiters, char** rest);
 
 // The platform's strtoul.

@@ -92,6 +92,8 @@ TEST_F(FileChanges, ATreeIsRemovedWithoutFollowingItsLinks) {
   EXPECT_TRUE(exists("outside/kept"));
   EXPECT_EQ(gen_removedir_recursive(path("tree").c_str()), -1);
   EXPECT_EQ(gen_removestar_recursive(path("tree").c_str()), 0);
+  EXPECT_EQ(gen_removedir_recursive(nullptr), -1);
+  EXPECT_EQ(gen_removestar_recursive(nullptr), 0);
 
   fs::create_symlink("outside", path("link"));
   EXPECT_EQ(gen_removestar_recursive(path("link").c_str()), 0);

@@ -208,6 +208,8 @@ TEST_F(Paths, ComparesDirectoriesAsText) {
   EXPECT_TRUE(gen_isDirSubdirOfDir("a/./b", "a/b"));
   EXPECT_TRUE(gen_isDirSubdirOfDir("a\\b", "a"));
   EXPECT_TRUE(gen_isDirSubdirOfDir("/a", "/"));
+  EXPECT_TRUE(gen_isDirSubdirOfDir("ab", "a")) << "one character contains all behind it";
+  EXPECT_FALSE(gen_isDirSubdirOfDir("ab", "a/.")) << "given as more than one character";
   EXPECT_FALSE(gen_isDirSubdirOfDir("/abc", "/ab"));
   EXPECT_FALSE(gen_isDirSubdirOfDir("/a", "/a/b"));
 }

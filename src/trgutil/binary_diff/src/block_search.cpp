@@ -9,8 +9,13 @@ namespace kelvane {
 
 namespace {
 
-// A block may differ in one byte of ten, so never in the nine at its beginning.
+// A block may differ in one byte of ten of those seen so far. So its first nine bytes have to
+// agree, and of the ten behind them at most one may differ: five of them on one side or the other
+// agree.
 constexpr uint32_t kExactBytes = 9;
+constexpr uint32_t kHalfBytes = 5;
+constexpr uint32_t kNearBytes = kExactBytes + kHalfBytes;
+constexpr uint32_t kFarBytes = kNearBytes + kHalfBytes;
 // Up to this distance trying every pair is cheaper than keeping an index.
 constexpr uint32_t kPlainRings = 24;
 
@@ -34,13 +39,19 @@ size_t zero_bytes_at_end(uint64_t value) {
   return static_cast<size_t>(bits) / 8;
 }
 
-// The beginnings of the blocks at the offsets 0, 1, 2, ... of one side, by what they are. Offsets
-// with the same hash form a chain from the highest down, which is the order of a ring.
-class BeginningIndex {
+// Which bytes of a block are looked up: its first bytes, no more than the exact ones; or the exact
+// ones with the five behind them, or with the five behind those.
+enum class KeyShape : uint8_t { first, near, far };
+
+// The blocks at the offsets 0, 1, 2, ... of one side, by their key. Offsets with the same hash form
+// a chain from the highest down, which is the order of a ring.
+class BlockIndex {
  public:
   static constexpr uint32_t kNone = UINT32_MAX;
 
-  BeginningIndex(const uint8_t* bytes, uint32_t width) : bytes_(bytes), width_(width) {}
+  // `width` is the number of bytes of the shape `first`.
+  BlockIndex(const uint8_t* bytes, KeyShape shape, uint32_t width)
+      : bytes_(bytes), shape_(shape), width_(width) {}
 
   // Adds the next offset.
   void add() {
@@ -55,21 +66,29 @@ class BeginningIndex {
 
   uint32_t size() const { return static_cast<uint32_t>(previous_.size()); }
 
-  // Highest offset whose beginning may be the one at `key`, and the next lower one behind `offset`.
-  uint32_t first(const uint8_t* key) const { return heads_[slot(key)]; }
+  // Highest offset whose key may be that of `block`, and the next lower one behind `offset`.
+  uint32_t first(const uint8_t* block) const { return heads_[slot(block)]; }
   uint32_t next(uint32_t offset) const { return previous_[offset]; }
 
  private:
-  size_t slot(const uint8_t* key) const {
+  size_t slot(const uint8_t* block) const {
     constexpr uint64_t kMultiplier = 0x9E3779B97F4A7C15U;  // 2 to the 64th by the golden ratio
     uint64_t value = 0;
-    if (width_ >= sizeof value) {
-      value = load_eight(key) * kMultiplier;
-      value ^= width_ > sizeof value ? key[sizeof value] : 0U;
-    } else {
-      std::memcpy(&value, key, width_);
+    uint64_t more = 0;
+    std::memcpy(&value, block, std::min<size_t>(width_, sizeof value));
+    switch (shape_) {
+      case KeyShape::first:
+        more = width_ > sizeof value ? block[sizeof value] : 0U;
+        break;
+      case KeyShape::near:
+        more = load_eight(block + kNearBytes - sizeof more);
+        break;
+      case KeyShape::far:
+        std::memcpy(&more, block + kNearBytes, kHalfBytes);
+        value ^= uint64_t{block[sizeof value]} << 56U;
+        break;
     }
-    return static_cast<size_t>((value * kMultiplier) >> (64U - bits_));
+    return static_cast<size_t>((((value * kMultiplier) ^ more) * kMultiplier) >> (64U - bits_));
   }
 
   void grow() {
@@ -83,10 +102,54 @@ class BeginningIndex {
   }
 
   const uint8_t* bytes_;
+  KeyShape shape_;
   uint32_t width_;
   unsigned bits_ = 7;               // the first offset makes it 8
   std::vector<uint32_t> heads_;     // by slot: the highest offset
   std::vector<uint32_t> previous_;  // by offset: the next lower one of its slot
+};
+
+// The candidates of one side. Blocks that reach so far are looked up by both longer keys, since
+// what agrees has one of them in common; that tells records with runs of zeros apart.
+class Candidates {
+ public:
+  Candidates(const uint8_t* bytes, uint16_t blocksize)
+      : both_(blocksize >= kFarBytes),
+        near_(bytes, both_ ? KeyShape::near : KeyShape::first,
+              std::min<uint32_t>(blocksize, kExactBytes)),
+        far_(bytes, KeyShape::far, kExactBytes) {}
+
+  // Makes the offsets up to `last` known.
+  void fill(uint32_t last) {
+    while (near_.size() <= last) {
+      near_.add();
+      if (both_) {
+        far_.add();
+      }
+    }
+  }
+
+  // Hands the offsets that may agree with `block`, from the highest down, to `visit` until that
+  // gives true.
+  template <typename Visit>
+  void visit(const uint8_t* block, Visit visit) const {
+    uint32_t near = near_.first(block);
+    uint32_t far = both_ ? far_.first(block) : BlockIndex::kNone;
+    while (near != BlockIndex::kNone || far != BlockIndex::kNone) {
+      const bool take_near = far == BlockIndex::kNone || (near != BlockIndex::kNone && near >= far);
+      const uint32_t offset = take_near ? near : far;
+      if (visit(offset)) {
+        return;
+      }
+      near = near == offset ? near_.next(near) : near;
+      far = far == offset ? far_.next(far) : far;
+    }
+  }
+
+ private:
+  bool both_;
+  BlockIndex near_;
+  BlockIndex far_;
 };
 
 // The candidates of one half of a ring: `fixed` stands still, the other side's offset falls from
@@ -109,9 +172,8 @@ class RingSearch {
       : rest1_(rest1),
         rest2_(rest2),
         blocksize_(blocksize),
-        width_(std::min<uint32_t>(blocksize, kExactBytes)),
-        index1_(rest1.bytes, width_),
-        index2_(rest2.bytes, width_) {}
+        candidates1_(rest1.bytes, blocksize),
+        candidates2_(rest2.bytes, blocksize) {}
 
   Agreement find(int32_t max_scan) {
     const uint32_t last1 = rest1_.size - blocksize_;  // greatest offset with room for a block
@@ -124,12 +186,12 @@ class RingSearch {
         indexed_ = true;
       }
       if (indexed_) {
-        fill(index1_, std::min(d - 1, last1));
-        fill(index2_, std::min(d, last2));
+        candidates1_.fill(std::min(d - 1, last1));
+        candidates2_.fill(std::min(d, last2));
       }
       if (room1) {
         const HalfRing half = {rest1_.bytes + d, rest2_.bytes, room2 ? d : last2};
-        const Hit hit = try_half(half, index2_);
+        const Hit hit = try_half(half, candidates2_);
         if (hit.result >= 0) {
           return {d, hit.offset, hit.result};
         }
@@ -138,7 +200,7 @@ class RingSearch {
         // At the end of the first side the offsets start two below the last one that would fit.
         const int64_t start = room1 ? int64_t{d} - 1 : int64_t{last1} - 2;
         const HalfRing half = {rest2_.bytes + d, rest1_.bytes, start};
-        const Hit hit = try_half(half, index1_);
+        const Hit hit = try_half(half, candidates1_);
         if (hit.result >= 0) {
           return {hit.offset, d, hit.result};
         }
@@ -148,14 +210,8 @@ class RingSearch {
   }
 
  private:
-  static void fill(BeginningIndex& index, uint32_t last) {
-    while (index.size() <= last) {
-      index.add();
-    }
-  }
-
-  Hit try_half(const HalfRing& half, const BeginningIndex& index) const {
-    return indexed_ ? try_indexed(half, index) : try_all(half);
+  Hit try_half(const HalfRing& half, const Candidates& candidates) const {
+    return indexed_ ? try_indexed(half, candidates) : try_all(half);
   }
 
   Hit try_all(const HalfRing& half) const {
@@ -168,26 +224,24 @@ class RingSearch {
     return kNoHit;
   }
 
-  Hit try_indexed(const HalfRing& half, const BeginningIndex& index) const {
-    for (uint32_t offset = index.first(half.fixed); offset != BeginningIndex::kNone;
-         offset = index.next(offset)) {
-      if (int64_t{offset} <= half.start) {
-        const int32_t result = bstrncmp(half.fixed, half.other + offset, blocksize_);
-        if (result >= 0) {
-          return {offset, result};
-        }
+  Hit try_indexed(const HalfRing& half, const Candidates& candidates) const {
+    Hit hit = kNoHit;
+    candidates.visit(half.fixed, [&](uint32_t offset) {
+      if (int64_t{offset} > half.start) {
+        return false;
       }
-    }
-    return kNoHit;
+      hit = {offset, bstrncmp(half.fixed, half.other + offset, blocksize_)};
+      return hit.result >= 0;
+    });
+    return hit.result >= 0 ? hit : kNoHit;
   }
 
   Rest rest1_;
   Rest rest2_;
   uint16_t blocksize_;
-  uint32_t width_;
   bool indexed_ = false;
-  BeginningIndex index1_;
-  BeginningIndex index2_;
+  Candidates candidates1_;
+  Candidates candidates2_;
 };
 
 }  // namespace

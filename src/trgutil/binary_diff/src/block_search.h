@@ -36,9 +36,9 @@ struct Agreement {
 // (d, 0), (d - 1, d) ... (0, d); the first pair whose blocks bstrncmp accepts is the result. More
 // than `blocksize` bytes have to lie ahead on both sides.
 //
-// A pair whose first nine bytes (all bytes of a shorter block) differ is never accepted, so from a
-// certain distance on an index of those beginnings names the candidates of a ring, in the same
-// order, and a ring costs what its candidates cost.
+// A pair whose first nine bytes (all bytes of a shorter block) differ is never accepted, and of the
+// ten behind them at most one may differ. So from a certain distance on indexes of these bytes name
+// the candidates of a ring, in the same order, and a ring costs what its candidates cost.
 Agreement find_agreement(const Rest& rest1, const Rest& rest2, uint16_t blocksize,
                          int32_t max_scan);
 

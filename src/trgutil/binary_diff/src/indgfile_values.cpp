@@ -97,7 +97,7 @@ uint16_t seg(const gadr& address) {
 
 // What reading an offset, with its segment, leaves in an address.
 void assign_segmented(gadr* address, uint32_t segment, uint16_t offset) {
-  address->low = (segment << 16U) | offset;
+  address->low = (segment << 16U) + offset;
   if (offset == 0xFFFF) {
     gadr_assign_nil(address);
   }
@@ -257,7 +257,7 @@ void gf_put_str(GFile* handle, const char* string) {
 }
 
 char* gf_get_str(GFile* handle) {
-  const uint32_t size = gf_get_un(handle);
+  const uint32_t size = std::min(gf_get_un(handle), UINT32_MAX - 1);  // room for a terminator
   if (size == 0) {
     return nullptr;
   }

@@ -32,7 +32,7 @@ struct State {
   std::array<uint8_t, kWindow + kLongest - 1> text_buf{};
   // The two sons of each node, side by side: the left one at twice the node's index, the right one
   // behind it. A root has a right son only.
-  std::array<Node, 2 * (kRoots + 256)> sons{};
+  std::array<Node, size_t{2} * (kRoots + 256)> sons{};
   std::array<Node, kWindow + 1> dad{};  // kNil: not in a tree
   int32_t match_position = 0;
   int32_t match_length = 0;
@@ -108,7 +108,7 @@ void replace_child(int32_t child, Node replacement) {
 // Empties the trees. The first `touched` positions, and those that every call inserts, are all
 // that a call can have put into them.
 void InitTree() {
-  std::fill(state.sons.begin() + 2 * kRoots, state.sons.end(), Node{kNil});
+  std::fill(state.sons.begin() + std::ptrdiff_t{2} * kRoots, state.sons.end(), Node{kNil});
   std::fill_n(state.dad.begin(), state.touched, Node{kNil});
   std::fill(state.dad.begin() + kFirstInserted, state.dad.begin() + kWindow, Node{kNil});
 }
