@@ -36,8 +36,7 @@ void warn_of_repetition(const char* name, int32_t commands);
 // Writes the patch from `first` to `second` to the file `name`, from the lists that the comparison
 // left, and empties them, but for the regions under a checksum and the increments. Failures end the
 // run with status 1: "gfile: could not open file for writing"; "could not find __qvr_ind_crt1() in
-// '%s'" in memory mode; "error writing patch file
-// '%s'". A file left behind is not removed.
+// '%s'" in memory mode; "error writing patch file '%s'". A file left behind is not removed.
 void dump_to_file(const file_data* first, const file_data* second, const char* name);
 
 // Writes a whole patch, in the format that `version` selects, to the output buffer or file. Ends
