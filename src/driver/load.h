@@ -9,13 +9,14 @@
 namespace kelvane {
 
 // Fills the record from the file `name`, which is borrowed. Gives 1, or 0 if the file could not be
-// read into memory, which has been reported then.
+// read into memory, which has been reported then. The record owns its bytes. It has no sections.
 int32_t load_file(file_data* record, const char* name);
 
-// Reads the file whole into a fresh buffer, stores that through `out_bytes` and gives the number of
-// bytes read. A failure is reported and gives -1: "unable to open input file '%s'" with the reason;
-// "could not load '%s': %s" for a directory, a pipe, or more than 2147483647 bytes; "could not
-// allocate %i bytes for file '%s'" for an empty file.
+// Reads the file whole into a fresh buffer, stores that through `out_bytes`, for the caller to
+// release by gen_free, and gives the number of bytes read. Stores nothing on failure. A failure is
+// reported and gives -1: "unable to open input file '%s'" with the reason; "could not load '%s':
+// %s" for a directory, a pipe, or more than 2147483647 bytes; "could not allocate %i bytes for file
+// '%s'" for an empty file.
 int32_t read_file(uint8_t** out_bytes, const char* name);
 
 // Ends the run with "files have different endianness\n" and status 1 unless both files are of one

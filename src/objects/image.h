@@ -55,19 +55,20 @@ inline constexpr uint16_t SHN_UNDEF = 0;
 // The symbols of a file.
 struct symbol_table {
   int32_t count;           // number of symbol records
-  int32_t relevant;        // leading records that searches may use; set by main
+  int32_t relevant;        // leading records that searches may use; set by run_sequence
   elf32::symbol* records;  // owned, never freed
   char* strings;           // string table that st_name indexes; owned, never freed
 };
 
-// `table` describes the file that was loaded last; main copies it to `table1` for the first file
-// and to `table2` for the second.
+// `table` describes the file that was loaded last, and has no symbols as long as no reader of
+// images fills it. run_sequence copies it to `table1` for the first file and to `table2` for the
+// second.
 extern symbol_table table;
 extern symbol_table table1;
 extern symbol_table table2;
 
-// Byte order of the file that was read last: 0 not yet known, 1 big-endian, 2 little-endian.
-// Written by the reader of file headers; load_file looks at it after each load.
+// Byte order of the file that was read last: 0 not yet known, 1 big-endian, 2 little-endian. For a
+// reader of file headers to write; load_file looks at it after each load.
 extern int32_t endian;
 
 }  // namespace kelvane

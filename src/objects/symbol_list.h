@@ -18,7 +18,8 @@ int32_t symtab_cmp(const void* a, const void* b);
 void sort_symbols(int32_t (*compare)(const void*, const void*));
 
 // Of the records that share one address leaves one, the greatest, among equal sizes the earliest,
-// and makes the others ineligible. The records must be sorted by symtab_addr.
+// and makes the others ineligible, each with a line at debug level 5. The records must be those of
+// `table`, sorted by symtab_addr.
 void symtab_del_dup(elf32::symbol* records, int32_t count);
 
 // Number of leading records of `table` that are objects or functions, defined and of a size.

@@ -7,12 +7,14 @@
 //   2  every command when it is made and when it is written
 //   3  building of the command lists; symbol motion
 //   4  hexadecimal dump of written data
-//   5  symbols deleted as duplicates; population tables and the accepting of increment classes
+//   5  names of symbols, and those deleted as duplicates; population tables and the accepting of
+//      increment classes
 //   7  each jump of the increment stream
 //   8  each word difference and each put_bits
 namespace kelvane {
 
-// Threshold of dprintf. Written by the option -d, before anything prints; read by dprintf alone.
+// Threshold of dprintf. Written by the option -d, before anything prints. Others read it only to
+// skip the making of lines that would not be printed.
 extern int32_t debug_level;
 
 // Prints to standard error if `debug_level` is at least `level`, and adds a newline unless `format`

@@ -135,6 +135,44 @@ INSTANTIATE_TEST_SUITE_P(AllShapes, RingSearchShapes,
                                          SearchShape{"one_letter_alphabet", 1, 60, 20}),
                          [](const auto& tested) { return std::string(tested.param.name); });
 
+// Blocks that begin alike at many places, so that the search leaves its index for the diagonals.
+TEST(RingSearch, FindsTheFirstPairOfThePlainLoopInPaddedRecords) {
+  Random random(4);
+  const auto records = [&random](size_t size) {
+    Bytes bytes(size, 0);
+    const size_t record = 16 + random.below(50);
+    for (size_t at = random.below(20); at < size; at += record) {
+      const size_t filled = std::min<size_t>(1 + random.below(12), size - at);
+      const Bytes content = random.bytes(filled, 1 + random.below(255));
+      std::copy(content.begin(), content.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at));
+    }
+    return bytes;
+  };
+  int32_t agreements = 0;
+  for (int round = 0; round < 600; ++round) {
+    const auto blocksize = static_cast<uint16_t>(1 + random.below(round % 2 == 0 ? 120 : 40));
+    const Bytes a = records(blocksize + 1 + random.below(400));
+    Bytes b = records(blocksize + 1 + random.below(400));
+    if (round % 3 == 0) {  // a piece in common, far ahead
+      const size_t from = random.below(a.size());
+      const size_t to = random.below(b.size());
+      std::copy_n(a.begin() + static_cast<std::ptrdiff_t>(from),
+                  std::min(a.size() - from, b.size() - to),
+                  b.begin() + static_cast<std::ptrdiff_t>(to));
+    }
+    const Rest rest1 = {a.data(), static_cast<uint32_t>(a.size())};
+    const Rest rest2 = {b.data(), static_cast<uint32_t>(b.size())};
+    SCOPED_TRACE(testing::Message() << "round " << round << " blocksize " << blocksize);
+    expect_same_agreement(a, b, blocksize, 1000);
+    if (HasFatalFailure()) {
+      return;
+    }
+    const Agreement found = find_agreement(rest1, rest2, blocksize, 1000);
+    agreements += found.result >= 0 && std::max(found.offset1, found.offset2) > 64 ? 1 : 0;
+  }
+  EXPECT_GT(agreements, 20);  // of those that diagonals find
+}
+
 TEST(RingSearch, KeepsTheOrderOfARing) {
   // At distance 2 the pairs (2, 2), (2, 0) and (0, 2) would all do; replacing comes first, then
   // removal, then insertion.

@@ -110,12 +110,14 @@ TEST_F(Memory, RingKeepsABufferForAsManyRequestsAsItHasSlots) {
 }
 
 TEST_F(Memory, RingGrowsBehindTheBuffersInUse) {
-  EXPECT_STREQ(gen_temp_copy(1, "one"), "one");
-  char* const two = gen_temp_copy(2, "two");
-  char* const one = gen_temp_copy(2, "one");
-  EXPECT_NE(one, two);
+  char* const one = gen_temp_copy(1, "one");
+  char* const two = gen_temp_copy(3, "two");
+  char* const three = gen_temp_copy(3, "three");
+  EXPECT_STREQ(one, "one");
   EXPECT_STREQ(two, "two");
-  EXPECT_STREQ(gen_temp_copy(2, ""), "");
+  EXPECT_STREQ(three, "three");
+  EXPECT_STREQ(gen_temp_copy(3, ""), "");
+  EXPECT_STREQ(one, "");
 }
 
 TEST_F(Memory, RingKeepsContentsAndCapacityUnlessZeroesAreAskedFor) {

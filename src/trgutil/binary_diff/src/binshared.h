@@ -14,13 +14,14 @@ extern uint8_t* outbuf;
 extern uint32_t outbuf_alloc;  // bytes allocated; starts at 4096 and doubles
 extern uint32_t outbuf_size;   // the highest position that was written
 
-// Drops the buffer and takes the stream, which may be null. Returns it.
+// Drops the buffer and takes the stream, which may be null. Returns it. The stream before is
+// neither flushed nor closed.
 std::FILE* set_output_file(std::FILE* stream);
 
 // Tells the name of the output for the message about a failed write; borrowed, may be null.
 void set_output_name(const char* name);
 
-// Drops the stream and takes a fresh buffer.
+// Drops the stream, which is not closed, and takes a fresh buffer.
 void new_output_buf();
 
 // The buffer, lent until the next set_output_file or new_output_buf, and its size in bytes.

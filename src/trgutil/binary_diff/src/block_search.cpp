@@ -9,15 +9,12 @@ namespace kelvane {
 
 namespace {
 
-// A block may differ in one byte of ten of those seen so far. So its first nine bytes have to
-// agree, and of the ten behind them at most one may differ: five of them on one side or the other
-// agree.
+// A block may differ in one byte of ten, so never in the nine at its beginning.
 constexpr uint32_t kExactBytes = 9;
-constexpr uint32_t kHalfBytes = 5;
-constexpr uint32_t kNearBytes = kExactBytes + kHalfBytes;
-constexpr uint32_t kFarBytes = kNearBytes + kHalfBytes;
 // Up to this distance trying every pair is cheaper than keeping an index.
 constexpr uint32_t kPlainRings = 24;
+// From this distance on diagonals take the place of an index that names too many pairs.
+constexpr uint32_t kDiagonalRings = 64;
 
 uint64_t load_eight(const uint8_t* bytes) {
   uint64_t value = 0;
@@ -39,19 +36,13 @@ size_t zero_bytes_at_end(uint64_t value) {
   return static_cast<size_t>(bits) / 8;
 }
 
-// Which bytes of a block are looked up: its first bytes, no more than the exact ones; or the exact
-// ones with the five behind them, or with the five behind those.
-enum class KeyShape : uint8_t { first, near, far };
-
-// The blocks at the offsets 0, 1, 2, ... of one side, by their key. Offsets with the same hash form
-// a chain from the highest down, which is the order of a ring.
-class BlockIndex {
+// The beginnings of the blocks at the offsets 0, 1, 2, ... of one side, by what they are. Offsets
+// with the same hash form a chain from the highest down, which is the order of a ring.
+class BeginningIndex {
  public:
   static constexpr uint32_t kNone = UINT32_MAX;
 
-  // `width` is the number of bytes of the shape `first`.
-  BlockIndex(const uint8_t* bytes, KeyShape shape, uint32_t width)
-      : bytes_(bytes), shape_(shape), width_(width) {}
+  BeginningIndex(const uint8_t* bytes, uint32_t width) : bytes_(bytes), width_(width) {}
 
   // Adds the next offset.
   void add() {
@@ -66,29 +57,21 @@ class BlockIndex {
 
   uint32_t size() const { return static_cast<uint32_t>(previous_.size()); }
 
-  // Highest offset whose key may be that of `block`, and the next lower one behind `offset`.
-  uint32_t first(const uint8_t* block) const { return heads_[slot(block)]; }
+  // Highest offset whose beginning may be the one at `key`, and the next lower one behind `offset`.
+  uint32_t first(const uint8_t* key) const { return heads_[slot(key)]; }
   uint32_t next(uint32_t offset) const { return previous_[offset]; }
 
  private:
-  size_t slot(const uint8_t* block) const {
+  size_t slot(const uint8_t* key) const {
     constexpr uint64_t kMultiplier = 0x9E3779B97F4A7C15U;  // 2 to the 64th by the golden ratio
     uint64_t value = 0;
-    uint64_t more = 0;
-    std::memcpy(&value, block, std::min<size_t>(width_, sizeof value));
-    switch (shape_) {
-      case KeyShape::first:
-        more = width_ > sizeof value ? block[sizeof value] : 0U;
-        break;
-      case KeyShape::near:
-        more = load_eight(block + kNearBytes - sizeof more);
-        break;
-      case KeyShape::far:
-        std::memcpy(&more, block + kNearBytes, kHalfBytes);
-        value ^= uint64_t{block[sizeof value]} << 56U;
-        break;
+    if (width_ >= sizeof value) {
+      value = load_eight(key) * kMultiplier;
+      value ^= width_ > sizeof value ? key[sizeof value] : 0U;
+    } else {
+      std::memcpy(&value, key, width_);
     }
-    return static_cast<size_t>((((value * kMultiplier) ^ more) * kMultiplier) >> (64U - bits_));
+    return static_cast<size_t>((value * kMultiplier) >> (64U - bits_));
   }
 
   void grow() {
@@ -102,54 +85,10 @@ class BlockIndex {
   }
 
   const uint8_t* bytes_;
-  KeyShape shape_;
   uint32_t width_;
   unsigned bits_ = 7;               // the first offset makes it 8
   std::vector<uint32_t> heads_;     // by slot: the highest offset
   std::vector<uint32_t> previous_;  // by offset: the next lower one of its slot
-};
-
-// The candidates of one side. Blocks that reach so far are looked up by both longer keys, since
-// what agrees has one of them in common; that tells records with runs of zeros apart.
-class Candidates {
- public:
-  Candidates(const uint8_t* bytes, uint16_t blocksize)
-      : both_(blocksize >= kFarBytes),
-        near_(bytes, both_ ? KeyShape::near : KeyShape::first,
-              std::min<uint32_t>(blocksize, kExactBytes)),
-        far_(bytes, KeyShape::far, kExactBytes) {}
-
-  // Makes the offsets up to `last` known.
-  void fill(uint32_t last) {
-    while (near_.size() <= last) {
-      near_.add();
-      if (both_) {
-        far_.add();
-      }
-    }
-  }
-
-  // Hands the offsets that may agree with `block`, from the highest down, to `visit` until that
-  // gives true.
-  template <typename Visit>
-  void visit(const uint8_t* block, Visit visit) const {
-    uint32_t near = near_.first(block);
-    uint32_t far = both_ ? far_.first(block) : BlockIndex::kNone;
-    while (near != BlockIndex::kNone || far != BlockIndex::kNone) {
-      const bool take_near = far == BlockIndex::kNone || (near != BlockIndex::kNone && near >= far);
-      const uint32_t offset = take_near ? near : far;
-      if (visit(offset)) {
-        return;
-      }
-      near = near == offset ? near_.next(near) : near;
-      far = far == offset ? far_.next(far) : far;
-    }
-  }
-
- private:
-  bool both_;
-  BlockIndex near_;
-  BlockIndex far_;
 };
 
 // The candidates of one half of a ring: `fixed` stands still, the other side's offset falls from
@@ -166,32 +105,130 @@ struct Hit {
 };
 constexpr Hit kNoHit = {0, -1};
 
+// The pairs of many rings, taken along the diagonals on which both offsets grow together: that
+// costs the same whatever the bytes are, and less than an index where many beginnings are equal. A
+// block that fails at one start fails at every later start up to its first difference too, since
+// the same differences stand nearer to its beginning there.
+class DiagonalSearch {
+ public:
+  DiagonalSearch(const Rest& rest1, const Rest& rest2, uint16_t blocksize)
+      : bytes1_(rest1.bytes),
+        bytes2_(rest2.bytes),
+        last1_(rest1.size - blocksize),
+        last2_(rest2.size - blocksize),
+        blocksize_(blocksize) {}
+
+  // The agreement that the order of the rings from `low` to `high` - 1 puts first. Within a ring
+  // the pairs (d, d - delta) come first and then (d - delta, d), each by rising delta, so a later
+  // diagonal only counts with a smaller ring.
+  Agreement find(uint64_t low, uint64_t high) const {
+    Agreement best = {0, 0, -1};
+    for (uint64_t delta = 0; delta < high && delta <= last1_; ++delta) {
+      const uint64_t end = std::min({high, last1_ + 1, delta + last2_ + 1});
+      const Hit hit = search(bytes1_ + delta, bytes2_, delta, {std::max(low, delta), end});
+      if (hit.result >= 0) {
+        high = hit.offset + delta;
+        best = {static_cast<uint32_t>(high), hit.offset, hit.result};
+      }
+    }
+    for (uint64_t delta = 1; delta < high && delta <= last2_; ++delta) {
+      const Hit hit = search_second(delta, low, high);
+      if (hit.result >= 0) {
+        high = hit.offset + delta;
+        best = {hit.offset, static_cast<uint32_t>(high), hit.result};
+      }
+    }
+    return best;
+  }
+
+ private:
+  struct Rings {
+    uint64_t begin;
+    uint64_t end;
+  };
+
+  // The pairs (d - delta, d). Behind the last ring that fits the first side its offsets end two
+  // below the last one that would fit.
+  Hit search_second(uint64_t delta, uint64_t low, uint64_t high) const {
+    const uint64_t begin = std::max(low, delta);
+    const uint64_t end = std::min(high, last2_ + 1);
+    const Hit hit = search(bytes1_, bytes2_ + delta, delta, {begin, std::min(end, last1_ + 1)});
+    if (hit.result >= 0) {
+      return hit;
+    }
+    return search(bytes1_, bytes2_ + delta, delta,
+                  {std::max(begin, last1_ + 1), std::min(end, delta + last1_ - 1)});
+  }
+
+  // The first pair of the rings whose blocks agree; `a` and `b` stand where the smaller offset is
+  // 0, in ring `delta`. The hit's offset is the smaller one.
+  Hit search(const uint8_t* a, const uint8_t* b, uint64_t delta, Rings rings) const {
+    uint64_t start = rings.begin - delta;
+    while (start + delta < rings.end) {
+      size_t skipped = skip_unlike(a + start, b + start);
+      if (skipped == 0) {
+        const size_t equal = first_difference(a + start, b + start, blocksize_);
+        if (equal >= std::min<size_t>(blocksize_, kExactBytes)) {
+          const int32_t result = bstrncmp(a + start, b + start, blocksize_);
+          if (result >= 0) {
+            return {static_cast<uint32_t>(start), result};
+          }
+        }
+        skipped = equal + 1;
+      }
+      start += skipped;
+    }
+    return kNoHit;
+  }
+
+  // Number of starts that the first eight bytes of a block rule out; 0 where they are equal.
+  size_t skip_unlike(const uint8_t* a, const uint8_t* b) const {
+    if (blocksize_ < sizeof(uint64_t)) {
+      return 0;
+    }
+    const uint64_t difference = load_eight(a) ^ load_eight(b);
+    return difference == 0 ? 0 : sizeof difference - zero_bytes_at_end(difference);
+  }
+
+  const uint8_t* bytes1_;
+  const uint8_t* bytes2_;
+  uint64_t last1_;  // greatest offset with room for a block
+  uint64_t last2_;
+  uint16_t blocksize_;
+};
+
 class RingSearch {
  public:
   RingSearch(const Rest& rest1, const Rest& rest2, uint16_t blocksize)
       : rest1_(rest1),
         rest2_(rest2),
         blocksize_(blocksize),
-        candidates1_(rest1.bytes, blocksize),
-        candidates2_(rest2.bytes, blocksize) {}
+        width_(std::min<uint32_t>(blocksize, kExactBytes)),
+        index1_(rest1.bytes, width_),
+        index2_(rest2.bytes, width_) {}
 
   Agreement find(int32_t max_scan) {
     const uint32_t last1 = rest1_.size - blocksize_;  // greatest offset with room for a block
     const uint32_t last2 = rest2_.size - blocksize_;
-    const uint32_t last = std::max(last1, last2);
-    for (uint32_t d = 1; d <= last && d < INT32_MAX && static_cast<int32_t>(d) < max_scan; ++d) {
+    // The ring behind the last one.
+    const auto stop = static_cast<uint32_t>(
+        std::min<int64_t>(int64_t{std::max(last1, last2)} + 1, std::max(max_scan, 0)));
+    for (uint32_t d = 1; d < stop; ++d) {
       const bool room1 = d <= last1;
       const bool room2 = d <= last2;
       if (d == kPlainRings && blocksize_ > 0) {
         indexed_ = true;
       }
+      if (d >= kDiagonalRings && tried_ > uint64_t{d} * d / 64) {
+        return find_on_diagonals(d, stop);
+      }
       if (indexed_) {
-        candidates1_.fill(std::min(d - 1, last1));
-        candidates2_.fill(std::min(d, last2));
+        fill(index1_, std::min(d - 1, last1));
+        fill(index2_, std::min(d, last2));
       }
       if (room1) {
         const HalfRing half = {rest1_.bytes + d, rest2_.bytes, room2 ? d : last2};
-        const Hit hit = try_half(half, candidates2_);
+        const Hit hit = try_half(half, index2_);
         if (hit.result >= 0) {
           return {d, hit.offset, hit.result};
         }
@@ -200,7 +237,7 @@ class RingSearch {
         // At the end of the first side the offsets start two below the last one that would fit.
         const int64_t start = room1 ? int64_t{d} - 1 : int64_t{last1} - 2;
         const HalfRing half = {rest2_.bytes + d, rest1_.bytes, start};
-        const Hit hit = try_half(half, candidates1_);
+        const Hit hit = try_half(half, index1_);
         if (hit.result >= 0) {
           return {hit.offset, d, hit.result};
         }
@@ -210,8 +247,28 @@ class RingSearch {
   }
 
  private:
-  Hit try_half(const HalfRing& half, const Candidates& candidates) const {
-    return indexed_ ? try_indexed(half, candidates) : try_all(half);
+  static void fill(BeginningIndex& index, uint32_t last) {
+    while (index.size() <= last) {
+      index.add();
+    }
+  }
+
+  // Goes on from ring `low`, some rings at a time, so that little is done behind a hit.
+  Agreement find_on_diagonals(uint64_t low, uint64_t stop) const {
+    const DiagonalSearch diagonals(rest1_, rest2_, blocksize_);
+    while (low < stop) {
+      const uint64_t high = std::min(stop, low + low / 2);
+      const Agreement agreement = diagonals.find(low, high);
+      if (agreement.result >= 0) {
+        return agreement;
+      }
+      low = high;
+    }
+    return {0, 0, -1};
+  }
+
+  Hit try_half(const HalfRing& half, const BeginningIndex& index) {
+    return indexed_ ? try_indexed(half, index) : try_all(half);
   }
 
   Hit try_all(const HalfRing& half) const {
@@ -224,24 +281,28 @@ class RingSearch {
     return kNoHit;
   }
 
-  Hit try_indexed(const HalfRing& half, const Candidates& candidates) const {
-    Hit hit = kNoHit;
-    candidates.visit(half.fixed, [&](uint32_t offset) {
-      if (int64_t{offset} > half.start) {
-        return false;
+  Hit try_indexed(const HalfRing& half, const BeginningIndex& index) {
+    for (uint32_t offset = index.first(half.fixed); offset != BeginningIndex::kNone;
+         offset = index.next(offset)) {
+      ++tried_;
+      if (int64_t{offset} <= half.start) {
+        const int32_t result = bstrncmp(half.fixed, half.other + offset, blocksize_);
+        if (result >= 0) {
+          return {offset, result};
+        }
       }
-      hit = {offset, bstrncmp(half.fixed, half.other + offset, blocksize_)};
-      return hit.result >= 0;
-    });
-    return hit.result >= 0 ? hit : kNoHit;
+    }
+    return kNoHit;
   }
 
   Rest rest1_;
   Rest rest2_;
   uint16_t blocksize_;
+  uint32_t width_;
   bool indexed_ = false;
-  Candidates candidates1_;
-  Candidates candidates2_;
+  uint64_t tried_ = 0;  // candidates that the indexes named
+  BeginningIndex index1_;
+  BeginningIndex index2_;
 };
 
 }  // namespace

@@ -36,9 +36,11 @@ struct Agreement {
 // (d, 0), (d - 1, d) ... (0, d); the first pair whose blocks bstrncmp accepts is the result. More
 // than `blocksize` bytes have to lie ahead on both sides.
 //
-// A pair whose first nine bytes (all bytes of a shorter block) differ is never accepted, and of the
-// ten behind them at most one may differ. So from a certain distance on indexes of these bytes name
-// the candidates of a ring, in the same order, and a ring costs what its candidates cost.
+// A pair whose first nine bytes (all bytes of a shorter block) differ is never accepted, so from a
+// certain distance on an index of those beginnings names the candidates of a ring, in the same
+// order, and a ring costs what its candidates cost. Where many beginnings are equal, as in records
+// padded with zeros, the pairs are taken along diagonals instead, so that a search up to distance d
+// never costs more than some d * d / 4 steps of eight bytes.
 Agreement find_agreement(const Rest& rest1, const Rest& rest2, uint16_t blocksize,
                          int32_t max_scan);
 

@@ -34,16 +34,18 @@ int32_t commands_for(int32_t count);
 void warn_of_repetition(const char* name, int32_t commands);
 
 // Writes the patch from `first` to `second` to the file `name`, from the lists that the comparison
-// left, and empties them. Failures end the run with status 1: "gfile: could not open file for
-// writing"; "could not find __qvr_ind_crt1() in '%s'" in memory mode; "error writing patch file
-// '%s'". A file left behind is not removed.
+// left, and empties them, but for the regions under a checksum and the increments. Failures end the
+// run with status 1: "gfile: could not open file for writing"; "could not find __qvr_ind_crt1() in
+// '%s'" in memory mode; "error writing patch file '%s'". A file left behind is not removed.
 void dump_to_file(const file_data* first, const file_data* second, const char* name);
 
-// Writes a whole patch, in the format that `version` selects, to the output buffer or file.
+// Writes a whole patch, in the format that `version` selects, to the output buffer or file. Ends
+// the run as dump_to_file does.
 void dump_commands(const file_data* first, const file_data* second);
 void dump_commands_v0(const file_data* first, const file_data* second);
 
-// Writes the command set and empties the lists. `x` is not used and is returned.
+// Writes the command set and empties the lists. `x` is not used and is returned. A second call
+// writes what was added since, and all increments again.
 int32_t dump_command_set(int32_t x);
 
 // Writes one CM_SUBSTITUTE, CM_SUB_COMP or CM_SUB_ONE, told by `code` (8 bits), and releases the

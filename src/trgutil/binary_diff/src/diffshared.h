@@ -71,7 +71,8 @@ extern command_record* first_checksum2;
 extern command_record* last_checksum2;
 extern uint32_t checksum2;
 
-// Hangs `record` behind the list that the two variables keep, and returns it.
+// Hang `record`, which comes from gen_alloc, behind the list that the two variables keep, and
+// return it. From here on it belongs to the list.
 command_record* append_command(command_record* record, command_record** first,
                                command_record** last);
 command_list* append_list(command_list* list, command_list** first, command_list** last);
@@ -96,9 +97,9 @@ void diff(const file_data* first, const file_data* second, uint16_t blocksize, i
 
 // Compares two blocks, `size1` bytes at `buffer1` that stand at old address `address1` and `size2`
 // bytes at `buffer2` that stand at new address `address2`, and adds the commands that turn the
-// first into the second, among them exactly one end mark. `blocksize` and `max_scan` steer the
-// search for the place where the blocks agree again. If it fails: with `fatal` set the process ends
-// with status 1, past gen_exit; with it clear all that is left becomes one change.
+// first into the second, among them exactly one end mark. `blocksize` and `max_scan`, in bytes,
+// steer the search for the place where the blocks agree again. If it fails: with `fatal` set the
+// process ends with status 1, past gen_exit; with it clear all that is left becomes one change.
 void do_diff(const uint8_t* buffer1, uint32_t address1, uint32_t size1, const uint8_t* buffer2,
              uint32_t address2, uint32_t size2, uint16_t blocksize, int32_t max_scan,
              int32_t fatal);

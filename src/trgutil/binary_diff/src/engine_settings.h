@@ -34,9 +34,11 @@ extern int32_t swap_maxtrees;
 
 // --- Settings that a run computes. ---
 
-// Byte order of the target. Written by main once both inputs are loaded, and by start_buf.
+// Byte order of the target: 1 big-endian, 0 little-endian. Written by run_sequence once both inputs
+// are loaded, and by start_buf.
 extern int32_t TargetIsBigEndian;
-// Trees of moves that the run carried out; reported with the patch size.
+// Trees of moves that the run carried out, reported with the patch size. Stays 0 as long as there
+// is no motion of symbols.
 extern int32_t swap_trees;
 
 }  // namespace kelvane

@@ -9,7 +9,8 @@ namespace kelvane {
 
 // Writes the patch into a fresh output buffer and lends it, with its size in bytes, until the next
 // patch or output file. It holds what a file holds from the `version` word on, so no structured
-// file header. The byte order of the target is as the caller left it.
+// file header. The byte order of the target is as the caller left it. Ends the run as dump_commands
+// does.
 void dump_to_buf(const file_data* first, const file_data* second, uint8_t** buffer, uint32_t* size);
 
 // Begins a patch in a fresh output buffer for a target of the byte order given.

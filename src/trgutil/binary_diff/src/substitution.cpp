@@ -1,7 +1,6 @@
 #include "substitution.h"
 
 #include <cstring>
-#include <vector>
 
 #include "block_search.h"
 #include "debug_print.h"
@@ -24,10 +23,16 @@ constexpr uint32_t kLeastFill = 3;
 constexpr uint32_t kFillLimit = 65535;  // CM_FILL carries its size in 16 bits
 constexpr int32_t kBufferStep = 10000;
 
+// In front of the bytes of a compressed piece, which a command keeps by reference. No command owns
+// them; they stay to the end of the run. Not in a container: a signal may end the process while it
+// grows, and its destructor would run then.
+struct CompressedPiece {
+  CompressedPiece* next;
+};
+
 struct State {
-  int32_t compressed_buffer_size = 0;  // bytes allocated
-  // What the records of CM_SUB_COMP point to; stays when the records go.
-  std::vector<gen_ptr<uint8_t>> compressed_pieces;
+  int32_t compressed_buffer_size = 0;            // bytes allocated
+  CompressedPiece* compressed_pieces = nullptr;  // all of the run
 };
 State state;
 
@@ -53,11 +58,14 @@ bool compress(command_record* record) {
   if (saving <= min_compression_percent) {
     return false;
   }
-  gen_ptr<uint8_t>& piece =
-      state.compressed_pieces.emplace_back(gen_alloc_array<uint8_t>(compressed_size));
-  std::memcpy(piece.get(), compressed_buffer_start, compressed_size);
+  auto* const piece =
+      static_cast<CompressedPiece*>(gen_alloc(1, sizeof(CompressedPiece) + compressed_size));
+  piece->next = state.compressed_pieces;
+  state.compressed_pieces = piece;
+  auto* const bytes = reinterpret_cast<uint8_t*>(piece + 1);
+  std::memcpy(bytes, compressed_buffer_start, compressed_size);
   record->size = static_cast<int32_t>(compressed_size);
-  record->data.bytes = piece.get();
+  record->data.bytes = bytes;
   return true;
 }
 
@@ -145,6 +153,11 @@ void reset_substitution() {
   gen_free(compressed_buffer_start);
   compressed_buffer_start = nullptr;
   compressed_buffer_end = nullptr;
+  while (state.compressed_pieces != nullptr) {
+    CompressedPiece* const next = state.compressed_pieces->next;
+    gen_free(state.compressed_pieces);
+    state.compressed_pieces = next;
+  }
   state = State{};
 }
 

@@ -20,7 +20,8 @@ void process_substitution(const uint8_t* old_bytes, const uint8_t* new_bytes,
 
 // Files one piece of `size` (at least 1) bytes that is to be written at new address `address`: one
 // byte as CM_SUB_ONE, 3 to 65534 equal bytes as CM_FILL, a piece that compresses well as
-// CM_SUB_COMP, all others as CM_SUBSTITUTE. `bytes` is kept by reference unless it is compressed.
+// CM_SUB_COMP, all others as CM_SUBSTITUTE. `bytes` is kept by reference unless it is compressed;
+// the compressed copy belongs to this unit and stays to the end of the process.
 void add_substitution(uint32_t address, uint32_t size, const uint8_t* bytes);
 
 // The callback of Encode: appends the low 8 bits of `c` to the compressed buffer.
