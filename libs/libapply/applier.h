@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // Carries out a patch on a target: turns the old contents of a memory into the new ones, in place.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a target calls the applier, as a program for a workstation: an array stands for the target's
 // memory, and three files for what it holds, for the patch that arrives and for the outcome.
 //   apply_example OLD PATCH NEW
