@@ -1,3 +1,12 @@
+// From points of change to blocks.
+//
+// The comparison notes where bytes came in or went away. What an applier needs is the opposite: the
+// stretches between those points, each with its shift, in an order in which none overwrites what a
+// later one has still to read. Stretches that move down are safe from the lowest up, those that
+// move up from the highest down. So upward blocks wait in a list of their own, each in front of the
+// one before, until a downward block or the end comes. The two kinds don't meet: blocks keep their
+// order where they go, so an upward block ends in front of the place to which the downward block
+// behind it goes, and that place lies in front of where that block stands.
 #include "block_moves.h"
 
 #include <utility>
