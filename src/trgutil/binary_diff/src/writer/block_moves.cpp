@@ -57,6 +57,11 @@ bool overwrites(const move_block& a, const move_block& b) {
   return overlap(a.source + static_cast<uint32_t>(a.shift), a.size, b.source, b.size);
 }
 
+// Whether two blocks of one shift lie side by side.
+bool touch(const move_block& a, const move_block& b) {
+  return a.shift == b.shift && (a.source + a.size == b.source || b.source + b.size == a.source);
+}
+
 // The blocks with neighbours joined that have one shift and touch. The first `absolute` of them
 // were told outright: whoever tells two that touch means one, and so they are joined always, as
 // those are that the running shift gave. But a block told outright and one of the others were found
@@ -68,16 +73,14 @@ std::vector<move_block> joined(const command_record* blocks, int32_t absolute) {
     const move_block b = {blocks->address, static_cast<uint32_t>(blocks->size), shift_of(blocks)};
     move_block* const a = result.empty() ? nullptr : &result.back();
     const bool guarded = index == absolute;
-    if (a == nullptr || a->shift != b.shift || (guarded && overwrites(*a, b))) {
+    if (a == nullptr || !touch(*a, b) || (guarded && overwrites(*a, b))) {
       result.push_back(b);
-    } else if (a->source + a->size == b.source) {
-      a->size += b.size;
-    } else if (b.source + b.size == a->source) {
-      a->source = b.source;
-      a->size += b.size;
-    } else {
-      result.push_back(b);
+      continue;
     }
+    if (a->source + a->size != b.source) {
+      a->source = b.source;  // in front, as in a run of upward blocks
+    }
+    a->size += b.size;
   }
   return result;
 }
