@@ -295,6 +295,8 @@ TEST_F(Paths, ShortensNamesInAListing) {
   EXPECT_STREQ(current, "d/x");
   EXPECT_STREQ(gen_addpath("z", &current), "./z");
   EXPECT_STREQ(current, "./z");
+  EXPECT_STREQ(gen_addpath("y", &current), "y");
+  EXPECT_STREQ(current, "./z");
   EXPECT_STREQ(gen_addpath("./w", &current), "w");
   EXPECT_STREQ(gen_addpath("e/f/x", &current), "e/f/x");
   EXPECT_EQ(gen_addpath(nullptr, &current), nullptr);

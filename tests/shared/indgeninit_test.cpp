@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
 
 #include "captured_run.h"
 #include "changed_surroundings.h"
@@ -54,6 +55,15 @@ TEST_F(StartUp, KnowsTheProgramByItsStartName) {
   gen_changeprogname(gen_getprogname());
   EXPECT_STREQ(gen_progname, "third");
   EXPECT_STREQ(gen_execname, "other");
+}
+
+TEST_F(StartUp, LetsContainersThatFindNoMemoryEndTheRun) {
+  gen_init("kelvane", 0, 1);
+  const std::new_handler handler = std::get_new_handler();
+  ASSERT_NE(handler, nullptr);
+  const CapturedRun run = capture([handler] { handler(); });
+  EXPECT_EQ(run.errors, "kelvane: fatal: Out of memory\n");
+  EXPECT_EQ(run.status, 3);
 }
 
 TEST_F(StartUp, WithoutANameLeavesBothNamesNull) {

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "indview_internal.h"
+#include "shared_reset.h"
 #include "viewpath_fixture.h"
 
 namespace kelvane {
