@@ -1,13 +1,8 @@
 #include "color_format.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <termios.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -38,7 +33,6 @@ void PrintTo(const color_configuration& configuration, std::ostream* stream) {
 namespace {
 
 using testing::ElementsAre;
-using testing::StrEq;
 
 std::vector<color_configuration> all_configurations() {
   return {color_info_conf, color_warning_conf, color_error_conf, color_before_conf,
@@ -55,40 +49,6 @@ std::string printed(const std::function<void(std::FILE*)>& print) {
   print(stream.get());
   std::fflush(stream.get());
   return directory.read("text");
-}
-
-// Runs a call in a process whose standard output and standard error are one pseudo terminal, and
-// gives the bytes that arrive at its other end.
-std::string on_terminal(const std::function<void()>& action) {
-  const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY);
-  if (terminal < 0 || ::grantpt(terminal) != 0 || ::unlockpt(terminal) != 0) {
-    ADD_FAILURE() << "can't make a pseudo terminal";
-    return "";
-  }
-  const int line = ::open(::ptsname(terminal), O_RDWR | O_NOCTTY);
-  termios mode{};
-  EXPECT_EQ(::tcgetattr(line, &mode), 0);
-  ::cfmakeraw(&mode);
-  EXPECT_EQ(::tcsetattr(line, TCSANOW, &mode), 0);
-  std::fflush(stdout);
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::dup2(line, STDOUT_FILENO);
-    ::dup2(line, STDERR_FILENO);
-    action();
-    std::fflush(stdout);
-    ::_exit(0);
-  }
-  ::close(line);
-  std::string received;
-  std::array<char, 256> block;
-  ssize_t count = 0;
-  while ((count = ::read(terminal, block.data(), block.size())) > 0) {  // fails when all is closed
-    received.append(block.data(), static_cast<size_t>(count));
-  }
-  EXPECT_EQ(::waitpid(child, nullptr, 0), child);
-  ::close(terminal);
-  return received;
 }
 
 // A tree with a home, and a program with its two directories beside it; empty of configuration
@@ -118,23 +78,13 @@ class Color : public testing::Test {
 
 TEST_F(Color, MakesThePrefixOfAttributeForegroundAndBackground) {
   const std::vector<std::pair<color_configuration, std::string>> cases = {
-      {{1, -1, -1}, "\x1b[1m"},
-      {{1, -1, 5}, "\x1b[1;35m"},
-      {{0, -1, -1}, "\x1b[0m"},
-      {{4, 2, -1}, "\x1b[4;42m"},
-      {{-1, -1, 2}, "\x1b[32m"},
-      {{-1, 3, -1}, "\x1b[43m"},
-      {{-1, 0, 0}, "\x1b[30;40m"},
-      {{8, 7, 6}, "\x1b[8;36;47m"},
-      {{-1, -1, -1}, "\x1b[00m"},
-      {{9, 1, 1}, ""},
-      {{1, 8, 1}, ""},
-      {{1, 1, 8}, ""},
-      {{-2, 1, 1}, ""},
-      {{1, -2, 1}, ""},
-      {{1, 1, -2}, ""},
-      {{-1, 0x7fffffff, -1}, ""},
-      {{8, -1, 7}, "\x1b[8;37m"}};
+      // clang-format off
+      {{1, -1, -1}, "\x1b[1m"}, {{1, -1, 5}, "\x1b[1;35m"}, {{0, -1, -1}, "\x1b[0m"},
+      {{4, 2, -1}, "\x1b[4;42m"}, {{-1, -1, 2}, "\x1b[32m"}, {{-1, 3, -1}, "\x1b[43m"},
+      {{-1, 0, 0}, "\x1b[30;40m"}, {{8, 7, 6}, "\x1b[8;36;47m"}, {{-1, -1, -1}, "\x1b[00m"},
+      {{9, 1, 1}, ""}, {{1, 8, 1}, ""}, {{1, 1, 8}, ""}, {{-2, 1, 1}, ""}, {{1, -2, 1}, ""},
+      {{1, 1, -2}, ""}, {{-1, 0x7fffffff, -1}, ""}, {{8, -1, 7}, "\x1b[8;37m"}};
+  // clang-format on
   for (const auto& [configuration, prefix] : cases) {
     EXPECT_EQ(get_ansi_prefix(&configuration), prefix) << testing::PrintToString(configuration);
   }
@@ -148,30 +98,16 @@ TEST_F(Color, ParsesASequenceOfUpToThreeNumbers) {
     color_configuration fields;
   };
   const color_configuration before = {-1, -1, -1};
-  const std::vector<Parsed> cases = {{"\x1b[1;35mtext", 7, {1, -1, 5}},
-                                     {"\x1b[00m", 5, {0, -1, -1}},
-                                     {"\x1b[49;9;39m", 10, {9, 9, 9}},
-                                     {"\x1b[1;2;3m", 8, {3, -1, -1}},
-                                     {"\x1b[40m", 5, {-1, 0, -1}},
-                                     {"\x1b[030m", 6, {-1, -1, 0}},
-                                     {"\x1b[m", 3, before},
-                                     {"\x1b[1;2;3;4m", -1, before},
-                                     {"\x1b[1;2;3;m", -1, before},
-                                     {"\x1b[1;", -1, before},
-                                     {"\x1b[1", -1, before},
-                                     {"\x1b[1;m", -1, before},
-                                     {"\x1b[;1m", -1, before},
-                                     {"\x1b[1;;2m", -1, before},
-                                     {"\x1b[1 m", -1, before},
-                                     {"\x1b[-1m", -1, before},
-                                     {"\x1b[10m", -1, before},
-                                     {"\x1b[29m", -1, before},
-                                     {"\x1b[50m", -1, before},
-                                     {"\x1b[4294967297m", -1, before},
-                                     {"\x1b(1m", -1, before},
-                                     {"\x1b", -1, before},
-                                     {"[1m", -1, before},
-                                     {"", -1, before}};
+  const std::vector<Parsed> cases = {// clang-format off
+      {"\x1b[1;35mtext", 7, {1, -1, 5}}, {"\x1b[00m", 5, {0, -1, -1}}, {"\x1b[49;9;39m", 10, {9, 9, 9}},
+      {"\x1b[1;2;3m", 8, {3, -1, -1}}, {"\x1b[40m", 5, {-1, 0, -1}}, {"\x1b[030m", 6, {-1, -1, 0}},
+      {"\x1b[m", 3, before}, {"\x1b[1;2;3;4m", -1, before}, {"\x1b[1;2;3;m", -1, before},
+      {"\x1b[1;", -1, before}, {"\x1b[1", -1, before}, {"\x1b[1;m", -1, before},
+      {"\x1b[;1m", -1, before}, {"\x1b[1;;2m", -1, before}, {"\x1b[1 m", -1, before},
+      {"\x1b[-1m", -1, before}, {"\x1b[10m", -1, before}, {"\x1b[29m", -1, before},
+      {"\x1b[50m", -1, before}, {"\x1b[4294967297m", -1, before}, {"\x1b(1m", -1, before},
+      {"\x1b", -1, before}, {"[1m", -1, before}, {"", -1, before}};
+  // clang-format on
   for (const Parsed& expected : cases) {
     color_configuration fields = before;
     const char* const behind = color_parse_ansi(expected.text, &fields);
@@ -290,16 +226,6 @@ constexpr const char* kColoredMessages =
     "\x1b[1;35mkelvane: warning: warning 4\n\x1b[00m"
     "\x1b[1;31mkelvane: error: error\n\x1b[00m"
     "\x1b[1;31mkelvane: fatal: file: No such file or directory\n\x1b[00m";
-
-TEST_F(Color, ColoursMessagesOnATerminal) {
-  EXPECT_EQ(on_terminal([] {
-              color_init(nullptr, 0);
-              std::printf("%d%d ", is_tty_stdout, is_tty_stderr);
-              std::fflush(stdout);
-              print_a_message_of_each_class();
-            }),
-            std::string("11 ") + kColoredMessages);
-}
 
 TEST_F(Color, LeavesMessagesInAFilePlainUnlessForced) {
   EXPECT_EQ(capture([] {
