@@ -60,6 +60,8 @@ Argument argument_from(const std::string& text) {
     return text == kNullText ? nullptr : text.c_str();
   } else if constexpr (std::is_same_v<Argument, char*>) {
     return text == kNullText ? nullptr : ::strdup(text.c_str());
+  } else if constexpr (std::is_same_v<Argument, const std::string&>) {
+    return text;
   } else if constexpr (std::is_same_v<Argument, char>) {
     return text.empty() ? '\0' : text[0];
   } else if constexpr (std::is_integral_v<Argument>) {
