@@ -9,11 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <memory>
 #include <string>
 #include <string_view>
 
-#include "color_format_internal.h"
+#include "color_reset.h"
 #include "indconfig.h"
 #include "indgen_file.h"
 #include "indgen_memory.h"
@@ -21,6 +20,7 @@
 #include "indgen_path.h"
 #include "indgen_quote.h"
 #include "indgen_string.h"
+#include "owners.h"
 
 namespace kelvane {
 
@@ -94,8 +94,7 @@ color_configuration* configuration_of_type(int32_t type) {
 __attribute__((format(printf, 2, 3))) void parse_error(int32_t line, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const std::unique_ptr<char, decltype(&std::free)> text(gen_vmsprintf(format, arguments),
-                                                         std::free);
+  const platform_ptr text(gen_vmsprintf(format, arguments));
   va_end(arguments);
   gen_error("line %d: %s\n", line, text.get());
 }
@@ -387,14 +386,13 @@ const char* color_parse_ansi(const char* text, color_configuration* configuratio
 }
 
 void gen_color_domessage(uint32_t code, const char* format, va_list arguments) {
-  constexpr uint32_t kErrnoCodes = 100;  // codes above are the code less this, with errno's text
-  const uint32_t reduced = code > kErrnoCodes ? code - kErrnoCodes : code;
+  const uint32_t reduced = message_class(code);
   int32_t type = kColorNone;
-  if (reduced < 4) {
+  if (reduced < kMessageWarning) {
     type = kColorError;
-  } else if (reduced == 4) {
+  } else if (reduced == kMessageWarning) {
     type = kColorWarning;
-  } else if (reduced <= 6) {
+  } else if (reduced < kMessageClasses) {
     type = kColorInfo;
   }
   const color_configuration* const configuration = get_color_conf(type);

@@ -7,10 +7,11 @@
 
 #include "indgadr_internal.h"
 #include "indgen_message.h"
+#include "st_reset.h"
 
 namespace kelvane {
 
-int32_t theMode = kMode32;
+int32_t theMode = kAddressModeAtStart;
 
 namespace {
 
@@ -29,19 +30,20 @@ constexpr std::array<ModeRow, 4> kModes = {{
 
 // The row of a mode, or null for one beyond the table.
 const ModeRow* row_of(int32_t mode) {
-  return mode >= kMode16 && mode <= kMode64 ? &kModes[static_cast<size_t>(mode)] : nullptr;
+  return mode >= kAddressMode16 && mode <= kAddressMode64 ? &kModes[static_cast<size_t>(mode)]
+                                                          : nullptr;
 }
 
 bool has_16bit_offsets() {
-  return theMode == kMode16 || theMode == kMode16Segmented;
+  return theMode == kAddressMode16 || theMode == kAddressMode16Segmented;
 }
 
 // The bits that count, as a number.
 uint64_t significant(const gadr& a) {
   switch (theMode) {
-    case kMode16:
+    case kAddressMode16:
       return off(a);
-    case kMode64:
+    case kAddressMode64:
       return number(a);
     default:
       return a.low;
@@ -60,11 +62,11 @@ int32_t order(uint64_t a, uint64_t b) {
 gadr sum(const gadr& a, uint64_t offset) {
   const auto offset32 = static_cast<uint32_t>(offset & kNil32);
   switch (theMode) {
-    case kMode16:
+    case kAddressMode16:
       return {segmented(0, off(a) + offset32), 0};
-    case kMode16Segmented:
+    case kAddressMode16Segmented:
       return {segmented(seg(a), off(a) + offset32), 0};
-    case kMode64:
+    case kAddressMode64:
       return address(number(a) + offset);
     default:
       return {a.low + offset32, 0};
@@ -75,10 +77,10 @@ gadr sum(const gadr& a, uint64_t offset) {
 gadr grown(const gadr& a, uint64_t offset) {
   const auto offset32 = static_cast<uint32_t>(offset & kNil32);
   switch (theMode) {
-    case kMode16:
-    case kMode16Segmented:
+    case kAddressMode16:
+    case kAddressMode16Segmented:
       return {segmented(seg(a), off(a) + offset32), a.high};
-    case kMode64:
+    case kAddressMode64:
       return address(number(a) + offset);
     default:
       return {a.low + offset32, a.high};
@@ -97,18 +99,18 @@ uint64_t negated(int32_t v) {
 
 // True if `a` comes before `b` for minimum and maximum, which know no 16-bit case.
 bool comes_before(const gadr* a, const gadr* b) {
-  return theMode == kMode64 ? gadr_lt(a, b) : a->low < b->low;
+  return theMode == kAddressMode64 ? gadr_lt(a, b) : a->low < b->low;
 }
 
 void report_16bit_mode() {
-  if (theMode == kMode16) {
+  if (theMode == kAddressMode16) {
     gadr_no16();
   }
 }
 
 // Stores the one chosen by gadr_min or gadr_max.
 gadr* assign_chosen(gadr* r, const gadr& chosen) {
-  *r = gadr{chosen.low, theMode == kMode64 ? chosen.high : 0};
+  *r = gadr{chosen.low, theMode == kAddressMode64 ? chosen.high : 0};
   return r;
 }
 
@@ -125,19 +127,19 @@ int32_t gadr_get_mode() {
 }
 
 bool gadr_is16bit() {
-  return theMode == kMode16;
+  return theMode == kAddressMode16;
 }
 
 bool gadr_is16bit_16seg() {
-  return theMode == kMode16Segmented;
+  return theMode == kAddressMode16Segmented;
 }
 
 bool gadr_is32bit() {
-  return theMode == kMode32;
+  return theMode == kAddressMode32;
 }
 
 bool gadr_is64bit() {
-  return theMode == kMode64;
+  return theMode == kAddressMode64;
 }
 
 const char* gadr_name_from_mode(int32_t mode) {
@@ -153,38 +155,38 @@ int32_t gadr_get_mode_for_adr_byte_size(int32_t size, int32_t segment_size) {
   if (segment_size == 0) {
     switch (size) {
       case 8:
-        return kMode64;
+        return kAddressMode64;
       case 4:
-        return kMode32;
+        return kAddressMode32;
       case 2:
-        return kMode16;
+        return kAddressMode16;
       default:
         break;
     }
   } else if (size == 2 && segment_size == 2) {
-    return kMode16Segmented;
+    return kAddressMode16Segmented;
   }
   gen_error("[gadr_get_mode_for_adr_byte_size]: bad adr parameters");
-  return kMode32;
+  return kAddressMode32;
 }
 
 uint8_t gadr_encoding_from_mode(int32_t mode) {
   const ModeRow* const row = row_of(mode);
   if (row == nullptr) {
     gen_error("[gadr_encoding_from_mode]: unknown mode!");
-    return kModes[kMode32].encoding;
+    return kModes[kAddressMode32].encoding;
   }
   return row->encoding;
 }
 
 int32_t gadr_mode_from_encoding(int32_t byte) {
-  for (int32_t mode = kMode16; mode <= kMode64; ++mode) {
+  for (int32_t mode = kAddressMode16; mode <= kAddressMode64; ++mode) {
     if (row_of(mode)->encoding == static_cast<uint8_t>(byte)) {
       return mode;
     }
   }
   gen_error("[gadr_mode_from_encoding]: unknown mode!");
-  return kMode32;
+  return kAddressMode32;
 }
 
 gadr* gadr_assign(gadr* r, const gadr* a) {
@@ -207,7 +209,7 @@ gadr gadrNil() {
 }
 
 gadr* gadr_assign32(gadr* r, int32_t v) {
-  const bool extended = v == -1 || (v < 0 && theMode == kMode64);
+  const bool extended = v == -1 || (v < 0 && theMode == kAddressMode64);
   *r = gadr{static_cast<uint32_t>(v), extended ? kNil32 : 0};
   return r;
 }
@@ -215,14 +217,14 @@ gadr* gadr_assign32(gadr* r, int32_t v) {
 gadr* gadr_assign64(gadr* r, uint64_t v) {
   *r = address(v);
   const bool is_extension = r->high == kNil32 && r->low > INT32_MAX && r->low != kNil32;
-  if (is_extension && theMode != kMode64) {
+  if (is_extension && theMode != kAddressMode64) {
     r->high = 0;
   }
   return r;
 }
 
 gadr* gadr_sign_extend(gadr* r) {
-  if (theMode == kMode64 && r->high == 0 && r->low > INT32_MAX) {
+  if (theMode == kAddressMode64 && r->high == 0 && r->low > INT32_MAX) {
     r->high = kNil32;
   }
   return r;
@@ -261,7 +263,7 @@ bool gadr_lte32(const gadr* a, uint32_t v) {
 }
 
 bool gadr_is_0(const gadr* a) {
-  if (theMode == kMode16Segmented) {
+  if (theMode == kAddressMode16Segmented) {
     return off(*a) == 0 && a->high == 0;
   }
   return number(*a) == 0;
@@ -275,7 +277,7 @@ bool gadr_is_nil(const gadr* a) {
   if (has_16bit_offsets()) {
     return off(*a) == kNil16;
   }
-  return theMode == kMode64 ? number(*a) == kNil64 : a->low == kNil32;
+  return theMode == kAddressMode64 ? number(*a) == kNil64 : a->low == kNil32;
 }
 
 bool gadr_is_not_nil(const gadr* a) {
@@ -283,7 +285,7 @@ bool gadr_is_not_nil(const gadr* a) {
 }
 
 bool gadr_is_nil_or_0(const gadr* a) {
-  return gadr_is_nil(a) || (theMode == kMode64 ? number(*a) : a->low) == 0;
+  return gadr_is_nil(a) || (theMode == kAddressMode64 ? number(*a) : a->low) == 0;
 }
 
 bool gadr_is_not_nil_or_0(const gadr* a) {
@@ -298,7 +300,7 @@ bool gadr32_is_nil(uint32_t v) {
 }
 
 gadr* gadr_add(gadr* r, const gadr* a, const gadr* b) {
-  if (theMode == kMode16Segmented) {
+  if (theMode == kAddressMode16Segmented) {
     *r = gadr{segmented(uint32_t{seg(*a)} + seg(*b), uint32_t{off(*a)} + off(*b)), 0};
   } else {
     *r = sum(*a, number(*b));
@@ -307,7 +309,7 @@ gadr* gadr_add(gadr* r, const gadr* a, const gadr* b) {
 }
 
 gadr* gadr_sub(gadr* r, const gadr* a, const gadr* b) {
-  if (theMode == kMode16Segmented) {
+  if (theMode == kAddressMode16Segmented) {
     *r = gadr{segmented(uint32_t{seg(*a)} - seg(*b), uint32_t{off(*a)} - off(*b)), 0};
   } else {
     *r = sum(*a, uint64_t{0} - number(*b));
@@ -374,7 +376,7 @@ const gadr* gadr_pmin(const gadr* a, const gadr* b) {
 
 const gadr* gadr_pmax(const gadr* a, const gadr* b) {
   report_16bit_mode();
-  if (theMode == kMode64) {
+  if (theMode == kAddressMode64) {
     return comes_before(a, b) ? b : a;
   }
   return comes_before(b, a) ? a : b;
@@ -388,7 +390,7 @@ gadr* gadr_scale_up(gadr* a, uint32_t scale) {
   if (scale == 1) {
     return a;
   }
-  if (theMode == kMode64) {
+  if (theMode == kAddressMode64) {
     *a = address(number(*a) << (std::bit_width(scale) - 1));
   } else if (gadr_is_not_nil(a)) {
     a->low = has_16bit_offsets() ? segmented(seg(*a), off(*a) * scale) : a->low * scale;
@@ -400,7 +402,7 @@ gadr* gadr_scale_down(gadr* a, uint32_t scale) {
   if (scale == 1) {
     return a;
   }
-  if (theMode == kMode64) {
+  if (theMode == kAddressMode64) {
     *a = address(number(*a) >> (std::bit_width(scale) - 1));
   } else if (gadr_is_not_nil(a)) {
     a->low = has_16bit_offsets() ? segmented(seg(*a), off(*a) / scale) : a->low / scale;
@@ -426,7 +428,7 @@ gadr* gadr_align(gadr* a, uint32_t alignment) {
 }
 
 void reset_indgadr() {
-  theMode = kMode32;
+  theMode = kAddressModeAtStart;
 }
 
 }  // namespace kelvane

@@ -5,11 +5,11 @@
 // Addresses of the target, whatever their width: 16-bit, segmented 16-bit, 32-bit or 64-bit. An
 // address is always two words; a process-wide mode says which of their bits count.
 //
-//   mode  name           encoding byte  bits that count
-//   0     16bit                2        `off`, the lower half of the low word
-//   1     16bit-16seg         66        `seg`, the upper half of the low word, and `off`
-//   2     32bit                4        the low word
-//   3     64bit                8        both words
+//   mode                        name         encoding byte  bits that count
+//   0  kAddressMode16           16bit              2  `off`, the lower half of the low word
+//   1  kAddressMode16Segmented  16bit-16seg       66  `seg`, the upper half of that, and `off`
+//   2  kAddressMode32           32bit              4  the low word
+//   3  kAddressMode64           64bit              8  both words
 //
 // Arguments that are pointers are never null, and `r` may be the same object as `a` or `b`. What
 // changes an address gives the pointer to it. Comparisons are unsigned, sums wrap at the width
@@ -24,7 +24,14 @@ struct gadr {
 
 // ---- Mode.
 
-// The mode. Written by gadr_set_mode; 2 from program load on. A value beyond the table acts as 2.
+inline constexpr int32_t kAddressMode16 = 0;
+inline constexpr int32_t kAddressMode16Segmented = 1;
+inline constexpr int32_t kAddressMode32 = 2;
+inline constexpr int32_t kAddressMode64 = 3;
+inline constexpr int32_t kAddressModeAtStart = kAddressMode32;
+
+// The mode. Written by gadr_set_mode; kAddressModeAtStart from program load on. A value beyond the
+// table acts as kAddressMode32.
 extern int32_t theMode;
 
 // Stores the mode and gives the one before.

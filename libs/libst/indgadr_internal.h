@@ -7,11 +7,6 @@
 // The parts of an address by value, the same on every host.
 namespace kelvane {
 
-inline constexpr int32_t kMode16 = 0;
-inline constexpr int32_t kMode16Segmented = 1;
-inline constexpr int32_t kMode32 = 2;
-inline constexpr int32_t kMode64 = 3;
-
 inline constexpr uint16_t kNil16 = 0xFFFF;
 inline constexpr uint32_t kNil32 = 0xFFFFFFFF;
 inline constexpr uint64_t kNil64 = 0xFFFFFFFFFFFFFFFF;
@@ -37,8 +32,5 @@ constexpr uint64_t number(const gadr& a) {
 constexpr gadr address(uint64_t number) {
   return {static_cast<uint32_t>(number & kNil32), static_cast<uint32_t>(number >> 32U)};
 }
-
-// Puts the mode back to where a new process has it.
-void reset_indgadr();
 
 }  // namespace kelvane

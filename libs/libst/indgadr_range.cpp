@@ -79,12 +79,12 @@ Digits read_digits(const char** position) {
 // and `word_width` where it is a word.
 const char* print(const gadr& a, int32_t half_width, int32_t word_width) {
   auto* const text = static_cast<char*>(gen_get_temp_buf(kPrintSlots, kPrintSize));
-  if (theMode == kMode16 || (theMode == kMode16Segmented && seg(a) == 0)) {
+  if (theMode == kAddressMode16 || (theMode == kAddressMode16Segmented && seg(a) == 0)) {
     std::snprintf(text, kPrintSize, "0x%0*x", half_width, uint32_t{off(a)});
-  } else if (theMode == kMode16Segmented) {
+  } else if (theMode == kAddressMode16Segmented) {
     std::snprintf(text, kPrintSize, "0x%0*x%0*x", half_width, uint32_t{seg(a)}, half_width,
                   uint32_t{off(a)});
-  } else if (theMode == kMode64) {
+  } else if (theMode == kAddressMode64) {
     std::snprintf(text, kPrintSize, "0x%0*x_%0*x", word_width, a.high, word_width, a.low);
   } else {
     std::snprintf(text, kPrintSize, "0x%0*x", word_width, a.low);
@@ -109,9 +109,9 @@ int32_t gadr64_cmprange(const gadr* v, const gadr* start, const gadr* end) {
 
 int32_t gadr_cmprange(const gadr* a, const gadr* start, const gadr* end) {
   switch (theMode) {
-    case kMode16:
+    case kAddressMode16:
       return gadr16_cmprange(off(*a), off(*start), off(*end));
-    case kMode64:
+    case kAddressMode64:
       return gadr64_cmprange(a, start, end);
     default:
       return gadr32_cmprange(a->low, start->low, end->low);
@@ -119,17 +119,17 @@ int32_t gadr_cmprange(const gadr* a, const gadr* start, const gadr* end) {
 }
 
 int32_t gadr_cmprange32(const gadr* a, uint32_t start, uint32_t end) {
-  if (theMode == kMode16) {
+  if (theMode == kAddressMode16) {
     return gadr16_cmprange(off(*a), off({start, 0}), off({end, 0}));
   }
-  if (theMode == kMode64 && a->high != 0) {
+  if (theMode == kAddressMode64 && a->high != 0) {
     return 1;
   }
   return gadr32_cmprange(a->low, start, end);
 }
 
 int32_t gadr_cmpblock(const gadr* a, const gadr* start, uint32_t length) {
-  if (theMode != kMode64) {
+  if (theMode != kAddressMode64) {
     return gadr_cmpblock32(a, start->low, length);
   }
   gadr end{};
@@ -138,7 +138,7 @@ int32_t gadr_cmpblock(const gadr* a, const gadr* start, uint32_t length) {
 }
 
 int32_t gadr_cmpblock32(const gadr* a, uint32_t start, uint32_t length) {
-  if (theMode == kMode64 && a->high != 0) {
+  if (theMode == kAddressMode64 && a->high != 0) {
     gadr wide_start{};
     gadr_assign32(&wide_start, static_cast<int32_t>(start));
     return gadr_cmpblock(a, &wide_start, length);
@@ -186,11 +186,11 @@ const char* gadr_scan(const char* text, uint32_t scale, gadr* a) {
   uint32_t high = 0;
   const char* const end = gadr_parse_adr(text, &low, &high);
   switch (theMode) {
-    case kMode16:
-    case kMode16Segmented:
+    case kAddressMode16:
+    case kAddressMode16Segmented:
       *a = gadr{segmented(0, low / scale), 0};
       break;
-    case kMode64:
+    case kAddressMode64:
       if (scale != 1) {
         gen_error("[gadr_scan]: illegal scale factor");
       }

@@ -4,7 +4,7 @@
 
 #include <span>
 
-#include "genrand_internal.h"
+#include "shared_reset.h"
 
 namespace kelvane {
 

@@ -2,13 +2,13 @@
 
 #include <sys/stat.h>
 
-#include "indconfig_internal.h"
 #include "indgen_file.h"
 #include "indgen_memory.h"
 #include "indgen_path.h"
 #include "indgen_string.h"
 #include "indgeninit.h"
 #include "indview.h"
+#include "shared_reset.h"
 
 namespace kelvane {
 

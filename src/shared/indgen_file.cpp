@@ -66,18 +66,6 @@ bool examine(const char* name, struct stat* status) {
   return gen_stat(name, status) == 0;
 }
 
-int FileDescriptor::close() {
-  if (descriptor_ < 0) {
-    return 0;
-  }
-  const int reason = errno;
-  const int result = ::close(std::exchange(descriptor_, -1));
-  if (result == 0) {
-    errno = reason;
-  }
-  return result;
-}
-
 int32_t gen_filesize(const char* name) {
   struct stat status {};
   if (!examine(name, &status)) {

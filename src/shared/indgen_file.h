@@ -161,8 +161,9 @@ int32_t gen_removefile(const char* name);
 // Remove all that is in a directory; the first removes the directory too and gives the result of
 // rmdir, the second gives 0. What can't be removed is passed over. A symbolic link is removed
 // itself and never followed, also when it is the argument: then gen_removedir_recursive removes
-// the link and gives the result of that, and gen_removestar_recursive does nothing. A null name is
-// one that doesn't exist.
+// the link and gives the result of that, but -1 (ENOTDIR) if the name ends in a slash, and
+// gen_removestar_recursive does nothing. A null name is one that doesn't exist. A tree may be
+// deeper than a path can tell.
 int32_t gen_removedir_recursive(const char* directory);
 int32_t gen_removestar_recursive(const char* directory);
 

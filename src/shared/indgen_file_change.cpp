@@ -14,6 +14,8 @@
 #include "indgen_memory.h"
 #include "indgen_path.h"
 #include "indview.h"
+#include "indview_internal.h"
+#include "owners.h"
 
 // What changes the file system.
 namespace kelvane {
@@ -29,42 +31,109 @@ int32_t fail(int reason) {
   return -1;
 }
 
-// The names are read before anything is removed, and joined as they stand: a name is made
-// canonical without a look at the links in it, and then may lead elsewhere.
-std::vector<std::string> entries_of(const std::string& directory) {
-  std::vector<std::string> entries;
-  const dir_ptr stream(::opendir(directory.c_str()));
-  if (stream) {
-    while (const struct dirent* const entry = ::readdir(stream.get())) {
-      if (!is_dots(entry->d_name)) {
-        entries.push_back(directory + "/" + entry->d_name);
+bool is_same_file(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+FileDescriptor open_directory(int above, const char* name) {
+  return FileDescriptor(::openat(above, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// A directory whose contents are being removed.
+struct Level {
+  FileDescriptor directory;  // closed while the walk is far below
+  struct stat status;
+  std::string name;                         // in the directory above
+  std::vector<std::string> subdirectories;  // still to be gone into
+};
+
+// Removes what is no directory from a directory, and gives the names of its subdirectories.
+std::vector<std::string> remove_files(int directory) {
+  std::vector<std::string> subdirectories;
+  FileDescriptor reader(::fcntl(directory, F_DUPFD_CLOEXEC, 0));
+  const dir_ptr stream(reader.is_open() ? ::fdopendir(reader.get()) : nullptr);
+  if (!stream) {
+    return subdirectories;
+  }
+  reader.release();
+  std::vector<std::string> files;  // removed when all have been read
+  while (const struct dirent* const entry = ::readdir(stream.get())) {
+    if (is_dots(entry->d_name)) {
+      continue;
+    }
+    struct stat status {};
+    const bool known = ::fstatat(directory, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    (known && S_ISDIR(status.st_mode) ? subdirectories : files).emplace_back(entry->d_name);
+  }
+  for (const std::string& file : files) {
+    ::unlinkat(directory, file.c_str(), 0);
+  }
+  return subdirectories;
+}
+
+// Removes all that is in a directory, if it is one. The walk goes from one open directory to the
+// next, down by a name alone and never through a link, so that it can't be led out of the tree and
+// no path is too long for it. Its depth takes no descriptors: further up than one level all are
+// closed, and the way back goes by "..", which has to lead where the walk came from.
+void remove_contents(const std::string& top) {
+  std::vector<Level> levels;
+  const auto enter = [&levels](FileDescriptor directory, const std::string& name) {
+    struct stat status {};
+    if (::fstat(directory.get(), &status) != 0) {
+      return;
+    }
+    std::vector<std::string> subdirectories = remove_files(directory.get());
+    levels.push_back({std::move(directory), status, name, std::move(subdirectories)});
+    if (levels.size() > 2) {
+      levels[levels.size() - 3].directory.close();
+    }
+  };
+  enter(open_directory(AT_FDCWD, top.c_str()), top);
+  while (!levels.empty()) {
+    Level& level = levels.back();
+    if (!level.subdirectories.empty()) {
+      const std::string name = std::move(level.subdirectories.back());
+      level.subdirectories.pop_back();
+      FileDescriptor below = open_directory(level.directory.get(), name.c_str());
+      if (below.is_open()) {
+        enter(std::move(below), name);
+      } else {
+        ::unlinkat(level.directory.get(), name.c_str(), AT_REMOVEDIR);
+      }
+      continue;
+    }
+    const Level left = std::move(level);
+    levels.pop_back();
+    if (levels.empty()) {
+      return;
+    }
+    Level& above = levels.back();
+    if (!above.directory.is_open()) {
+      above.directory = open_directory(left.directory.get(), "..");
+      struct stat status {};
+      if (::fstat(above.directory.get(), &status) != 0 || !is_same_file(status, above.status)) {
+        return;  // moved elsewhere meanwhile
       }
     }
-  }
-  return entries;
-}
-
-bool is_real_directory(const std::string& name) {
-  struct stat status {};
-  return ::lstat(name.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-
-void remove_contents(const std::string& directory) {
-  for (const std::string& entry : entries_of(directory)) {
-    if (is_real_directory(entry)) {
-      remove_contents(entry);
-      ::rmdir(entry.c_str());
-    } else {
-      gen_unlink(entry.c_str());
-    }
+    ::unlinkat(above.directory.get(), left.name.c_str(), AT_REMOVEDIR);
   }
 }
 
-bool is_same_file(int descriptor, const char* name) {
+// A name without the slashes at its end, which would lead through a link.
+std::string without_last_slashes(std::string name) {
+  while (name.size() > 1 && name.back() == '/') {
+    name.pop_back();
+  }
+  return name;
+}
+
+// Tells whether creating `name` would open the file that is open already.
+bool creates_same_file(int descriptor, const char* name) {
+  const gen_ptr<char> created = expand_root_relative(name);
   struct stat opened {};
   struct stat named {};
-  return ::fstat(descriptor, &opened) == 0 && gen_sys_stat(name, &named) == 0 &&
-         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+  return ::fstat(descriptor, &opened) == 0 && gen_sys_stat(created.get(), &named) == 0 &&
+         is_same_file(opened, named);
 }
 
 int32_t copy_to_stream(const char* name, std::FILE* stream) {
@@ -168,17 +237,18 @@ int32_t gen_removedir_recursive(const char* directory) {
   if (directory == nullptr) {
     return fail(EFAULT);
   }
+  const std::string bare = without_last_slashes(directory);
   struct stat status {};
-  if (::lstat(directory, &status) == 0 && S_ISLNK(status.st_mode)) {
-    return gen_unlink(directory);
+  if (::lstat(bare.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
+    return bare == directory ? gen_unlink(directory) : fail(ENOTDIR);
   }
-  remove_contents(directory);
+  remove_contents(bare);
   return ::rmdir(directory);
 }
 
 int32_t gen_removestar_recursive(const char* directory) {
-  if (directory != nullptr && is_real_directory(directory)) {
-    remove_contents(directory);
+  if (directory != nullptr) {
+    remove_contents(without_last_slashes(directory));
   }
   return 0;
 }
@@ -203,7 +273,7 @@ int32_t gen_copyfile(const char* from, const char* to) {
   if (!source.is_open()) {
     return -1;
   }
-  if (is_same_file(source.get(), to)) {
+  if (creates_same_file(source.get(), to)) {
     return fail(EINVAL);  // creating it would empty the source
   }
   FileDescriptor copy(gen_creat(to, 0666));

@@ -1,14 +1,14 @@
 #pragma once
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
+
+#include "owners.h"
 
 // What the sources of the file operations share, and the parts of them that tests look at.
 namespace kelvane {
@@ -18,30 +18,6 @@ bool examine(const char* name, struct stat* status);
 
 // Tells the names "." and "..".
 bool is_dots(const char* name);
-
-// Owns a directory stream.
-struct DirCloser {
-  void operator()(DIR* stream) const { ::closedir(stream); }
-};
-using dir_ptr = std::unique_ptr<DIR, DirCloser>;
-
-// Owns a file descriptor, or none when negative.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
-  ~FileDescriptor() { close(); }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-  int get() const { return descriptor_; }
-  bool is_open() const { return descriptor_ >= 0; }
-  // Closes it and gives the result of close, or 0 if there is nothing to close. As the destructor
-  // does it on roads of failure, errno stays unless close fails.
-  int close();
-
- private:
-  int descriptor_;
-};
 
 // Owns a growing null-terminated array of strings, as the operations give it to their callers.
 class StringList {

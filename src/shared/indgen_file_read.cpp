@@ -152,8 +152,7 @@ int32_t gen_readfile_into_buffer(const char* name, char** buffer, int32_t* size)
   }
   const auto length = static_cast<size_t>(expected);
   // One byte more, so that an empty file has a block too.
-  std::unique_ptr<char, decltype(&std::free)> block(static_cast<char*>(std::malloc(length + 1)),
-                                                    &std::free);
+  platform_ptr block(static_cast<char*>(std::malloc(length + 1)));
   const file_ptr stream(block ? gen_fopen(name, "r") : nullptr);
   if (!stream || std::fread(block.get(), 1, length, stream.get()) != length) {
     return -1;
@@ -195,7 +194,7 @@ char** gen_get_words_from_file(const char* name, int32_t* count) {
   char* contents = nullptr;
   int32_t size = 0;
   gen_readfile_into_buffer(name, &contents, &size);
-  const std::unique_ptr<char, decltype(&std::free)> owned(contents, &std::free);
+  const platform_ptr owned(contents);
   StringList words;
   const std::string_view text(contents, static_cast<size_t>(size));
   size_t position = 0;

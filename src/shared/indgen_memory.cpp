@@ -7,9 +7,9 @@
 #include <cstring>
 
 #include "exit_status.h"
-#include "indgen_memory_internal.h"
 #include "indgen_message.h"
 #include "indgeninit.h"
+#include "shared_reset.h"
 
 namespace kelvane {
 

@@ -8,8 +8,8 @@
 #include <cstring>
 
 #include "exit_status.h"
-#include "indgen_message_internal.h"
 #include "indgeninit.h"
+#include "shared_reset.h"
 
 namespace kelvane {
 
@@ -26,19 +26,6 @@ constexpr std::array<const char*, kMessageClasses> prefixes = {
     nullptr, "disaster", "fatal", "error", "warning", "info", nullptr};
 constexpr std::array<const char*, kMessageClasses> upper_prefixes = {
     "ERROR", "ERROR: DISASTER", "ERROR: FATAL", "ERROR", "WARNING", "INFO", nullptr};
-
-constexpr uint32_t kErrnoCode = 100;        // codes above ask for the text of errno
-constexpr uint32_t kFirstHarmlessCode = 4;  // warnings and below don't count as errors
-
-enum Code : uint32_t {
-  kPlainFailure = 0,
-  kFatal = 2,
-  kError = 3,
-  kWarning = 4,
-  kInfo = 5,
-  kPlainPrinting = 6,
-  kFatalWithErrno = kErrnoCode + kFatal,
-};
 
 bool ends_in_newline(const char* format) {
   const size_t length = std::strlen(format);
@@ -61,20 +48,20 @@ void end_run(int32_t status) {
 }
 
 void gen_default_domessage(uint32_t code, const char* format, va_list arguments) {
-  const bool want_errno = code > kErrnoCode;
-  const uint32_t reduced = want_errno ? code - kErrnoCode : code;
+  const bool want_errno = code > kMessageErrno;
+  const uint32_t reduced = message_class(code);
   const char* prefix = nullptr;
   if (reduced < kMessageClasses) {
     prefix = gen_upper_error_msgs != 0 ? upper_prefixes[reduced] : prefixes[reduced];
     ++gen_error_count[reduced];
-    if (reduced < kFirstHarmlessCode) {
+    if (reduced < kMessageWarning) {
       ++gen_any_error;
     }
   }
   const int reason = errno;  // what the caller failed on, not what flushing may fail on
   std::fflush(stdout);
   const char* const name = gen_getprogname();
-  if (name != nullptr && *name != '\0' && reduced != kPlainPrinting) {
+  if (name != nullptr && *name != '\0' && reduced != kMessagePlainPrinting) {
     std::fprintf(stderr, "%s: ", name);
   }
   if (prefix != nullptr) {
@@ -94,42 +81,42 @@ void gen_default_domessage(uint32_t code, const char* format, va_list arguments)
 void gen_printf(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  gen_domessage(kPlainPrinting, format, arguments);
+  gen_domessage(kMessagePlainPrinting, format, arguments);
   va_end(arguments);
 }
 
 void gen_info(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  gen_domessage(kInfo, format, arguments);
+  gen_domessage(kMessageInfo, format, arguments);
   va_end(arguments);
 }
 
 void gen_warning(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  gen_domessage(kWarning, format, arguments);
+  gen_domessage(kMessageWarning, format, arguments);
   va_end(arguments);
 }
 
 void gen_error(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  gen_domessage(kError, format, arguments);
+  gen_domessage(kMessageError, format, arguments);
   va_end(arguments);
 }
 
 void gen_perror(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  gen_domessage(kFatalWithErrno, format, arguments);
+  gen_domessage(kMessageErrno + kMessageFatal, format, arguments);
   va_end(arguments);
 }
 
 void gen_errorexit(int32_t status, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  gen_domessage(status != 0 ? kFatal : kPlainFailure, format, arguments);
+  gen_domessage(status != 0 ? kMessageFatal : kMessagePlainFailure, format, arguments);
   va_end(arguments);
   end_run(status);
 }
@@ -137,7 +124,7 @@ void gen_errorexit(int32_t status, const char* format, ...) {
 void gen_perrorexit(int32_t status, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  gen_domessage(kFatalWithErrno, format, arguments);
+  gen_domessage(kMessageErrno + kMessageFatal, format, arguments);
   va_end(arguments);
   end_run(status);
 }

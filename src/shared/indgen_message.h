@@ -9,16 +9,32 @@
 // first three followed by a colon and a blank where present.
 namespace kelvane {
 
-// Message codes. Above 100 a code means the code less 100 with the text of errno added.
-//   0 plain failure, 1 disaster, 2 fatal, 3 error, 4 warning, 5 info, 6 plain printing
+// The classes of messages. Those before the warning count as errors.
+enum MessageClass : uint32_t {
+  kMessagePlainFailure,
+  kMessageDisaster,
+  kMessageFatal,
+  kMessageError,
+  kMessageWarning,
+  kMessageInfo,
+  kMessagePlainPrinting,
+};
 inline constexpr uint32_t kMessageClasses = 7;
+
+// A message code is a class, or a class and this for the text of errno behind the message.
+inline constexpr uint32_t kMessageErrno = 100;
+
+// The class of a code. There is none with a name from kMessageClasses on.
+constexpr uint32_t message_class(uint32_t code) {
+  return code > kMessageErrno ? code - kMessageErrno : code;
+}
 
 // Ends the run with `status`; does not return. The default lets exit handlers and stream flushing
 // run, and ends the process at once if it is called again meanwhile. Replaceable.
 extern void (*gen_exit)(int32_t status);
 [[noreturn]] void gen_default_exit(int32_t status);
 
-// Prints one message. Replaceable; every report of the system goes through this pointer.
+// Prints one message of `code`. Replaceable; every report of the system goes through this pointer.
 extern void (*gen_domessage)(uint32_t code, const char* format, va_list arguments);
 void gen_default_domessage(uint32_t code, const char* format, va_list arguments)
     __attribute__((format(printf, 2, 0)));
@@ -26,8 +42,8 @@ void gen_default_domessage(uint32_t code, const char* format, va_list arguments)
 // Calls gen_exit, for callers that must not go on.
 [[noreturn]] void end_run(int32_t status);
 
-// gen_printf prints code 6, gen_info 5, gen_warning 4, gen_error 3; gen_perror prints class fatal
-// with the text of errno. All of them return and the program goes on.
+// Print one message each, gen_perror of class fatal with the text of errno. All of them return and
+// the program goes on.
 void gen_printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void gen_info(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void gen_warning(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -52,9 +68,9 @@ void __Assert(int32_t condition, const char* expression_text, const char* file_n
 
 // Selects the words in capitals ("ERROR: FATAL") for the class. Written by whoever wants them.
 extern uint8_t gen_upper_error_msgs;
-// Messages seen, by reduced code. Written by gen_default_domessage.
+// Messages seen, by class. Written by gen_default_domessage.
 extern std::array<uint32_t, kMessageClasses> gen_error_count;
-// Messages seen with a reduced code below 4. Written by gen_default_domessage.
+// Messages seen of a class before the warning. Written by gen_default_domessage.
 extern uint32_t gen_any_error;
 // Set by the first entry into gen_default_exit; read by the signal handlers.
 extern uint8_t already_doing_exit;

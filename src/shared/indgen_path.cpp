@@ -14,10 +14,11 @@
 #include "exit_status.h"
 #include "indgen_memory.h"
 #include "indgen_message.h"
-#include "indgen_path_internal.h"
 #include "indgen_process.h"
 #include "indgen_string.h"
 #include "indview.h"
+#include "owners.h"
+#include "shared_reset.h"
 
 // Joining, canonical form, absolute names, and what asks the system: current directory, home,
 // resolved names, sameness of files. What only cuts and compares text stands in
@@ -269,10 +270,7 @@ char* gen_realpath(const char* path) {
   if (path == nullptr) {
     return nullptr;
   }
-  struct Release {
-    void operator()(char* text) const { std::free(text); }
-  };
-  const std::unique_ptr<char, Release> resolved(::realpath(path, nullptr));
+  const platform_ptr resolved(::realpath(path, nullptr));
   return gen_copy(resolved != nullptr ? resolved.get() : path);
 }
 

@@ -293,6 +293,19 @@ const char* gen_getpath(const char* list, char* buffer, int32_t size) {
   return length == 0 ? nullptr : element + length;
 }
 
+namespace {
+
+// True if the name in use lies in the current directory, or is it.
+bool names_current_directory(const char* in_use) {
+  if (in_use == nullptr || *in_use == '\0' || std::strcmp(in_use, gen_getdot()) == 0) {
+    return true;
+  }
+  const gen_ptr<char> directory(gen_dirname(in_use));
+  return directory != nullptr && std::strcmp(directory.get(), gen_getdot()) == 0;
+}
+
+}  // namespace
+
 const char* gen_addpath(const char* path, char** current) {
   if (path == nullptr) {
     return nullptr;
@@ -303,7 +316,7 @@ const char* gen_addpath(const char* path, char** current) {
   }
   char* next = nullptr;
   if (gen_dirmatch(path, "")) {
-    if (in_use == nullptr || *in_use == '\0' || std::strcmp(in_use, gen_getdot()) == 0) {
+    if (names_current_directory(in_use)) {
       return path;
     }
     next = gen_sconcat(gen_getdevdot(), path);

@@ -27,10 +27,11 @@
 #include "indgen_memory.h"
 #include "indgen_message.h"
 #include "indgen_path.h"
-#include "indgen_process_internal.h"
 #include "indgen_string.h"
 #include "indgeninit.h"
 #include "indview.h"
+#include "owners.h"
+#include "shared_reset.h"
 
 namespace kelvane {
 
@@ -50,29 +51,11 @@ State state;
 constexpr int32_t kNoLimit = 0x7fffffff;
 constexpr size_t kCompareBlock = 1024;
 
-// Owns a descriptor; -1 is none.
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  ~Descriptor() {
-    if (number_ >= 0) {
-      ::close(number_);
-    }
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int number() const { return number_; }
-
- private:
-  int number_;
-};
-
 // read, again for as long as a signal interrupts it.
-ssize_t read_block(const Descriptor& file, std::span<char> block) {
+ssize_t read_block(const FileDescriptor& file, std::span<char> block) {
   ssize_t count = 0;
   do {
-    count = ::read(file.number(), block.data(), block.size());
+    count = ::read(file.get(), block.data(), block.size());
   } while (count == -1 && errno == EINTR);
   return count;
 }
@@ -272,12 +255,12 @@ int32_t gen_binarydifffiles(const char* a, const char* b) {
   };
   struct stat status_a {};
   struct stat status_b {};
-  const Descriptor file_a(open_for_reading(a, &status_a));
-  if (file_a.number() < 0) {
+  const FileDescriptor file_a(open_for_reading(a, &status_a));
+  if (file_a.get() < 0) {
     return -1;
   }
-  const Descriptor file_b(open_for_reading(b, &status_b));
-  if (file_b.number() < 0) {
+  const FileDescriptor file_b(open_for_reading(b, &status_b));
+  if (file_b.get() < 0) {
     return -1;
   }
   if (status_a.st_size != status_b.st_size) {

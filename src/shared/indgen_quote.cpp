@@ -8,9 +8,9 @@
 #include <string_view>
 
 #include "indgen_memory.h"
-#include "indgen_quote_internal.h"
 #include "indgen_string.h"
 #include "indview.h"
+#include "shared_reset.h"
 
 namespace kelvane {
 

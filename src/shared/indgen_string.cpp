@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "indgen_memory.h"
+#include "owners.h"
 
 namespace kelvane {
 
@@ -124,12 +125,9 @@ void replace(char** pointer, char* made) {
   *pointer = made;
 }
 
-// Owns the first argument of the f family, so that it goes when the result has been made and also
-// when that ends the run.
-struct PlatformFree {
-  void operator()(char* string) const { std::free(string); }
-};
-using Released = std::unique_ptr<char, PlatformFree>;
+// The first argument of the f family goes when the result has been made, and also when that ends
+// the run.
+using Released = platform_ptr;
 
 void append(char*** array, uint32_t* count, gen_ptr<char> string) {
   *array = static_cast<char**>(gen_allocate(*array, *count + 1, sizeof(char*)));

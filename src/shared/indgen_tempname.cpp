@@ -19,6 +19,8 @@
 #include "indgen_string.h"
 #include "indgen_tempname_internal.h"
 #include "indview.h"
+#include "owners.h"
+#include "shared_reset.h"
 
 namespace kelvane {
 
@@ -39,11 +41,6 @@ struct State {
   const char* file2_in_dir = nullptr;  // directory of the second name, for one call
 };
 State state;
-
-struct PlatformFree {
-  void operator()(char* text) const { std::free(text); }
-};
-using malloc_ptr = std::unique_ptr<char, PlatformFree>;
 
 // The second directory holds for one call, however that call ends.
 class SecondDirectoryForOneCall {
@@ -118,7 +115,7 @@ char* make_names(const char* directory, std::array<WantedName, 3> names) {
   const std::string second_beginning = state.file2_in_dir == nullptr
                                            ? beginning
                                            : beginning_of_names(state.file2_in_dir, given_stem);
-  malloc_ptr made;
+  platform_ptr made;
   if (names[0].buffer == nullptr) {
     const size_t room = beginning.size() + sizeof kTemplate + without_dot(names[0].suffix).size();
     made.reset(static_cast<char*>(std::malloc(room)));

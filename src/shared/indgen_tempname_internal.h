@@ -13,7 +13,4 @@ extern int32_t cnt;
 // a value of 0 gives nothing.
 std::string base32_digits(uint32_t value, uint32_t top_bit);
 
-// Puts the default choice of the directory back, forgets what it chose, and begins to count again.
-void reset_indgen_tempname();
-
 }  // namespace kelvane

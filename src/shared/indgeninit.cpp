@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -15,8 +16,8 @@
 #include "indgen_path.h"
 #include "indgen_process.h"
 #include "indgen_string.h"
-#include "indgeninit_internal.h"
 #include "indview.h"
+#include "shared_reset.h"
 
 namespace kelvane {
 
@@ -71,6 +72,8 @@ void install(int signal_number, void (*handler)(int32_t)) {
 int32_t qvr_current_version = kInitialVersion;
 
 void gen_init(const char* argv0, int32_t /*unused*/, int32_t viewpath_mode) {
+  // Memory that a container asks for ends the run as all other memory does.
+  std::set_new_handler([] { gen_out_of_memory(0); });
   gen_ptr<char> start_name(gen_copy(argv0));
   if (start_name != nullptr) {
     size_t length = std::strlen(start_name.get());
@@ -249,6 +252,7 @@ void reset_indgeninit() {
   bigendian_host = 0;
   qvr_current_version = kInitialVersion;
   state = State{};
+  std::set_new_handler(nullptr);
 }
 
 }  // namespace kelvane

@@ -22,7 +22,8 @@ extern uint8_t bigendian_host;
 // The library's version word. Written by gen_set_version.
 extern int32_t qvr_current_version;
 
-// Brings the library up: names, signal handlers (the first time only), viewpath, byte order.
+// Brings the library up: names, signal handlers (the first time only), viewpath, byte order. From
+// then on memory that a container can't have ends the run by gen_out_of_memory.
 // `argv0` is the string by which the program was started, or null, which leaves the names as they
 // are; `unused` has no effect; `viewpath_mode` goes to gen_viewpathing_init. A second call with a
 // name replaces both names.

@@ -15,6 +15,7 @@
 #include "indgen_process.h"
 #include "indgen_string.h"
 #include "indview_internal.h"
+#include "shared_reset.h"
 
 // The viewpath brought up and taken down, and names in it.
 namespace kelvane {
@@ -24,6 +25,9 @@ namespace {
 constexpr int32_t kModeOff = 0;
 constexpr int32_t kModeSlow = 1;
 constexpr int32_t kModeFast = 2;
+
+constexpr int32_t kWrcopyAtStart = 1;   // SLOW
+constexpr int32_t kChangedAtStart = 1;  // the list is yet to be read
 
 constexpr int32_t kIgnoreAlternateRoot = 1;  // bit of V_xsw_flags
 
@@ -40,9 +44,9 @@ constexpr const char* kNodeSeparators = ":;";
 int32_t V_flag = 0;
 int32_t V_debug_info = 0;
 int32_t V_xsw_flags = 0;
-int32_t V_wrcopy = 1;
+int32_t V_wrcopy = kWrcopyAtStart;
 int32_t V_wrstat = 0;
-int32_t V_changed = 1;
+int32_t V_changed = kChangedAtStart;
 int32_t V_ndir = 0;
 int32_t V_node = 0;
 char** V_nodes = nullptr;
@@ -168,10 +172,6 @@ int32_t mode_after_switches(int32_t mode) {
 }
 
 }  // namespace
-
-void PlatformDeleter::operator()(char* pointer) const {
-  std::free(pointer);
-}
 
 platform_ptr resolve_name(const char* name) {
   return platform_ptr(::realpath(name, nullptr));
@@ -389,9 +389,9 @@ void reset_indview() {
   V_flag = 0;
   V_debug_info = 0;
   V_xsw_flags = 0;
-  V_wrcopy = 1;
+  V_wrcopy = kWrcopyAtStart;
   V_wrstat = 0;
-  V_changed = 1;
+  V_changed = kChangedAtStart;
   V_node = 0;
   Viewpath.fill('\0');
   V_pathname.fill('\0');

@@ -61,26 +61,6 @@ constexpr int32_t kLookForOverwriting = 2;
 
 constexpr mode_t kWriteBits = 0222;
 
-// Closes a descriptor on every road out of a function.
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  ~Descriptor() { close(); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int number() const { return number_; }
-  bool is_open() const { return number_ >= 0; }
-  void close() {
-    if (is_open()) {
-      ::close(number_);
-      number_ = -1;
-    }
-  }
-
- private:
-  int number_;
-};
-
 // True if a call failed because the file isn't there, so that a later node may have it.
 bool is_missing(int error) {
   return error == ENOENT || error == ENOTDIR;
@@ -128,20 +108,20 @@ int32_t lookup_for_mode(const char* mode) {
 
 // Copies all of `source` to `target`. Interrupted calls are repeated; false for a read that fails
 // or a write that fails or falls short.
-bool copy_contents(const Descriptor& source, const Descriptor& target) {
+bool copy_contents(const FileDescriptor& source, const FileDescriptor& target) {
   constexpr size_t kBlock = 8192;
   std::array<char, kBlock> block{};
   while (true) {
     ssize_t taken = 0;
     do {
-      taken = ::read(source.number(), block.data(), block.size());
+      taken = ::read(source.get(), block.data(), block.size());
     } while (taken < 0 && errno == EINTR);
     if (taken <= 0) {
       return taken == 0;
     }
     ssize_t given = 0;
     do {
-      given = ::write(target.number(), block.data(), static_cast<size_t>(taken));
+      given = ::write(target.get(), block.data(), static_cast<size_t>(taken));
     } while (given < 0 && errno == EINTR);
     if (given != taken) {
       return false;
@@ -160,14 +140,14 @@ int32_t V_getf(const char* path) {
   if (bring_in_directory_above(path, &in_view) < 0 || !in_view) {
     return -1;
   }
-  Descriptor source(gen_open(path, O_RDONLY, 0));
+  FileDescriptor source(gen_open(path, O_RDONLY, 0));
   struct stat source_status {};
-  if (!source.is_open() || ::fstat(source.number(), &source_status) != 0) {
+  if (!source.is_open() || ::fstat(source.get(), &source_status) != 0) {
     return -1;
   }
-  Descriptor target(::open(path, O_WRONLY | O_CREAT, source_status.st_mode | kWriteBits));
+  FileDescriptor target(::open(path, O_WRONLY | O_CREAT, source_status.st_mode | kWriteBits));
   struct stat target_status {};
-  if (!target.is_open() || ::fstat(target.number(), &target_status) != 0) {
+  if (!target.is_open() || ::fstat(target.get(), &target_status) != 0) {
     return -1;
   }
   // A file that is here already (gen_link asks for those too) is its own copy; writing it over

@@ -3,9 +3,9 @@
 #include <sys/stat.h>
 
 #include <cstdint>
-#include <memory>
 
 #include "indgen_memory.h"
+#include "owners.h"
 
 // What the sources of the viewpath share.
 namespace kelvane {
@@ -71,16 +71,7 @@ char* read_current_directory();
 // if it doesn't lie there or `node` is null.
 char* get_relative_from_node(const char* node, const char* name);
 
-// Owns what the platform's library has allocated.
-struct PlatformDeleter {
-  void operator()(char* pointer) const;
-};
-using platform_ptr = std::unique_ptr<char, PlatformDeleter>;
-
 // Gives `name` with its links resolved; null if it can't be resolved.
 platform_ptr resolve_name(const char* name);
-
-// Puts all state of the viewpath and the source roots back to where a new process has it.
-void reset_indview();
 
 }  // namespace kelvane

@@ -1,13 +1,8 @@
 #include "color_format.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <termios.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -17,11 +12,13 @@
 #include <vector>
 
 #include "captured_run.h"
+#include "color_reset.h"
 #include "indconfig.h"
 #include "indgen_memory.h"
 #include "indgen_message.h"
 #include "indgeninit.h"
 #include "reset_state.h"
+#include "scenario.h"
 #include "temporary_directory.h"
 
 namespace kelvane {
@@ -38,7 +35,6 @@ void PrintTo(const color_configuration& configuration, std::ostream* stream) {
 namespace {
 
 using testing::ElementsAre;
-using testing::StrEq;
 
 std::vector<color_configuration> all_configurations() {
   return {color_info_conf, color_warning_conf, color_error_conf, color_before_conf,
@@ -55,40 +51,6 @@ std::string printed(const std::function<void(std::FILE*)>& print) {
   print(stream.get());
   std::fflush(stream.get());
   return directory.read("text");
-}
-
-// Runs a call in a process whose standard output and standard error are one pseudo terminal, and
-// gives the bytes that arrive at its other end.
-std::string on_terminal(const std::function<void()>& action) {
-  const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY);
-  if (terminal < 0 || ::grantpt(terminal) != 0 || ::unlockpt(terminal) != 0) {
-    ADD_FAILURE() << "can't make a pseudo terminal";
-    return "";
-  }
-  const int line = ::open(::ptsname(terminal), O_RDWR | O_NOCTTY);
-  termios mode{};
-  EXPECT_EQ(::tcgetattr(line, &mode), 0);
-  ::cfmakeraw(&mode);
-  EXPECT_EQ(::tcsetattr(line, TCSANOW, &mode), 0);
-  std::fflush(stdout);
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::dup2(line, STDOUT_FILENO);
-    ::dup2(line, STDERR_FILENO);
-    action();
-    std::fflush(stdout);
-    ::_exit(0);
-  }
-  ::close(line);
-  std::string received;
-  std::array<char, 256> block;
-  ssize_t count = 0;
-  while ((count = ::read(terminal, block.data(), block.size())) > 0) {  // fails when all is closed
-    received.append(block.data(), static_cast<size_t>(count));
-  }
-  EXPECT_EQ(::waitpid(child, nullptr, 0), child);
-  ::close(terminal);
-  return received;
 }
 
 // A tree with a home, and a program with its two directories beside it; empty of configuration
@@ -114,118 +76,99 @@ class Color : public testing::Test {
   const TemporaryDirectory tree_;
 };
 
-// ---- Sequences
+// ---- What the table tells
 
-TEST_F(Color, MakesThePrefixOfAttributeForegroundAndBackground) {
-  const std::vector<std::pair<color_configuration, std::string>> cases = {
-      {{1, -1, -1}, "\x1b[1m"},
-      {{1, -1, 5}, "\x1b[1;35m"},
-      {{0, -1, -1}, "\x1b[0m"},
-      {{4, 2, -1}, "\x1b[4;42m"},
-      {{-1, -1, 2}, "\x1b[32m"},
-      {{-1, 3, -1}, "\x1b[43m"},
-      {{-1, 0, 0}, "\x1b[30;40m"},
-      {{8, 7, 6}, "\x1b[8;36;47m"},
-      {{-1, -1, -1}, "\x1b[00m"},
-      {{9, 1, 1}, ""},
-      {{1, 8, 1}, ""},
-      {{1, 1, 8}, ""},
-      {{-2, 1, 1}, ""},
-      {{1, -2, 1}, ""},
-      {{1, 1, -2}, ""},
-      {{-1, 0x7fffffff, -1}, ""},
-      {{8, -1, 7}, "\x1b[8;37m"}};
-  for (const auto& [configuration, prefix] : cases) {
-    EXPECT_EQ(get_ansi_prefix(&configuration), prefix) << testing::PrintToString(configuration);
+std::string shown(const color_configuration& configuration) {
+  return std::to_string(configuration.attribute) + ":" + std::to_string(configuration.background) +
+         ":" + std::to_string(configuration.foreground);
+}
+
+std::string name_of(const color_configuration* configuration) {
+  const std::pair<const char*, const color_configuration*> names[] = {
+      {"none", nullptr},
+      {"info", &color_info_conf},
+      {"warning", &color_warning_conf},
+      {"error", &color_error_conf},
+      {"before", &color_before_conf},
+      {"after", &color_after_conf}};
+  for (const auto& [name, known] : names) {
+    if (configuration == known) {
+      return name;
+    }
   }
-  EXPECT_STREQ(get_ansi_suffix(), "\x1b[00m");
+  return "unknown";
 }
 
-TEST_F(Color, ParsesASequenceOfUpToThreeNumbers) {
-  struct Parsed {
-    const char* text;
-    int length;  // -1: not a sequence
-    color_configuration fields;
-  };
-  const color_configuration before = {-1, -1, -1};
-  const std::vector<Parsed> cases = {{"\x1b[1;35mtext", 7, {1, -1, 5}},
-                                     {"\x1b[00m", 5, {0, -1, -1}},
-                                     {"\x1b[49;9;39m", 10, {9, 9, 9}},
-                                     {"\x1b[1;2;3m", 8, {3, -1, -1}},
-                                     {"\x1b[40m", 5, {-1, 0, -1}},
-                                     {"\x1b[030m", 6, {-1, -1, 0}},
-                                     {"\x1b[m", 3, before},
-                                     {"\x1b[1;2;3;4m", -1, before},
-                                     {"\x1b[1;2;3;m", -1, before},
-                                     {"\x1b[1;", -1, before},
-                                     {"\x1b[1", -1, before},
-                                     {"\x1b[1;m", -1, before},
-                                     {"\x1b[;1m", -1, before},
-                                     {"\x1b[1;;2m", -1, before},
-                                     {"\x1b[1 m", -1, before},
-                                     {"\x1b[-1m", -1, before},
-                                     {"\x1b[10m", -1, before},
-                                     {"\x1b[29m", -1, before},
-                                     {"\x1b[50m", -1, before},
-                                     {"\x1b[4294967297m", -1, before},
-                                     {"\x1b(1m", -1, before},
-                                     {"\x1b", -1, before},
-                                     {"[1m", -1, before},
-                                     {"", -1, before}};
-  for (const Parsed& expected : cases) {
-    color_configuration fields = before;
-    const char* const behind = color_parse_ansi(expected.text, &fields);
-    EXPECT_EQ(behind, expected.length < 0 ? nullptr : expected.text + expected.length)
-        << expected.text + 1;
-    EXPECT_EQ(fields, expected.fields) << expected.text + 1;
+// The configuration that a type gives or gets; the end of the run is a `!`.
+std::string chosen(int32_t type) {
+  std::string name;
+  const CapturedRun run = capture([&] { name = name_of(get_color_conf(type)); });
+  if (run.ended) {
+    EXPECT_EQ(run.errors, "kelvane: fatal: unknown type (" + std::to_string(type) + ")\n");
   }
+  return run.ended && run.status == 1 ? "!" : name;
 }
-
-TEST_F(Color, ChoosesTheConfigurationOfAType) {
-  EXPECT_EQ(get_color_conf(1), nullptr);
-  EXPECT_EQ(get_color_conf(2), &color_info_conf);
-  EXPECT_EQ(get_color_conf(3), &color_warning_conf);
-  EXPECT_EQ(get_color_conf(4), &color_error_conf);
-  EXPECT_EQ(get_color_conf(5), &color_before_conf);
-  EXPECT_EQ(get_color_conf(6), &color_after_conf);
-  EXPECT_EQ(get_color_conf(1), &color_after_conf);
-  EXPECT_EQ(get_color_conf(0), nullptr);
-  EXPECT_EQ(get_color_conf(1), nullptr);
-}
-
-TEST_F(Color, SetsTheConfigurationOfAType) {
-  EXPECT_EQ(all_configurations(), kDefaults);
-  for (int32_t type = 2; type <= 6; ++type) {
+std::string set_for(int32_t type) {
+  std::string fields;
+  const CapturedRun run = capture([&] {
     color_config_type(type, type, type + 10, type + 20);
+    fields = shown(*get_color_conf(type));
+  });
+  if (run.ended) {
+    EXPECT_EQ(run.errors, "kelvane: fatal: invalid type (" + std::to_string(type) + ")\n");
   }
-  EXPECT_THAT(all_configurations(),
-              ElementsAre(color_configuration{2, 12, 22}, color_configuration{3, 13, 23},
-                          color_configuration{4, 14, 24}, color_configuration{5, 15, 25},
-                          color_configuration{6, 16, 26}));
+  return run.ended && run.status == 1 ? "!" : fields;
 }
 
-TEST_F(Color, EndsTheRunAtATypeThatDoesNotExist) {
-  const CapturedRun unknown = capture([] { get_color_conf(7); });
-  EXPECT_EQ(unknown.errors, "kelvane: fatal: unknown type (7)\n");
-  EXPECT_EQ(unknown.status, 1);
-  EXPECT_EQ(capture([] { get_color_conf(-1); }).errors, "kelvane: fatal: unknown type (-1)\n");
-  for (const int32_t type : {0, 1, 7}) {
-    const CapturedRun invalid = capture([type] { color_config_type(type, 1, 1, 1); });
-    EXPECT_EQ(invalid.errors, "kelvane: fatal: invalid type (" + std::to_string(type) + ")\n");
-    EXPECT_EQ(invalid.status, 1);
-  }
+uint32_t code_seen = 0;
+
+__attribute__((format(printf, 2, 3))) void print_code(uint32_t code, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  gen_domessage(code, format, arguments);
+  va_end(arguments);
+}
+
+// The sequence in front of a message of the code; the message itself is handed on as it is.
+std::string around(uint32_t code) {
+  gen_domessage = [](uint32_t seen, const char*, va_list) {
+    code_seen = seen;
+    std::fputs("text", stderr);
+  };
+  color_init(nullptr, 1);
+  const std::string all = capture([code] { print_code(code, "%s", "x"); }).errors;
+  EXPECT_EQ(code_seen, code);
+  const std::string prefix = all.substr(0, all.find("text"));
+  EXPECT_EQ(all, prefix + "text" + (prefix.empty() ? "" : get_ansi_suffix()));
+  return prefix;
+}
+
+TEST_F(Color, DoesWhatTheTableTells) {
+  using Text = const char*;
+  EXPECT_EQ(all_configurations(), kDefaults);
+  EXPECT_STREQ(get_ansi_suffix(), "\x1b[00m");
+  // clang-format off
+  go_through(KELVANE_TABLES "color_format.table", tree_, {
+      {"prefix", [](int32_t attribute, int32_t background, int32_t foreground) {
+        const color_configuration configuration = {attribute, background, foreground};
+        return get_ansi_prefix(&configuration);
+      }},
+      {"parse", [](Text text) {
+        color_configuration fields = {-1, -1, -1};
+        const char* const behind = color_parse_ansi(text, &fields);
+        EXPECT_TRUE(behind != nullptr || shown(fields) == "-1:-1:-1");
+        return behind != nullptr ? std::to_string(behind - text) + "/" + shown(fields) : "none";
+      }},
+      KELVANE_OPERATION(chosen), {"set", set_for}, KELVANE_OPERATION(around),
+      {"defaults", [](Text) { reset_color_format(); return ""; }},
+      {"format", [](int32_t type) { return color_format_string(type, "text"); }},
+      {"found", [](Text name, Text subdirectory) { return find_config(name, "ini", subdirectory); }},
+      {"read_in", [](Text name) { parse_config_file(name); return color_info_conf.attribute; }},
+  });
+  // clang-format on
 }
 
 // ---- Printing
-
-TEST_F(Color, PutsATextBetweenSequencesWhateverTheStreams) {
-  const auto formatted = [](int32_t type) {
-    return std::string(gen_ptr<char>(color_format_string(type, "text")).get());
-  };
-  EXPECT_EQ(formatted(0), "text");
-  EXPECT_EQ(formatted(4), "\x1b[1;31mtext\x1b[00m");
-  EXPECT_EQ(formatted(1), "\x1b[1;31mtext\x1b[00m");
-}
 
 TEST_F(Color, LeavesSequencesInWhatGoesToAnOrdinaryStream) {
   EXPECT_EQ(printed([](std::FILE* stream) {
@@ -291,16 +234,6 @@ constexpr const char* kColoredMessages =
     "\x1b[1;31mkelvane: error: error\n\x1b[00m"
     "\x1b[1;31mkelvane: fatal: file: No such file or directory\n\x1b[00m";
 
-TEST_F(Color, ColoursMessagesOnATerminal) {
-  EXPECT_EQ(on_terminal([] {
-              color_init(nullptr, 0);
-              std::printf("%d%d ", is_tty_stdout, is_tty_stderr);
-              std::fflush(stdout);
-              print_a_message_of_each_class();
-            }),
-            std::string("11 ") + kColoredMessages);
-}
-
 TEST_F(Color, LeavesMessagesInAFilePlainUnlessForced) {
   EXPECT_EQ(capture([] {
               color_init(nullptr, 0);
@@ -316,34 +249,6 @@ TEST_F(Color, LeavesMessagesInAFilePlainUnlessForced) {
               print_a_message_of_each_class();
             }).errors,
             kColoredMessages);
-}
-
-uint32_t code_seen = 0;
-
-__attribute__((format(printf, 2, 3))) void print_code(uint32_t code, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  gen_domessage(code, format, arguments);
-  va_end(arguments);
-}
-
-TEST_F(Color, HandsTheMessageOnAsItIsAndColoursByTheReducedCode) {
-  gen_domessage = [](uint32_t code, const char*, va_list) {
-    code_seen = code;
-    std::fputs("text", stderr);
-  };
-  color_init(nullptr, 1);
-  const std::vector<std::pair<uint32_t, std::string>> cases = {
-      {0, "\x1b[1;31m"},   {3, "\x1b[1;31m"}, {4, "\x1b[1;35m"}, {5, "\x1b[1m"},
-      {6, "\x1b[1m"},      {7, ""},           {100, ""},         {101, "\x1b[1;31m"},
-      {104, "\x1b[1;35m"}, {106, "\x1b[1m"},  {107, ""}};
-  for (const auto& [code, prefix] : cases) {
-    const std::string suffix = prefix.empty() ? "" : "\x1b[00m";
-    EXPECT_EQ(capture([code = code] { print_code(code, "%s", "x"); }).errors,
-              prefix + "text" + suffix)
-        << code;
-    EXPECT_EQ(code_seen, code);
-  }
 }
 
 TEST_F(Color, PrintsOnlyTheSuffixForAConfigurationOutOfRange) {
@@ -436,39 +341,6 @@ TEST_F(Color, TakesALongLineForLinesOf199Bytes) {
   EXPECT_EQ(errors_of(comment + "x\n[BLUE]\n"), "kelvane: error: line 3: invalid heading 'BLUE'\n");
   EXPECT_EQ(errors_of(std::string(2 * 199, ' ') + "[INFO]\nattribute = 3\n"), "");
   EXPECT_EQ(color_info_conf.attribute, 3);
-}
-
-TEST_F(Color, FindsItsFileWithTheUserFirstThenTheSiteThenTheDefaults) {
-  EXPECT_EQ(capture([] { parse_config_file(nullptr); }).errors, "");
-  EXPECT_EQ(all_configurations(), kDefaults);
-  int32_t attribute = 1;
-  for (const char* const place : {"bin/defaults", "bin/config", "home/.qvr"}) {
-    ++attribute;
-    tree_.write(std::string(place) + "/colors.ini",
-                "[INFO]\nattribute = " + std::to_string(attribute) + "\n");
-    parse_config_file(nullptr);
-    EXPECT_EQ(color_info_conf.attribute, attribute) << place;
-  }
-}
-
-TEST_F(Color, FindsAFileUnderItsNameThenWithTheSuffixThenInTheSubdirectory) {
-  const auto found = [](const char* name, const char* subdirectory) {
-    const gen_ptr<char> path(find_config(name, "ini", subdirectory));
-    return path == nullptr ? std::string("none") : std::string(path.get());
-  };
-  EXPECT_EQ(found("mine", "sub"), "none");
-  const std::string deep = tree_.write("home/.qvr/sub/mine.ini", "");
-  EXPECT_EQ(found("mine", "sub"), deep);
-  EXPECT_EQ(found("mine.ini", "sub"), deep);
-  EXPECT_EQ(found("mine", ""), "none");
-  EXPECT_EQ(found("mine", nullptr), "none");
-  const std::string with_suffix = tree_.write("bin/defaults/mine.ini", "[INFO]\nattribute = 7\n");
-  EXPECT_EQ(found("mine", "sub"), with_suffix);
-  EXPECT_EQ(found("mine.ini", "sub"), with_suffix);
-  parse_config_file("mine");
-  EXPECT_EQ(color_info_conf.attribute, 7);
-  const std::string bare = tree_.write("bin/config/mine", "");
-  EXPECT_EQ(found("mine", "sub"), bare);
 }
 
 // As long as it lives, no file can be opened.

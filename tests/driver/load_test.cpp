@@ -1,14 +1,11 @@
 #include "load.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "captured_run.h"
@@ -31,17 +28,6 @@ class Loading : public testing::Test {
     gen_changeprogname("kelvane");
   }
   ~Loading() override { reset_all_state(); }
-
-  // What is said where the file can't be loaded.
-  static std::string refusal(const char* name) {
-    return capture([name] {
-             file_data record = {};
-             EXPECT_EQ(load_file(&record, name), 0);
-             EXPECT_EQ(record.bytes, nullptr);
-             EXPECT_EQ(record.size, -1);
-           })
-        .errors;
-  }
 
   TemporaryDirectory tree_;
   ChangedDirectory here_{tree_.name()};
@@ -86,29 +72,6 @@ TEST_F(Loading, GivesTheByteOrderOfTheImageReadLast) {
     const gen_ptr<uint8_t> bytes(record.bytes);
     EXPECT_EQ(record.big_endian, order == 1 ? 1 : 0);
   }
-}
-
-TEST_F(Loading, NamesWhatCannotBeLoadedWithTheReason) {
-  EXPECT_EQ(refusal("missing"),
-            "kelvane: fatal: unable to open input file 'missing': No such file or directory\n");
-  EXPECT_EQ(refusal("."), "kelvane: error: could not load '.': it is a directory\n");
-  tree_.write("empty", "");
-  EXPECT_EQ(refusal("empty"), "kelvane: error: could not allocate 0 bytes for file 'empty'\n");
-}
-
-TEST_F(Loading, RefusesAPipe) {
-  ASSERT_EQ(::mkfifo("pipe", 0600), 0);
-  const int both_ends = ::open("pipe", O_RDWR);  // so that opening it to read does not wait
-  ASSERT_GE(both_ends, 0);
-  EXPECT_EQ(refusal("pipe"), "kelvane: error: could not load 'pipe': its size cannot be found\n");
-  ::close(both_ends);
-}
-
-TEST_F(Loading, RefusesMoreThan2147483647Bytes) {
-  tree_.write("huge", "");
-  fs::resize_file("huge", 2147483648U);  // sparse
-  EXPECT_EQ(refusal("huge"),
-            "kelvane: error: could not load 'huge': it has more than 2147483647 bytes\n");
 }
 
 TEST_F(Loading, RefusesAFileThatTheUserMayNotRead) {

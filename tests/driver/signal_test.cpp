@@ -37,12 +37,6 @@ class SignalRoad : public testing::Test {
     EXPECT_FALSE(std::filesystem::exists(tree_.path("diff.out")));
     return result;
   }
-  void expect_end(int signal_number, const std::string& words) {
-    const ProgramResult result = interrupted_by(signal_number);
-    EXPECT_EQ(result.errors, words);
-    EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.output, "");
-  }
 
   TemporaryDirectory tree_;
 
@@ -60,15 +54,6 @@ class SignalRoad : public testing::Test {
     return -1;
   }
 };
-
-TEST_F(SignalRoad, EndsWithTheWordsOfTheSignalAndStatus2) {
-  expect_end(SIGINT, "kelvane: error: Halted\n");
-  expect_end(SIGTERM, "");
-  expect_end(SIGHUP, "kelvane: error: Interrupt (" + std::to_string(SIGHUP) + ")\n");
-  expect_end(SIGQUIT, "kelvane: error: Interrupt (" + std::to_string(SIGQUIT) + ")\n");
-  expect_end(SIGPIPE, "kelvane: error: Halted by a SIGPIPE.\n");
-  expect_end(SIGXCPU, "kelvane: error: Cpu Limit Exceeded\n");
-}
 
 TEST_F(SignalRoad, LeavesOtherSignalsAlone) {
   const ProgramResult result = interrupted_by(SIGUSR1);

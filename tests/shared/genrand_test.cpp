@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "genrand_internal.h"
+#include "shared_reset.h"
 
 namespace kelvane {
 namespace {

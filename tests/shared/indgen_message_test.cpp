@@ -1,6 +1,5 @@
 #include "indgen_message.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -11,12 +10,11 @@
 #include "captured_run.h"
 #include "child_process.h"
 #include "indgeninit.h"
+#include "operation_table.h"
 #include "reset_state.h"
 
 namespace kelvane {
 namespace {
-
-using testing::ElementsAre;
 
 class Messages : public testing::Test {
  protected:
@@ -39,49 +37,33 @@ std::string words_of(uint32_t code) {
   return capture([code] { send(code, "text"); }).errors;
 }
 
-TEST_F(Messages, CarryTheWordOfTheirClassAndAreCounted) {
-  EXPECT_EQ(words_of(0), "kelvane: text\n");
-  EXPECT_EQ(words_of(1), "kelvane: disaster: text\n");
-  EXPECT_EQ(words_of(2), "kelvane: fatal: text\n");
-  EXPECT_EQ(words_of(3), "kelvane: error: text\n");
-  EXPECT_EQ(gen_any_error, 4U);
-  EXPECT_EQ(words_of(4), "kelvane: warning: text\n");
-  EXPECT_EQ(words_of(5), "kelvane: info: text\n");
-  EXPECT_EQ(words_of(6), "text\n");
-  EXPECT_THAT(gen_error_count, ElementsAre(1, 1, 1, 1, 1, 1, 1));
-  EXPECT_EQ(gen_any_error, 4U);
+// The words of a message of the code, without the line's end.
+std::string words(uint32_t code, int error, bool error_is_taken) {
+  errno = error;
+  const std::string line = capture([code] { send(code, "text"); }).errors;
+  EXPECT_EQ(errno == 0, error_is_taken) << code;
+  EXPECT_TRUE(!line.empty() && line.back() == '\n') << code;
+  return line.substr(0, line.size() - 1);
 }
 
-TEST_F(Messages, HaveWordsInCapitalsToo) {
-  gen_upper_error_msgs = 1;
-  EXPECT_EQ(words_of(0), "kelvane: ERROR: text\n");
-  EXPECT_EQ(words_of(1), "kelvane: ERROR: DISASTER: text\n");
-  EXPECT_EQ(words_of(2), "kelvane: ERROR: FATAL: text\n");
-  EXPECT_EQ(words_of(3), "kelvane: ERROR: text\n");
-  EXPECT_EQ(words_of(4), "kelvane: WARNING: text\n");
-  EXPECT_EQ(words_of(5), "kelvane: INFO: text\n");
-  EXPECT_EQ(words_of(6), "text\n");
-}
-
-TEST_F(Messages, OfUnknownCodesHaveNoClassAndAreNotCounted) {
-  errno = ENOENT;
-  EXPECT_EQ(words_of(7), "kelvane: text\n");
-  EXPECT_EQ(words_of(100), "kelvane: text\n");
-  errno = ENOENT;
-  EXPECT_EQ(words_of(107), "kelvane: text: No such file or directory\n");
-  EXPECT_THAT(gen_error_count, ElementsAre(0, 0, 0, 0, 0, 0, 0));
-  EXPECT_EQ(gen_any_error, 0U);
-}
-
-TEST_F(Messages, TellTheReasonOnceForCodesAbove100) {
-  errno = ENOENT;
-  EXPECT_EQ(words_of(101), "kelvane: disaster: text: No such file or directory\n");
-  EXPECT_EQ(errno, 0);
-  EXPECT_EQ(words_of(103), "kelvane: error: text\n");
-  errno = EACCES;
-  EXPECT_EQ(words_of(106), "text: Permission denied\n");
-  EXPECT_THAT(gen_error_count, ElementsAre(0, 1, 0, 1, 0, 0, 1));
-  EXPECT_EQ(gen_any_error, 2U);
+TEST_F(Messages, SayWhatTheTableTells) {
+  using Text = const char*;
+  // clang-format off
+  check_table({
+      {"words", [](uint32_t code) { return words(code, ENOENT, false); }},
+      {"reason", [](uint32_t code) { return words(code, ENOENT, true); }},
+      {"no_errno", [](uint32_t code) { return words(code, 0, true); }},
+      {"capitals", [](uint8_t on) { gen_upper_error_msgs = on; return ""; }},
+      {"name", [](Text name) { gen_changeprogname(name); return ""; }},
+      {"counted", [](Text) {
+        std::string counts;
+        for (const uint32_t count : gen_error_count) {
+          counts += (counts.empty() ? "" : ":") + std::to_string(count);
+        }
+        return counts + "/" + std::to_string(gen_any_error);
+      }},
+  }, KELVANE_TABLES "indgen_message.table");
+  // clang-format on
 }
 
 TEST_F(Messages, EndInOneNewline) {
@@ -96,14 +78,6 @@ TEST_F(Messages, EndInOneNewline) {
   errno = 0;
   EXPECT_EQ(capture([] { gen_perror("text\n"); }).errors, "kelvane: fatal: text\n");
   EXPECT_EQ(capture([] { gen_perror("text"); }).errors, "kelvane: fatal: text\n");
-}
-
-TEST_F(Messages, BeginWithTheClassWhereTheProgramHasNoName) {
-  gen_changeprogname("");
-  EXPECT_EQ(words_of(3), "error: text\n");
-  gen_changeprogname(nullptr);
-  EXPECT_EQ(words_of(3), "error: text\n");
-  EXPECT_EQ(words_of(0), "text\n");
 }
 
 TEST_F(Messages, ComeFromOneOperationForEachClass) {

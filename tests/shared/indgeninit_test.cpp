@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
 
 #include "captured_run.h"
 #include "changed_surroundings.h"
@@ -16,6 +17,7 @@
 #include "indgen_message.h"
 #include "indview.h"
 #include "reset_state.h"
+#include "scenario.h"
 #include "temporary_directory.h"
 
 namespace kelvane {
@@ -54,6 +56,15 @@ TEST_F(StartUp, KnowsTheProgramByItsStartName) {
   gen_changeprogname(gen_getprogname());
   EXPECT_STREQ(gen_progname, "third");
   EXPECT_STREQ(gen_execname, "other");
+}
+
+TEST_F(StartUp, LetsContainersThatFindNoMemoryEndTheRun) {
+  gen_init("kelvane", 0, 1);
+  const std::new_handler handler = std::get_new_handler();
+  ASSERT_NE(handler, nullptr);
+  const CapturedRun run = capture([handler] { handler(); });
+  EXPECT_EQ(run.errors, "kelvane: fatal: Out of memory\n");
+  EXPECT_EQ(run.status, 3);
 }
 
 TEST_F(StartUp, WithoutANameLeavesBothNamesNull) {
@@ -123,80 +134,25 @@ class Executables : public StartUp {
     fs::permissions(name, fs::perms::owner_all);
     return name;
   }
-  static std::string found(const char* name, uint8_t look_in_progdir = 0, uint8_t resolve = 0) {
-    const gen_ptr<char> path(gen_findexec(name, look_in_progdir, resolve));
-    return path == nullptr ? "(null)" : path.get();
-  }
 
   TemporaryDirectory tree_;
   ChangedDirectory here_{tree_.name()};
   ChangedVariable path_{"PATH", std::nullopt};
 };
 
-TEST_F(Executables, WithADirectoryPartStandWhereTheySay) {
-  const std::string name = program("bin/prog");
-  program("prog");
-  fs::create_directory("bin/folder");
-  tree_.write("bin/text", "");
-  path_.set(tree_.path("bin"));
-  EXPECT_EQ(found("bin/prog"), name);
-  EXPECT_EQ(found(name.c_str()), name);
-  EXPECT_EQ(found("other/prog"), "(null)");
-  EXPECT_EQ(found("bin/folder"), "(null)");
-  EXPECT_EQ(found("./text"), "(null)");
-  EXPECT_EQ(found(nullptr), "(null)");
-}
-
-TEST_F(Executables, AreLookedForAlongThePathFromTheLeft) {
-  const std::string first = program("one/prog");
-  const std::string second = program("two/prog");
-  tree_.write("zero/prog", "not executable");
-  const std::string one = tree_.path("one");
-  const std::string two = tree_.path("two");
-  path_.set(tree_.path("zero") + ":" + two + ":" + one);
-  EXPECT_EQ(found("prog"), second);
-  path_.set("one:" + two);
-  EXPECT_EQ(found("prog"), "one/prog");
-  path_.set("");
-  EXPECT_EQ(found("prog"), "(null)");
-  path_.set(std::nullopt);
-  EXPECT_EQ(found("prog"), "(null)");
-}
-
-TEST_F(Executables, AreFoundHereByAnEmptyElementWhereverItStands) {
-  program("prog");
-  const std::string nowhere = tree_.path("nowhere");
-  for (const std::string& list : {":" + nowhere, nowhere + "::" + nowhere, nowhere + ":"}) {
-    path_.set(list);
-    EXPECT_EQ(found("prog"), "prog") << list;
-  }
-  path_.set(nowhere);
-  EXPECT_EQ(found("prog"), "(null)");
-}
-
-TEST_F(Executables, BesideTheProgramComeBeforeThePath) {
-  const std::string beside = program("own/prog");
-  const std::string along = program("bin/prog");
-  program("bin/other");
-  path_.set(tree_.path("bin"));
-  gen_changeprogdir("own");
-  EXPECT_STREQ(gen_getprogdir(), tree_.path("own").c_str());
-  EXPECT_EQ(found("prog", 1), beside);
-  EXPECT_EQ(found("prog", 0), along);
-  EXPECT_EQ(found("other", 1), tree_.path("bin/other"));
-}
-
-TEST_F(Executables, HaveTheirLinksResolvedOnDemand) {
-  const std::string real = program("real/prog-1");
-  fs::create_directory("bin");
-  fs::create_symlink("../real/prog-1", "bin/prog");
-  path_.set(tree_.path("bin"));
-  EXPECT_EQ(found("prog", 0, 0), tree_.path("bin/prog"));
-  EXPECT_EQ(found("prog", 0, 1), real);
-  EXPECT_EQ(found("bin/prog", 0, 1), real);
-  EXPECT_STREQ(gen_ptr<char>(gen_findexecdir("prog", 0, 0)).get(), tree_.path("bin").c_str());
-  EXPECT_STREQ(gen_ptr<char>(gen_findexecdir("prog", 0, 1)).get(), tree_.path("real").c_str());
-  EXPECT_EQ(gen_ptr<char>(gen_findexecdir("missing", 0, 1)), nullptr);
+TEST_F(Executables, AreFoundAsTheTableTells) {
+  using Text = const char*;
+  // clang-format off
+  go_through(KELVANE_TABLES "indgeninit.table", tree_, {
+      {"found", gen_findexec}, KELVANE_OPERATION(gen_findexecdir),
+      {"program", [this](Text entry) { program(entry); return ""; }},
+      {"progdir", [](Text directory) { gen_changeprogdir(directory); return gen_getprogdir(); }},
+      {"path", [this](Text list) {
+        path_.set(list == nullptr ? std::nullopt : std::optional<std::string>(list));
+        return "";
+      }},
+  });
+  // clang-format on
 }
 
 TEST_F(Executables, StartedThroughALinkOrThePathLieWhereTheRealFileLies) {

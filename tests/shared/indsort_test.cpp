@@ -1,6 +1,5 @@
 #include "indsort.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,6 +12,7 @@
 #include <vector>
 
 #include "indgen_memory.h"
+#include "operation_table.h"
 
 namespace kelvane {
 namespace {
@@ -24,7 +24,7 @@ using sort_function = decltype(&qvr_sort);
 // "a" and "A" are equal keys that can be told apart.
 struct Recording {
   char* base;
-  std::string trace;  // "c03" for a comparison of elements 0 and 3, "x03" for an exchange
+  std::string trace;  // "/c0.3" for a comparison of elements 0 and 3, "/x0.3" for an exchange
 };
 Recording recording;
 
@@ -33,100 +33,41 @@ std::string position(const void* element) {
 }
 
 int32_t compare_letters(void*, const void* first, const void* second) {
-  recording.trace += " c" + position(first) + "," + position(second);
+  recording.trace += "/c" + position(first) + "." + position(second);
   return std::tolower(*static_cast<const char*>(first)) -
          std::tolower(*static_cast<const char*>(second));
 }
 
 void exchange_letters(void* first, void* second, uint32_t size) {
   EXPECT_EQ(size, 1U);
-  recording.trace += " x" + position(first) + "," + position(second);
+  recording.trace += "/x" + position(first) + "." + position(second);
   std::swap(*static_cast<char*>(first), *static_cast<char*>(second));
 }
 
-// Sorts the letters in place and gives the record of the callbacks.
-std::string trace_of(sort_function sort, std::string& letters) {
+// Sorts the letters and gives them with the record of the callbacks.
+std::string sorted(sort_function sort, std::string letters) {
   recording = {letters.data(), ""};
   sort(nullptr, letters.data(), static_cast<uint32_t>(letters.size()), 1, compare_letters,
        exchange_letters);
-  return recording.trace;
+  return letters + recording.trace;
 }
 
-struct Traced {
-  const char* before;
-  const char* after;
-  const char* trace;
-};
-
-void expect_traces(sort_function sort, std::initializer_list<Traced> cases) {
-  for (const Traced& expected : cases) {
-    std::string letters = expected.before;
-    EXPECT_EQ(trace_of(sort, letters), expected.trace) << expected.before;
-    EXPECT_EQ(letters, expected.after);
-  }
-}
-
-TEST(Sort, ComparesAndExchangesBelowSixElementsLikeAnExchangeSort) {
-  expect_traces(qvr_sort,
-                {{"", "", ""},
-                 {"a", "a", ""},
-                 {"cab", "abc", " c0,1 x0,1 c0,2 c1,2 x1,2"},
-                 {"beadc", "abcde",
-                  " c0,1 c0,2 x0,2 c0,3 c0,4 c1,2 x1,2 c1,3 c1,4 c2,3 x2,3 c2,4 x2,4 c3,4 x3,4"}});
-}
-
-TEST(Sort, PartitionsSixElementsAroundAMedianOfThreeThatStaysInTheArray) {
-  expect_traces(
-      qvr_sort,
-      {// The pivot is the c in the middle; the last exchange of the partition takes it along.
-       {"dafceb", "abcdef",
-        " c0,3 c3,5 c0,3 c3,5 x0,5 c1,3 c2,3 c3,4 x2,3"
-        " c0,1 x0,1 c3,4 x3,4 c3,5 x3,5 c4,5 x4,5"},
-       // The pivot is the c at the start, goes to the end and comes back.
-       {"cdbefa", "abcdef",
-        " c0,3 c3,5 c0,5 c0,5 x0,5 c1,5 x1,5 c1,4 c1,3 c1,2 x1,2"
-        " c0,1 c3,4 c3,5 x3,5 c4,5 x4,5"}});
-}
-
-TEST(Sort, PicksTheMedianInAFixedOrderOfComparisons) {
-  // Elements 0, 4 (7 halved and rounded up) and 6 in each of their orders; of the record only the
-  // choice is compared, which ends where the comparisons with the pivot begin.
-  const std::array<Traced, 8> cases = {{{"czzzazb", "", " c0,4 c4,6 c0,6 c0,6"},
-                                        {"bzzzazc", "", " c0,4 c4,6 c0,6 c0,6"},
-                                        {"czzzbza", "", " c0,4 c4,6 c0,4"},
-                                        {"bzzzaza", "", " c0,4 c4,6 c0,4"},
-                                        {"azzzczb", "", " c0,4 c4,6 c0,6 c0,6"},
-                                        {"bzzzcza", "", " c0,4 c4,6 c0,6 c0,6"},
-                                        {"azzzbzc", "", " c0,4 c4,6 c0,4"},
-                                        {"azzzaza", "", " c0,4 c4,6 c0,4"}}};
-  for (const Traced& expected : cases) {
-    std::string letters = expected.before;
-    EXPECT_THAT(trace_of(qvr_sort, letters), testing::StartsWith(expected.trace))
-        << expected.before;
-  }
-}
-
-TEST(Sort, TakesAMedianOfNineFromThirtySixElementsOn) {
-  std::string letters(35, 'a');
-  EXPECT_THAT(trace_of(qvr_sort, letters), testing::StartsWith(" c0,18 c18,34 c0,18 c1,18"));
-  letters.assign(36, 'a');
-  EXPECT_THAT(trace_of(qvr_sort, letters),
-              testing::StartsWith(" c0,4 c4,8 c14,18 c18,22 c27,31 c31,35 c4,18 c18,31 c0,18"));
-  letters.assign(47, 'a');  // steps of 47 / 8 = 5 elements around 24
-  EXPECT_THAT(trace_of(qvr_sort, letters),
-              testing::StartsWith(" c0,5 c5,10 c19,24 c24,29 c36,41 c41,46 c5,24 c24,41 c0,24"));
-}
-
-TEST(StableSort, BreaksTiesByTheStartingPositionExceptInTheChoiceOfThePivot) {
-  expect_traces(qvr_stable_sort,
-                {{"", "", ""},
-                 {"a", "a", ""},
-                 // Upper and lower case are equal: b B a A comes out as a A b B.
-                 {"bBaA", "aAbB", " c0,1 c0,2 x0,2 c0,3 c1,2 x1,2 c1,3 x1,3 c2,3 x2,3"},
-                 // Starting positions beside the letters: b0 a1 B2 A3 b4 a5. The pivot is A3.
-                 {"baBAba", "aAabBb",
-                  " c0,3 c3,5 c0,3 c3,5 c3,4 x0,3 c0,2 c0,1 x0,1"
-                  " c2,3 x2,3 c2,4 c2,5 x2,5 c3,4 c3,5 x3,5 c4,5 x4,5"}});
+TEST(Sort, ComparesAndExchangesAsTheTableTells) {
+  check_table(
+      {Operation("qvr_sort", [](const std::string& text) { return sorted(qvr_sort, text); }),
+       Operation("qvr_stable_sort",
+                 [](const std::string& text) { return sorted(qvr_stable_sort, text); }),
+       Operation("choice",
+                 [](const std::string& text, int32_t comparisons) {
+                   sorted(qvr_sort, text);
+                   size_t end = 0;
+                   for (int32_t number = 0; number <= comparisons && end != std::string::npos;
+                        ++number) {
+                     end = recording.trace.find('/', end == 0 && number == 0 ? 0 : end + 1);
+                   }
+                   return recording.trace.substr(1, end - 1);
+                 })},
+      KELVANE_TABLES "indsort.table");
 }
 
 struct Record {

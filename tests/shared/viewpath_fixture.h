@@ -11,16 +11,11 @@
 #include "captured_run.h"
 #include "indgen_memory.h"
 #include "indview.h"
+#include "operation_table.h"
 #include "reset_state.h"
 #include "temporary_directory.h"
 
 namespace kelvane {
-
-// Takes over a string that an operation gives and shows it; "(null)" for none.
-inline std::string shown(char* owned) {
-  const gen_ptr<char> text(owned);
-  return text == nullptr ? "(null)" : text.get();
-}
 
 // Two trees, "near" and "far", in a fresh directory, with "near" as the current directory and the
 // environment free of all that controls viewpathing.
@@ -46,17 +41,11 @@ class ViewpathFixture : public testing::Test {
   std::string bring_up_both(int32_t mode = 1) { return bring_up(near_ + ":" + far_, mode); }
 
   static bool exists(const std::string& name) { return std::filesystem::exists(name); }
-  static mode_t mode_of(const std::string& name) {
-    struct stat status {};
-    EXPECT_EQ(::stat(name.c_str(), &status), 0) << name;
-    return status.st_mode & 07777U;
-  }
 
   TemporaryDirectory trees_;
   std::string near_ = trees_.path("near");
   std::string far_ = trees_.path("far");
 
- private:
   static void clear() {
     for (const char* const variable :
          {"NVPATH", "QVR_VP_DEBUG", "QVR_VP_OFF", "QVR_VP_SLOW", "QVR_VP_XSW"}) {
@@ -65,6 +54,7 @@ class ViewpathFixture : public testing::Test {
     reset_all_state();
   }
 
+ private:
   std::filesystem::path start_;
   mode_t umask_;
 };

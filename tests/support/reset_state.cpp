@@ -1,23 +1,14 @@
 #include "reset_state.h"
 
-#include "color_format_internal.h"
+#include "color_reset.h"
 #include "debug_print.h"
-#include "genrand_internal.h"
 #include "image_internal.h"
-#include "indconfig_internal.h"
-#include "indgadr_internal.h"
-#include "indgen_memory_internal.h"
-#include "indgen_message_internal.h"
-#include "indgen_path_internal.h"
-#include "indgen_process_internal.h"
-#include "indgen_quote_internal.h"
-#include "indgen_tempname_internal.h"
-#include "indgeninit_internal.h"
-#include "indview_internal.h"
 #include "options.h"
 #include "patch_buffer.h"
 #include "run_sequence_internal.h"
 #include "section_filter_internal.h"
+#include "shared_reset.h"
+#include "st_reset.h"
 
 namespace kelvane {
 
