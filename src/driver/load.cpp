@@ -6,6 +6,7 @@
 
 #include "bd_checksum.h"
 #include "exit_status.h"
+#include "indelfio.h"
 #include "indgen_memory.h"
 #include "indgen_message.h"
 #include "indview.h"

@@ -10,6 +10,7 @@
 #include "increment_coder_internal.h"
 #include "increments_internal.h"
 #include "indconfig_internal.h"
+#include "indelfio_internal.h"
 #include "indgadr_internal.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
@@ -38,6 +39,7 @@ void reset_all_state() {
   reset_engine_settings();
   reset_section_filter();
   reset_image();
+  reset_indelfio();
   exclude_file = nullptr;
   reset_color_format();
   reset_genrand();
