@@ -14,12 +14,13 @@
 #include "indobjio_internal.h"
 #include "indview.h"
 #include "oof.h"
+#include "section_list.h"
 
 namespace kelvane {
 
 object_hook do_BSD_file_ptr = nullptr;
 object_hook do_COFF_file_ptr = nullptr;
-object_hook do_ELF_file_ptr = nullptr;
+object_hook do_ELF_file_ptr = do_ELF_file;
 object_hook do_QVR_file_ptr = nullptr;
 object_hook do_OOF_file_ptr = nullptr;
 object_hook do_import_library_file_ptr = nullptr;
@@ -281,7 +282,7 @@ int32_t do_any_file(const char* name) {
 void reset_indobjio() {
   do_BSD_file_ptr = nullptr;
   do_COFF_file_ptr = nullptr;
-  do_ELF_file_ptr = nullptr;
+  do_ELF_file_ptr = do_ELF_file;
   do_QVR_file_ptr = nullptr;
   do_OOF_file_ptr = nullptr;
   do_import_library_file_ptr = nullptr;

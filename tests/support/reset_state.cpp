@@ -24,6 +24,7 @@
 #include "options.h"
 #include "run_sequence_internal.h"
 #include "section_filter_internal.h"
+#include "section_list_internal.h"
 #include "substitution_internal.h"
 
 namespace kelvane {
@@ -38,6 +39,7 @@ void reset_all_state() {
   reset_indzip();
   reset_engine_settings();
   reset_section_filter();
+  reset_section_list();
   reset_image();
   reset_indelfio();
   exclude_file = nullptr;
