@@ -30,8 +30,8 @@ inline std::string archive_header(std::string_view name, std::string_view size,
 }
 
 inline std::string common_archive(const std::vector<LibraryMember>& members,
-                                  std::string_view magic = "!<arch>\n") {
-  std::string archive(magic);
+                                  std::string_view first_bytes = "!<arch>\n") {
+  std::string archive(first_bytes);
   for (const LibraryMember& member : members) {
     archive += archive_header(member.name, std::to_string(member.contents.size()));
     archive += member.contents;
