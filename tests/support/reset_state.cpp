@@ -3,10 +3,14 @@
 #include "color_reset.h"
 #include "debug_print.h"
 #include "image_internal.h"
+#include "indelfio_internal.h"
+#include "indmagic_internal.h"
+#include "indobjio_internal.h"
 #include "options.h"
 #include "patch_buffer.h"
 #include "run_sequence_internal.h"
 #include "section_filter_internal.h"
+#include "section_list_internal.h"
 #include "shared_reset.h"
 #include "st_reset.h"
 
@@ -16,7 +20,11 @@ void reset_all_state() {
   reset_run_sequence();
   reset_engine();
   reset_section_filter();
+  reset_indobjio();
+  reset_indmagic();
+  reset_section_list();
   reset_image();
+  reset_indelfio();
   exclude_file = nullptr;
   reset_color_format();
   reset_genrand();
