@@ -167,6 +167,22 @@ TEST_F(Objects, WithoutSectionsAreReadAgainFromWhereTheHeadersWouldBe) {
   EXPECT_EQ(table.count, 0);
 }
 
+TEST_F(Objects, MayNotHaveNamesThatOverlapBeyondAllMeasure) {
+  Image image;
+  image.sections.resize(70, {.name = "s", .content = {1}});
+  image.sections[0].name = std::string(1U << 20U, 'x');
+  image.damage = [](file_header&, Headers& headers) {
+    for (uint32_t i = 0; i < 70; ++i) {
+      headers[i].sh_name = 1 + i;
+    }
+  };
+  const Bytes bytes = build_image(image);
+  const CapturedRun run = capture([&] { read(bytes); });
+  EXPECT_EQ(run.errors,
+            "kelvane: fatal: the section names of 'lib.a(x.o)' have more than 67108864 bytes\n");
+  EXPECT_EQ(run.status, 1);
+}
+
 TEST_F(Objects, AreNamedInMessagesAsTheyAreShown) {
   fDiffMemory = 1;
   add_section_exclusion(".ROM.text");
