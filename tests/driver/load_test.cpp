@@ -91,17 +91,6 @@ TEST_F(Loading, TakesFilesOfManyPieces) {
   }
 }
 
-TEST_F(Loading, GivesTheByteOrderOfTheImageReadLast) {
-  tree_.write("abc", "abc");
-  for (const int32_t order : {0, 1, 2}) {
-    endian = order;
-    file_data record = {};
-    ASSERT_EQ(load_file(&record, "abc"), 1);
-    EXPECT_EQ(record.big_endian, order == 1 ? 1 : 0);
-    release_file(&record);
-  }
-}
-
 TEST_F(Loading, NamesWhatCannotBeLoadedWithTheReason) {
   EXPECT_EQ(refusal("missing"),
             "kelvane: fatal: unable to open input file 'missing': No such file or directory\n");

@@ -138,17 +138,6 @@ TEST_F(Objects, TellTheStartUpFunction) {
   }
 }
 
-TEST_F(Objects, OfOneByteOrderAreReadOnAnyHost) {
-  for (const ByteOrder order : {ByteOrder::big, ByteOrder::little}) {
-    Image image = image_with({crt1_symbol(0x81020304, ".text")});
-    image.order = order;
-    read(build_image(image));
-    EXPECT_EQ(endian, order == ByteOrder::big ? 1 : 2);
-    EXPECT_EQ(file_.crt1, 0x81020304U);
-    EXPECT_EQ(list_.get()[0].addr.low, 0x1000U);
-  }
-}
-
 // The second half starts where the first has left the stream, which is not put back if there are no
 // sections.
 TEST_F(Objects, WithoutSectionsAreReadAgainFromWhereTheHeadersWouldBe) {
