@@ -15,9 +15,11 @@
 #include <filesystem>
 #include <string>
 
+#include "archive_builder.h"
 #include "captured_run.h"
 #include "changed_surroundings.h"
 #include "child_process.h"
+#include "debug_print.h"
 #include "image_builder.h"
 #include "indelfio.h"
 #include "indgen_memory.h"
@@ -171,6 +173,26 @@ TEST_F(Loading, TakesAnImageApart) {
   EXPECT_EQ(table.records, symbols) << "and its symbols";
   release_file(&record);
   release_file(&plain);
+}
+
+TEST_F(Loading, TakesEachObjectOfALibraryIntoOneList) {
+  Image second = big_endian_image();
+  second.sections[0].name = ".data";
+  second.symbols.push_back({.name = "more"});
+  const std::string one = text_of(build_image(big_endian_image()));
+  const std::string two = text_of(build_image(second));
+  tree_.write("lib.a", common_archive({{"one.o/", one}, {"two.o/", two}}));
+  fDiffMemory = 1;
+  debug_level = 1;
+  add_section_exclusion(".data");
+  file_data record = {};
+  EXPECT_EQ(capture([&] { load_file(&record, "lib.a"); }).errors,
+            "Skipping section '.data' in file 'lib.a(two.o)' because of exclusion '.data'\n");
+  ASSERT_EQ(record.sections_end - record.sections, 1);
+  EXPECT_EQ(record.sections->object_start, 68U);
+  EXPECT_EQ(record.sections->offset.low, 52U);
+  EXPECT_EQ(table.count, 3) << "the last object's";
+  release_file(&record);
 }
 
 TEST_F(Loading, LeavesNothingBehindWhereAnImageEndsTheRun) {

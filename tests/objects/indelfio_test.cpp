@@ -275,19 +275,6 @@ TEST_F(Elf, EntriesMayBeLargerThanTheStandardAndNeverSmaller) {
 
 // ---- Tables
 
-TEST_F(Elf, AnObjectReadsTheSameWhereverItStarts) {
-  for (const ByteOrder order : {ByteOrder::big, ByteOrder::little}) {
-    const Bytes object = build_image(small_image(order));
-    for (const Bytes& before : {Bytes{}, Bytes(61, 0xEE)}) {
-      std::FILE* const in = stream(joined({before, object}), static_cast<long>(before.size()));
-      EXPECT_THAT(symbol_names(in), ElementsAre("", "main", "outside", "x"));
-      std::fseek(in, static_cast<long>(before.size()), SEEK_SET);
-      EXPECT_THAT(section_names(in),
-                  ElementsAre("", ".text", ".data", ".symtab", ".strtab", ".shstrtab"));
-    }
-  }
-}
-
 TEST_F(Elf, TablesAreHandedToTheCaller) {
   section_header* headers = nullptr;
   char* names = nullptr;
