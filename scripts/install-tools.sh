@@ -51,7 +51,8 @@ need_test_tools() {
   need_tools \
     /usr/include/gtest/gtest.h=libgtest-dev \
     /usr/include/gmock/gmock.h=libgmock-dev \
-    pkg-config=pkg-config
+    pkg-config=pkg-config \
+    clang=clang ld.lld=lld readelf=binutils
 }
 
 need_bench_tools() {

@@ -4,3 +4,7 @@ set(CMAKE_CXX_STANDARD 20)
 find_package(kelvane 0.1 REQUIRED)
 add_executable(consumer consumer.cpp)
 target_link_libraries(consumer PRIVATE kelvane::kelvane kelvane::apply)
+
+# The other object formats alone, without the engine.
+add_executable(formats_consumer formats_consumer.cpp)
+target_link_libraries(formats_consumer PRIVATE kelvane::formats)

@@ -19,6 +19,8 @@
 #include "indgen_quote_internal.h"
 #include "indgen_tempname_internal.h"
 #include "indgeninit_internal.h"
+#include "indmagic_internal.h"
+#include "indobjio_internal.h"
 #include "indview_internal.h"
 #include "indzip_internal.h"
 #include "options.h"
@@ -39,6 +41,8 @@ void reset_all_state() {
   reset_indzip();
   reset_engine_settings();
   reset_section_filter();
+  reset_indobjio();
+  reset_indmagic();
   reset_section_list();
   reset_image();
   reset_indelfio();
