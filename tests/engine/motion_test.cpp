@@ -63,7 +63,8 @@ class Motion : public EngineTest {
       strings += '\0';
       relevant += std::string_view(symbol.name) != ".heap" ? 1 : 0;
     }
-    *symbols = {static_cast<int32_t>(records.size()), relevant, records.data(), strings.data()};
+    *symbols = {static_cast<int32_t>(records.size()), relevant, records.data(), strings.data(),
+                static_cast<uint32_t>(strings.size())};
   }
 
   // Puts bytes of the old section at another place of the new one.

@@ -20,6 +20,7 @@
 #include "indgeninit_internal.h"
 #include "indview_internal.h"
 #include "indzip_internal.h"
+#include "kelvane_internal.h"
 #include "motion_internal.h"
 #include "options.h"
 #include "run_sequence_internal.h"
@@ -30,6 +31,7 @@ namespace kelvane {
 
 void reset_all_state() {
   reset_run_sequence();
+  reset_kelvane();
   reset_motion();
   reset_increment_coder();
   reset_increments();

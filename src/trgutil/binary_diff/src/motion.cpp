@@ -40,7 +40,7 @@ bool overlap(const address_range& a, const address_range& b) {
 std::optional<address_range> heap_of(const symbol_table& symbols) {
   for (int32_t i = 0; i < symbols.count; ++i) {
     const elf32::symbol& symbol = symbols.records[i];
-    if (std::strcmp(symbols.strings + symbol.st_name, ".heap") == 0) {
+    if (std::strcmp(symbol_name(symbols, symbol), ".heap") == 0) {
       const uint64_t end = std::min(uint64_t{symbol.st_value} + symbol.st_size, kAddressEnd);
       return address_range{symbol.st_value, static_cast<uint32_t>(end - symbol.st_value)};
     }
@@ -88,7 +88,7 @@ void symbol_pass(map_list& list, const Section& old_section, const Section& new_
     if (!lies_in(symbol, old_section)) {
       continue;
     }
-    const char* const name = table1.strings + symbol.st_name;
+    const char* const name = symbol_name(table1, symbol);
     const elf32::symbol* const found = find_in_table2(name);
     if (found == nullptr || !lies_in(*found, new_section)) {
       continue;
@@ -232,8 +232,9 @@ void do_sym_diff(uint8_t* const& old_bytes, uint32_t old_address, const uint32_t
 }
 
 int32_t symtab_search(const void* name, const void* record) {
+  const uint32_t place = static_cast<const elf32::symbol*>(record)->st_name;
   return std::strcmp(static_cast<const char*>(name),
-                     srch_strtab + static_cast<const elf32::symbol*>(record)->st_name);
+                     place < table2.strings_size ? srch_strtab + place : "");
 }
 
 uint32_t build_forest(map_list& list, uint32_t available, int32_t deconstruct) {
