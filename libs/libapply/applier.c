@@ -6,7 +6,8 @@
 typedef struct job {
   kelvane_applier* applier;
   const kelvane_memory* memory;
-  uint32_t limit;  // file mode: no offset behind it
+  uint32_t limit;    // file mode: no offset behind it
+  uint32_t reached;  // file mode: the end of the last byte in the file that is written
   uint32_t sum;
   uint8_t after;  // which checksums to verify: those of the new contents
 } job;
@@ -53,16 +54,29 @@ static int in_memory(const job* self, const kelvane_item* item, uint32_t address
   return at_address(self, address, KELVANE_APPLY_OUTSIDE);
 }
 
+// As in_memory, for a range that is written.
+static int written_in_memory(job* self, const kelvane_item* item, uint32_t address) {
+  const int code = in_memory(self, item, address);
+  if (code == KELVANE_APPLY_OK && item->size > 0 && address + item->size > self->reached) {
+    self->reached = address + item->size;
+  }
+  return code;
+}
+
 static int check_item(void* context, const kelvane_item* item) {
-  const job* const self = (const job*)context;
+  job* const self = (job*)context;
   int code = KELVANE_APPLY_OK;
   switch (item->kind) {
     case KELVANE_ITEM_MOVE:
       code = in_memory(self, item, item->address);
-      return code != KELVANE_APPLY_OK ? code : in_memory(self, item, item->address + item->value);
+      // A block that stays where it is writes nothing.
+      return code != KELVANE_APPLY_OK || item->value == 0
+                 ? code
+                 : written_in_memory(self, item, item->address + item->value);
     case KELVANE_ITEM_STORE:
     case KELVANE_ITEM_FILL:
     case KELVANE_ITEM_INCREMENT:
+      return written_in_memory(self, item, item->address);
     case KELVANE_ITEM_REGION:
       return in_memory(self, item, item->address);
     default:
@@ -80,6 +94,7 @@ static int start_job(job* self, kelvane_applier* applier, const kelvane_memory* 
   self->memory = memory;
   self->limit = applier->info.old_size > applier->info.new_size ? applier->info.old_size
                                                                 : applier->info.new_size;
+  self->reached = 0;
   self->sum = 0;
   self->after = 0;
   return 1;
@@ -98,7 +113,16 @@ int kelvane_apply_check(kelvane_applier* applier, const kelvane_memory* memory) 
     return KELVANE_APPLY_BAD_ARGUMENT;
   }
   code = room_for(&self, self.limit);
-  return code != KELVANE_APPLY_OK ? code : kelvane_apply_walk(applier, check_item, &self);
+  if (code == KELVANE_APPLY_OK) {
+    code = kelvane_apply_walk(applier, check_item, &self);
+  }
+  // What a file has grown by was written, up to its last byte. The checksum of the new file doesn't
+  // tell: behind 32 bytes of 0 it is what it was.
+  if (code == KELVANE_APPLY_OK && !applier->info.memory_mode &&
+      applier->info.new_size > applier->info.old_size && self.reached != applier->info.new_size) {
+    return at_address(&self, self.reached, KELVANE_APPLY_NEW_SIZE);
+  }
+  return code;
 }
 
 static int read_memory(const job* self, uint32_t address, uint8_t* bytes, uint32_t count) {
@@ -361,6 +385,7 @@ const char* kelvane_apply_text(int code) {
       "the stream of increments is damaged",
       "the memory is too small for the old or the new file",
       "an address lies outside the memory",
+      "the new file has not the size that the header states",
       "the old file has another size",
       "the old contents have another checksum",
       "the new contents have another checksum",

@@ -70,6 +70,9 @@ enum kelvane_apply_code {
   // The patch is sound and does not fit the memory. Nothing has been written.
   KELVANE_APPLY_NO_ROOM,
   KELVANE_APPLY_OUTSIDE,
+  // File mode: the new file is the longer one, and the last byte that the patch writes is not its
+  // last one, so the header is damaged. Nothing has been written.
+  KELVANE_APPLY_NEW_SIZE,
   // The old contents are not those that the patch was made for. Nothing has been written.
   KELVANE_APPLY_OLD_SIZE,
   KELVANE_APPLY_OLD_CHECKSUM,
@@ -153,7 +156,8 @@ typedef struct kelvane_applier {
   uint32_t position;
   kelvane_patch_info info;
   uint32_t error_position;  // with a code other than OK: the place in the patch
-  uint32_t error_address;   // OUTSIDE, READ_FAILED, WRITE_FAILED: where in memory
+  uint32_t error_address;   // OUTSIDE, READ_FAILED, WRITE_FAILED: where in memory;
+                            // NEW_SIZE: the size that the file would have
   uint8_t opened;
   uint8_t chunk[KELVANE_APPLY_CHUNK];
 } kelvane_applier;
@@ -211,7 +215,8 @@ int kelvane_apply_open(kelvane_applier* applier, const uint8_t* patch, uint32_t 
 int kelvane_apply_visit(kelvane_applier* applier, kelvane_visitor visitor, void* context);
 
 // Tests that nothing in the patch reads or writes outside the regions of `memory` (in file mode:
-// nor behind the longer of the two files, which must fit the regions). Calls no callback.
+// nor behind the longer of the two files, which must fit the regions), and that a file which grows
+// is written up to its end. Calls no callback.
 int kelvane_apply_check(kelvane_applier* applier, const kelvane_memory* memory);
 
 // Compare the contents of `memory` with what the patch says of the old (new) ones: size and

@@ -496,6 +496,57 @@ TEST(Applier, KeepsAFilePatchInsideTheLongerFile) {
   EXPECT_EQ(small.reads + small.writes, 0U);
 }
 
+// A new size that is too large may come with the right checksum, for 32 bytes of 0 leave that as it
+// is. A size that is too small is seen by the addresses.
+TEST(Applier, WantsTheLastByteOfAGrownFileWritten) {
+  const struct {
+    const char* commands;
+    uint32_t reached;  // the end of the last byte written; 4 if the patch is right
+  } patches[] = {
+      {"03 0000", 0},
+      {"03 0001 00000000 00000002 00000002", 4},
+      {"03 0001 00000000 00000002 00000001", 3},
+      {"03 0001 00000002 00000002 00000000", 0},  // stays, so that nothing is written
+      {"03 0001 00000000 00000000 00000004", 0},
+      {"01 0001 0001 00000001 00000003 616263", 4},
+      {"01 0001 0001 00000001 00000002 6162", 3},
+      {"01 0001 0001 00000004 00000000", 0},
+      {"02 0001 0002 00000003 61 00000000 61", 4},
+      {"05 0001 0001 00000003 00000002 0161", 4},
+      {"05 0001 0001 00000000 00000003 00DCF0", 3},
+      {"06 0001 00000003 0001 61", 4},
+      {"06 0001 00000002 0001 61", 3},
+      {"07 0000000B 06 00 3A 1A 8B E8 FE FE FF 00 02", 4},
+  };
+  for (const auto& [commands, reached] : patches) {
+    SCOPED_TRACE(commands);
+    PatchBuilder builder(Order::kBig);
+    builder.bytes(from_hex(commands));
+    for (const bool signed_patch : {true, false}) {
+      const auto patch_from = [&](const std::string& old_file) {
+        return signed_patch ? builder.version1(old_file, "abcd")
+                            : builder.version0(old_file, "abcd");
+      };
+      OpenedPatch grown(patch_from("abc"), KELVANE_V0_BIG_ENDIAN);
+      TargetMemory memory("abc", 4);
+      EXPECT_EQ(kelvane_apply_check(grown.applier(), memory.access()),
+                reached == 4 ? KELVANE_APPLY_OK : KELVANE_APPLY_NEW_SIZE);
+      if (reached != 4) {
+        EXPECT_EQ(grown.applier()->error_address, reached);
+        // A file that doesn't grow need not be written at all.
+        OpenedPatch same(patch_from("abce"), KELVANE_V0_BIG_ENDIAN);
+        EXPECT_EQ(kelvane_apply_check(same.applier(), memory.access()), KELVANE_APPLY_OK);
+      }
+    }
+  }
+  std::string damaged = worked_patch();
+  damaged[38] = '\x10';
+  TargetMemory memory(worked_old_file() + std::string(4100, '\0'), 64 + 4100);
+  memory.access()->old_size = 64;
+  EXPECT_EQ(apply_patch(damaged, memory), KELVANE_APPLY_NEW_SIZE);
+  EXPECT_EQ(memory.writes, 0U);
+}
+
 TEST(Applier, ReportsEveryAccessThatFails) {
   for (const bool in_read : {true, false}) {
     int code = KELVANE_APPLY_WRITE_FAILED;

@@ -2,6 +2,8 @@
 // applier that runs on targets and nothing else of this project.
 
 #include <cerrno>
+#include <charconv>
+#include <csignal>
 #include <cstdio>
 #include <new>
 #include <string>
@@ -27,6 +29,9 @@ constexpr char kHelp[] =
     "  --byte-order big|little  byte order of the target, which a version 0 patch\n"
     "                           does not store; found from the sizes by default\n"
     "  -o, --output NEW         the file that apply writes\n"
+    "  --max-size BYTES         refuses a patch that makes a larger file; by default\n"
+    "                           16 times the old file, and at least 16 MiB\n"
+    "  -q, --quiet              verify does not say that the patch is right\n"
     "  --help                   prints this text\n"
     "  --version                prints the version\n"
     "\n"
@@ -37,7 +42,8 @@ struct CommandLine {
   std::vector<std::string> operands;  // the command first
   std::string output;
   bool has_output = false;
-  ByteOrder order = ByteOrder::kFound;
+  PatchOptions options;
+  bool quiet = false;
   bool help = false;
   bool version = false;
 };
@@ -54,6 +60,17 @@ ByteOrder byte_order_named(const std::string& word) {
     return ByteOrder::kLittle;
   }
   usage_error("unknown byte order '" + word + "'");
+}
+
+uint32_t size_named(const std::string& word) {
+  uint32_t size = 0;
+  const char* const end = word.data() + word.size();
+  const auto [behind, error] = std::from_chars(word.data(), end, size);
+  if (error != std::errc() || behind != end || size > kLargestFile) {
+    usage_error("'--max-size' takes a number of bytes up to " + std::to_string(kLargestFile) +
+                ", not '" + word + "'");
+  }
+  return size;
 }
 
 CommandLine parse(const std::vector<std::string>& arguments) {
@@ -81,7 +98,11 @@ CommandLine parse(const std::vector<std::string>& arguments) {
       line.output = value();
       line.has_output = true;
     } else if (name == "--byte-order") {
-      line.order = byte_order_named(value());
+      line.options.order = byte_order_named(value());
+    } else if (name == "--max-size") {
+      line.options.max_size = size_named(value());
+    } else if (argument == "-q" || argument == "--quiet") {
+      line.quiet = true;
     } else if (argument == "--help") {
       line.help = true;
     } else if (argument == "--version") {
@@ -118,12 +139,15 @@ void run(const CommandLine& line) {
   if (command != "apply" && line.has_output) {
     usage_error("'" + command + "' writes no file");
   }
+  if (command == "show" && (line.quiet || line.options.max_size)) {
+    usage_error("'show' takes neither '--quiet' nor '--max-size'");
+  }
   if (command == "show") {
     if (files != 1) {
       usage_error("'show' takes one file");
     }
-    PatchFile patch(line.operands[1], line.order, {});
-    show_patch(patch, line.order);
+    PatchFile patch(line.operands[1], line.options.order, {});
+    show_patch(patch, line.options.order);
   } else if (command == "apply") {
     if (files != 2) {
       usage_error("'apply' takes two files");
@@ -131,12 +155,15 @@ void run(const CommandLine& line) {
     if (!line.has_output) {
       usage_error("'apply' requires the option '-o'");
     }
-    apply_patch(line.operands[1], line.operands[2], line.output, line.order);
+    apply_patch(line.operands[1], line.operands[2], line.output, line.options);
   } else {
     if (files != 3) {
       usage_error("'verify' takes three files");
     }
-    verify_patch(line.operands[1], line.operands[2], line.operands[3], line.order);
+    verify_patch(line.operands[1], line.operands[2], line.operands[3], line.options);
+    if (!line.quiet) {
+      std::puts("the patch is right");
+    }
   }
 }
 
@@ -144,6 +171,8 @@ void run(const CommandLine& line) {
 }  // namespace kelpatch
 
 int main(int argc, char** argv) {
+  // A limit of file sizes is to end in a message, as a full disk does.
+  std::signal(SIGXFSZ, SIG_IGN);
   try {
     kelpatch::run(kelpatch::parse({argv + (argc > 0 ? 1 : 0), argv + argc}));
     kelpatch::finish_output();

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -84,30 +83,36 @@ Bytes read_input(const std::string& name) {
     fatal_errno("unable to open input file '%s'", name.c_str());
   }
   const Descriptor file(number);
-  Bytes bytes;
+  size_t room = 65536;
   struct stat status = {};
   if (::fstat(number, &status) == 0 && S_ISREG(status.st_mode)) {
     if (status.st_size > off_t{kLargestFile}) {
       fatal("input file '%s' has more than %u bytes", name.c_str(), kLargestFile);
     }
-    bytes.reserve(static_cast<size_t>(status.st_size));
+    // A byte more than there is shows the end without growing.
+    room = static_cast<size_t>(status.st_size) + 1;
   }
   // The end is where a read finds it: a pipe has no size, and a file may grow meanwhile.
-  std::array<uint8_t, 65536> piece;
+  Bytes bytes(room);
+  size_t filled = 0;
   for (;;) {
-    const ssize_t count = ::read(file.number(), piece.data(), piece.size());
+    if (filled == bytes.size()) {
+      bytes.resize(std::min(2 * filled, size_t{kLargestFile} + 1));
+    }
+    const ssize_t count = ::read(file.number(), bytes.data() + filled, bytes.size() - filled);
     if (count < 0 && errno == EINTR) {
       continue;
     }
     if (count < 0) {
       fatal_errno("error reading input file '%s'", name.c_str());
     }
-    if (count == 0) {
-      return bytes;
-    }
-    bytes.insert(bytes.end(), piece.begin(), piece.begin() + count);
-    if (bytes.size() > kLargestFile) {
+    filled += static_cast<size_t>(count);
+    if (filled > kLargestFile) {
       fatal("input file '%s' has more than %u bytes", name.c_str(), kLargestFile);
+    }
+    if (count == 0) {
+      bytes.resize(filled);
+      return bytes;
     }
   }
 }
@@ -141,14 +146,14 @@ PatchFile::Rank PatchFile::rank(uint32_t flags, const KnownSizes& known) {
   merits += known.old_file == header.old_size ? 4U : 0U;
   merits += known.new_file == header.new_size ? 4U : 0U;
   merits += sound ? 2U : 0U;
-  merits += sound && fits_files() ? 1U : 0U;
+  merits += sound && check_files() == KELVANE_APPLY_OK ? 1U : 0U;
   return {merits, std::max(header.old_size, header.new_size)};
 }
 
-bool PatchFile::fits_files() {
+int PatchFile::check_files() {
   const kelvane_region room = {0, std::max(info().old_size, info().new_size)};
   const kelvane_memory memory = {nullptr, no_read, nullptr, &room, 1, KELVANE_SIZE_UNKNOWN};
-  return kelvane_apply_check(&applier_, &memory) == KELVANE_APPLY_OK;
+  return kelvane_apply_check(&applier_, &memory);
 }
 
 }  // namespace kelpatch

@@ -60,9 +60,9 @@ class PatchFile {
   const kelvane_patch_info& info() const { return applier_.info; }
   uint32_t size() const { return static_cast<uint32_t>(bytes_.size()); }
   kelvane_applier* applier() { return &applier_; }
-  // Whether every address lies inside the longer of the two files. Where it doesn't, a version 0
-  // patch was made for target memory.
-  bool fits_files();
+  // What kelvane_apply_check says of a file as long as the longer of the two. Where an address is
+  // outside it, a version 0 patch was made for target memory.
+  int check_files();
 
  private:
   // How well the patch, read in one byte order, goes with what is known.

@@ -137,7 +137,9 @@ void show_header(PatchFile& patch, ByteOrder order) {
   const char* mode = info.memory_mode != 0 ? "memory mode" : "file mode";
   if (info.version == 0) {
     remark = order == ByteOrder::kFound ? " (found from the sizes)" : " (as told)";
-    mode = patch.fits_files() ? "file mode" : "memory mode (addresses outside both files)";
+    mode = patch.check_files() == KELVANE_APPLY_OUTSIDE
+               ? "memory mode (addresses outside both files)"
+               : "file mode";
   }
   std::printf("version %d, %s, %s%s, %s\n", info.version, mode,
               info.big_endian != 0 ? "big-endian" : "little-endian", remark,

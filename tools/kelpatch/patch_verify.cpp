@@ -1,16 +1,12 @@
 #include "patch_verify.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cinttypes>
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
 #include <utility>
+
+#include "output_file.h"
 
 namespace kelpatch {
 namespace {
@@ -47,26 +43,49 @@ void compare_with_header(const char* which, const std::string& name, const Bytes
 }
 
 void require_file_mode(PatchFile& patch) {
-  if (patch.info().memory_mode != 0) {
+  const kelvane_patch_info& info = patch.info();
+  if (info.memory_mode != 0) {
     fatal("'%s' is a patch for target memory, and only a patch for a file can be applied here",
           patch.name().c_str());
   }
-  if (std::max(patch.info().old_size, patch.info().new_size) > kLargestFile) {
+  if (std::max(info.old_size, info.new_size) > kLargestFile) {
     fatal("'%s' is for a file of more than %u bytes", patch.name().c_str(), kLargestFile);
   }
-  if (!patch.fits_files()) {
+  const char* const hint =
+      info.version == 0 ? ": it may be for target memory or have another byte order" : "";
+  const int code = patch.check_files();
+  const kelvane_applier* const applier = patch.applier();
+  if (code == KELVANE_APPLY_NEW_SIZE) {
+    fatal("'%s' is for a new file of %" PRIu32 " bytes and writes nothing from offset %" PRIu32
+          " on%s",
+          patch.name().c_str(), info.new_size, applier->error_address, hint);
+  }
+  if (code != KELVANE_APPLY_OK) {
     fatal("'%s' changes the address 0x%" PRIx32 " (at offset %" PRIu32
           "), outside the old and the new file%s",
-          patch.name().c_str(), patch.applier()->error_address, patch.applier()->error_position,
-          patch.info().version == 0 ? ": it may be for target memory or have another byte order"
-                                    : "");
+          patch.name().c_str(), applier->error_address, applier->error_position, hint);
   }
 }
 
+// What a patch may make of an old file of `old_size` bytes unless the command line says more: a
+// damaged header must not fill a disk.
+uint32_t usual_max_size(uint32_t old_size) {
+  constexpr uint32_t kTimes = 16;
+  constexpr uint32_t kAtLeast = 16 * 1024 * 1024;
+  return old_size > kLargestFile / kTimes ? kLargestFile : std::max(old_size * kTimes, kAtLeast);
+}
+
 // The bytes of the new file.
-Bytes result_of(PatchFile& patch, const std::string& old_name, Bytes contents) {
+Bytes result_of(PatchFile& patch, const std::string& old_name, Bytes contents,
+                std::optional<uint32_t> told_max_size) {
   const kelvane_patch_info& info = patch.info();
   compare_with_header("old", old_name, contents, patch.name(), info.old_size, info.old_checksum);
+  const uint32_t max_size = told_max_size.value_or(usual_max_size(info.old_size));
+  if (info.new_size > max_size) {
+    fatal("'%s' makes a file of %" PRIu32 " bytes, more than %" PRIu32
+          "; if that is right, allow it by --max-size %" PRIu32,
+          patch.name().c_str(), info.new_size, max_size, info.new_size);
+  }
   contents.resize(std::max(info.old_size, info.new_size));
   const kelvane_region room = {0, size_of(contents)};
   const kelvane_memory memory = {&contents, read_bytes, write_bytes, &room, 1, info.old_size};
@@ -81,78 +100,6 @@ Bytes result_of(PatchFile& patch, const std::string& old_name, Bytes contents) {
   return contents;
 }
 
-// The name of a file that `name` stands for: a link is followed, so that it stays a link.
-std::string without_links(const std::string& name) {
-  const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(name.c_str(), nullptr),
-                                                             std::free);
-  return resolved ? resolved.get() : name;
-}
-
-// A new file under a name of its own, beside the one that it is to become. It is removed unless it
-// is kept.
-class OutputFile {
- public:
-  explicit OutputFile(const std::string& name)
-      : shown_name_(name), name_(without_links(name)), temporary_name_(name_ + ".XXXXXX") {
-    struct stat status = {};
-    const bool exists = ::stat(name_.c_str(), &status) == 0;
-    if (exists && !S_ISREG(status.st_mode)) {
-      fatal("output file '%s' exists and is not a regular file", name.c_str());
-    }
-    file_ = ::mkstemp(temporary_name_.data());
-    if (file_ < 0) {
-      fatal_errno("unable to open output file '%s'", name.c_str());
-    }
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    ::fchmod(file_, exists ? status.st_mode & 0777U : 0666U & ~mask);
-  }
-  ~OutputFile() {
-    if (file_ >= 0) {
-      ::close(file_);
-    }
-    if (!kept_) {
-      ::unlink(temporary_name_.c_str());
-    }
-  }
-  OutputFile(const OutputFile&) = delete;
-  OutputFile& operator=(const OutputFile&) = delete;
-
-  void write(const Bytes& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-      const ssize_t count = ::write(file_, bytes.data() + done, bytes.size() - done);
-      if (count < 0 && errno != EINTR) {
-        fail();
-      }
-      done += static_cast<size_t>(std::max(count, ssize_t{0}));
-    }
-  }
-
-  // Gives the file its name, in place of what had it.
-  void keep() {
-    if (::fsync(file_) != 0 && errno != EINVAL && errno != EROFS) {
-      fail();
-    }
-    if (::close(std::exchange(file_, -1)) != 0 ||
-        std::rename(temporary_name_.c_str(), name_.c_str()) != 0) {
-      fail();
-    }
-    kept_ = true;
-  }
-
- private:
-  [[noreturn]] void fail() const {
-    fatal_errno("error writing output file '%s'", shown_name_.c_str());
-  }
-
-  std::string shown_name_;
-  std::string name_;
-  std::string temporary_name_;
-  int file_ = -1;
-  bool kept_ = false;
-};
-
 bool is_same_file(const std::string& first, const std::string& second) {
   struct stat one = {};
   struct stat other = {};
@@ -163,26 +110,26 @@ bool is_same_file(const std::string& first, const std::string& second) {
 }  // namespace
 
 void apply_patch(const std::string& old_name, const std::string& patch_name,
-                 const std::string& new_name, ByteOrder order) {
+                 const std::string& new_name, const PatchOptions& options) {
   if (is_same_file(new_name, old_name) || is_same_file(new_name, patch_name)) {
     fatal("output file '%s' is also an input file", new_name.c_str());
   }
-  Bytes old_file = read_input(old_name);
-  PatchFile patch(patch_name, order, {size_of(old_file), {}});
-  require_file_mode(patch);
-  const Bytes new_file = result_of(patch, old_name, std::move(old_file));
+  // First, so that a place which can't be written is known before the work.
   OutputFile output(new_name);
-  output.write(new_file);
+  Bytes old_file = read_input(old_name);
+  PatchFile patch(patch_name, options.order, {size_of(old_file), {}});
+  require_file_mode(patch);
+  output.write(result_of(patch, old_name, std::move(old_file), options.max_size));
   output.keep();
 }
 
 void verify_patch(const std::string& old_name, const std::string& new_name,
-                  const std::string& patch_name, ByteOrder order) {
+                  const std::string& patch_name, const PatchOptions& options) {
   Bytes old_file = read_input(old_name);
   const Bytes new_file = read_input(new_name);
-  PatchFile patch(patch_name, order, {size_of(old_file), size_of(new_file)});
+  PatchFile patch(patch_name, options.order, {size_of(old_file), size_of(new_file)});
   require_file_mode(patch);
-  const Bytes result = result_of(patch, old_name, std::move(old_file));
+  const Bytes result = result_of(patch, old_name, std::move(old_file), options.max_size);
   compare_with_header("new", new_name, new_file, patch_name, patch.info().new_size,
                       patch.info().new_checksum);
   // Equal checksums are not equal bytes.
