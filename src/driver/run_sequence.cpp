@@ -6,11 +6,11 @@
 #include "engine_settings.h"
 #include "exit_status.h"
 #include "image.h"
-#include "indgen_memory.h"
 #include "indgen_message.h"
 #include "indgeninit.h"
 #include "kelvane.h"
 #include "load.h"
+#include "load_internal.h"
 #include "options.h"
 #include "run_sequence_internal.h"
 #include "symbol_list.h"
@@ -82,8 +82,7 @@ int32_t run_sequence(int32_t argc, char* const* argv) {
 
 void reset_run_sequence() {
   for (file_data* const record : {&state.first, &state.second}) {
-    gen_free(record->bytes);
-    *record = {};
+    release_file(record);
   }
 }
 

@@ -58,8 +58,4 @@ extern symbol_table table;
 extern symbol_table table1;
 extern symbol_table table2;
 
-// Byte order of the file that was read last: 0 not yet known, 1 big-endian, 2 little-endian. For a
-// reader of file headers to write; load_file looks at it after each load.
-extern int32_t endian;
-
 }  // namespace kelvane

@@ -13,6 +13,7 @@
 
 #include "captured_run.h"
 #include "changed_surroundings.h"
+#include "indelfio.h"
 #include "indgen_memory.h"
 #include "indgeninit.h"
 #include "ordinary_user.h"

@@ -10,6 +10,7 @@
 #include "increment_coder_internal.h"
 #include "increments_internal.h"
 #include "indconfig_internal.h"
+#include "indelfio_internal.h"
 #include "indgadr_internal.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
@@ -25,6 +26,7 @@
 #include "options.h"
 #include "run_sequence_internal.h"
 #include "section_filter_internal.h"
+#include "section_list_internal.h"
 #include "substitution_internal.h"
 
 namespace kelvane {
@@ -41,7 +43,9 @@ void reset_all_state() {
   reset_indzip();
   reset_engine_settings();
   reset_section_filter();
+  reset_section_list();
   reset_image();
+  reset_indelfio();
   exclude_file = nullptr;
   reset_color_format();
   reset_genrand();
