@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
-#include <forward_list>
+#include <utility>
 #include <vector>
 
 #include "bd_checksum.h"
 #include "byte_reader.h"
+#include "command_lists.h"
 #include "debug_print.h"
 #include "diffshared.h"
 #include "elf32.h"
@@ -28,13 +29,6 @@ namespace {
 constexpr char kNotCompared[] = "XXX.starttext";
 constexpr uint64_t kAddressEnd = uint64_t{1} << 32U;
 constexpr uint64_t kHalfOfTheAddresses = uint64_t{1} << 31U;
-
-// Expanded and zero-filled contents of sections of the new image. They stay to the end of the
-// process, since commands point into them.
-struct State {
-  std::forward_list<gen_ptr<uint8_t>> contents;
-};
-State state;
 
 uint32_t address_of(const sym_addr& section) {
   return section.addr.low;
@@ -223,12 +217,11 @@ void diff_mem(const file_data* first, const file_data* second, uint16_t blocksiz
                   deconstruct);
     }
     add_gap_moves(k, pair, end1, end2);
-    const uint8_t* const new_bytes = new_contents.bytes;
     if (new_contents.buffer != nullptr) {
-      state.contents.push_front(std::move(new_contents.buffer));
+      keep_bytes(std::move(new_contents.buffer));
     }
-    do_diff(old_contents.bytes, pair.address1, pair.size1, new_bytes, pair.address2, pair.size2,
-            blocksize, max_scan, 0);
+    do_diff(old_contents.bytes, pair.address1, pair.size1, new_contents.bytes, pair.address2,
+            pair.size2, blocksize, max_scan, 0);
     end1 = pair.address1 + pair.size1;
     end2 = pair.address2 + pair.size2;
   }
@@ -296,7 +289,6 @@ void do_add_checksum(const uint8_t* buffer1, uint32_t address1, uint32_t size1,
 void reset_kelvane() {
   sym_addr_list1 = nullptr;
   sym_addr_list2 = nullptr;
-  state.contents.clear();
 }
 
 }  // namespace kelvane

@@ -2,7 +2,7 @@
 
 namespace kelvane {
 
-// Forgets the lists and releases the contents that commands of the run may have pointed to.
+// Forgets the lists of the run.
 void reset_kelvane();
 
 }  // namespace kelvane

@@ -8,6 +8,7 @@
 
 #include "block_pass.h"
 #include "debug_print.h"
+#include "engine_reset.h"
 #include "engine_settings.h"
 #include "image.h"
 #include "indgen_memory.h"
