@@ -32,7 +32,7 @@ endif()
 set(KELVANE_INSTALLED_HEADERS
   debug_print.h exit_status.h indgen_memory.h indgen_message.h indgeninit.h
   indgadr.h
-  image.h
+  elf32.h image.h
   bd_checksum.h command_lists.h diffout.h engine_settings.h increment_stream.h indzip.h patch_buffer.h
   patch_writer.h
   block_search.h diffshared.h

@@ -160,6 +160,18 @@ TEST(PatchAsAValue, CostsWhatTheTableSays) {
     };
   };
   const size_t limit = 65535;
+  constexpr size_t kAbsoluteCost = kAbsoluteSingleByteCost + 1;
+  constexpr size_t kRelativeCost = kRelativeSingleByteCost + 1;
+  constexpr size_t kPairCost = kRelativeListCost + 2 * kRelativeCost;
+  // Runs of single bytes, each out of reach of the one before.
+  const auto spread = [](size_t runs, size_t length) {
+    return [=](patch_commands* commands) {
+      for (size_t i = 0; i < runs * length; ++i) {
+        commands->single_bytes.push_back(
+            store(static_cast<uint32_t>(1000 * (i / length) + i % length), 1));
+      }
+    };
+  };
   const PriceCase cases[] = {
       {"nothing", [](patch_commands*) {}, 0},
       {"block",
@@ -196,23 +208,37 @@ TEST(PatchAsAValue, CostsWhatTheTableSays) {
          c->regions2 = {{0, 4}};
        },
        kChecksumCommandCost + kRegionCost},
+      // What a count of 16 bits can just tell, and one more.
+      {"full fill",
+       [&](patch_commands* c) {
+         c->fills.assign(limit, {0, 4, 4});
+       },
+       kFillCommandCost + limit * kFillCost},
       {"repeated fill",
        [&](patch_commands* c) {
          c->fills.assign(limit + 1, {0, 4, 4});
        },
        2 * kFillCommandCost + (limit + 1) * kFillCost},
+      {"full move",
+       [&](patch_commands* c) {
+         c->blocks.assign(limit, {0, 4, 4});
+       },
+       limit * kBlockCost},
       {"repeated move",
        [&](patch_commands* c) {
          c->blocks.assign(limit + 1, {0, 4, 4});
        },
        kMoveCommandCost + (limit + 1) * kBlockCost},
-      {"repeated store",
-       [&](patch_commands* c) {
-         for (uint32_t i = 0; i <= limit; ++i) {
-           c->substitutions.push_back(store(300 * i, 2));
-         }
-       },
-       2 * kStoreCommandCost + (limit + 1) * (kAbsoluteStoreCost + 2)},
+      {"full absolute list", spread(limit, 1), kStoreCommandCost + limit * kAbsoluteCost},
+      {"repeated absolute list", spread(limit + 1, 1),
+       2 * kStoreCommandCost + (limit + 1) * kAbsoluteCost},
+      {"as many relative lists as can be", spread(limit - 1, 2),
+       kStoreCommandCost + (limit - 1) * kPairCost},
+      {"one more", spread(limit, 2), 2 * kStoreCommandCost + limit * kPairCost},
+      {"full relative list", spread(1, limit),
+       kStoreCommandCost + kRelativeListCost + limit * kRelativeCost},
+      {"one more, which is absolute", spread(1, limit + 1),
+       kStoreCommandCost + kRelativeListCost + limit * kRelativeCost + kAbsoluteCost},
   };
   const format_settings settings = {1, true, false, true};
   const size_t empty = size_of_patch({}, settings);
