@@ -24,8 +24,6 @@ memory_alias* memory_aliases = nullptr;
 
 namespace {
 
-using namespace std::string_view_literals;
-
 struct State {
   SectionIndex index;  // beside the list of the load at hand
 };
@@ -58,9 +56,9 @@ constexpr Mapping kMappings[] = {
 };
 
 // Never compared in memory mode: names that begin so, and whole names.
-constexpr std::array kDroppedPrefixes = {".patch"sv, ".CROM"sv};
-constexpr std::array kDroppedNames = {".heap"sv,    ".stack"sv,   ".reset"sv,  ".syscall"sv,
-                                      ".fixaddr"sv, ".fixtype"sv, ".secinfo"sv};
+constexpr std::array<std::string_view, 2> kDroppedPrefixes = {".patch", ".CROM"};
+constexpr std::array<std::string_view, 7> kDroppedNames = {
+    ".heap", ".stack", ".reset", ".syscall", ".fixaddr", ".fixtype", ".secinfo"};
 
 // A name as the list will have it.
 struct MappedName {

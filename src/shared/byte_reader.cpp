@@ -1,7 +1,6 @@
 #include "byte_reader.h"
 
 #include <algorithm>
-#include <array>
 
 namespace kelvane {
 
@@ -79,23 +78,6 @@ bool ByteReader::seek(uint64_t position) {
   }
   position_ = position;
   return true;
-}
-
-uint64_t ByteReader::number(size_t size) {
-  std::array<uint8_t, 8> bytes{};
-  if (!read(std::span(bytes).first(size))) {
-    return 0;
-  }
-  switch (size) {
-    case 1:
-      return bytes[0];
-    case 2:
-      return load_half(bytes.data(), order_);
-    case 4:
-      return load_word(bytes.data(), order_);
-    default:
-      return load_long(bytes.data(), order_);
-  }
 }
 
 }  // namespace kelvane

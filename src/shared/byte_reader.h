@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <span>
@@ -47,10 +48,10 @@ class ByteReader {
   // At most `size` bytes of the stream, fewer if the file ends before.
   ByteReader(std::FILE* stream, uint64_t size, ByteOrder order);
 
-  uint8_t u8() { return static_cast<uint8_t>(number(1)); }
-  uint16_t u16() { return static_cast<uint16_t>(number(2)); }
-  uint32_t u32() { return static_cast<uint32_t>(number(4)); }
-  uint64_t u64() { return number(8); }
+  uint8_t u8() { return *next<1>(); }
+  uint16_t u16() { return load_half(next<2>(), order_); }
+  uint32_t u32() { return load_word(next<4>(), order_); }
+  uint64_t u64() { return load_long(next<8>(), order_); }
   int8_t i8() { return static_cast<int8_t>(u8()); }
   int16_t i16() { return static_cast<int16_t>(u16()); }
   int32_t i32() { return static_cast<int32_t>(u32()); }
@@ -73,7 +74,17 @@ class ByteReader {
   ByteOrder order() const { return order_; }
 
  private:
-  uint64_t number(size_t size);
+  // The next bytes, zeros if they aren't there; good until the next call. Here in the header, since
+  // tables of many records are taken apart with it.
+  template <size_t Size>
+  const uint8_t* next() {
+    if (stream_ == nullptr && !failed_ && Size <= rest()) {
+      position_ += Size;
+      return memory_ + (position_ - Size);
+    }
+    read(std::span(number_).first(Size));
+    return number_.data();
+  }
   bool fail();
 
   const uint8_t* memory_ = nullptr;
@@ -81,6 +92,7 @@ class ByteReader {
   uint64_t start_ = 0;  // of the window in the stream
   uint64_t size_ = 0;
   uint64_t position_ = 0;
+  std::array<uint8_t, 8> number_{};
   ByteOrder order_;
   bool failed_ = false;
 };

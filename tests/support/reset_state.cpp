@@ -14,6 +14,8 @@
 #include "indgen_quote_internal.h"
 #include "indgen_tempname_internal.h"
 #include "indgeninit_internal.h"
+#include "indmagic_internal.h"
+#include "indobjio_internal.h"
 #include "indview_internal.h"
 #include "kelvane_internal.h"
 #include "options.h"
@@ -29,6 +31,8 @@ void reset_all_state() {
   reset_kelvane();
   reset_engine();
   reset_section_filter();
+  reset_indobjio();
+  reset_indmagic();
   reset_section_list();
   reset_image();
   reset_indelfio();
