@@ -1,6 +1,7 @@
 #include "memory_pair.h"
 
 #include <algorithm>
+#include <map>
 
 #include "image_pair.h"
 #include "indzip.h"
@@ -28,7 +29,8 @@ struct Program {
 
 Function random_function(uint32_t number, const ProgramSize& size, Random& random) {
   Function function = {"f" + std::to_string(number), {}, {}};
-  function.code = code_like(4 * (1 + random.below(size.largest / 4)), random);
+  const uint32_t words = size.largest / 4;
+  function.code = code_like(4 * (size.alike ? words : 1 + random.below(words)), random);
   for (size_t place = 4; place + 4 <= function.code.size(); place += 4 * (3 + random.below(9))) {
     function.calls.emplace_back(place, "f" + std::to_string(random.below(number + 1)));
   }
@@ -56,7 +58,7 @@ Program random_program(const ProgramSize& size, Random& random) {
     gap = gaps[random.below(5)];
   }
   const uint32_t heaps[] = {0, 8, 40, 100, 1000, 100000};
-  program.heap = heaps[random.below(6)];
+  program.heap = size.heap.value_or(heaps[random.below(6)]);
   return program;
 }
 
@@ -149,7 +151,7 @@ class Linker {
     uint32_t address = begin(at, gap, 0);
     const uint32_t start = address;
     for (const Function& function : functions) {
-      addresses_.emplace_back(function.name, address);
+      addresses_.emplace(function.name, address);
       address += static_cast<uint32_t>(function.code.size());
     }
     *at = (address + 3) / 4 * 4;
@@ -157,8 +159,7 @@ class Linker {
   }
 
   uint32_t address_of(const std::string& name) const {
-    const auto found = std::find_if(addresses_.begin(), addresses_.end(),
-                                    [&](const auto& known) { return known.first == name; });
+    const auto found = addresses_.find(name);
     return found == addresses_.end() ? 0 : found->second;
   }
 
@@ -212,7 +213,7 @@ class Linker {
   const Program& program_;
   ByteOrder order_;
   LinkedImage linked_;
-  std::vector<std::pair<std::string, uint32_t>> addresses_;
+  std::map<std::string, uint32_t> addresses_;
 };
 
 }  // namespace
@@ -229,7 +230,7 @@ MemoryPair make_memory_pair(ProgramChange change, ByteOrder order, const Program
     program.zeroed = 4 * random.below(64);
     program.gaps[random.below(6)] = 4 * random.below(40);
   }
-  if (random.below(3) == 0) {
+  if (random.below(3) == 0 && !size.heap) {
     program.heap = random.below(3) * 64;
   }
   pair.new_image = Linker(program, order).link();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,7 +45,9 @@ inline constexpr ProgramChange kAllProgramChanges[] = {
 // How large a program is.
 struct ProgramSize {
   uint32_t functions = 24;
-  uint32_t largest = 160;  // bytes of a function
+  uint32_t largest = 160;             // bytes of a function
+  bool alike = false;                 // all are that large, so that exchanging them shifts no other
+  std::optional<uint32_t> heap = {};  // bytes of the swap region; any number where it isn't told
 };
 
 struct MemoryPair {

@@ -133,8 +133,8 @@ TEST_P(MemoryRoundTrip, LeavesTheMemoryOfTheNewImage) {
   for (uint32_t round = 0; round < kRounds; ++round) {
     Random random(90001U + 1009U * static_cast<uint32_t>(GetParam()) + round);
     const ByteOrder order = round % 2 == 0 ? ByteOrder::little : ByteOrder::big;
-    const MemoryPair pair =
-        make_memory_pair(GetParam(), order, {8 + random.below(40), 40 + random.below(200)}, random);
+    const MemoryPair pair = make_memory_pair(
+        GetParam(), order, {8 + random.below(40), 40 + random.below(200), round % 3 == 0}, random);
     directory_.write("old.elf", text_of(build_image(pair.old_image.image)));
     directory_.write("new.elf", text_of(build_image(pair.new_image.image)));
     std::vector<std::string> command = random_options(random);
