@@ -8,6 +8,7 @@
 #include "image.h"
 #include "indgen_message.h"
 #include "indgeninit.h"
+#include "kelvane.h"
 #include "load.h"
 #include "load_internal.h"
 #include "options.h"
@@ -70,8 +71,9 @@ int32_t run_sequence(int32_t argc, char* const* argv) {
   load_second(&second, line.file2);
   check_byte_orders(&first, &second);
   TargetIsBigEndian = first.big_endian;
-  // Memory mode compares section by section, and these files have none.
-  if (fDiffMemory == 0) {
+  if (fDiffMemory != 0) {
+    diff_mem(&first, &second, line.blocksize, line.max_scan, line.deconstruct);
+  } else {
     diff(&first, &second, line.blocksize, line.max_scan);
   }
   dump_to_file(&first, &second, line.output);

@@ -6,6 +6,7 @@
 #include "indelfio_internal.h"
 #include "indmagic_internal.h"
 #include "indobjio_internal.h"
+#include "kelvane_internal.h"
 #include "options.h"
 #include "patch_buffer.h"
 #include "run_sequence_internal.h"
@@ -18,6 +19,7 @@ namespace kelvane {
 
 void reset_all_state() {
   reset_run_sequence();
+  reset_kelvane();
   reset_engine();
   reset_section_filter();
   reset_indobjio();

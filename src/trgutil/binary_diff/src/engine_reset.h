@@ -7,4 +7,7 @@ namespace kelvane {
 // Releases the buffer that pieces are compressed into.
 void reset_substitution();
 
+// Forgets the sections, the swap region and the last block of the run.
+void reset_motion();
+
 }  // namespace kelvane

@@ -5,6 +5,7 @@
 namespace kelvane {
 
 void reset_engine() {
+  reset_motion();
   reset_increment_coder();
   reset_substitution();
   reset_command_lists();
