@@ -40,7 +40,7 @@ class Elf : public testing::Test {
   // A stream over the bytes that stands at `position`.
   std::FILE* stream(const Bytes& bytes, long position = 0) {
     stream_.reset(std::tmpfile());
-    std::fwrite(bytes.data(), 1, bytes.size(), stream_.get());
+    elf_write_unformatted_section(stream_.get(), bytes.data(), static_cast<uint32_t>(bytes.size()));
     std::fseek(stream_.get(), position, SEEK_SET);
     return stream_.get();
   }
