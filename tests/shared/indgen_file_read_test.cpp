@@ -78,6 +78,9 @@ TEST_F(TextReading, GivesWhatTheTableTells) {
           return std::string(kNullText);
         }
         const platform_ptr owned(buffer);
+        char* again = nullptr;
+        EXPECT_EQ(gen_readfile_into_buffer(name, &again, nullptr), 0);
+        const platform_ptr owned_again(again);
         return std::string(buffer, static_cast<size_t>(size));
       }},
   });

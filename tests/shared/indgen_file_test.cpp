@@ -203,7 +203,7 @@ TEST_F(Files, ACopyHasAllBlocks) {
 TEST_F(Files, ACopyThatFallsShortIsRemoved) {
   root_.write("from", std::string(5000, 'x'));
   ASSERT_EQ(::chmod(root_.name().c_str(), 0777), 0);
-  EXPECT_TRUE(as_ordinary_user([this] {
+  EXPECT_TRUE(as_ordinary_user([] {
     const rlimit limit = {1500, 1500};
     std::signal(SIGXFSZ, SIG_IGN);
     return ::setrlimit(RLIMIT_FSIZE, &limit) == 0 && gen_copyfile("from", "to") == -1;

@@ -68,7 +68,8 @@ Argument argument_from(const std::string& text) {
     if (text[0] == '\'') {
       return static_cast<Argument>(text[1]);
     }
-    return static_cast<Argument>(text[0] == '-' ? std::stoll(text) : std::stoull(text, nullptr, 0));
+    return text[0] == '-' ? static_cast<Argument>(std::stoll(text))
+                          : static_cast<Argument>(std::stoull(text, nullptr, 0));
   } else {
     Argument argument;
     from_text(text, &argument);
