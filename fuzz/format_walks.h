@@ -62,7 +62,8 @@ class Quiet {
 // A file with these bytes, open for reading and writing at its start.
 inline file_ptr stream_of(const uint8_t* data, size_t size) {
   file_ptr stream(std::tmpfile());
-  require(stream != nullptr && std::fwrite(data, 1, size, stream.get()) == size);
+  require(stream != nullptr);
+  require(size == 0 || std::fwrite(data, 1, size, stream.get()) == size);
   std::rewind(stream.get());
   return stream;
 }

@@ -39,7 +39,7 @@ Bytes optional_bytes(bool plus, uint32_t entries) {
   words({0, 0x5000, 0x400, 0xFFFFFFFF});
   out.u16(3);
   out.u16(plus ? 0xA800 : 0x0040);
-  for (const uint64_t value : {0x100000, 0x1000, 0x200000, 0x2000}) {
+  for (const uint64_t value : {0x100000U, 0x1000U, 0x200000U, 0x2000U}) {
     size(plus ? value * 0x1000 : value);
   }
   words({0, entries});
@@ -300,7 +300,7 @@ TEST_F(Pe, OnlyAnImageHasAFileHeader) {
     return skip_to_pecoff_fileheader(stream.get()) == 0 ? std::fgetc(stream.get()) : -2;
   };
   EXPECT_EQ(skip(image), 'x');
-  for (const size_t place : {2, 3, 62, 65, 68, 69, 70, 71}) {
+  for (const size_t place : {2U, 3U, 62U, 65U, 68U, 69U, 70U, 71U}) {
     Bytes damaged = image;
     damaged[place] ^= 0x80U;
     EXPECT_EQ(skip(damaged), -2) << place;
