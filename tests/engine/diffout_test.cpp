@@ -224,6 +224,17 @@ TEST_F(PatchOfFiles, EndsTheRunWithoutCrt1OrWhereItCannotWrite) {
   }
 }
 
+TEST_F(PatchOfFiles, AsksWhetherItsPositionsCouldBeTaken) {
+  version = 1;
+  std::FILE* const pipe = ::popen("cat >/dev/null", "w");
+  set_output_file(pipe);
+  const CapturedRun run = capture([this] { dump_commands(&first_, &second_); });
+  EXPECT_EQ(run.errors, "fatal: error writing patch file 'unnamed': Illegal seek\n");
+  EXPECT_EQ(run.status, 1);
+  set_output_file(nullptr);
+  ::pclose(pipe);
+}
+
 TEST_F(PatchFormat, PrintsWhatItWrites) {
   substitute(0x1000, bytes_of("0123456789abcdefg"));
   substitute(0x1020, {1, 2});

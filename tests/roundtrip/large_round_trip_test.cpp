@@ -2,6 +2,9 @@
 
 #include <algorithm>
 
+#include "bd_checksum.h"
+#include "byte_order.h"
+#include "patch_writer.h"
 #include "round_trip.h"
 
 // Distances and sizes beyond what the random pairs reach.
@@ -53,6 +56,45 @@ TEST(LargeRoundTrip, LongRunsAreWrittenWithWhateverCanTellTheirSize) {
       EXPECT_EQ(fault_in_round_trip(pair, options), std::nullopt) << size;
     }
   }
+}
+
+// A patch told as a value: blocks that only this order carries out, and more classes of increments
+// than a comparison keeps.
+TEST(LargeRoundTrip, ToldPatchesAreAppliedToo) {
+  Random random(3);
+  ImagePair pair;
+  for (uint32_t i = 0; i < 900; ++i) {
+    append_word(pair.old_image, 0x10000 * i + random.below(0x10000), true);
+  }
+  pair.new_image = pair.old_image;
+  patch_commands commands;
+  // Two neighbours change places by way of the room behind them.
+  commands.blocks = {{0, 100, 400}, {100, 100, -100}, {400, 100, -300}};
+  std::copy_n(pair.old_image.begin() + 100, 100, pair.new_image.begin());
+  std::copy_n(pair.old_image.begin(), 100, pair.new_image.begin() + 100);
+  std::copy_n(pair.old_image.begin(), 100, pair.new_image.begin() + 400);
+  for (uint32_t i = 0; i < 60; ++i) {
+    commands.increments.push_back({0x40000000U - 77777 * i, {}});
+    for (uint32_t word = 200 + i; word < 900; word += 60) {
+      Bytes changed;
+      append_word(
+          changed,
+          load_word(&pair.old_image[4 * word], ByteOrder::big) + commands.increments.back().value,
+          true);
+      std::copy_n(changed.begin(), 4, pair.new_image.begin() + 4 * word);
+      commands.increments.back().addresses.push_back(4 * word);
+    }
+  }
+  patch_header header;
+  header.old_size = header.new_size = static_cast<uint32_t>(pair.old_image.size());
+  bd_checksum(pair.old_image.data(), header.old_size, &header.old_checksum);
+  bd_checksum(pair.new_image.data(), header.new_size, &header.new_checksum);
+  PatchOptions options;
+  options.big_endian = true;
+  const Bytes file = write_patch(std::move(commands), header, {1, false, true, true});
+  EXPECT_EQ(
+      fault_in_patch({reinterpret_cast<const char*>(file.data()), file.size()}, pair, options),
+      std::nullopt);
 }
 
 }  // namespace

@@ -1,3 +1,14 @@
+// The walk over two blocks.
+//
+// It goes forward once, over equal bytes, which are nearly all. At a mismatch it asks the search
+// for the place where both sides agree again, and gives what lies between to process_change, which
+// turns the difference of the two lengths into a move and the common part into replaced bytes. So
+// old bytes are never looked for in another place than the shift so far says; that is motion's
+// task.
+//
+// The last block on either side is not searched: what is left there is one change. With a tail that
+// matches, which is taken off first, that costs nothing, and a search there would find less and
+// less to compare.
 #include "diffshared.h"
 
 #include <algorithm>
@@ -62,7 +73,8 @@ void do_diff(const uint8_t* buffer1, uint32_t address1, uint32_t size1, const ui
     add_move(end_address, 0);
     return;
   }
-  // A tail that ends higher in the old image than in the new one is left to the walk.
+  // A tail that ends higher in the old image than in the new one moves down. It is left to the
+  // walk, which finds the removal that makes it do so.
   if (end_address <= address2 + size2) {
     const auto tail = static_cast<uint32_t>(
         common_tail(buffer1 + size1, buffer2 + size2, std::min(size1, size2)));
@@ -96,8 +108,10 @@ void do_diff(const uint8_t* buffer1, uint32_t address1, uint32_t size1, const ui
                    agreement.offset2);
     position1 += agreement.offset1;
     position2 += agreement.offset2;
+    // A block that agrees exactly is passed; one that agrees roughly is walked, so that the bytes
+    // that differ in it are found like all others.
     if (agreement.result == 0) {
-      position1 += blocksize;  // the block is known to be equal
+      position1 += blocksize;
       position2 += blocksize;
     }
   }

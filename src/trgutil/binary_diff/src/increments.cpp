@@ -1,3 +1,10 @@
+// Words that change by adding a value: mostly addresses of what has moved. They are taken before
+// anything else, since a list of jumps costs a few bits a word and a substitution three bytes at
+// least.
+//
+// The table of classes is small and is never emptied, so a stretch is rehearsed first: it gets all
+// of its increments or none. Else a stretch of noise would fill the table with values that occur
+// once and leave no room for the few that matter.
 #include "increments.h"
 
 #include "debug_print.h"
@@ -51,6 +58,8 @@ uint32_t word_diff(const uint8_t* old_bytes, const uint8_t* new_bytes, uint32_t 
 }
 
 bool bad_diff(uint32_t old_word, uint32_t difference) {
+  // An address that was null becomes one by linking, not by moving, unless it is a small offset: of
+  // whole words, and within 16 MB.
   constexpr uint32_t kMagnitudeLimit = 0x1000000U;
   if (old_word != 0) {
     return false;

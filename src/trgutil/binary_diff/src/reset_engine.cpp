@@ -9,6 +9,7 @@ void reset_engine() {
   reset_increment_coder();
   reset_substitution();
   reset_command_lists();
+  reset_diffout();
   reset_binshared();
   reset_indzip();
   reset_engine_settings();

@@ -1,3 +1,9 @@
+// Replaced bytes on their way to commands.
+//
+// Increments take what they can from the start. The rest is cut at equal bytes, and each piece is
+// filed under the first kind that fits, cheapest first: one byte alone needs no size; a fill takes
+// 7 bytes whatever its length; a compressed piece is tried only where the flag bytes can be won
+// back.
 #include "substitution.h"
 
 #include <cassert>

@@ -1,3 +1,12 @@
+// From points of change to blocks.
+//
+// The comparison notes where bytes came in or went away. What an applier needs is the opposite: the
+// stretches between those points, each with its shift, in an order in which none overwrites what a
+// later one has still to read. Stretches that move down are safe from the lowest up, those that
+// move up from the highest down. So upward blocks wait in a list of their own, each in front of the
+// one before, until a downward block or the end comes. The two kinds don't meet: blocks keep their
+// order where they go, so an upward block ends in front of the place to which the downward block
+// behind it goes, and that place lies in front of where that block stands.
 #include "block_moves.h"
 
 #include <utility>
@@ -48,6 +57,11 @@ bool overwrites(const move_block& a, const move_block& b) {
   return overlap(a.source + static_cast<uint32_t>(a.shift), a.size, b.source, b.size);
 }
 
+// Whether two blocks of one shift lie side by side.
+bool touch(const move_block& a, const move_block& b) {
+  return a.shift == b.shift && (a.source + a.size == b.source || b.source + b.size == a.source);
+}
+
 // The blocks with neighbours joined that have one shift and touch. The first `absolute` of them
 // were told outright: whoever tells two that touch means one, and so they are joined always, as
 // those are that the running shift gave. But a block told outright and one of the others were found
@@ -59,16 +73,14 @@ std::vector<move_block> joined(const command_record* blocks, int32_t absolute) {
     const move_block b = {blocks->address, static_cast<uint32_t>(blocks->size), shift_of(blocks)};
     move_block* const a = result.empty() ? nullptr : &result.back();
     const bool guarded = index == absolute;
-    if (a == nullptr || a->shift != b.shift || (guarded && overwrites(*a, b))) {
+    if (a == nullptr || !touch(*a, b) || (guarded && overwrites(*a, b))) {
       result.push_back(b);
-    } else if (a->source + a->size == b.source) {
-      a->size += b.size;
-    } else if (b.source + b.size == a->source) {
-      a->source = b.source;
-      a->size += b.size;
-    } else {
-      result.push_back(b);
+      continue;
     }
+    if (a->source + a->size != b.source) {
+      a->source = b.source;  // in front, as in a run of upward blocks
+    }
+    a->size += b.size;
   }
   return result;
 }

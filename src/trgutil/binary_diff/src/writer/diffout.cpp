@@ -26,6 +26,7 @@
 #include "indgfile.h"
 #include "indview.h"
 #include "patch_writer_internal.h"
+#include "writer_reset.h"
 
 namespace kelvane {
 
@@ -270,6 +271,10 @@ void dump_fill_command(const command_record* commands) {
 void dump_range_checksum(const command_record* regions, uint32_t checksum) {
   dprintf(2, "\nCM_CHECKSUM");
   write_checksum(&engine_output(), values_of(regions, region_of), checksum);
+}
+
+void reset_diffout() {
+  state = State{};
 }
 
 }  // namespace kelvane

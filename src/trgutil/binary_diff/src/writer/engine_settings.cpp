@@ -6,24 +6,7 @@ namespace kelvane {
 
 namespace {
 
-// What the settings are at program start.
-struct Initial {
-  int32_t version = 0;
-  int32_t incr_enabled = 0;
-  uint8_t relative_substitutions = 1;
-  uint8_t substitution_splicing = 1;
-  uint8_t use_fill_command = 1;
-  uint8_t compressed_substitutions = 1;
-  int32_t min_compression_percent = 10;
-  int32_t min_compression_length = 50;
-  uint8_t swap_enabled = 0;
-  uint8_t swap_block_enabled = 0;
-  int32_t min_swap_block_size = 12;
-  int32_t swap_maxtrees = -1;
-  int32_t TargetIsBigEndian = 0;
-  int32_t swap_trees = 0;
-};
-constexpr Initial kInitial;
+constexpr initial_settings kInitial;
 
 }  // namespace
 

@@ -8,8 +8,8 @@
 //
 // The engine is one instance for the process. What a caller meets:
 //   - gen_init comes first, once: it takes the host's byte order and sets up messages and memory.
-//   - The settings (engine_settings.h) have the initial values that their comments tell, and
-//     `fDiffMemory` is 0. A caller sets what it wants different.
+//   - The settings have the values of `initial_settings` (engine_settings.h), and `fDiffMemory` of
+//     image.h is 0. A caller sets what it wants different.
 //   - The lists of commands are empty. A comparison adds to them, dump_... writes them and empties
 //     them, but for the classes of increments and the regions under a checksum. So a second patch
 //     would begin with those of the first; reset_engine() puts everything back to where a new

@@ -6,8 +6,10 @@ namespace kelvane {
 
 // Releases all records, and the bytes that compressed commands own; clears tallies and checksums.
 void reset_command_lists();
-// Drops buffer, stream and name.
+// Drops buffer and stream.
 void reset_binshared();
+// Forgets the name of the output.
+void reset_diffout();
 // Releases the rejected records too.
 void reset_increment_coder();
 void reset_indzip();
