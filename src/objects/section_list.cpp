@@ -6,9 +6,11 @@
 #include <vector>
 
 #include "elf32.h"
+#include "exit_status.h"
 #include "indelfio.h"
 #include "indelfio_internal.h"
 #include "indgen_file.h"
+#include "indgen_message.h"
 #include "section_filter.h"
 #include "section_list_internal.h"
 
@@ -24,6 +26,9 @@ namespace {
 constexpr char kCrt1Name[] = "__qvr_ind_crt1";
 constexpr int32_t kMachineArm = 68;  // its number in the names of machines
 constexpr uint8_t kThumb = 1;        // in st_other
+// Bytes of all section names of an object together. In the file they may overlap, and in the list
+// they don't: without a limit a small file could ask for any amount of memory.
+constexpr size_t kMostNameBytes = 64U << 20U;
 
 struct State {
   std::vector<ElfSymbols> loaded;  // which `table` and its copies point to
@@ -63,6 +68,14 @@ bool takes_part(const elf32::section_header& header) {
          (fDiffMemory != 0 || header.sh_type != elf32::SHT_NOBITS);
 }
 
+bool names_are_in_bounds(const ElfSections& sections) {
+  size_t total = 0;
+  for (uint32_t i = 0; i < sections.count && total <= kMostNameBytes; ++i) {
+    total += std::strlen(sections.names.at(sections.headers[i].sh_name));
+  }
+  return total <= kMostNameBytes;
+}
+
 bool is_crt1(const elf32::symbol& symbol) {
   return elf32::symbol_type(symbol) == elf32::STT_FUNC && symbol.st_shndx != elf32::SHN_UNDEF &&
          std::strcmp(symbol_name(table, symbol), kCrt1Name) == 0;
@@ -75,6 +88,10 @@ void collect_sections(std::FILE* stream, const char* file_name, bool quiet) {
   const ElfSections sections = elf_read_sections(stream, quiet);
   if (sections.count == 0) {
     return;
+  }
+  if (!names_are_in_bounds(sections)) {
+    gen_errorexit(kStatusFailure, "the section names of '%s' have more than %u bytes", file_name,
+                  static_cast<uint32_t>(kMostNameBytes));
   }
   object_start = static_cast<uint32_t>(position);
   for (uint32_t i = 0; i < sections.count; ++i) {

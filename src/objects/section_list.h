@@ -25,7 +25,8 @@ extern uint32_t object_start;
 // The hook behind do_ELF_file_ptr, for an object that starts where the stream stands: appends its
 // sections to the list, makes its symbols `table` and finds the start-up function of current_data.
 // Gives 0. A damaged object ends the run as indelfio.h and section_filter.h tell, but a 64-bit one
-// never for its tables: it has then no sections or no symbols.
+// never for its tables: it has then no sections or no symbols. Names that overlap beyond all
+// measure end it with "the section names of '%s' have more than %u bytes".
 int32_t do_ELF_file(std::FILE* stream, std::FILE* second_stream, object_info* object);
 
 // The first half: hands each section to add_symbol, in file mode those with contents alone.

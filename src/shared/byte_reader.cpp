@@ -36,6 +36,9 @@ bool ByteReader::fail() {
 
 bool ByteReader::read(std::span<uint8_t> bytes) {
   if (!failed_ && bytes.size() <= rest()) {
+    if (bytes.empty()) {
+      return true;
+    }
     if (stream_ == nullptr) {
       std::copy_n(memory_ + position_, bytes.size(), bytes.data());
     } else if (std::fread(bytes.data(), 1, bytes.size(), stream_) != bytes.size()) {

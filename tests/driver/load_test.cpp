@@ -17,9 +17,11 @@
 #include <fstream>
 #include <string>
 
+#include "archive_builder.h"
 #include "captured_run.h"
 #include "changed_surroundings.h"
 #include "child_process.h"
+#include "debug_print.h"
 #include "image_builder.h"
 #include "indelfio.h"
 #include "indgen_memory.h"
@@ -86,17 +88,6 @@ TEST_F(Loading, TakesFilesOfManyPieces) {
     ASSERT_EQ(read_file(&read, "file"), static_cast<int32_t>(size));
     const gen_ptr<uint8_t> bytes(read);
     EXPECT_TRUE(std::string(read, read + size) == contents) << size;
-  }
-}
-
-TEST_F(Loading, GivesTheByteOrderOfTheImageReadLast) {
-  tree_.write("abc", "abc");
-  for (const int32_t order : {0, 1, 2}) {
-    endian = order;
-    file_data record = {};
-    ASSERT_EQ(load_file(&record, "abc"), 1);
-    EXPECT_EQ(record.big_endian, order == 1 ? 1 : 0);
-    release_file(&record);
   }
 }
 
@@ -207,6 +198,26 @@ TEST_F(Loading, TakesAnImageApart) {
   EXPECT_EQ(table.records, symbols) << "and its symbols";
   release_file(&record);
   release_file(&plain);
+}
+
+TEST_F(Loading, TakesEachObjectOfALibraryIntoOneList) {
+  Image second = big_endian_image();
+  second.sections[0].name = ".data";
+  second.symbols.push_back({.name = "more"});
+  const std::string one = text_of(build_image(big_endian_image()));
+  const std::string two = text_of(build_image(second));
+  tree_.write("lib.a", common_archive({{"one.o/", one}, {"two.o/", two}}));
+  fDiffMemory = 1;
+  debug_level = 1;
+  add_section_exclusion(".data");
+  file_data record = {};
+  EXPECT_EQ(capture([&] { load_file(&record, "lib.a"); }).errors,
+            "Skipping section '.data' in file 'lib.a(two.o)' because of exclusion '.data'\n");
+  ASSERT_EQ(record.sections_end - record.sections, 1);
+  EXPECT_EQ(record.sections->object_start, 68U);
+  EXPECT_EQ(record.sections->offset.low, 52U);
+  EXPECT_EQ(table.count, 3) << "the last object's";
+  release_file(&record);
 }
 
 TEST_F(Loading, LeavesNothingBehindWhereAnImageEndsTheRun) {

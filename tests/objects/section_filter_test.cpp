@@ -259,7 +259,7 @@ TEST_F(SectionList, AliasesBringAddressesToOneForm) {
                "Mapping address 0x12345678 to 0x2345678\n"
                "Mapping address 0x2345678 to 0x2345678\n"},
        }) {
-    debug_level = 0;
+    start();
     reset_all_state();
     fDiffMemory = 1;
     start();

@@ -138,17 +138,6 @@ TEST_F(Objects, TellTheStartUpFunction) {
   }
 }
 
-TEST_F(Objects, OfOneByteOrderAreReadOnAnyHost) {
-  for (const ByteOrder order : {ByteOrder::big, ByteOrder::little}) {
-    Image image = image_with({crt1_symbol(0x81020304, ".text")});
-    image.order = order;
-    read(build_image(image));
-    EXPECT_EQ(endian, order == ByteOrder::big ? 1 : 2);
-    EXPECT_EQ(file_.crt1, 0x81020304U);
-    EXPECT_EQ(list_.get()[0].addr.low, 0x1000U);
-  }
-}
-
 // The second half starts where the first has left the stream, which is not put back if there are no
 // sections.
 TEST_F(Objects, WithoutSectionsAreReadAgainFromWhereTheHeadersWouldBe) {
@@ -165,6 +154,22 @@ TEST_F(Objects, WithoutSectionsAreReadAgainFromWhereTheHeadersWouldBe) {
   wide[elf32::EI_CLASS] = elf32::ELFCLASS64;
   EXPECT_FALSE(capture([&] { read(wide); }).ended) << "a 64-bit object never ends the run";
   EXPECT_EQ(table.count, 0);
+}
+
+TEST_F(Objects, MayNotHaveNamesThatOverlapBeyondAllMeasure) {
+  Image image;
+  image.sections.resize(70, {.name = "s", .content = {1}});
+  image.sections[0].name = std::string(1U << 20U, 'x');
+  image.damage = [](file_header&, Headers& headers) {
+    for (uint32_t i = 0; i < 70; ++i) {
+      headers[i].sh_name = 1 + i;
+    }
+  };
+  const Bytes bytes = build_image(image);
+  const CapturedRun run = capture([&] { read(bytes); });
+  EXPECT_EQ(run.errors,
+            "kelvane: fatal: the section names of 'lib.a(x.o)' have more than 67108864 bytes\n");
+  EXPECT_EQ(run.status, 1);
 }
 
 TEST_F(Objects, AreNamedInMessagesAsTheyAreShown) {

@@ -82,18 +82,18 @@ inline std::string big_word(size_t value) {
 // units of 4 bytes behind its name.
 inline std::string oasys_library(const std::vector<LibraryMember>& members) {
   std::string contents;
-  std::string table;
+  std::string entries;
   for (size_t i = 0; i < members.size(); ++i) {
     const size_t units = i == 0 ? 1 : 0;
     const std::string& name = members[i].name;
-    table += big_word(i + 1) + std::string(12, ' ') + big_word(0) + big_word(units);
-    table += big_word(units) + big_word(0) + big_word(56 + contents.size());
-    table += big_word(name.size()) + name + (name.empty() ? "" : std::string(1, '\0'));
-    table.append(8 * units, 'u');
+    entries += big_word(i + 1) + std::string(12, ' ') + big_word(0) + big_word(units);
+    entries += big_word(units) + big_word(0) + big_word(56 + contents.size());
+    entries += big_word(name.size()) + name + (name.empty() ? "" : std::string(1, '\0'));
+    entries.append(8 * units, 'u');
     contents += members[i].contents;
   }
   return big_word(600) + std::string(24, ' ') + big_word(members.size()) +
-         big_word(56 + contents.size()) + std::string(20, '\0') + contents + table;
+         big_word(56 + contents.size()) + std::string(20, '\0') + contents + entries;
 }
 
 }  // namespace kelvane
