@@ -15,7 +15,8 @@ static uint32_t longest_match(uint32_t at, uint32_t size, uint32_t* distance) {
   uint32_t best = 0;
   for (uint32_t back = 1; back <= at && back < RING; ++back) {
     uint32_t length = 0;
-    while (length < LONGEST && at + length < size && bytes[at + length] == bytes[at + length - back]) {
+    while (length < LONGEST && at + length < size &&
+           bytes[at + length] == bytes[at + length - back]) {
       ++length;
     }
     if (length > best) {

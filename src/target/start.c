@@ -3,8 +3,8 @@
 #include "controller.h"
 
 // Start-up: copies the initialised data to RAM, expands the code that runs from there, clears the
-// rest and enters the control loop. Holds the first and the last bytes of the image, the vectors and
-// the footer.
+// rest and enters the control loop. Holds the first and the last bytes of the image, the vectors
+// and the footer.
 
 extern uint32_t data_start[];
 extern uint32_t data_end[];

@@ -1,8 +1,8 @@
 #include "controller.h"
 
 // Groups of a flag byte and eight items, bit 0 first: a set bit is a byte as it is, a clear one two
-// bytes that name a place in a ring of 4096 bytes and a length. The ring is written from 4078 on, and
-// what was never written in it is 0.
+// bytes that name a place in a ring of 4096 bytes and a length. The ring is written from 4078 on,
+// and what was never written in it is 0.
 #define RING 4096U
 #define RING_START 4078U
 

@@ -77,9 +77,9 @@ class KelpatchMemory : public ::testing::Test {
   void expect_unverified(int status, const std::string& message) const {
     expect_failure({"verify", "--ram", "old.elf", "new.elf", "a.patch"}, status, message);
   }
-  void expect_bad_old_image(const Image& image, const std::string& what) {
+  void expect_bad_old_image(const Image& image, const std::string& message) {
     write("old.elf", image);
-    expect_unverified(2, "fatal: image 'old.elf' is damaged: " + what);
+    expect_unverified(2, message);
   }
 
   TemporaryDirectory folder;
@@ -143,21 +143,28 @@ TEST_F(KelpatchMemory, RefusesDamagedImages) {
   expect_unverified(2, "fatal: 'old.elf' is not an image: it has no header of a 32-bit ELF file");
   Image image = kOld;
   image.sections[3].addr = 0xFFFFFFFE;
-  expect_bad_old_image(image, "section '.bss' runs past the end of the addresses");
+  expect_bad_old_image(
+      image,
+      "fatal: image 'old.elf' is damaged: section '.bss' runs past the end of the addresses");
   image.sections[3].addr = 0x1004;
-  expect_bad_old_image(image, "section '.bss' overlaps another");
+  expect_bad_old_image(image, "fatal: image 'old.elf' is damaged: section '.bss' overlaps another");
   image = kOld;
   image.sections[0].name = ".cromt_slow";
-  expect_bad_old_image(image, "compressed section '.text_slow' cannot be expanded");
+  expect_bad_old_image(
+      image,
+      "fatal: image 'old.elf' is damaged: compressed section '.text_slow' cannot be expanded");
   image = kOld;
   image.damage = [](auto&, auto& headers) { headers[1].sh_offset = 0x10000; };
-  expect_bad_old_image(image, "section '.text' lies outside the file");
+  expect_bad_old_image(image,
+                       "fatal: image 'old.elf' is damaged: section '.text' lies outside the file");
   image.damage = [](auto& header, auto&) { header.e_shstrndx = 99; };
-  expect_bad_old_image(image, "its section headers are unsound");
+  expect_bad_old_image(image, "fatal: image 'old.elf' is damaged: its section headers are unsound");
   image.damage = [](auto& header, auto&) { header.e_shoff = 0x10000; };
-  expect_bad_old_image(image, "a section header lies outside the file");
+  expect_bad_old_image(image,
+                       "fatal: image 'old.elf' is damaged: a section header lies outside the file");
   image.damage = [](auto&, auto& headers) { headers.back().sh_offset = 0x10000; };
-  expect_bad_old_image(image, "a table of names lies outside the file");
+  expect_bad_old_image(image,
+                       "fatal: image 'old.elf' is damaged: a table of names lies outside the file");
 }
 
 TEST_F(KelpatchMemory, WritesSectionsOrOneImage) {

@@ -99,7 +99,7 @@ class TreeWork {
     return visit;
   }
 
-  void park(Visit* visit) {
+  void park(Visit* visit) const {
     const memory_map& piece = *visit->piece;
     if (!add_block(target_.base + piece.from, piece.size,
                    target_.swap_offset + visit->used - piece.from)) {
