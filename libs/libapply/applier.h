@@ -149,7 +149,8 @@ typedef struct kelvane_memory {
   // All the memory that the patch may touch, in any order. In file mode the addresses are offsets
   // from the start of the file: usually one region from 0, as large as the file may become. In
   // memory mode words are changed whole at addresses that are multiples of 4, so a region should
-  // start and end at such an address even where a section does not.
+  // start and end at such an address even where a section does not; and the scratch space that the
+  // patch may use, the symbol ".heap", is a region too.
   const kelvane_region* regions;
   uint32_t region_count;
   // File mode: the bytes that the old file has, or KELVANE_SIZE_UNKNOWN.

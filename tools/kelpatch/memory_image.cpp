@@ -83,7 +83,8 @@ class ElfFile {
 
   void read_sections() {
     const uint32_t offset = word(32);
-    const uint32_t entry_size = number(46, 2);
+    const uint32_t stated_size = number(46, 2);
+    const uint32_t entry_size = stated_size == 0 ? kSectionHeaderSize : stated_size;
     const uint32_t count = number(48, 2);
     const uint32_t name_table = number(50, 2);
     if (count == 0) {

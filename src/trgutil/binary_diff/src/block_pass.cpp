@@ -112,6 +112,27 @@ uint32_t common_run(std::span<const uint8_t> a, std::span<const uint8_t> b) {
       a.begin());
 }
 
+// Whether all bytes are the same, as in a section without contents.
+bool is_uniform(std::span<const uint8_t> bytes) {
+  return bytes.empty() || std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0;
+}
+
+// The blocks of two sections of one and the same byte, which need no index: the first other offset
+// is 0, or 1 for the first byte.
+std::vector<moved_block> blocks_of_one_byte(size_t old_size, size_t new_size, uint32_t limit) {
+  std::vector<moved_block> blocks;
+  for (size_t i = 0; i < old_size; ++i) {
+    const size_t j = i == 0 ? 1 : 0;
+    const size_t size = std::min(old_size - i, new_size - j);
+    if (size > limit) {
+      blocks.push_back(
+          {static_cast<uint32_t>(i), static_cast<uint32_t>(j), static_cast<uint32_t>(size)});
+      i += size;
+    }
+  }
+  return blocks;
+}
+
 }  // namespace
 
 std::vector<moved_block> moved_blocks(std::span<const uint8_t> old_bytes,
@@ -119,6 +140,9 @@ std::vector<moved_block> moved_blocks(std::span<const uint8_t> old_bytes,
   std::vector<moved_block> blocks;
   if (limit >= std::min(old_bytes.size(), new_bytes.size())) {
     return blocks;
+  }
+  if (old_bytes[0] == new_bytes[0] && is_uniform(old_bytes) && is_uniform(new_bytes)) {
+    return blocks_of_one_byte(old_bytes.size(), new_bytes.size(), limit);
   }
   const uint32_t length = limit + 1;
   const RunIndex index(new_bytes, length);
