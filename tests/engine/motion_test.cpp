@@ -133,15 +133,18 @@ TEST_F(Motion, MovesPiecesAboveTheLimitOnly) {
   struct Case {
     uint32_t size;
     bool exchanged;
+    uint32_t heap;
     size_t moves;  // records of the list
   };
+  // Nothing is parked behind the end of the addresses.
   for (const Case& row :
-       {Case{12, false, 0}, Case{13, false, 2}, Case{24, true, 2}, Case{25, true, 4}}) {
+       {Case{12, false, 0x8000, 0}, Case{13, false, 0x8000, 2}, Case{24, true, 0x8000, 2},
+        Case{25, true, 0x8000, 4}, Case{25, true, 0xFFFFFFE8, 2}, Case{25, true, 0xFFFFFFE7, 4}}) {
     SCOPED_TRACE(row.size);
     reset_all_state();
     swap_enabled = 1;
     new_bytes_ = old_bytes_;
-    define(&table1, {{"a", kOld, row.size}, {"b", kOld + 100, row.size}, {".heap", 0x8000, 64}});
+    define(&table1, {{"a", kOld, row.size}, {"b", kOld + 100, row.size}, {".heap", row.heap, 64}});
     define(&table2,
            {{"a", kNew + 100, row.size}, {"b", kNew + (row.exchanged ? 0 : 100), row.size}});
     carry(0, 100, row.size);
@@ -179,7 +182,7 @@ TEST_F(Motion, TakesTheSwapRegionThatBothImagesHaveAndNoComparedSectionTouches) 
       {{".heap", 0x8000, 0x100}, {".heap", 0x8040, 0}, {}, 0},
       {{".heap", 0x8000, 0x100}, {"other", 0, 0}, {{0x8100, 16}, {0x7FF0, 16}}, 0x100},
       {{".heap", 0x8000, 0x100}, {"other", 0, 0}, {{0x80FF, 16}}, 0},
-      {{".heap", 0xFFFFFF00, 0x200}, {"other", 0, 0}, {{0, 0x100}}, 0x100},
+      {{".heap", 0xFFFFFF00, 0x200}, {"other", 0, 0}, {{0, 0x100}}, 0x200},
   };
   for (const Case& row : cases) {
     define(&table1, {{"a", kOld, 8}, row.heap1});

@@ -41,8 +41,7 @@ class ElfFile {
   ElfFile(const std::string& name, const Bytes& bytes) : name_(name), bytes_(bytes) {
     constexpr uint8_t kStart[] = {0x7F, 'E', 'L', 'F', 1};
     if (bytes.size() < kFileHeaderSize ||
-        !std::equal(std::begin(kStart), std::end(kStart), bytes.begin()) ||
-        (bytes[5] != 1 && bytes[5] != 2)) {
+        !std::equal(std::begin(kStart), std::end(kStart), bytes.begin())) {
       fatal("'%s' is not an image: it has no header of a 32-bit ELF file", name.c_str());
     }
     big_endian_ = bytes[5] == 2;
@@ -90,7 +89,7 @@ class ElfFile {
     if (count == 0) {
       return;
     }
-    if (entry_size < kSectionHeaderSize || name_table >= count) {
+    if (entry_size < kSectionHeaderSize) {
       fatal("image '%s' is damaged: its section headers are unsound", name_.c_str());
     }
     at(offset, uint64_t{count} * entry_size, "a section header");
@@ -101,7 +100,7 @@ class ElfFile {
       sections_.push_back({"", word(place + 4), word(place + 8), word(place + 12), word(place + 16),
                            word(place + 20), word(place + 24), word(place + 36)});
     }
-    for (uint32_t i = 0; i < count; ++i) {
+    for (uint32_t i = 0; name_table < count && i < count; ++i) {
       sections_[i].name = text(sections_[name_table], names[i]);
     }
   }
@@ -207,7 +206,10 @@ std::vector<Record> records_of(const ElfFile& elf, const ImageOptions& options) 
       record.type = header.type;
       record.compressed_size = mapped->compressed ? header.size : 0;
     }
-    record.size = header.size;
+    // What is stored compressed does not tell how much memory it takes.
+    if (is_new || !mapped->compressed) {
+      record.size = header.size;
+    }
   }
   return records;
 }

@@ -37,13 +37,12 @@ bool overlap(const address_range& a, const address_range& b) {
   return a.start < end_of(b) && b.start < end_of(a);
 }
 
-// Where the symbol ".heap" lies, cut at the end of the addresses; nothing without such a symbol.
+// Where the symbol ".heap" lies; nothing without such a symbol.
 std::optional<address_range> heap_of(const symbol_table& symbols) {
   for (int32_t i = 0; i < symbols.count; ++i) {
     const elf32::symbol& symbol = symbols.records[i];
     if (std::strcmp(symbol_name(symbols, symbol), ".heap") == 0) {
-      const uint64_t end = std::min(uint64_t{symbol.st_value} + symbol.st_size, kAddressEnd);
-      return address_range{symbol.st_value, static_cast<uint32_t>(end - symbol.st_value)};
+      return address_range{symbol.st_value, symbol.st_size};
     }
   }
   return std::nullopt;
@@ -182,7 +181,9 @@ void work_forest(const map_list& list, uint32_t need, const address_range& swap_
   if (swap_maxtrees == 0) {
     return;
   }
-  target.swap_room = static_cast<uint32_t>(std::min(uint64_t{swap_region.size}, most_parked(list)));
+  // The region counts in full, but nothing is parked behind the end of the addresses.
+  target.swap_room = static_cast<uint32_t>(
+      std::min({uint64_t{swap_region.size}, kAddressEnd - swap_region.start, most_parked(list)}));
   const gen_ptr<uint8_t> buffer(gen_alloc_array<uint8_t>(target.swap_room));
   target.swap_buffer = buffer.get();
   target.swap_offset = swap_region.start - target.base;
