@@ -1,0 +1,42 @@
+#pragma once
+
+// The compressed form with the fewest bytes.
+//
+// A literal costs 9 bits and a reference 17, whatever its length and distance. So the longest match
+// at each place is all that is worth knowing (any shorter one is a part of it), and one pass from
+// the back finds the cheapest way through. Matches are found by chains of equal three-byte strings
+// within the ring of 4096 bytes, which begins with zeros.
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace kelvane {
+
+// Working memory of compressing, which calls share to save the time of making it. Not for two
+// threads at once.
+class optimal_parser {
+ public:
+  optimal_parser();
+  // The bytes that `data` takes in the compressed form.
+  uint32_t packed_size(std::span<const uint8_t> data);
+  // Appends the compressed form of `data` to `packed`.
+  void append_packed(std::span<const uint8_t> data, std::vector<uint8_t>& packed);
+
+ private:
+  void find_matches(std::span<const uint8_t> data);
+  void choose(size_t size);
+
+  struct match {
+    uint16_t length = 0;
+    uint16_t distance = 0;
+  };
+  std::vector<uint8_t> ring_;      // zeros, then the data
+  std::vector<int32_t> newest_;    // by hash, the last place in ring_ with it
+  std::vector<uint32_t> touched_;  // the slots of newest_ that the last call used
+  std::vector<int32_t> previous_;  // by place, the one before of the same hash
+  std::vector<match> matches_;     // then, once chosen, length 1 for a literal
+  std::vector<uint32_t> costs_;
+};
+
+}  // namespace kelvane
