@@ -224,6 +224,12 @@ void aligner::propose_strings(int64_t at) {
   const int64_t best_shift = states_[best_].shift;
   uint64_t best_cost = UINT64_MAX;
   for (int64_t start = at; start < at + 4 && start + kSeedBytes <= new_size_; ++start) {
+    // Where the best state is right already, another can't be better.
+    const int64_t best_place = start - best_shift;
+    if (best_shift != kStoredShift && best_place >= 0 && best_place + kSeedBytes <= old_size_ &&
+        std::memcmp(old_ + best_place, new_ + start, kSeedBytes) == 0) {
+      continue;
+    }
     const std::span<const uint32_t> bucket = input_.strings->places(new_ + start);
     if (bucket.size() <= kSmallBucket) {
       for (const uint32_t place : bucket) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <map>
 #include <optional>
 
 #include "piece_places.h"
@@ -267,6 +268,9 @@ class carrying_out {
   uint64_t looks_ = 0;
 };
 
+// An order that is so close to one block a stretch is good enough.
+constexpr uint64_t kNothingToGain = 40 * kWeightOfByte;
+
 // The settings that are tried, the first ones first: most of the gain is in the first ten.
 struct order_try {
   uint32_t piece_bytes;
@@ -305,25 +309,27 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
   const auto new_size = static_cast<int64_t>(images.new_image.size());
   const int64_t holes_end =
       settings.outer_holes ? std::max(old_size, new_size) : std::min(old_size, new_size);
-  optimal_parser parser;
-  std::vector<std::pair<std::pair<uint32_t, uint32_t>, piece_set>> sets;
+  std::map<uint32_t, lightened_stretches> lightened;
+  std::map<std::pair<uint32_t, uint32_t>, piece_set> sets;
   std::optional<move_order> best;
   const std::vector<order_try> tries = order_tries();
   for (size_t i = 0; i < std::min<size_t>(tries.size(), settings.tries); ++i) {
     const order_try& now = tries[i];
-    const std::pair cut = {now.piece_bytes, now.sacrifice_bytes};
-    auto known =
-        std::find_if(sets.begin(), sets.end(), [&](const auto& set) { return set.first == cut; });
-    if (known == sets.end()) {
-      sets.emplace_back(
-          cut, cut_pieces(images, stretches, {now.piece_bytes, now.sacrifice_bytes}, parser));
-      known = sets.end() - 1;
+    if (!lightened.contains(now.sacrifice_bytes)) {
+      lightened[now.sacrifice_bytes] = give_up_bytes(images, stretches, now.sacrifice_bytes);
     }
-    move_order order = order_moves(known->second, {now.park_percent, now.seed, holes_end});
+    const std::pair cut = {now.sacrifice_bytes, now.piece_bytes};
+    if (!sets.contains(cut)) {
+      sets[cut] = cut_pieces(images, lightened[now.sacrifice_bytes], now.piece_bytes);
+    }
+    const piece_set& set = sets[cut];
+    move_order order = order_moves(set, {now.park_percent, now.seed, holes_end});
     if (!best || order.estimate < best->estimate) {
       best = std::move(order);
     }
-    if (sets.front().second.circles.empty()) {
+    // Free of circles, or nearly: what is left to gain is not worth the time.
+    const uint64_t bound = kBlockWeight * set.stretches;
+    if (i == 0 && (set.circles.empty() || best->estimate < bound + kNothingToGain)) {
       break;
     }
   }

@@ -32,43 +32,6 @@ void trim(const plan_images& images, const shift_stretch& stretch, const auto& t
   }
 }
 
-// Gives up the bytes that are cheapest to store: those of a moved stretch also cost a block and
-// some chance of joining.
-uint64_t sacrifice(const plan_images& images, uint32_t bytes, optimal_parser& parser,
-                   std::vector<shift_stretch>& stretches) {
-  const size_t new_size = images.new_image.size();
-  const auto step = static_cast<uint32_t>(
-      std::max<size_t>(bytes / 2, new_size / 512) & ~size_t{3});
-  std::optional<std::pair<size_t, uint32_t>> best;
-  uint64_t least = UINT64_MAX;
-  for (size_t i = 0; i < stretches.size(); ++i) {
-    const shift_stretch& stretch = stretches[i];
-    if (stretch.shift == kStoredShift) {
-      continue;
-    }
-    for (uint32_t at = (stretch.begin + 3) & ~3U; at + bytes <= stretch.end; at += step) {
-      uint64_t weight =
-          parser.packed_size(images.new_image.subspan(at, bytes)) * kWeightOfByte;
-      if (stretch.shift != 0) {
-        weight += (12 + bytes * 3 / 10) * kWeightOfByte;
-      }
-      if (weight < least) {
-        least = weight;
-        best = {i, at};
-      }
-    }
-  }
-  if (!best) {
-    return 0;
-  }
-  const auto [index, at] = *best;
-  const shift_stretch whole = stretches[index];
-  stretches[index].end = at;
-  stretches.insert(stretches.begin() + static_cast<ptrdiff_t>(index) + 1,
-                   {{at, at + bytes, kStoredShift}, {at + bytes, whole.end, whole.shift}});
-  return least;
-}
-
 std::vector<move_piece> cut_circles(const std::vector<move_piece>& pieces,
                                     const std::vector<std::vector<uint32_t>>& circles,
                                     int64_t piece_bytes) {
@@ -159,14 +122,54 @@ std::optional<piece_graph> conflicts_of(std::span<const move_piece> pieces, size
   return graph;
 }
 
-piece_set cut_pieces(const plan_images& images, std::span<const shift_stretch> stretches,
-                     const piece_settings& settings, optimal_parser& parser) {
-  piece_set set;
-  std::vector<shift_stretch> kept(stretches.begin(), stretches.end());
-  if (settings.sacrifice_bytes != 0) {
-    set.given_up_weight = sacrifice(images, settings.sacrifice_bytes, parser, kept);
+// Bytes of a moved stretch also cost a block and some chance of joining.
+lightened_stretches give_up_bytes(const plan_images& images,
+                                  std::span<const shift_stretch> stretches, uint32_t bytes) {
+  lightened_stretches result;
+  result.stretches.assign(stretches.begin(), stretches.end());
+  if (bytes == 0) {
+    return result;
   }
-  for (const shift_stretch& stretch : kept) {
+  constexpr int kTrials = 16;
+  constexpr size_t kSamples = 512;
+  optimal_parser parser(kTrials);
+  const auto step = static_cast<uint32_t>(
+      std::max<size_t>(bytes / 2, images.new_image.size() / kSamples) & ~size_t{3});
+  std::optional<std::pair<size_t, uint32_t>> best;
+  uint64_t least = UINT64_MAX;
+  for (size_t i = 0; i < stretches.size(); ++i) {
+    const shift_stretch& stretch = stretches[i];
+    if (stretch.shift == kStoredShift) {
+      continue;
+    }
+    for (uint64_t at = (stretch.begin + 3) & ~3U; at + bytes <= stretch.end; at += step) {
+      uint64_t weight =
+          parser.packed_size(images.new_image.subspan(at, bytes)) * kWeightOfByte;
+      if (stretch.shift != 0) {
+        weight += (12 + bytes * 3 / 10) * kWeightOfByte;
+      }
+      if (weight < least) {
+        least = weight;
+        best = {i, static_cast<uint32_t>(at)};
+      }
+    }
+  }
+  if (best) {
+    const auto [index, at] = *best;
+    const shift_stretch whole = stretches[index];
+    result.stretches[index].end = at;
+    result.stretches.insert(result.stretches.begin() + static_cast<ptrdiff_t>(index) + 1,
+                            {{at, at + bytes, kStoredShift}, {at + bytes, whole.end, whole.shift}});
+    result.given_up_weight = least;
+  }
+  return result;
+}
+
+piece_set cut_pieces(const plan_images& images, const lightened_stretches& lightened,
+                     uint32_t piece_bytes) {
+  piece_set set;
+  set.given_up_weight = lightened.given_up_weight;
+  for (const shift_stretch& stretch : lightened.stretches) {
     if (stretch.shift == kStoredShift) {
       continue;
     }
@@ -179,12 +182,14 @@ piece_set cut_pieces(const plan_images& images, std::span<const shift_stretch> s
     });
   }
   find_conflicts(set);
+  set.stretches = set.pieces.size();
   set.circles = all_circles(set);
   if (!set.circles.empty()) {
-    set.pieces = cut_circles(set.pieces, set.circles, settings.piece_bytes);
+    set.pieces = cut_circles(set.pieces, set.circles, piece_bytes);
     find_conflicts(set);
     set.circles = all_circles(set);
   }
+  optimal_parser parser;
   for (const auto& circle : set.circles) {
     for (const uint32_t index : circle) {
       move_piece& piece = set.pieces[index];

@@ -39,25 +39,29 @@ struct piece_graph {
 struct piece_set {
   std::vector<move_piece> pieces;
   std::vector<std::pair<int64_t, int64_t>> pinned;  // bytes that stay: begin and end
+  size_t stretches = 0;  // pieces before those in circles were cut
   piece_graph graph;
   std::vector<std::vector<uint32_t>> circles;  // parts in which every piece waits for every other
-  uint64_t given_up_weight = 0;                // what the sacrifice below costs
+  uint64_t given_up_weight = 0;                // as in lightened_stretches
 };
 
-struct piece_settings {
-  // Pieces in circles that are twice as long are cut to about this length: 1024 gives the order
-  // something to work with; the length of an image leaves them whole.
-  uint32_t piece_bytes = 1024;
-  // So many bytes of the new image, the ones that compress best, are given up beforehand. They make
-  // a hole that is there from the first move on.
-  uint32_t sacrifice_bytes = 0;
+// Stretches of which some bytes are given up beforehand, with what storing them costs. They make a
+// hole that is there from the first move on.
+struct lightened_stretches {
+  std::vector<shift_stretch> stretches;
+  uint64_t given_up_weight = 0;
 };
+
+// Gives up the `bytes` of the new image that compress best; none for 0.
+lightened_stretches give_up_bytes(const plan_images& images,
+                                  std::span<const shift_stretch> stretches, uint32_t bytes);
 
 // Cuts stretches to what the old image has, trims ends that differ, leaves out what is shorter than
-// a block costs, and finds the circles. Where more than a few million pairs of pieces are in each
-// other's way, which takes made-up images, short pieces are left out until they are fewer.
-piece_set cut_pieces(const plan_images& images, std::span<const shift_stretch> stretches,
-                     const piece_settings& settings, optimal_parser& parser);
+// a block costs, and finds the circles. Pieces in circles that are twice as long as `piece_bytes`
+// are cut to about this length. Where more than a few million pairs of pieces are in each other's
+// way, which takes made-up images, short pieces are left out until they are fewer.
+piece_set cut_pieces(const plan_images& images, const lightened_stretches& lightened,
+                     uint32_t piece_bytes);
 
 // The pieces to park or give up, so that the rest can go in some order. `park_percent` is what
 // parking a piece is taken to cost, as a part of its length; `seed` starts the random numbers that

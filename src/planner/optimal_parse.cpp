@@ -12,8 +12,6 @@ constexpr size_t kLongest = 18;
 constexpr uint32_t kLiteralBits = 9;
 constexpr uint32_t kReferenceBits = 17;
 constexpr uint32_t kHashBits = 14;
-// Of a chain no more is tried: real data ends far earlier, and made-up data should not take forever.
-constexpr int kTrials = 400;
 // Zeros in front that matches may begin in: a longer run of them is met by overlapping.
 constexpr size_t kZeros = kLongest;
 
@@ -24,7 +22,8 @@ uint32_t slot_of(const uint8_t* bytes) {
 
 }  // namespace
 
-optimal_parser::optimal_parser() : newest_(size_t{1} << kHashBits, -1) {}
+optimal_parser::optimal_parser(int trials)
+    : trials_(trials), newest_(size_t{1} << kHashBits, -1) {}
 
 void optimal_parser::find_matches(std::span<const uint8_t> data) {
   ring_.assign(kZeros, 0);
@@ -48,7 +47,7 @@ void optimal_parser::find_matches(std::span<const uint8_t> data) {
     }
     match& found = matches_[at - kZeros];
     const size_t limit = std::min(kLongest, ring_.size() - at);
-    for (int trial = 0; trial < kTrials && candidate >= 0; ++trial) {
+    for (int trial = 0; trial < trials_ && candidate >= 0; ++trial) {
       const auto place = static_cast<size_t>(candidate);
       if (at - place > kRingSize) {
         break;

@@ -25,6 +25,9 @@ std::optional<uint32_t> string_hash(const uint8_t* bytes, uint32_t bits) {
   return static_cast<uint32_t>(mixed >> (64U - bits));
 }
 
+// Bytes from one place with difference seeds to the next.
+constexpr size_t kDifferenceStep = 32;
+
 template <ByteOrder order>
 std::optional<uint32_t> difference_hash(const uint8_t* bytes, uint32_t stride, uint32_t bits) {
   const auto difference = [&](uint32_t row) -> uint64_t {
@@ -49,8 +52,9 @@ void each_difference(std::span<const uint8_t> image, uint32_t bits, const auto& 
   if (image.size() < longest) {
     return;
   }
-  for (size_t at = ((image.size() - longest) & ~size_t{7}) + 8; at != 0;) {
-    at -= 8;
+  for (size_t at = (image.size() - longest) / kDifferenceStep * kDifferenceStep + kDifferenceStep;
+       at != 0;) {
+    at -= kDifferenceStep;
     for (uint32_t stride = 1; stride <= kSeedStrides; ++stride) {
       if (const auto hash = difference_hash<order>(&image[at], stride, bits)) {
         take(*hash, static_cast<uint32_t>(at));
@@ -99,7 +103,7 @@ std::span<const uint32_t> string_seeds::places(const uint8_t* bytes) const {
 
 difference_seeds::difference_seeds(std::span<const uint8_t> old_image, ByteOrder order)
     : order_(order) {
-  build(old_image.size() / 8 * kSeedStrides, [&](const auto& take) {
+  build(old_image.size() / kDifferenceStep * kSeedStrides, [&](const auto& take) {
     if (order == ByteOrder::big) {
       each_difference<ByteOrder::big>(old_image, bits_, take);
     } else {
