@@ -11,6 +11,8 @@ namespace {
 
 constexpr int64_t kShortestPiece = 12;
 constexpr size_t kMostEdges = 4000000;
+// For estimates of compressed sizes.
+constexpr int kEstimateTrials = 12;
 
 // Calls take(begin, end) for what is left of a stretch when its ends that differ are trimmed.
 void trim(const plan_images& images, const shift_stretch& stretch, const auto& take) {
@@ -130,9 +132,8 @@ lightened_stretches give_up_bytes(const plan_images& images,
   if (bytes == 0) {
     return result;
   }
-  constexpr int kTrials = 16;
   constexpr size_t kSamples = 512;
-  optimal_parser parser(kTrials);
+  optimal_parser parser(kEstimateTrials);
   const auto step = static_cast<uint32_t>(
       std::max<size_t>(bytes / 2, images.new_image.size() / kSamples) & ~size_t{3});
   std::optional<std::pair<size_t, uint32_t>> best;
@@ -189,7 +190,7 @@ piece_set cut_pieces(const plan_images& images, const lightened_stretches& light
     find_conflicts(set);
     set.circles = all_circles(set);
   }
-  optimal_parser parser;
+  optimal_parser parser(kEstimateTrials);
   for (const auto& circle : set.circles) {
     for (const uint32_t index : circle) {
       move_piece& piece = set.pieces[index];
