@@ -126,14 +126,27 @@ TEST_F(BlockMoves, JoinABlockThatEndsWhereTheOneBeforeItBegins) {
   EXPECT_EQ(blocks_written(), (Blocks{{0x1000, 0x100, 0x500}}));
 }
 
-// The first block would overwrite what the second has still to read, so that carrying both out one
-// by one moves some bytes twice; joined, each byte would move once.
-TEST_F(BlockMoves, DoNotJoinWhereThatWouldChangeTheBytesMoved) {
+TEST_F(BlockMoves, JoinAbsoluteBlocksEvenWhereTheFirstOverwritesTheSecond) {
   add_abs_move(0x1000, 0x40);
   add_abs_move(0x1080, 0);
   add_abs_move(0x1080, 0x40);
   add_abs_move(0x1100, 0);
-  EXPECT_EQ(blocks_written(), (Blocks{{0x1000, 0x80, 0x40}, {0x1080, 0x80, 0x40}}));
+  EXPECT_EQ(blocks_written(), (Blocks{{0x1000, 0x100, 0x40}}));
+}
+
+// Where the absolute blocks meet the others: the first block would overwrite what the second has
+// still to read, so that carrying both out one by one moves some bytes twice; joined, each byte
+// would move once.
+TEST_F(BlockMoves, DoNotJoinAcrossTheMeetingWhereThatWouldChangeTheBytesMoved) {
+  const auto meeting = [](int32_t shift) {
+    add_abs_move(0x1000, shift);
+    add_abs_move(0x1080, 0);
+    add_move(0x1080, shift);
+    add_move(0x1100, 0);
+    return blocks_written();
+  };
+  EXPECT_EQ(meeting(0x40), (Blocks{{0x1000, 0x80, 0x40}, {0x1080, 0x80, 0x40}}));
+  EXPECT_EQ(meeting(0x100), (Blocks{{0x1000, 0x100, 0x100}}));
 }
 
 TEST_F(BlockMoves, PrintWhatTheyDo) {

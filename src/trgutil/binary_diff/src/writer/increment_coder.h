@@ -3,41 +3,22 @@
 #include <array>
 #include <cstdint>
 
-#include "diffshared.h"
-#include "increments.h"
+#include "command_lists.h"
+#include "increment_stream.h"
 
-// The bit stream of CM_INCRS: for each class of increments its value and its ascending addresses as
-// coded jumps. A jump is a distance in words; it falls into one of seven categories, which tell the
-// extra bits behind its prefix:
-//   category  jump in words      extra bits  value
-//   0         1                  0           none
-//   1         2 to 3             1           jump - 2
-//   2         4 to 7             2           jump - 4
-//   3         8 to 23            4           jump - 8
-//   4         24 to 279          8           jump - 24
-//   5         280 to 65815       16          jump - 280
-//   6         65816 up, and 0    32          jump - 65816, modulo 2 to the 32nd
-// The prefix is the rank of the category in the class at hand: k zero bits and a one bit for rank
-// k, 0 to 6. Seven, eight and nine zero bits and a one end the class: next class in the short form
-// (a 16-bit value relative to the class before), next class in the long form (the 32-bit value),
-// end of the stream. A map of seven 3-bit fields says which category has which rank.
-//
-// Ranks go by how often a class uses a category, so the coder runs three times over the same
-// classes: twice dry, to find the maps and the exact size, and once for real. Bits fill each byte
-// from bit 0 upward, a field's least significant bit first.
+// The coder of CM_INCRS over the engine's classes. It runs three times: twice dry, to find the maps
+// and the exact size, and once for real.
 namespace kelvane {
 
-inline constexpr int32_t kJumpCategories = 7;
-// The map in which rank and category coincide.
-inline constexpr uint32_t kDefaultPopulationMap = 0x1AC688;
+// The engine's one coder. The names are its fields, and the operations below its fronts.
+extern int32_t& put_bits_dry_run;   // set: count bits and write nothing
+extern uint8_t*& put_byte_pointer;  // next byte of the output
+extern uint8_t& put_bits_in_byte;   // bits already in the byte being built, 0 to 7
+extern int32_t& bits_total;         // bits put since set_put_pointer
+extern std::array<int32_t, kJumpCategories>& population;      // uses in this class, by category
+extern std::array<int32_t, kJumpCategories>& population_map;  // rank in this class, by category
 
-// Coder state, process-wide. Written by the operations below; read by tests and debug lines too.
-extern int32_t put_bits_dry_run;   // set: count bits and write nothing
-extern uint8_t* put_byte_pointer;  // next byte of the output
-extern uint8_t put_bits_in_byte;   // bits already in the byte being built, 0 to 7
-extern int32_t bits_total;         // bits put since set_put_pointer
-extern std::array<int32_t, kJumpCategories> population;       // uses in this class, by category
-extern std::array<int32_t, kJumpCategories> population_map;   // rank in this class, by category
+// What it keeps of the engine's classes from one run to the next.
 extern std::array<uint32_t, kMaxIncrementClasses> pop_map;    // map of each class; 0 at first
 extern std::array<int32_t, kMaxIncrementClasses> sort_incrs;  // accepted classes, by rising value
 extern int32_t sorted_incrs;
@@ -84,7 +65,7 @@ void output_sorted_increments();
 // equal addresses the record that was in the list goes first.
 void merge_sort_lists(command_record** first, command_record** last, command_record* other);
 
-// Merges the records of all rejected classes into `first_rejected_incs`.
+// Moves the records of all rejected classes into `first_rejected_incs`, in the order of addresses.
 void commit_rejections();
 
 // Rejects the classes with at most `threshold` records, sorts the others and runs the two dry

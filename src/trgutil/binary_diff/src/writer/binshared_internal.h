@@ -4,7 +4,7 @@
 
 namespace kelvane {
 
-// Doubles the buffer's room; the data keep their offsets.
+// Doubles the room of the engine's buffer; the data keep their offsets.
 void grow_buf();
 
 // Writes `count` bytes, which are a number in the host's byte order, in that of the target. The
@@ -13,8 +13,5 @@ void put_n_bytes_endian(uint8_t* bytes, uint32_t count);
 
 // Reverses `count` bytes in place.
 void charreverse(uint8_t* bytes, uint32_t count);
-
-// Drops buffer, stream and name.
-void reset_binshared();
 
 }  // namespace kelvane

@@ -13,6 +13,7 @@
 #include "indgen_memory.h"
 #include "indgen_message.h"
 #include "indgen_string.h"
+#include "indgfile_internal.h"
 #include "indview.h"
 
 namespace kelvane {
@@ -21,7 +22,6 @@ namespace {
 
 constexpr std::string_view kSignature = "\x7FQVR";
 constexpr int32_t kFormatVersion = 1;
-constexpr size_t kHeaderSize = 20;
 constexpr uint32_t kNilSize = UINT32_MAX;
 
 // The raw array mark.
@@ -39,22 +39,16 @@ bool write_header(GFile* handle) {
     gen_warning("GFile desciptors not supported");
     handle->descriptors = 0;
   }
-  for (const char letter : kSignature) {
-    std::fputc(letter, handle->fp);
-  }
-  gf_put_4(handle, kFormatVersion);
-  gf_put_4(handle, handle->file_type);
-  gf_put_4(handle, handle->file_version);
-  gf_put_1(handle, gadr_encoding_from_mode(handle->address_mode));
-  gf_put_1(handle, 0);
-  gf_put_1(handle, handle->raw_arrays);
-  gf_put_1(handle, 0);
+  const gf_header header =
+      make_gf_header(handle->file_type, handle->file_version,
+                     gadr_encoding_from_mode(handle->address_mode), handle->raw_arrays);
+  std::fwrite(header.data(), 1, header.size(), handle->fp);
   return std::ferror(handle->fp) == 0;
 }
 
 // Reads the header into the handle. False if it isn't one that this library can read.
 bool read_header(GFile* handle) {
-  std::array<uint8_t, kHeaderSize> header{};
+  gf_header header{};
   if (std::fread(header.data(), header.size(), 1, handle->fp) != 1 ||
       std::ferror(handle->fp) != 0) {
     return false;
@@ -118,6 +112,18 @@ GFile* gf_init_and_open(GFile* handle, std::FILE* fp, const char* name, const GF
 }
 
 }  // namespace
+
+gf_header make_gf_header(uint32_t file_type, uint32_t file_version, uint8_t address_encoding,
+                         uint8_t raw_arrays) {
+  gf_header header{};
+  std::copy(kSignature.begin(), kSignature.end(), header.begin());
+  store_word(&header[4], kFormatVersion, ByteOrder::big);
+  store_word(&header[8], file_type, ByteOrder::big);
+  store_word(&header[12], file_version, ByteOrder::big);
+  header[16] = address_encoding;
+  header[18] = raw_arrays;
+  return header;
+}
 
 GFile* gf_open_for_write(GFile* handle, std::FILE* fp, const char* name, uint32_t file_type,
                          uint32_t file_version, int32_t address_mode, uint8_t descriptors,
