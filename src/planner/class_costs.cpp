@@ -7,7 +7,6 @@ namespace kelvane {
 namespace {
 
 constexpr std::array<uint32_t, 7> kLeastJump = {1, 2, 4, 8, 24, 280, 65816};
-constexpr uint32_t kDefaultMap = 0x1AC688;
 
 // The categories by falling use.
 std::array<uint32_t, 7> by_use(const jump_counts& counts) {
@@ -16,19 +15,6 @@ std::array<uint32_t, 7> by_use(const jump_counts& counts) {
   std::stable_sort(order.begin(), order.end(),
                    [&](uint32_t first, uint32_t second) { return counts[first] > counts[second]; });
   return order;
-}
-
-bool wants_map(const jump_counts& counts, const std::array<uint32_t, 7>& order, bool free_maps) {
-  if (!free_maps) {
-    return !std::is_sorted(counts.rbegin(), counts.rend());
-  }
-  uint64_t with_map = kMapBits;
-  uint64_t without = 0;
-  for (size_t rank = 0; rank < order.size(); ++rank) {
-    with_map += uint64_t{counts[order[rank]]} * (rank + 1);
-    without += uint64_t{counts[rank]} * (rank + 1);
-  }
-  return with_map < without;
 }
 
 }  // namespace
@@ -44,27 +30,15 @@ uint32_t jump_category(uint32_t jump) {
   return category;
 }
 
-jump_prices prices_for(const jump_counts& counts, bool free_maps) {
+jump_prices prices_for(const jump_counts& counts) {
   jump_prices prices;
   const std::array<uint32_t, 7> order = by_use(counts);
-  prices.has_map = wants_map(counts, order, free_maps);
+  prices.has_map = !std::is_sorted(counts.rbegin(), counts.rend());
   for (uint32_t rank = 0; rank < order.size(); ++rank) {
     const uint32_t category = prices.has_map ? order[rank] : rank;
     prices.bits[category] = rank + 1 + kPayloadBits[category];
   }
   return prices;
-}
-
-uint32_t map_for(const jump_counts& counts, bool free_maps) {
-  const std::array<uint32_t, 7> order = by_use(counts);
-  if (!wants_map(counts, order, free_maps)) {
-    return kDefaultMap;
-  }
-  uint32_t map = 0;
-  for (uint32_t rank = 0; rank < order.size(); ++rank) {
-    map |= order[rank] << (3 * rank);
-  }
-  return map;
 }
 
 jump_counts count_jumps(std::span<const uint32_t> words) {

@@ -14,7 +14,6 @@
 namespace kelvane {
 
 inline constexpr uint32_t kMapBits = 21;
-inline constexpr uint32_t kEndBits = 10;
 
 uint32_t jump_category(uint32_t jump);
 // Payload bits by category.
@@ -29,11 +28,8 @@ struct jump_prices {
   bool operator==(const jump_prices&) const = default;
 };
 
-// The prices that a class of these jumps has. With `free_maps` the map is left out wherever that
-// takes fewer bits.
-jump_prices prices_for(const jump_counts& counts, bool free_maps);
-// The map itself: field i is the category of rank i. Default if there is to be none.
-uint32_t map_for(const jump_counts& counts, bool free_maps);
+// The prices that a class of these jumps has.
+jump_prices prices_for(const jump_counts& counts);
 
 // The jumps to `words` (addresses divided by 4, ascending).
 jump_counts count_jumps(std::span<const uint32_t> words);

@@ -17,7 +17,6 @@ plan make_plan(const plan_images& images, std::span<const moved_block> moves,
   word_settings words;
   words.order = settings.order;
   words.walk = {rules.compression, rules.short_stores, settings.packed_byte, settings.packed_entry};
-  words.free_maps = rules.free_maps;
   words.class_limit = rules.class_limit;
   word_choice choice = choose_words(images, moved, words);
   planned.classes = std::move(choice.classes);

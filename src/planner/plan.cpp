@@ -10,10 +10,8 @@ plan_rules rules_for(patch_profile profile, uint8_t format) {
   rules.format = format;
   const bool free = profile == patch_profile::libapply;
   rules.compression = format == 1 || free;
-  rules.free_maps = free;
   rules.short_stores = free;
   rules.outer_holes = free;
-  rules.may_omit_move = free;
   if (profile == patch_profile::any) {
     rules.class_limit = 20;
   }

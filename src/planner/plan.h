@@ -33,11 +33,9 @@ enum class patch_profile : uint8_t {
 // What a patch may hold; see rules_for.
 struct plan_rules {
   uint8_t format = 1;
-  bool compression = true;   // CM_SUB_COMP and CM_FILL
-  bool free_maps = false;    // a class takes the map that is cheapest, not the one by the rule
-  bool short_stores = false; // stores of 0 and 1 bytes in lists of CM_SUBSTITUTE
-  bool outer_holes = false;  // parks up to the end of the larger image, not of the smaller one
-  bool may_omit_move = false;  // no CM_MOVE where there is no block
+  bool compression = true;    // CM_SUB_COMP and CM_FILL
+  bool short_stores = false;  // stores of 0 and 1 bytes in lists of CM_SUBSTITUTE
+  bool outer_holes = false;   // parks up to the end of the larger image, not of the smaller one
   uint32_t class_limit = 0xFFFFFFFF;
 };
 

@@ -95,7 +95,7 @@ class plan_searcher {
     }
     order_ = round_best->planned.order;
     shifts_ = round_best->shifts;
-    prices_ = class_prices(mean_prices(round_best->planned, request_.rules.free_maps));
+    prices_ = class_prices(mean_prices(round_best->planned));
     if (!best_.is_made || round_best->cost.total() < best_.cost.total()) {
       best_ = *round_best;
     }
@@ -164,7 +164,7 @@ class plan_searcher {
                     const plan_settings& settings) const {
     tried_plan made;
     made.planned = make_plan(request_.images, moves.blocks, request_.rules, settings);
-    made.cost = cost_of_plan(made.planned, request_.rules);
+    made.cost = cost_of_plan(request_.images, made.planned, request_.rules);
     made.is_made = true;
     if (!best.is_made || made.cost.total() < best.cost.total()) {
       best = std::move(made);

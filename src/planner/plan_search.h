@@ -16,7 +16,7 @@
 #include <optional>
 
 #include "plan.h"
-#include "plan_cost.h"
+#include "plan_patch.h"
 
 namespace kelvane {
 

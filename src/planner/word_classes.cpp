@@ -58,7 +58,7 @@ class class_chooser {
   // Jumps and map of a class over these words, in bits.
   uint64_t class_bits(const std::vector<uint32_t>& words, bool with_map) const {
     const jump_counts counts = count_jumps(words);
-    const jump_prices prices = prices_for(counts, settings_.free_maps);
+    const jump_prices prices = prices_for(counts);
     return jump_bits(counts, prices) + (with_map && prices.has_map ? kMapBits : 0);
   }
 
@@ -114,7 +114,7 @@ class class_chooser {
         continue;
       }
       const std::vector<uint32_t>& words = places_of(of, true);
-      const jump_prices prices = prices_for(count_jumps(words), settings_.free_maps);
+      const jump_prices prices = prices_for(count_jumps(words));
       const auto bits_of = [&](uint32_t jump) { return prices.bits[jump_category(jump)]; };
       const uint32_t mean =
           words.empty() ? 20 * kBit
@@ -295,13 +295,13 @@ word_choice choose_words(const plan_images& images, const moved_image& moved,
   return choice;
 }
 
-std::vector<class_price> mean_prices(const plan& planned, bool free_maps) {
+std::vector<class_price> mean_prices(const plan& planned) {
   constexpr uint64_t kHeadBits = 40;
   std::vector<class_price> prices;
   for (const planned_class& of : planned.classes) {
     const jump_counts counts =
         count_jumps(std::span(planned.words).subspan(of.begin, of.count));
-    const uint64_t bits = jump_bits(counts, prices_for(counts, free_maps)) + kHeadBits;
+    const uint64_t bits = jump_bits(counts, prices_for(counts)) + kHeadBits;
     prices.push_back(
         {of.value, static_cast<uint32_t>(std::clamp<uint64_t>(bits / of.count, 2, 40))});
   }

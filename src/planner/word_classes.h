@@ -26,7 +26,6 @@ namespace kelvane {
 struct word_settings {
   ByteOrder order = ByteOrder::little;
   walk_settings walk;
-  bool free_maps = false;
   uint32_t class_limit = 0xFFFFFFFF;
 };
 
@@ -42,6 +41,6 @@ word_choice choose_words(const plan_images& images, const moved_image& moved,
 
 // What a word of each class has cost: the mean of its jumps, with its head shared out, 2 to 40
 // bits. For the alignment of the next round.
-std::vector<class_price> mean_prices(const plan& planned, bool free_maps);
+std::vector<class_price> mean_prices(const plan& planned);
 
 }  // namespace kelvane
