@@ -4,7 +4,7 @@
 #     kelvane                its real file, so a link leads to it from bin/
 #     defaults/colors.ini
 #     config/                empty, for a site's own colors.ini
-#   bin/                   kelvane (the link), kelpatch
+#   bin/                   kelvane (the link), kelmake, kelpatch
 #   share/man, share/doc   manual pages, documents
 #   include/kelvane, lib   the libraries and their headers, with files for find_package and pkg-config
 
@@ -17,7 +17,7 @@ set(KELVANE_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kelvane)
 
 # Programs and what they read.
 install(TARGETS kelvane RUNTIME DESTINATION ${KELVANE_PRIVATE_DIR})
-install(TARGETS kelpatch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS kelpatch kelmake RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES src/configuration/colors.ini DESTINATION ${KELVANE_PRIVATE_DIR}/defaults)
 install(DIRECTORY DESTINATION ${KELVANE_PRIVATE_DIR}/config)
 
@@ -27,7 +27,7 @@ file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/install)
 file(CREATE_LINK ${from_bin_to_private}/kelvane ${CMAKE_BINARY_DIR}/install/kelvane SYMBOLIC)
 install(FILES ${CMAKE_BINARY_DIR}/install/kelvane DESTINATION ${CMAKE_INSTALL_BINDIR})
 
-install(FILES docs/kelvane.1 docs/kelpatch.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES docs/kelvane.1 docs/kelpatch.1 docs/kelmake.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES README.md CHANGELOG.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN "*.md")
 
