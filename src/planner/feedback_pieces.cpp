@@ -17,7 +17,7 @@ class feedback_search {
  public:
   feedback_search(const piece_set& set, uint32_t park_percent, uint32_t seed)
       : set_(set), search_(set.graph), random_(seed), noise_(set.pieces.size(), 1024) {
-    for (const move_piece& piece : set.pieces) {
+    for (const moving_piece& piece : set.pieces) {
       weights_.push_back(std::min(
           piece.store_weight, kParkWeight + static_cast<uint64_t>(piece.length) * park_percent));
     }

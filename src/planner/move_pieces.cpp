@@ -34,7 +34,7 @@ void trim(const plan_images& images, const shift_stretch& stretch, const auto& t
   }
 }
 
-std::vector<move_piece> cut_circles(const std::vector<move_piece>& pieces,
+std::vector<moving_piece> cut_circles(const std::vector<moving_piece>& pieces,
                                     const std::vector<std::vector<uint32_t>>& circles,
                                     int64_t piece_bytes) {
   std::vector<uint8_t> in_circle(pieces.size(), 0);
@@ -43,9 +43,9 @@ std::vector<move_piece> cut_circles(const std::vector<move_piece>& pieces,
       in_circle[piece] = 1;
     }
   }
-  std::vector<move_piece> cut;
+  std::vector<moving_piece> cut;
   for (size_t i = 0; i < pieces.size(); ++i) {
-    const move_piece& piece = pieces[i];
+    const moving_piece& piece = pieces[i];
     if (in_circle[i] == 0 || piece.length < 2 * piece_bytes) {
       cut.push_back(piece);
       continue;
@@ -62,7 +62,7 @@ std::vector<move_piece> cut_circles(const std::vector<move_piece>& pieces,
   return cut;
 }
 
-std::vector<uint32_t> all_of(const std::vector<move_piece>& pieces) {
+std::vector<uint32_t> all_of(const std::vector<moving_piece>& pieces) {
   std::vector<uint32_t> all(pieces.size());
   std::iota(all.begin(), all.end(), 0U);
   return all;
@@ -80,13 +80,13 @@ void find_conflicts(piece_set& set) {
       set.graph = std::move(*graph);
       return;
     }
-    std::erase_if(set.pieces, [&](const move_piece& piece) { return piece.length < shortest; });
+    std::erase_if(set.pieces, [&](const moving_piece& piece) { return piece.length < shortest; });
   }
 }
 
 }  // namespace
 
-std::optional<piece_graph> conflicts_of(std::span<const move_piece> pieces, size_t most_edges) {
+std::optional<piece_graph> conflicts_of(std::span<const moving_piece> pieces, size_t most_edges) {
   std::vector<uint32_t> by_source(pieces.size());
   std::iota(by_source.begin(), by_source.end(), 0U);
   std::stable_sort(by_source.begin(), by_source.end(), [&](uint32_t first, uint32_t second) {
@@ -96,7 +96,7 @@ std::optional<piece_graph> conflicts_of(std::span<const move_piece> pieces, size
   std::vector<int64_t> farthest(pieces.size());
   int64_t end = 0;
   for (size_t i = 0; i < pieces.size(); ++i) {
-    const move_piece& piece = pieces[by_source[i]];
+    const moving_piece& piece = pieces[by_source[i]];
     end = std::max(end, piece.source + piece.length);
     farthest[i] = end;
   }
@@ -193,7 +193,7 @@ piece_set cut_pieces(const plan_images& images, const lightened_stretches& light
   optimal_parser parser(kEstimateTrials);
   for (const auto& circle : set.circles) {
     for (const uint32_t index : circle) {
-      move_piece& piece = set.pieces[index];
+      moving_piece& piece = set.pieces[index];
       const uint64_t packed =
           parser.packed_size(images.new_image.subspan(static_cast<size_t>(piece.destination),
                                                       static_cast<size_t>(piece.length)));

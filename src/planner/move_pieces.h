@@ -21,7 +21,7 @@ namespace kelvane {
 // Weights and estimates are in hundredths of a byte.
 inline constexpr uint64_t kWeightOfByte = 100;
 
-struct move_piece {
+struct moving_piece {
   int64_t source = 0;
   int64_t length = 0;
   int64_t destination = 0;
@@ -37,7 +37,7 @@ struct piece_graph {
 };
 
 struct piece_set {
-  std::vector<move_piece> pieces;
+  std::vector<moving_piece> pieces;
   std::vector<std::pair<int64_t, int64_t>> pinned;  // bytes that stay: begin and end
   size_t stretches = 0;  // pieces before those in circles were cut
   piece_graph graph;

@@ -9,7 +9,7 @@
 namespace kelvane {
 
 // The graph of pieces, or nothing if finding it looks at more than `most_edges` pairs.
-std::optional<piece_graph> conflicts_of(std::span<const move_piece> pieces, size_t most_edges);
+std::optional<piece_graph> conflicts_of(std::span<const moving_piece> pieces, size_t most_edges);
 
 // Finds the strongly connected parts of a graph. Keeps its working memory from call to call.
 class circle_search {

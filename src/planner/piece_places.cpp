@@ -9,7 +9,7 @@ piece_places::piece_places(const piece_set& set, std::span<const uint32_t> feedb
     : pinned_(set.pinned), pending_(set.pieces.size()), holes_end_(holes_end) {
   pieces_.reserve(set.pieces.size());
   for (size_t i = 0; i < set.pieces.size(); ++i) {
-    const move_piece& piece = set.pieces[i];
+    const moving_piece& piece = set.pieces[i];
     placed_piece placed;
     placed.current = piece.source;
     placed.length = piece.length;

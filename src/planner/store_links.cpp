@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <optional>
 
 #include "stores_internal.h"
@@ -8,6 +9,7 @@ namespace {
 
 constexpr int kPasses = 3;
 constexpr int kListBytes = 6;
+constexpr uint64_t kNever = UINT64_MAX / 4;
 
 // What a store costs beside its bytes, in a list and alone.
 struct kind_costs {
@@ -143,65 +145,104 @@ class store_linker {
     return true;
   }
 
-  // Where stores of the kind are out of reach of each other by little, tries to link them by stores
-  // of bytes that are there already: 1 byte, for plain stores 2, or none at all if short stores are
-  // allowed.
+  // Where stores of the kind are out of reach of each other by little, links them by stores of bytes
+  // that are there already: 1 byte, for plain stores 2, or none at all if short stores are allowed.
+  // Whether a link pays depends on the ones beside it, so the cheapest way through all of them is
+  // looked for: two states, linked to the next store or not.
   void add_links(const kind_costs& costs, std::vector<planned_store>& added) {
-    const bool is_plain = costs.kind == store_kind::plain;
-    const uint32_t size = !is_plain ? 1 : short_stores_ ? 0 : 2;
-    const uint32_t most = !is_plain ? 2 : short_stores_ ? 3 : 1;
-    const planned_store* last = nullptr;
-    bool last_is_linked = false;  // to the one before it
+    std::vector<size_t> of_kind;
     for (size_t i = 0; i < stores_.size(); ++i) {
-      const planned_store& store = stores_[i];
-      if (store.kind != costs.kind) {
-        continue;
+      if (stores_[i].kind == costs.kind) {
+        of_kind.push_back(i);
       }
-      bool is_linked = false;
-      if (store.size <= kLargestInList && last != nullptr && last->size <= kLargestInList) {
-        const uint32_t gap = store.address - last->address;
-        is_linked = gap <= kListReach;
-        if (!is_linked && gap <= kListReach * (most + 1)) {
-          const bool goes_on = after(i, store.address, costs.kind).has_value();
-          is_linked = try_links(costs, *last, last_is_linked, store, goes_on, size, added);
+    }
+    std::array<uint64_t, 2> least = {0, kNever};  // by whether linked to the store before
+    std::vector<std::array<uint8_t, 2>> came_from(of_kind.size());
+    for (size_t i = 0; i < of_kind.size(); ++i) {
+      const std::array<uint64_t, 2> edge = edge_costs(costs, of_kind, i);
+      std::array<uint64_t, 2> next = {kNever, kNever};
+      for (const size_t before : {0U, 1U}) {
+        for (const size_t after : {0U, 1U}) {
+          const uint64_t cost = least[before] + edge[after] +
+                                static_cast<uint64_t>(cost_of(costs, before != 0, after != 0));
+          if (cost < next[after]) {
+            next[after] = cost;
+            came_from[i][after] = static_cast<uint8_t>(before);
+          }
         }
       }
-      last = &store;
-      last_is_linked = is_linked;
+      least = next;
+    }
+    uint8_t after = 0;
+    for (size_t i = of_kind.size(); i-- > 0;) {
+      if (after != 0) {
+        add_link(costs, stores_[of_kind[i]], stores_[of_kind[i + 1]], added);
+      }
+      after = came_from[i][after];
     }
   }
 
-  bool try_links(const kind_costs& costs, const planned_store& first, bool first_is_linked,
-                 const planned_store& second, bool second_goes_on, uint32_t size,
-                 std::vector<planned_store>& added) {
-    const uint32_t count = (second.address - first.address - 1) / kListReach;
-    const int without =
-        cost_of(costs, first_is_linked, false) + cost_of(costs, false, second_goes_on);
-    const int with = cost_of(costs, first_is_linked, true) + cost_of(costs, true, second_goes_on) +
-                     static_cast<int>(count) * (costs.linked + static_cast<int>(size));
-    if (with >= without) {
-      return false;
+  // What it costs to leave a store unlinked to the next one, and to link it.
+  std::array<uint64_t, 2> edge_costs(const kind_costs& costs, const std::vector<size_t>& of_kind,
+                                     size_t index) const {
+    if (index + 1 == of_kind.size()) {
+      return {0, kNever};
     }
-    std::vector<planned_store> links;
-    uint32_t from = first.address;
+    const planned_store& first = stores_[of_kind[index]];
+    const planned_store& second = stores_[of_kind[index + 1]];
+    if (first.size > kLargestInList || second.size > kLargestInList) {
+      return {0, kNever};
+    }
+    if (links(first.address, second.address)) {
+      return {kNever, 0};
+    }
+    const size_t count = link_places(costs, first.address, second.address).size();
+    if (count == 0) {
+      return {0, kNever};
+    }
+    return {0, count * (static_cast<uint64_t>(costs.linked) + link_size(costs))};
+  }
+
+  uint32_t link_size(const kind_costs& costs) const {
+    return costs.kind == store_kind::single ? 1 : short_stores_ ? 0 : 2;
+  }
+
+  // Where stores have to stand that link two which are out of reach; nowhere if there are no such
+  // places, or too many are needed to pay.
+  std::vector<uint32_t> link_places(const kind_costs& costs, uint32_t first,
+                                    uint32_t second) const {
+    constexpr uint32_t kMostLinks = 3;
+    const uint32_t count = (second - first - 1) / kListReach;
+    if (count > kMostLinks) {
+      return {};
+    }
+    std::vector<uint32_t> places;
     for (uint32_t left = count; left > 0; --left) {
       // Not farther than a list reaches, and near enough for those that follow.
-      const uint32_t highest = std::min(from + kListReach, second.address - 1);
-      const uint32_t lowest = std::max(from + 1, second.address - kListReach * left);
-      const auto place = idle_place(lowest, highest, size);
+      const uint32_t highest = std::min(first + kListReach, second - 1);
+      const uint32_t lowest = std::max(first + 1, second - kListReach * left);
+      const auto place = idle_place(lowest, highest, link_size(costs));
       if (!place) {
-        return false;
+        return {};
       }
-      links.push_back({*place, size, 0, 0, costs.kind});
-      from = *place;
+      places.push_back(*place);
+      first = *place;
     }
-    for (const planned_store& link : links) {
+    return places;
+  }
+
+  void add_link(const kind_costs& costs, const planned_store& first, const planned_store& second,
+                std::vector<planned_store>& added) {
+    if (links(first.address, second.address)) {
+      return;
+    }
+    const uint32_t size = link_size(costs);
+    for (const uint32_t place : link_places(costs, first.address, second.address)) {
+      added.push_back({place, size, 0, 0, costs.kind});
       for (uint32_t i = 0; i < size; ++i) {
-        idle_.set_used(link.address + i);
+        idle_.set_used(place + i);
       }
     }
-    added.insert(added.end(), links.begin(), links.end());
-    return true;
   }
 
   std::optional<uint32_t> idle_place(uint32_t lowest, uint32_t highest, uint32_t size) const {
