@@ -84,12 +84,15 @@ void plan_stores(const plan_images& images, const moved_image& moved,
     if (store.size == 1) {
       store.kind = store_kind::single;
     } else if (rules.compression && store.size >= kLeastPacked) {
-      const std::span<const uint8_t> data = images.new_image.subspan(store.address, store.size);
-      if (pays_packed(run, parser.packed_size(data))) {
+      const size_t begin = planned.packed.size();
+      parser.append_packed(images.new_image.subspan(store.address, store.size), planned.packed);
+      const auto packed_size = static_cast<uint32_t>(planned.packed.size() - begin);
+      if (pays_packed(run, packed_size)) {
         store.kind = store_kind::compressed;
-        store.packed_begin = static_cast<uint32_t>(planned.packed.size());
-        parser.append_packed(data, planned.packed);
-        store.packed_size = static_cast<uint32_t>(planned.packed.size()) - store.packed_begin;
+        store.packed_begin = static_cast<uint32_t>(begin);
+        store.packed_size = packed_size;
+      } else {
+        planned.packed.resize(begin);
       }
     }
     (store.kind == store_kind::compressed ? packed : linked).push_back(store);
