@@ -41,8 +41,9 @@ void find_classes(changed_words& changed) {
     }
     const auto count = static_cast<uint32_t>(end - begin);
     if (count >= 2) {
-      changed.classes.push_back(
-          {.value = value, .begin = static_cast<uint32_t>(changed.by_value.size()), .count = count});
+      changed.classes.push_back({.value = value,
+                                 .begin = static_cast<uint32_t>(changed.by_value.size()),
+                                 .count = count});
       for (; begin < end; ++begin) {
         const auto index = static_cast<uint32_t>(sorted[begin]);
         changed.by_value.push_back(index);

@@ -183,10 +183,13 @@ class carrying_out {
   // go first. Only what lies there is parked.
   bool exchange_part(const blocked_piece& blocked) {
     const int64_t size = find_hole(blocked.blockers.front(), INT64_MAX).size & ~int64_t{3};
-    const uint64_t least = places_[*std::min_element(
-        blocked.blockers.begin(), blocked.blockers.end(), [&](uint32_t first, uint32_t second) {
-          return places_[first].store_weight < places_[second].store_weight;
-        })].store_weight;
+    const uint64_t least =
+        places_[*std::min_element(blocked.blockers.begin(), blocked.blockers.end(),
+                                  [&](uint32_t first, uint32_t second) {
+                                    return places_[first].store_weight <
+                                           places_[second].store_weight;
+                                  })]
+            .store_weight;
     if (size < kLeastExchangeHole || least <= kLeastExchangeWeight) {
       return false;
     }
@@ -298,8 +301,7 @@ std::vector<order_try> order_tries() {
 }  // namespace
 
 move_order order_moves(const piece_set& set, const order_settings& settings) {
-  const std::vector<uint32_t> feedback =
-      feedback_pieces(set, settings.park_percent, settings.seed);
+  const std::vector<uint32_t> feedback = feedback_pieces(set, settings.park_percent, settings.seed);
   return carrying_out(set, feedback, settings.holes_end).run();
 }
 

@@ -99,8 +99,7 @@ class plan_searcher {
     });
     const tried_plan* round_best = nullptr;
     for (const tried_plan& each : tried) {
-      if (each.is_made &&
-          (round_best == nullptr || each.cost.total() < round_best->cost.total())) {
+      if (each.is_made && (round_best == nullptr || each.cost.total() < round_best->cost.total())) {
         round_best = &each;
       }
     }
@@ -134,8 +133,9 @@ class plan_searcher {
   tried_plan try_alignment(size_t index, bool is_first_round) {
     alignment_settings settings;
     settings.block_bits = effort_.block_bits[index % effort_.block_bits.size()];
-    settings.stored_word_bits =
-        request_.rules.compression ? effort_.stored_word_bits[index / effort_.block_bits.size()] : 0;
+    settings.stored_word_bits = request_.rules.compression
+                                    ? effort_.stored_word_bits[index / effort_.block_bits.size()]
+                                    : 0;
     settings.kept_shifts = shifts_;
     const alignment_input input = {request_.images, order_, strings_.get(), differences_.get(),
                                    &prices_};
@@ -144,8 +144,8 @@ class plan_searcher {
       strings_.reset();
       differences_.reset();
     }
-    const move_order moves = best_order(request_.images, stretches,
-                                        {effort_.order_tries, request_.rules.outer_holes});
+    const move_order moves =
+        best_order(request_.images, stretches, {effort_.order_tries, request_.rules.outer_holes});
     tried_plan best;
     if (request_.effort == plan_effort::quick) {
       const ByteOrder order =
@@ -166,8 +166,7 @@ class plan_searcher {
   // The plan again with other rates of compressed stores, where there is much to store.
   void try_rates(tried_plan& best, const move_order& moves) const {
     constexpr uint64_t kMuch = 1000;
-    if (!request_.rules.compression ||
-        best.cost.packed_stores + best.cost.plain_stores < kMuch) {
+    if (!request_.rules.compression || best.cost.packed_stores + best.cost.plain_stores < kMuch) {
       return;
     }
     const ByteOrder order = best.planned.order;

@@ -45,8 +45,8 @@ std::vector<planned_fill> find_fills(const plan_images& images, moved_image& mov
         }
       }
       if (differing >= kLeastFill) {
-        fills.push_back({static_cast<uint32_t>(first), static_cast<uint32_t>(last + 1 - first),
-                         bytes[begin]});
+        fills.push_back(
+            {static_cast<uint32_t>(first), static_cast<uint32_t>(last + 1 - first), bytes[begin]});
         std::fill(moved.bytes.begin() + static_cast<ptrdiff_t>(first),
                   moved.bytes.begin() + static_cast<ptrdiff_t>(last) + 1, bytes[begin]);
       }
@@ -75,8 +75,8 @@ idle_bytes::idle_bytes(const plan_images& images, const moved_image& moved, cons
 }
 
 void plan_stores(const plan_images& images, const moved_image& moved,
-                 std::span<const stored_run> runs, const plan_rules& rules,
-                 optimal_parser& parser, plan& planned) {
+                 std::span<const stored_run> runs, const plan_rules& rules, optimal_parser& parser,
+                 plan& planned) {
   std::vector<planned_store> linked;  // all but the compressed ones
   std::vector<planned_store> packed;
   for (const stored_run& run : runs) {

@@ -47,9 +47,9 @@ Value value_named(const std::array<Named<Value>, count>& table, const char* what
 
 template <typename Value, size_t count>
 const char* name_in(const std::array<Named<Value>, count>& table, Value value) {
-  return std::find_if(table.begin(), table.end(), [&](const Named<Value>& row) {
-           return row.value == value;
-         })->name;
+  return std::find_if(table.begin(), table.end(),
+                      [&](const Named<Value>& row) { return row.value == value; })
+      ->name;
 }
 
 // A number from `least` to `most`, written with digits only.

@@ -61,9 +61,9 @@ std::string advice(const Outcome& outcome) {
     return "The new file is empty: the patch only says so.\n";
   }
   if (size >= outcome.packed_new_size) {
-    return formatted(
-        "The patch is not worth it: the new file alone, compressed, takes %" PRIu64 " bytes.\n",
-        outcome.packed_new_size);
+    return formatted("The patch is not worth it: the new file alone, compressed, takes %" PRIu64
+                     " bytes.\n",
+                     outcome.packed_new_size);
   }
   if (size >= outcome.new_size / 10 * 9) {
     return "The patch is not worth it: it is nearly as large as the new file.\n";
@@ -102,7 +102,8 @@ std::string text_of_outcome(const Outcome& outcome) {
   std::string text = formatted("patch: %s, %s", outcome.options.patch_name.c_str(),
                                counted(found.cost.total(), "byte").c_str());
   if (outcome.new_size > 0) {
-    text += formatted(", %.1f %% of the new file", percent_of(found.cost.total(), outcome.new_size));
+    text +=
+        formatted(", %.1f %% of the new file", percent_of(found.cost.total(), outcome.new_size));
   }
   text += formatted(", %s\n", name_of(found.planned.order));
   for (const Part& part : parts_of(found)) {
@@ -113,9 +114,8 @@ std::string text_of_outcome(const Outcome& outcome) {
     text += *part.unit == '\0' ? "\n" : ", " + counted(part.count, part.unit) + "\n";
   }
   if (found.was_stopped) {
-    text += formatted(
-        "The time was over after %s: another run may give another patch.\n",
-        counted(found.tries, "try").c_str());
+    text += formatted("The time was over after %s: another run may give another patch.\n",
+                      counted(found.tries, "try").c_str());
   }
   return text + advice(outcome);
 }
@@ -141,11 +141,11 @@ std::string json_of_outcome(const Outcome& outcome) {
     text += formatted("    \"%s\": {\"bytes\": %" PRIu64 ", \"count\": %" PRIu64 "}%s\n",
                       part.json_name, part.bytes, part.count, &part == &parts.back() ? "" : ",");
   }
-  text += formatted(
-      "  },\n  \"classes\": %zu,\n  \"tries\": %" PRIu32 ",\n  \"stopped\": %s,\n"
-      "  \"seconds\": %.2f\n}\n",
-      found.planned.classes.size(), found.tries, found.was_stopped ? "true" : "false",
-      outcome.seconds);
+  text += formatted("  },\n  \"classes\": %zu,\n  \"tries\": %" PRIu32
+                    ",\n  \"stopped\": %s,\n"
+                    "  \"seconds\": %.2f\n}\n",
+                    found.planned.classes.size(), found.tries, found.was_stopped ? "true" : "false",
+                    outcome.seconds);
   return text;
 }
 

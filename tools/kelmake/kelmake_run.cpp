@@ -77,8 +77,7 @@ void make_patch(const Options& options) {
     found = kelvane::search_plan(request);
   }
   const Bytes patch = kelvane::write_plan(request.images, found.planned, request.rules);
-  const std::string fault =
-      kelvane::fault_of_patch(request.images, patch, found.planned.order);
+  const std::string fault = kelvane::fault_of_patch(request.images, patch, found.planned.order);
   if (!fault.empty()) {
     fatal("internal: the patch from '%s' to '%s' does not hold: %s", options.old_name.c_str(),
           options.new_name.c_str(), fault.c_str());
