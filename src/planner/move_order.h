@@ -30,6 +30,7 @@ struct move_order {
   std::vector<moved_block> blocks;
   // 12 bytes a block and what giving up costs, in hundredths of a byte.
   uint64_t estimate = 0;
+  uint64_t looks = 0;  // how many pieces were looked at, a measure of the time
 };
 
 struct order_settings {

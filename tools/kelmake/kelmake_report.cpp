@@ -51,6 +51,12 @@ double percent_of(uint64_t part, uint64_t whole) {
   return whole == 0 ? 0 : 100.0 * static_cast<double>(part) / static_cast<double>(whole);
 }
 
+bool is_worth_it(const Outcome& outcome) {
+  const uint64_t size = outcome.found.cost.total();
+  return size < outcome.new_size / 10 * 9 &&
+         (outcome.packed_new_size == 0 || size < outcome.packed_new_size);
+}
+
 // A sentence for a patch that is of little use; empty for others.
 std::string advice(const Outcome& outcome) {
   const uint64_t size = outcome.found.cost.total();
@@ -60,12 +66,12 @@ std::string advice(const Outcome& outcome) {
   if (outcome.new_size == 0) {
     return "The new file is empty: the patch only says so.\n";
   }
-  if (size >= outcome.packed_new_size) {
+  if (outcome.packed_new_size != 0 && size >= outcome.packed_new_size) {
     return formatted("The patch is not worth it: the new file alone, compressed, takes %" PRIu64
                      " bytes.\n",
                      outcome.packed_new_size);
   }
-  if (size >= outcome.new_size / 10 * 9) {
+  if (!is_worth_it(outcome)) {
     return "The patch is not worth it: it is nearly as large as the new file.\n";
   }
   return {};
@@ -133,9 +139,9 @@ std::string json_of_outcome(const Outcome& outcome) {
   file("patch", options.patch_name, found.cost.total());
   text += formatted(
       "  \"mode\": \"file\",\n  \"format\": %d,\n  \"profile\": \"%s\",\n  \"effort\": \"%s\",\n"
-      "  \"byte_order\": \"%s\",\n  \"compressed_new_size\": %" PRIu64 ",\n  \"parts\": {\n",
+      "  \"byte_order\": \"%s\",\n  \"worth_it\": %s,\n  \"parts\": {\n",
       options.format, name_of(options.profile), name_of(options.effort),
-      name_of(found.planned.order), outcome.packed_new_size);
+      name_of(found.planned.order), is_worth_it(outcome) ? "true" : "false");
   const std::array<Part, 7> parts = parts_of(found);
   for (const Part& part : parts) {
     text += formatted("    \"%s\": {\"bytes\": %" PRIu64 ", \"count\": %" PRIu64 "}%s\n",
