@@ -8,7 +8,7 @@
 #     kelvane                its real file, so a link leads to it from bin/
 #     defaults/colors.ini
 #     config/                empty, for a site's own colors.ini
-#   bin/                   kelvane (the link), kelpatch
+#   bin/                   kelvane (the link), kelmake, kelpatch
 #   share/man, share/doc   manual pages, documents
 #   share/...              completions for bash and zsh
 #   share/kelvane/applier  the applier's sources for a target, with an example
@@ -28,7 +28,7 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 
 # Programs and what they read.
 install(TARGETS kelvane RUNTIME DESTINATION ${KELVANE_PRIVATE_DIR} COMPONENT programs)
-install(TARGETS kelpatch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT programs)
+install(TARGETS kelmake kelpatch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT programs)
 install(FILES src/configuration/colors.ini
   DESTINATION ${KELVANE_PRIVATE_DIR}/defaults COMPONENT programs)
 install(DIRECTORY DESTINATION ${KELVANE_PRIVATE_DIR}/config COMPONENT programs)
@@ -50,7 +50,7 @@ function(kelvane_compress file output)
   set_property(GLOBAL APPEND PROPERTY kelvane_compressed ${output})
 endfunction()
 
-foreach(program kelvane kelpatch)
+foreach(program kelmake kelvane kelpatch)
   kelvane_compress(${CMAKE_SOURCE_DIR}/docs/${program}.1 ${CMAKE_BINARY_DIR}/install/${program}.1.gz)
   install(FILES ${CMAKE_BINARY_DIR}/install/${program}.1.gz
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT programs)

@@ -9,6 +9,8 @@ declare -A tools_for=(
   [test]="/usr/include/gtest/gtest.h=libgtest-dev /usr/include/gmock/gmock.h=libgmock-dev
     pkg-config=pkg-config clang=clang ld.lld=lld readelf=binutils"
   [clang]="clang++=clang"
+  [fuzz]="clang++=clang
+    /usr/lib/llvm-14/lib/clang/14.0.6/lib/linux/libclang_rt.fuzzer-x86_64.a=libclang-rt-14-dev"
   [bench]="/usr/include/benchmark/benchmark.h=libbenchmark-dev"
   [demo]="clang=clang ld.lld=lld llvm-objcopy=llvm"
   [lint]="clang-format=clang-format clang-tidy=clang-tidy run-clang-tidy=clang-tidy cppcheck=cppcheck

@@ -3,6 +3,8 @@
 folder=$(dirname "${BASH_SOURCE[0]}")/../../completions
 manuals=$folder/../docs
 # shellcheck source=/dev/null
+source "$folder/kelmake.bash"
+# shellcheck source=/dev/null
 source "$folder/kelvane.bash"
 # shellcheck source=/dev/null
 source "$folder/kelpatch.bash"
@@ -25,6 +27,9 @@ options_of() {
 sed 's/\\-/-/g' "$manuals/kelvane.1" | options_of >told
 offered kelvane - | tr ' ' '\n' | comm -3 told -
 options_of <"$folder/_kelvane" | comm -3 told -
+sed 's/\\-/-/g' "$manuals/kelmake.1" | options_of >told
+offered kelmake - | tr ' ' '\n' | comm -3 told -
+options_of <"$folder/_kelmake" | comm -3 told -
 sed 's/\\-/-/g' "$manuals/kelpatch.1" | options_of >told
 for command in '' show apply verify; do
   offered kelpatch "$command" -

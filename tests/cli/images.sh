@@ -4,7 +4,7 @@
 
 # image FILE DATA CLASS NUMBER: a file header without sections, and a number behind it.
 image() {
-  printf '\x7fELF'"\\x$3\\x$2"'\x01\0\0\0\0\0\0\0\0\0\0\x02' >"$1"
+  printf '%b' "\x7fELF\x$3\x$2\x01\0000\0000\0000\0000\0000\0000\0000\0000\0000\0000\x02" >"$1"
   head -c 34 /dev/zero >>"$1"
   printf '%s' "$4" >>"$1"
 }

@@ -152,7 +152,7 @@ struct MemoryOutput : output_buffer {
   MemoryOutput& operator=(const MemoryOutput&) = delete;
 };
 
-bool has_single_bytes_only(std::span<const byte_store> stores) {
+[[maybe_unused]] bool has_single_bytes_only(std::span<const byte_store> stores) {
   return std::all_of(stores.begin(), stores.end(),
                      [](const byte_store& store) { return store.size == 1; });
 }

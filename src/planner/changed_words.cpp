@@ -1,0 +1,99 @@
+#include "changed_words.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
+namespace kelvane {
+namespace {
+
+// A word of a value found so often may become an increment whatever its neighbours do.
+constexpr uint32_t kFrequent = 6;
+
+uint8_t differing_bytes(const uint8_t* first, const uint8_t* second, uint32_t count) {
+  uint32_t mask = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    mask |= (first[i] != second[i] ? 1U : 0U) << i;
+  }
+  return static_cast<uint8_t>(mask);
+}
+
+bool is_known_whole(const moved_image& moved, uint32_t address) {
+  return address + 4 <= moved.unknown_begin ||
+         (moved.is_known(address) && moved.is_known(address + 1) && moved.is_known(address + 2) &&
+          moved.is_known(address + 3));
+}
+
+void find_classes(changed_words& changed) {
+  std::vector<uint64_t> sorted;
+  for (size_t i = 0; i < changed.words.size(); ++i) {
+    if (changed.words[i].is_whole) {
+      sorted.push_back((uint64_t{changed.words[i].difference} << 32U) + i);
+    }
+  }
+  std::sort(sorted.begin(), sorted.end());
+  const auto value_of = [](uint64_t entry) { return static_cast<uint32_t>(entry >> 32U); };
+  for (size_t begin = 0; begin < sorted.size();) {
+    const uint32_t value = value_of(sorted[begin]);
+    size_t end = begin;
+    while (end < sorted.size() && value_of(sorted[end]) == value) {
+      ++end;
+    }
+    const auto count = static_cast<uint32_t>(end - begin);
+    if (count >= 2) {
+      changed.classes.push_back({.value = value,
+                                 .begin = static_cast<uint32_t>(changed.by_value.size()),
+                                 .count = count});
+      for (; begin < end; ++begin) {
+        const auto index = static_cast<uint32_t>(sorted[begin]);
+        changed.by_value.push_back(index);
+        changed.words[index].has_twins = true;
+        changed.words[index].is_frequent = count >= kFrequent;
+      }
+    }
+    begin = end;
+  }
+}
+
+}  // namespace
+
+uint32_t changed_word::first_byte() const {
+  return static_cast<uint32_t>(std::countr_zero(mask));
+}
+
+uint32_t changed_word::last_byte() const {
+  return 7 - static_cast<uint32_t>(std::countl_zero(mask));
+}
+
+changed_words find_changed_words(const plan_images& images, const moved_image& moved,
+                                 ByteOrder order) {
+  changed_words changed;
+  const auto size = static_cast<uint32_t>(images.new_image.size());
+  changed.image_size = size;
+  const uint8_t* const old_bytes = moved.bytes.data();
+  const uint8_t* const new_bytes = images.new_image.data();
+  // Counted first: the list of unlike images is long, and should not be copied to grow.
+  size_t expected = 0;
+  for (uint32_t at = 0; at + 4 <= size; at += 4) {
+    expected += std::memcmp(old_bytes + at, new_bytes + at, 4) != 0 ? 1U : 0U;
+  }
+  changed.words.reserve(expected + 1);
+  for (uint32_t at = 0; at < size; at += 4) {
+    const uint32_t count = std::min(4U, size - at);
+    if (std::memcmp(old_bytes + at, new_bytes + at, count) == 0) {
+      continue;
+    }
+    changed_word word;
+    word.word = at / 4;
+    word.mask = differing_bytes(old_bytes + at, new_bytes + at, count);
+    word.is_whole = count == 4 && is_known_whole(moved, at);
+    if (word.is_whole) {
+      word.difference = load_word(new_bytes + at, order) - load_word(old_bytes + at, order);
+    }
+    changed.words.push_back(word);
+  }
+  find_classes(changed);
+  return changed;
+}
+
+}  // namespace kelvane

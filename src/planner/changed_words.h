@@ -1,0 +1,67 @@
+#pragma once
+
+// The words that differ once the moves are done, and which of them grow by the same value.
+//
+// Only they are kept, 16 bytes each, not all words of the image: on builds that are close to each
+// other that is one word in ten.
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "plan.h"
+
+namespace kelvane {
+
+struct changed_word {
+  uint32_t word = 0;              // address divided by 4
+  uint32_t difference = 0;        // new less old, if is_whole
+  uint32_t price = 0;             // of an increment, in bit parts
+  uint8_t mask = 0;               // bit i: byte i differs
+  bool is_whole : 1 = false;      // has 4 bytes, all of them known
+  bool has_twins : 1 = false;     // another word has its value
+  bool is_frequent : 1 = false;   // five others have
+  bool is_allowed : 1 = false;    // its class is in use
+  bool is_increment : 1 = false;  // it is one
+  uint16_t trace = 0;             // of the walk that stores and increments are chosen by
+
+  uint32_t first_byte() const;  // 0 to 3: the first that differs
+  uint32_t last_byte() const;
+  uint32_t span() const { return last_byte() - first_byte() + 1; }
+};
+
+// Prices are counted in parts of a bit, as whole numbers, so that every machine decides alike.
+inline constexpr uint32_t kBit = 32;
+
+// All words of one value.
+struct value_class {
+  uint32_t value = 0;
+  uint32_t begin = 0;  // in changed_words::by_value
+  uint32_t count = 0;
+  bool in_use = false;
+  uint8_t times_dropped = 0;
+};
+
+struct changed_words {
+  std::vector<changed_word> words;   // by address
+  std::vector<uint32_t> by_value;    // indices of words; by value, then address
+  std::vector<value_class> classes;  // values of two words and more, ascending
+  uint32_t image_size = 0;
+
+  std::span<const uint32_t> members(const value_class& of) const {
+    return std::span(by_value).subspan(of.begin, of.count);
+  }
+  // The bytes that the image has of a word: 4, but for the last.
+  uint32_t bytes_of(const changed_word& word) const {
+    return word.word == image_size / 4 ? image_size % 4 : 4;
+  }
+  bool follows(size_t index) const {  // whether the word before differs, too
+    return index > 0 && words[index - 1].word + 1 == words[index].word;
+  }
+  bool is_followed(size_t index) const { return index + 1 < words.size() && follows(index + 1); }
+};
+
+changed_words find_changed_words(const plan_images& images, const moved_image& moved,
+                                 ByteOrder order);
+
+}  // namespace kelvane

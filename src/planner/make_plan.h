@@ -1,0 +1,23 @@
+#pragma once
+
+// One plan, from an alignment to the last store.
+
+#include <span>
+
+#include "alignment.h"
+#include "plan.h"
+
+namespace kelvane {
+
+struct plan_settings {
+  ByteOrder order = ByteOrder::little;
+  // A byte of a compressed store and its entry, in bit parts (see walk_settings).
+  uint32_t packed_byte = 0;
+  uint32_t packed_entry = 0;
+};
+
+// Completes the moves by fills, stores and increments.
+plan make_plan(const plan_images& images, std::span<const moved_block> moves,
+               const plan_rules& rules, const plan_settings& settings);
+
+}  // namespace kelvane

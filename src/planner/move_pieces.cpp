@@ -1,0 +1,205 @@
+#include "move_pieces.h"
+
+#include <algorithm>
+#include <numeric>
+#include <optional>
+
+#include "move_pieces_internal.h"
+
+namespace kelvane {
+namespace {
+
+constexpr int64_t kShortestPiece = 12;
+constexpr size_t kMostEdges = 4000000;
+// For estimates of compressed sizes.
+constexpr int kEstimateTrials = 12;
+
+// Calls take(begin, end) for what is left of a stretch when its ends that differ are trimmed.
+void trim(const plan_images& images, const shift_stretch& stretch, const auto& take) {
+  const auto old_size = static_cast<int64_t>(images.old_image.size());
+  int64_t begin = std::max<int64_t>(stretch.begin, stretch.shift);
+  int64_t end = std::min<int64_t>(stretch.end, old_size + stretch.shift);
+  const auto is_equal = [&](int64_t at) {
+    return images.old_image[static_cast<size_t>(at - stretch.shift)] ==
+           images.new_image[static_cast<size_t>(at)];
+  };
+  while (begin < end && !is_equal(begin)) {
+    ++begin;
+  }
+  while (begin < end && !is_equal(end - 1)) {
+    --end;
+  }
+  if (end - begin >= kShortestPiece) {
+    take(begin, end);
+  }
+}
+
+std::vector<moving_piece> cut_circles(const std::vector<moving_piece>& pieces,
+                                      const std::vector<std::vector<uint32_t>>& circles,
+                                      int64_t piece_bytes) {
+  std::vector<uint8_t> in_circle(pieces.size(), 0);
+  for (const auto& circle : circles) {
+    for (const uint32_t piece : circle) {
+      in_circle[piece] = 1;
+    }
+  }
+  std::vector<moving_piece> cut;
+  for (size_t i = 0; i < pieces.size(); ++i) {
+    const moving_piece& piece = pieces[i];
+    if (in_circle[i] == 0 || piece.length < 2 * piece_bytes) {
+      cut.push_back(piece);
+      continue;
+    }
+    const int64_t parts = piece.length / piece_bytes;
+    int64_t begin = 0;
+    for (int64_t part = 1; part <= parts; ++part) {
+      int64_t end = piece.length * part / parts;
+      end = part < parts ? end & ~int64_t{3} : end;
+      cut.push_back({piece.source + begin, end - begin, piece.destination + begin, 0});
+      begin = end;
+    }
+  }
+  return cut;
+}
+
+std::vector<uint32_t> all_of(const std::vector<moving_piece>& pieces) {
+  std::vector<uint32_t> all(pieces.size());
+  std::iota(all.begin(), all.end(), 0U);
+  return all;
+}
+
+std::vector<std::vector<uint32_t>> all_circles(const piece_set& set) {
+  circle_search search(set.graph);
+  return search.circles(all_of(set.pieces), std::vector<uint8_t>(set.pieces.size(), 1));
+}
+
+// Fills in the graph; leaves out short pieces while it would be too large.
+void find_conflicts(piece_set& set) {
+  for (int64_t shortest = 2 * kShortestPiece;; shortest *= 2) {
+    if (auto graph = conflicts_of(set.pieces, kMostEdges)) {
+      set.graph = std::move(*graph);
+      return;
+    }
+    std::erase_if(set.pieces, [&](const moving_piece& piece) { return piece.length < shortest; });
+  }
+}
+
+}  // namespace
+
+std::optional<piece_graph> conflicts_of(std::span<const moving_piece> pieces, size_t most_edges) {
+  std::vector<uint32_t> by_source(pieces.size());
+  std::iota(by_source.begin(), by_source.end(), 0U);
+  std::stable_sort(by_source.begin(), by_source.end(), [&](uint32_t first, uint32_t second) {
+    return pieces[first].source < pieces[second].source;
+  });
+  // The farthest end of all sources up to each: tells where to stop looking back.
+  std::vector<int64_t> farthest(pieces.size());
+  int64_t end = 0;
+  for (size_t i = 0; i < pieces.size(); ++i) {
+    const moving_piece& piece = pieces[by_source[i]];
+    end = std::max(end, piece.source + piece.length);
+    farthest[i] = end;
+  }
+  piece_graph graph;
+  graph.ahead.resize(pieces.size());
+  graph.behind.resize(pieces.size());
+  size_t edges = 0;
+  for (uint32_t x = 0; x < pieces.size(); ++x) {
+    const int64_t begin = pieces[x].destination;
+    auto i = static_cast<size_t>(
+        std::lower_bound(by_source.begin(), by_source.end(), begin + pieces[x].length,
+                         [&](uint32_t y, int64_t limit) { return pieces[y].source < limit; }) -
+        by_source.begin());
+    while (i-- > 0 && farthest[i] > begin) {
+      const uint32_t y = by_source[i];
+      if (++edges > most_edges) {
+        return std::nullopt;
+      }
+      if (y != x && pieces[y].source + pieces[y].length > begin) {
+        graph.behind[y].push_back(x);
+        graph.ahead[x].push_back(y);
+      }
+    }
+  }
+  return graph;
+}
+
+// Bytes of a moved stretch also cost a block and some chance of joining.
+lightened_stretches give_up_bytes(const plan_images& images,
+                                  std::span<const shift_stretch> stretches, uint32_t bytes) {
+  lightened_stretches result;
+  result.stretches.assign(stretches.begin(), stretches.end());
+  if (bytes == 0) {
+    return result;
+  }
+  constexpr size_t kSamples = 512;
+  optimal_parser parser(kEstimateTrials);
+  const auto step = static_cast<uint32_t>(
+      std::max<size_t>(bytes / 2, images.new_image.size() / kSamples) & ~size_t{3});
+  std::optional<std::pair<size_t, uint32_t>> best;
+  uint64_t least = UINT64_MAX;
+  for (size_t i = 0; i < stretches.size(); ++i) {
+    const shift_stretch& stretch = stretches[i];
+    if (stretch.shift == kStoredShift) {
+      continue;
+    }
+    for (uint64_t at = (stretch.begin + 3) & ~3U; at + bytes <= stretch.end; at += step) {
+      uint64_t weight = parser.packed_size(images.new_image.subspan(at, bytes)) * kWeightOfByte;
+      if (stretch.shift != 0) {
+        weight += (12 + bytes * 3 / 10) * kWeightOfByte;
+      }
+      if (weight < least) {
+        least = weight;
+        best = {i, static_cast<uint32_t>(at)};
+      }
+    }
+  }
+  if (best) {
+    const auto [index, at] = *best;
+    const shift_stretch whole = stretches[index];
+    result.stretches[index].end = at;
+    result.stretches.insert(result.stretches.begin() + static_cast<ptrdiff_t>(index) + 1,
+                            {{at, at + bytes, kStoredShift}, {at + bytes, whole.end, whole.shift}});
+    result.given_up_weight = least;
+  }
+  return result;
+}
+
+piece_set cut_pieces(const plan_images& images, const lightened_stretches& lightened,
+                     uint32_t piece_bytes) {
+  piece_set set;
+  set.given_up_weight = lightened.given_up_weight;
+  for (const shift_stretch& stretch : lightened.stretches) {
+    if (stretch.shift == kStoredShift) {
+      continue;
+    }
+    trim(images, stretch, [&](int64_t begin, int64_t end) {
+      if (stretch.shift == 0) {
+        set.pinned.emplace_back(begin, end);
+      } else {
+        set.pieces.push_back({begin - stretch.shift, end - begin, begin, 0});
+      }
+    });
+  }
+  find_conflicts(set);
+  set.stretches = set.pieces.size();
+  set.circles = all_circles(set);
+  if (!set.circles.empty()) {
+    set.pieces = cut_circles(set.pieces, set.circles, piece_bytes);
+    find_conflicts(set);
+    set.circles = all_circles(set);
+  }
+  optimal_parser parser(kEstimateTrials);
+  for (const auto& circle : set.circles) {
+    for (const uint32_t index : circle) {
+      moving_piece& piece = set.pieces[index];
+      const uint64_t packed = parser.packed_size(images.new_image.subspan(
+          static_cast<size_t>(piece.destination), static_cast<size_t>(piece.length)));
+      const auto plain = static_cast<uint64_t>(piece.length);
+      piece.store_weight = std::min(packed * kWeightOfByte, plain * 85) + kWeightOfByte;
+    }
+  }
+  return set;
+}
+
+}  // namespace kelvane

@@ -1,0 +1,122 @@
+#include "seeds.h"
+
+#include <array>
+#include <bit>
+#include <cstring>
+#include <optional>
+
+namespace kelvane {
+namespace {
+
+// Odd numbers that spread bits well; the first is 2^64 divided by the golden ratio.
+constexpr uint64_t kMix1 = 0x9E3779B97F4A7C15U;
+constexpr uint64_t kMix2 = 0xC2B2AE3D27D4EB4FU;
+constexpr uint64_t kMix3 = 0x165667B19E3779F9U;
+constexpr uint64_t kMix4 = 0xD6E8FEB86659FD93U;
+
+std::optional<uint32_t> string_hash(const uint8_t* bytes, uint32_t bits) {
+  const uint64_t head = load_word(bytes, ByteOrder::little);
+  const uint64_t middle = load_word(bytes + 4, ByteOrder::little);
+  const uint64_t tail = load_word(bytes + 8, ByteOrder::little);
+  if (head == middle && middle == tail && head == std::rotr(static_cast<uint32_t>(head), 8)) {
+    return std::nullopt;
+  }
+  const uint64_t mixed = (((head + (middle << 32U)) * kMix1) ^ (tail * kMix2)) * kMix1;
+  return static_cast<uint32_t>(mixed >> (64U - bits));
+}
+
+// Bytes from one place with difference seeds to the next.
+constexpr size_t kDifferenceStep = 32;
+
+template <ByteOrder order>
+std::optional<uint32_t> difference_hash(const uint8_t* bytes, uint32_t stride, uint32_t bits) {
+  const auto difference = [&](uint32_t row) -> uint64_t {
+    return load_word(bytes + 4 * size_t{row + stride}, order) -
+           load_word(bytes + 4 * size_t{row}, order);
+  };
+  const uint64_t first = difference(0);
+  const uint64_t second = difference(1);
+  const uint64_t third = difference(2);
+  const uint64_t fourth = difference(3);
+  if ((first | second | third | fourth) == 0) {
+    return std::nullopt;
+  }
+  const uint64_t mixed =
+      ((first * kMix1) ^ (second * kMix2) ^ (third * kMix3) ^ ((fourth + stride) * kMix4)) * kMix1;
+  return static_cast<uint32_t>(mixed >> (64U - bits));
+}
+
+template <ByteOrder order>
+void each_difference(std::span<const uint8_t> image, uint32_t bits, const auto& take) {
+  const size_t longest = difference_seed_bytes(kSeedStrides);
+  if (image.size() < longest) {
+    return;
+  }
+  for (size_t at = (image.size() - longest) / kDifferenceStep * kDifferenceStep + kDifferenceStep;
+       at != 0;) {
+    at -= kDifferenceStep;
+    for (uint32_t stride = 1; stride <= kSeedStrides; ++stride) {
+      if (const auto hash = difference_hash<order>(&image[at], stride, bits)) {
+        take(*hash, static_cast<uint32_t>(at));
+      }
+    }
+  }
+}
+
+}  // namespace
+
+template <typename Each>
+void seed_index::build(uint64_t expected, const Each& each) {
+  // A bucket for about two seeds; more than 2^22 leave the caches.
+  while (bits_ < 22 && (uint64_t{2} << bits_) < expected) {
+    ++bits_;
+  }
+  begin_.assign((size_t{1} << bits_) + 1, 0);
+  each([&](uint32_t hash, uint32_t) { ++begin_[hash]; });
+  uint32_t sum = 0;
+  for (uint32_t& bucket_end : begin_) {
+    sum += bucket_end;
+    bucket_end = sum;
+  }
+  places_.resize(sum);
+  each([&](uint32_t hash, uint32_t place) { places_[--begin_[hash]] = place; });
+}
+
+string_seeds::string_seeds(std::span<const uint8_t> old_image) {
+  build(old_image.size() / 4, [&](const auto& take) {
+    if (old_image.size() < kSeedBytes) {
+      return;
+    }
+    for (size_t at = ((old_image.size() - kSeedBytes) & ~size_t{3}) + 4; at != 0;) {
+      at -= 4;
+      if (const auto hash = string_hash(&old_image[at], bits_)) {
+        take(*hash, static_cast<uint32_t>(at));
+      }
+    }
+  });
+}
+
+std::span<const uint32_t> string_seeds::places(const uint8_t* bytes) const {
+  const auto hash = string_hash(bytes, bits_);
+  return hash ? bucket(*hash) : std::span<const uint32_t>{};
+}
+
+difference_seeds::difference_seeds(std::span<const uint8_t> old_image, ByteOrder order)
+    : order_(order) {
+  build(old_image.size() / kDifferenceStep * kSeedStrides, [&](const auto& take) {
+    if (order == ByteOrder::big) {
+      each_difference<ByteOrder::big>(old_image, bits_, take);
+    } else {
+      each_difference<ByteOrder::little>(old_image, bits_, take);
+    }
+  });
+}
+
+std::span<const uint32_t> difference_seeds::places(const uint8_t* bytes, uint32_t stride) const {
+  const auto hash = order_ == ByteOrder::big
+                        ? difference_hash<ByteOrder::big>(bytes, stride, bits_)
+                        : difference_hash<ByteOrder::little>(bytes, stride, bits_);
+  return hash ? bucket(*hash) : std::span<const uint32_t>{};
+}
+
+}  // namespace kelvane

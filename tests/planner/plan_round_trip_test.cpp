@@ -1,0 +1,184 @@
+// Plans of random pairs, carried out by the applier.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "image_pair.h"
+#include "plan_patch.h"
+#include "plan_search.h"
+
+namespace kelvane {
+namespace {
+
+uint32_t pairs_of_a_kind() {
+  const char* const wanted = std::getenv("KELVANE_ROUNDS");
+  return wanted != nullptr ? static_cast<uint32_t>(std::atoi(wanted)) : KELVANE_PAIRS_OF_A_KIND;
+}
+
+plan_request any_request(const ImagePair& pair, Random& random) {
+  static constexpr patch_profile kProfiles[] = {patch_profile::any, patch_profile::wide,
+                                                patch_profile::libapply};
+  static constexpr plan_effort kEfforts[] = {plan_effort::quick, plan_effort::quick,
+                                             plan_effort::normal, plan_effort::best};
+  plan_request request;
+  request.images = {pair.old_image, pair.new_image};
+  request.rules = rules_for(kProfiles[random.below(3)], static_cast<uint8_t>(random.below(2)));
+  request.effort = kEfforts[random.below(4)];
+  if (random.below(2) == 0) {
+    request.order = byte_order_of(random.below(2) == 0);
+  }
+  return request;
+}
+
+// What a plan has to keep to under its rules, beside being right.
+std::string broken_habit(const plan_request& request, const plan& planned) {
+  if (planned.classes.size() > request.rules.class_limit) {
+    return "too many classes";
+  }
+  if (!request.rules.compression && (!planned.packed.empty() || !planned.fills.empty())) {
+    return "compression or fills";
+  }
+  const size_t old_size = request.images.old_image.size();
+  const size_t new_size = request.images.new_image.size();
+  for (const planned_store& store : planned.stores) {
+    if (store.kind == store_kind::plain && store.size < 2 && !request.rules.short_stores) {
+      return "a short store";
+    }
+  }
+  for (const moved_block& block : planned.moves) {
+    const size_t end = size_t{block.destination} + block.length;
+    if (end > new_size && end > old_size) {
+      return "a block outside";
+    }
+  }
+  return {};
+}
+
+class PlanRoundTripTest : public testing::TestWithParam<PairKind> {};
+
+TEST_P(PlanRoundTripTest, APatchCostsWhatThePlanSaysAndMakesTheNewImage) {
+  for (uint32_t seed = 1; seed <= pairs_of_a_kind(); ++seed) {
+    Random random(seed * 64 + static_cast<uint32_t>(GetParam()));
+    const ImagePair pair = make_pair_of(GetParam(), random);
+    const plan_request request = any_request(pair, random);
+    const found_plan found = search_plan(request);
+    const std::vector<uint8_t> patch = write_plan(request.images, found.planned, request.rules);
+    ASSERT_EQ(patch.size(), found.cost.total()) << "seed " << seed;
+    ASSERT_EQ(fault_of_patch(request.images, patch, found.planned.order), "") << "seed " << seed;
+    ASSERT_EQ(broken_habit(request, found.planned), "") << "seed " << seed;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, PlanRoundTripTest, testing::ValuesIn(kAllPairKinds),
+                         [](const auto& kind) { return name_of(kind.param); });
+
+// An image of code, one half of which has its pieces in another order, with words that moved.
+ImagePair shuffled_pair(uint32_t seed) {
+  Random random(seed);
+  ImagePair pair;
+  std::vector<Bytes> pieces;
+  for (int i = 0; i < 60; ++i) {
+    pieces.push_back(code_like(200 + random.below(900), random));
+  }
+  for (const Bytes& piece : pieces) {
+    pair.old_image.insert(pair.old_image.end(), piece.begin(), piece.end());
+  }
+  for (size_t i = 20; i < 40; ++i) {
+    std::swap(pieces[i], pieces[20 + random.below(20)]);
+  }
+  insert_piece(pieces[5], random);
+  for (const Bytes& piece : pieces) {
+    pair.new_image.insert(pair.new_image.end(), piece.begin(), piece.end());
+  }
+  return pair;
+}
+
+TEST(PlanSearchTest, TheNumberOfJobsChangesNoByte) {
+  const ImagePair pair = shuffled_pair(7);
+  plan_request request;
+  request.images = {pair.old_image, pair.new_image};
+  request.rules = rules_for(patch_profile::wide, 1);
+  const found_plan alone = search_plan(request);
+  const std::vector<uint8_t> patch = write_plan(request.images, alone.planned, request.rules);
+  EXPECT_EQ(fault_of_patch(request.images, patch, alone.planned.order), "");
+  EXPECT_LT(patch.size(), pair.new_image.size() / 8) << "the pieces are moved, not stored";
+  for (const uint32_t jobs : {2U, 3U, 8U}) {
+    request.jobs = jobs;
+    const found_plan found = search_plan(request);
+    EXPECT_EQ(write_plan(request.images, found.planned, request.rules), patch) << jobs;
+  }
+}
+
+TEST(PlanSearchTest, ReportsEachTryAndGivesWhatItHasWhenTheTimeIsOver) {
+  const ImagePair pair = shuffled_pair(8);
+  plan_request request;
+  request.images = {pair.old_image, pair.new_image};
+  request.rules = rules_for(patch_profile::wide, 1);
+  std::vector<uint32_t> tries;
+  uint64_t best = UINT64_MAX;
+  request.report = [&](const plan_progress& progress) {
+    tries.push_back(progress.tries);
+    EXPECT_LE(progress.best_size, best);
+    best = progress.best_size;
+  };
+  const found_plan whole = search_plan(request);
+  EXPECT_EQ(tries, (std::vector<uint32_t>{1, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(whole.cost.total(), best);
+  EXPECT_FALSE(whole.was_stopped);
+
+  request.report = nullptr;
+  request.is_over = [] { return true; };
+  const found_plan stopped = search_plan(request);
+  EXPECT_TRUE(stopped.was_stopped);
+  EXPECT_EQ(stopped.tries, 1U);
+  const std::vector<uint8_t> patch = write_plan(request.images, stopped.planned, request.rules);
+  EXPECT_EQ(fault_of_patch(request.images, patch, stopped.planned.order), "");
+}
+
+TEST(PlanSearchTest, FindsTheOrderOfTheWords) {
+  for (const bool big_endian : {false, true}) {
+    Random random(3);
+    ImagePair pair;
+    for (uint32_t i = 0; i < 2000; ++i) {
+      const uint32_t word = 0x10000000 + random.below(0x40000);
+      append_word(pair.old_image, word, big_endian);
+      append_word(pair.new_image, word + (i % 3 == 0 ? 0x98 : 0), big_endian);
+    }
+    plan_request request;
+    request.images = {pair.old_image, pair.new_image};
+    request.rules = rules_for(patch_profile::any, 1);
+    const found_plan found = search_plan(request);
+    EXPECT_EQ(found.planned.order, byte_order_of(big_endian));
+    EXPECT_EQ(found.planned.classes.size(), 1U);
+    EXPECT_TRUE(found.planned.stores.empty());
+  }
+}
+
+TEST(PlanCheckTest, CatchesAFaultInAPlan) {
+  const ImagePair pair = shuffled_pair(9);
+  plan_request request;
+  request.images = {pair.old_image, pair.new_image};
+  request.rules = rules_for(patch_profile::wide, 1);
+  const found_plan found = search_plan(request);
+  const auto fault_of = [&](const plan& planned) {
+    return fault_of_patch(request.images, write_plan(request.images, planned, request.rules),
+                          planned.order);
+  };
+  ASSERT_EQ(fault_of(found.planned), "");
+
+  plan missing_move = found.planned;
+  missing_move.moves.pop_back();
+  EXPECT_NE(fault_of(missing_move).find("its result differs from the new image at offset"),
+            std::string::npos);
+  plan wrong_order = found.planned;
+  std::reverse(wrong_order.moves.begin(), wrong_order.moves.end());
+  EXPECT_NE(fault_of(wrong_order), "");
+  plan outside = found.planned;
+  outside.fills.push_back({static_cast<uint32_t>(pair.new_image.size() + 100), 3, 0});
+  EXPECT_NE(fault_of(outside), "");
+}
+
+}  // namespace
+}  // namespace kelvane

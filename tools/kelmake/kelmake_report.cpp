@@ -1,0 +1,185 @@
+#include "kelmake_report.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cinttypes>
+#include <cstdio>
+
+#include "patch_file.h"
+
+namespace kelmake {
+namespace {
+
+using kelpatch::formatted;
+
+struct Part {
+  const char* name;       // in words
+  const char* json_name;  // as a key
+  uint64_t bytes;
+  uint64_t count;
+  const char* unit;
+};
+
+std::array<Part, 7> parts_of(const kelvane::found_plan& found) {
+  const kelvane::plan& planned = found.planned;
+  const auto stores = [&](kelvane::store_kind kind) {
+    return static_cast<uint64_t>(
+        std::count_if(planned.stores.begin(), planned.stores.end(),
+                      [&](const kelvane::planned_store& store) { return store.kind == kind; }));
+  };
+  const kelvane::plan_cost& cost = found.cost;
+  return {{
+      {"header", "header", cost.header, 0, ""},
+      {"moves", "moves", cost.moves, planned.moves.size(), "block"},
+      {"stores", "stores", cost.plain_stores, stores(kelvane::store_kind::plain), "store"},
+      {"compressed stores", "compressed_stores", cost.packed_stores,
+       stores(kelvane::store_kind::compressed), "store"},
+      {"single bytes", "single_bytes", cost.single_stores, stores(kelvane::store_kind::single),
+       "byte"},
+      {"fills", "fills", cost.fills, planned.fills.size(), "fill"},
+      {"increments", "increments", cost.increments, planned.words.size(), "word"},
+  }};
+}
+
+std::string counted(uint64_t count, const char* unit) {
+  return formatted("%" PRIu64 " %s%s", count, unit, count == 1 ? "" : "s");
+}
+
+double percent_of(uint64_t part, uint64_t whole) {
+  return whole == 0 ? 0 : 100.0 * static_cast<double>(part) / static_cast<double>(whole);
+}
+
+bool is_worth_it(const Outcome& outcome) {
+  const uint64_t size = outcome.found.cost.total();
+  return size < outcome.new_size / 10 * 9 &&
+         (outcome.packed_new_size == 0 || size < outcome.packed_new_size);
+}
+
+// A sentence for a patch that is of little use; empty for others.
+std::string advice(const Outcome& outcome) {
+  const uint64_t size = outcome.found.cost.total();
+  if (outcome.equal_files) {
+    return "The two files are equal: the patch changes nothing.\n";
+  }
+  if (outcome.new_size == 0) {
+    return "The new file is empty: the patch only says so.\n";
+  }
+  if (outcome.packed_new_size != 0 && size >= outcome.packed_new_size) {
+    return formatted("The patch is not worth it: the new file alone, compressed, takes %" PRIu64
+                     " bytes.\n",
+                     outcome.packed_new_size);
+  }
+  if (!is_worth_it(outcome)) {
+    return "The patch is not worth it: it is nearly as large as the new file.\n";
+  }
+  return {};
+}
+
+std::string json_text(const std::string& text) {
+  std::string quoted = "\"";
+  for (const char letter : text) {
+    const auto byte = static_cast<unsigned char>(letter);
+    if (letter == '"' || letter == '\\') {
+      quoted += '\\';
+      quoted += letter;
+    } else if (byte < 0x20) {
+      quoted += formatted("\\u%04x", byte);
+    } else {
+      quoted += letter;
+    }
+  }
+  return quoted + '"';
+}
+
+}  // namespace
+
+std::string text_of_comparison(const Options& options, uint64_t old_size, uint64_t new_size) {
+  return formatted("old: %s, %s\n", options.old_name.c_str(), counted(old_size, "byte").c_str()) +
+         formatted("new: %s, %s\n", options.new_name.c_str(), counted(new_size, "byte").c_str()) +
+         formatted("file mode, format %d, profile %s, effort %s, %s\n", options.format,
+                   name_of(options.profile), name_of(options.effort),
+                   options.order ? name_of(*options.order) : "both byte orders");
+}
+
+std::string text_of_outcome(const Outcome& outcome) {
+  const kelvane::found_plan& found = outcome.found;
+  std::string text = formatted("patch: %s, %s", outcome.options.patch_name.c_str(),
+                               counted(found.cost.total(), "byte").c_str());
+  if (outcome.new_size > 0) {
+    text +=
+        formatted(", %.1f %% of the new file", percent_of(found.cost.total(), outcome.new_size));
+  }
+  text += formatted(", %s\n", name_of(found.planned.order));
+  for (const Part& part : parts_of(found)) {
+    if (part.bytes == 0) {
+      continue;
+    }
+    text += formatted("  %-18s %9" PRIu64 " bytes", part.name, part.bytes);
+    text += *part.unit == '\0' ? "\n" : ", " + counted(part.count, part.unit) + "\n";
+  }
+  if (found.was_stopped) {
+    text += formatted("The time was over after %s: another run may give another patch.\n",
+                      counted(found.tries, "try").c_str());
+  }
+  return text + advice(outcome);
+}
+
+std::string json_of_outcome(const Outcome& outcome) {
+  const Options& options = outcome.options;
+  const kelvane::found_plan& found = outcome.found;
+  std::string text = "{\n";
+  const auto file = [&](const char* key, const std::string& name, uint64_t size) {
+    text += formatted("  \"%s\": {\"name\": %s, \"size\": %" PRIu64 "},\n", key,
+                      json_text(name).c_str(), size);
+  };
+  file("old", options.old_name, outcome.old_size);
+  file("new", options.new_name, outcome.new_size);
+  file("patch", options.patch_name, found.cost.total());
+  text += formatted(
+      "  \"mode\": \"file\",\n  \"format\": %d,\n  \"profile\": \"%s\",\n  \"effort\": \"%s\",\n"
+      "  \"byte_order\": \"%s\",\n  \"worth_it\": %s,\n  \"parts\": {\n",
+      options.format, name_of(options.profile), name_of(options.effort),
+      name_of(found.planned.order), is_worth_it(outcome) ? "true" : "false");
+  const std::array<Part, 7> parts = parts_of(found);
+  for (const Part& part : parts) {
+    text += formatted("    \"%s\": {\"bytes\": %" PRIu64 ", \"count\": %" PRIu64 "}%s\n",
+                      part.json_name, part.bytes, part.count, &part == &parts.back() ? "" : ",");
+  }
+  text += formatted("  },\n  \"classes\": %zu,\n  \"tries\": %" PRIu32
+                    ",\n  \"stopped\": %s,\n"
+                    "  \"seconds\": %.2f\n}\n",
+                    found.planned.classes.size(), found.tries, found.was_stopped ? "true" : "false",
+                    outcome.seconds);
+  return text;
+}
+
+ProgressLine::ProgressLine(const Options& options)
+    : options_(options), is_on_(!options.quiet && ::isatty(STDERR_FILENO) != 0) {}
+
+ProgressLine::~ProgressLine() {
+  if (shown_ > 0) {
+    std::fprintf(stderr, "\r%*s\r", static_cast<int>(shown_), "");
+  }
+}
+
+void ProgressLine::show(const kelvane::plan_progress& progress) {
+  if (!is_on_) {
+    return;
+  }
+  const double passed =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+  double left = passed / progress.tries * (progress.most_tries - progress.tries);
+  if (options_.seconds) {
+    left = std::clamp(*options_.seconds - passed, 0.0, left);
+  }
+  const std::string line =
+      formatted("try %" PRIu32 " of %" PRIu32 ", best so far %" PRIu64 " bytes, %.0f s left",
+                progress.tries, progress.most_tries, progress.best_size, left);
+  std::fprintf(stderr, "\r%-*s", static_cast<int>(shown_), line.c_str());
+  std::fflush(stderr);
+  shown_ = std::max(shown_, line.size());
+}
+
+}  // namespace kelmake

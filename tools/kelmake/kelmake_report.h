@@ -1,0 +1,49 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "kelmake_options.h"
+#include "plan_search.h"
+
+namespace kelmake {
+
+// What a run has found, for people and for programs.
+struct Outcome {
+  const Options& options;
+  uint64_t old_size = 0;
+  uint64_t new_size = 0;
+  bool equal_files = false;
+  // The new file alone in the compressed form of this format, or 0 where the patch is smaller in any
+  // case.
+  uint64_t packed_new_size = 0;
+  const kelvane::found_plan& found;
+  double seconds = 0;
+};
+
+// "old.bin: 400112 bytes" and so on: what is compared and how.
+std::string text_of_comparison(const Options& options, uint64_t old_size, uint64_t new_size);
+// The size, what it is spent on, and whether the patch is worth it.
+std::string text_of_outcome(const Outcome& outcome);
+// The same as JSON, with a newline at the end. Names are taken as the UTF-8 that they should be.
+std::string json_of_outcome(const Outcome& outcome);
+
+// A line on standard error that is rewritten in place: plans tried, the best size so far, time
+// left. Only for a terminal.
+class ProgressLine {
+ public:
+  explicit ProgressLine(const Options& options);
+  ~ProgressLine();
+  ProgressLine(const ProgressLine&) = delete;
+  ProgressLine& operator=(const ProgressLine&) = delete;
+  void show(const kelvane::plan_progress& progress);
+
+ private:
+  const Options& options_;
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  bool is_on_ = false;
+  size_t shown_ = 0;  // characters
+};
+
+}  // namespace kelmake
