@@ -10,15 +10,13 @@
 #include <string_view>
 
 #include "image.h"
-#include "image_internal.h"
 #include "indelfio.h"
-#include "indelfio_internal.h"
 #include "indgen_memory.h"
 #include "indgen_message.h"
 #include "load.h"
 #include "load_internal.h"
 #include "memory_file.h"
-#include "section_list_internal.h"
+#include "objects_reset.h"
 #include "symbol_list.h"
 
 namespace kelvane {

@@ -8,10 +8,9 @@
 #include <cstring>
 
 #include "indgen_message.h"
-#include "indmagic_internal.h"
 #include "indobjio.h"
-#include "indobjio_internal.h"
 #include "memory_file.h"
+#include "objects_reset.h"
 
 namespace kelvane {
 namespace {

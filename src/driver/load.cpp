@@ -50,11 +50,7 @@ void release_sections(sym_addr* first, const sym_addr* end) {
 // run.
 class OpenSectionList {
  public:
-  explicit OpenSectionList(file_data* record) {
-    sym_addr_list = gen_alloc_array<sym_addr>(kMostSections);
-    sym_addrp = sym_addr_list;
-    current_data = record;
-  }
+  explicit OpenSectionList(file_data* record) { start_section_list(record); }
   ~OpenSectionList() {
     release_sections(sym_addr_list, sym_addrp);
     close();

@@ -1,6 +1,6 @@
 #include "image.h"
 
-#include "image_internal.h"
+#include "objects_reset.h"
 
 namespace kelvane {
 

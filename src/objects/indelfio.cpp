@@ -14,6 +14,7 @@
 #include "indelfio_internal.h"
 #include "indgen_file.h"
 #include "indgen_message.h"
+#include "objects_reset.h"
 
 namespace kelvane {
 
@@ -21,6 +22,11 @@ int32_t endian = 0;
 int32_t* errorcode = nullptr;
 
 namespace {
+
+struct State {
+  uint64_t table_bytes = 0;  // read so far
+};
+State state;
 
 constexpr uint8_t kMissing = 0xFF;      // what a byte behind the end of the file counts as
 constexpr uint32_t kBlockSize = 65536;  // bytes of a table read at once
@@ -32,10 +38,13 @@ void seek_to(std::FILE* stream, int64_t offset) {
   }
 }
 
-// Whether so many elements are left of the file; where that can't be told, yes.
-bool is_left(std::FILE* stream, uint64_t count, uint64_t element) {
+// Whether so many elements are left of the file, and then counts them as read; where that can't be
+// told, yes.
+bool take(std::FILE* stream, uint64_t count, uint64_t element) {
   const int64_t rest = stream_rest(stream);
-  return rest < 0 || fits_array(0, count, element, static_cast<uint64_t>(rest));
+  const bool left = rest < 0 || fits_array(0, count, element, static_cast<uint64_t>(rest));
+  state.table_bytes += left ? count * element : 0;
+  return left;
 }
 
 // Fills `bytes`, those behind the end of the file with the value that they count as.
@@ -91,7 +100,7 @@ Record* read_sized_table(std::FILE* stream, Record* buffer, uint32_t count, uint
     return nullptr;
   }
   errno = 0;
-  if (!is_left(stream, count, size)) {
+  if (!take(stream, count, size)) {
     die("read failed", 0, 0);
     return nullptr;
   }
@@ -197,6 +206,10 @@ bool order_of_file(ByteOrder* order) {
   return true;
 }
 
+uint64_t elf_table_bytes() {
+  return state.table_bytes;
+}
+
 uint8_t read1(std::FILE* stream) {
   return static_cast<uint8_t>(std::getc(stream));
 }
@@ -217,7 +230,7 @@ void* read_bytes(std::FILE* stream, void* buffer, uint32_t count) {
   errno = 0;
   malloc_ptr<uint8_t> fresh;
   if (buffer == nullptr) {
-    if (!is_left(stream, count, 1)) {
+    if (!take(stream, count, 1)) {
       die("read failed", 0, 0);
       return nullptr;
     }
@@ -302,6 +315,7 @@ elf32::line_fix* elf_read_linefix(std::FILE* stream, elf32::line_fix* buffer, ui
 void reset_indelfio() {
   endian = 0;
   errorcode = nullptr;
+  state = {};
 }
 
 }  // namespace kelvane

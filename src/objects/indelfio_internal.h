@@ -10,9 +10,6 @@
 
 namespace kelvane {
 
-// Forgets the byte order and where failures are recorded.
-void reset_indelfio();
-
 // Owns what comes from emalloc.
 struct MallocDeleter {
   void operator()(void* pointer) const { std::free(pointer); }
@@ -22,6 +19,9 @@ using malloc_ptr = std::unique_ptr<T[], MallocDeleter>;
 
 // Gives the byte order that `endian` names; reports that it is not set and gives false.
 bool order_of_file(ByteOrder* order);
+
+// Bytes of the tables of any files that were read so far.
+uint64_t elf_table_bytes();
 
 // Whether the object that starts where the stream stands says that it is 64-bit.
 bool is_64bit_object(std::FILE* stream);

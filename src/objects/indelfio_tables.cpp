@@ -227,7 +227,8 @@ int32_t elf_read_symbol_names(std::FILE* stream, uint32_t** out_offsets, char** 
       read_symbols_of(stream, start, sections, find_section(sections, ".symtab"));
   std::vector<std::string_view> names;
   uint64_t size = 0;
-  for (uint32_t i = 0; i < symbols.count; ++i) {
+  // Names may overlap in the file and don't in the block, whose offsets have 32 bits.
+  for (uint32_t i = 0; i < symbols.count && size <= INT32_MAX; ++i) {
     const std::string_view name = symbols.strings.at(symbols.records[i].st_name);
     if (is_kept_name(symbols.records[i], name)) {
       names.push_back(name);
@@ -237,7 +238,6 @@ int32_t elf_read_symbol_names(std::FILE* stream, uint32_t** out_offsets, char** 
   if (names.empty() || failures.any()) {
     return 0;
   }
-  // Names may overlap in the file and don't in the block, whose offsets have 32 bits.
   if (size > INT32_MAX) {
     die("out of memory allocating %d bytes", INT32_MAX, 0);
     return 0;

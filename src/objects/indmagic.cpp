@@ -15,9 +15,9 @@
 #include "indgen_memory.h"
 #include "indgen_message.h"
 #include "indgen_path.h"
-#include "indmagic_internal.h"
 #include "indmagic_tables.h"
 #include "indview.h"
+#include "objects_reset.h"
 
 namespace kelvane {
 

@@ -2,6 +2,7 @@
 #include "indobjio.h"
 
 #include <algorithm>
+#include <cstring>
 #include <unordered_set>
 
 #include "byte_reader.h"
@@ -13,6 +14,7 @@
 #include "indgen_string.h"
 #include "indobjio_internal.h"
 #include "indview.h"
+#include "objects_reset.h"
 #include "oof.h"
 #include "section_list.h"
 
@@ -122,13 +124,34 @@ int32_t do_member(const OpenFile& file) {
   return do_object_file(file.stream, file.second_stream, &info);
 }
 
+// Keeps a library from being gone through for ever: names may overlap.
+class NameLimit {
+ public:
+  explicit NameLimit(const OpenFile& file)
+      : name_(file.name),
+        left_(
+            overlap_limit(static_cast<uint64_t>(std::max<int64_t>(stream_rest(file.stream), 0)))) {}
+  void spend(uint64_t bytes) {
+    if (bytes > left_) {
+      archive_read_error(name_);
+    }
+    left_ -= bytes;
+  }
+
+ private:
+  const char* name_;
+  uint64_t left_;
+};
+
 int32_t do_archive(const OpenFile& file) {
   int32_t result = 0;
+  NameLimit limit(file);
   gen_safe_fseek(file.name, file.stream, kArchiveMagicSize, SEEK_SET);
   while (archive_member* const header = read_archive_header(file.stream, file.name)) {
     if (header->size < 0) {
       archive_read_error(file.name);
     }
+    limit.spend(std::strlen(header->name));
     const int64_t contents = std::ftell(file.stream);
     const int64_t room = int64_t{header->size} + header->size % 2;
     const DescribedMember described(file.name, header->name, kRound);
@@ -198,14 +221,17 @@ int32_t do_aix_library(const OpenFile& file) {
   aix_member_header header = {};
   int64_t offset = aix_archive_first_offset(&file_header);
   gen_ptr<char> name(aix_archive_read_first_member_header(file.stream, &file_header, &header));
+  NameLimit limit(file);
   // Offsets that were met: members may stand in any order, but not in a circle.
   std::unordered_set<int64_t> met;
   while (name != nullptr) {
     if (!met.insert(offset).second) {
       archive_read_error(file.name);
     }
+    const int64_t contents = std::ftell(file.stream);
+    limit.spend(static_cast<uint64_t>(contents - offset));
     const DescribedMember described(file.name, name.get(), kRound);
-    set_member_offset(std::ftell(file.stream));
+    set_member_offset(contents);
     result = do_member(file);
     offset = aix_archive_next_offset(&header);
     name.reset(aix_archive_read_next_member_header(file.stream, &file_header, &header, &header));

@@ -46,7 +46,4 @@ int32_t small_number_in(std::string_view text);
 // Ends the run with "error reading archive file '%s'".
 [[noreturn]] void archive_read_error(const char* file_name);
 
-// Puts hooks, switches and the state above back to program start.
-void reset_indobjio();
-
 }  // namespace kelvane

@@ -13,7 +13,7 @@
 #include "indgen_memory.h"
 #include "indgen_message.h"
 #include "indgen_string.h"
-#include "section_filter_internal.h"
+#include "objects_reset.h"
 #include "section_index.h"
 #include "section_list.h"
 

@@ -5,14 +5,16 @@
 #include <utility>
 #include <vector>
 
+#include "byte_reader.h"
 #include "elf32.h"
 #include "exit_status.h"
 #include "indelfio.h"
 #include "indelfio_internal.h"
 #include "indgen_file.h"
+#include "indgen_memory.h"
 #include "indgen_message.h"
+#include "objects_reset.h"
 #include "section_filter.h"
-#include "section_list_internal.h"
 
 namespace kelvane {
 
@@ -26,19 +28,18 @@ namespace {
 constexpr char kCrt1Name[] = "__qvr_ind_crt1";
 constexpr int32_t kMachineArm = 68;  // its number in the names of machines
 constexpr uint8_t kThumb = 1;        // in st_other
-// Bytes of all section names of an object together. In the file they may overlap, and in the list
-// they don't: without a limit a small file could ask for any amount of memory.
-constexpr size_t kMostNameBytes = 64U << 20U;
 
 struct State {
   std::vector<ElfSymbols> loaded;  // which `table` and its copies point to
-  const sym_addr* list = nullptr;  // of the load that the last of them belong to
+  bool of_this_load = false;       // the last of them
+  uint64_t tables_before = 0;      // bytes of tables that were read before the load at hand
+  uint64_t names = 0;              // bytes of names that the load at hand has gone through
 };
 State state;
 
 // Whether the symbols read last are those of an earlier object of the same file.
 bool are_superseded() {
-  if (state.loaded.empty() || sym_addr_list == nullptr || state.list != sym_addr_list) {
+  if (state.loaded.empty() || sym_addr_list == nullptr || !state.of_this_load) {
     return false;
   }
   const elf32::symbol* const records = state.loaded.back().records.get();
@@ -55,7 +56,7 @@ void keep(ElfSymbols symbols) {
     state.loaded.pop_back();
   }
   state.loaded.push_back(std::move(symbols));
-  state.list = sym_addr_list;
+  state.of_this_load = true;
   const ElfSymbols& kept = state.loaded.back();
   table.count = static_cast<int32_t>(kept.count);
   table.records = kept.records.get();
@@ -68,12 +69,22 @@ bool takes_part(const elf32::section_header& header) {
          (fDiffMemory != 0 || header.sh_type != elf32::SHT_NOBITS);
 }
 
-bool names_are_in_bounds(const ElfSections& sections) {
-  size_t total = 0;
-  for (uint32_t i = 0; i < sections.count && total <= kMostNameBytes; ++i) {
-    total += std::strlen(sections.names.at(sections.headers[i].sh_name));
+// Whether the load at hand keeps to its limit with these names. Names may overlap and the objects
+// of a library may share tables, so that a small file could ask for any amount of time and memory.
+template <typename Record>
+bool are_in_bounds(const Record* records, uint32_t count, uint32_t Record::*name,
+                   const ElfStrings& strings) {
+  const int32_t size = current_data != nullptr ? current_data->size : 0;
+  const uint64_t limit = overlap_limit(static_cast<uint64_t>(size));
+  const auto spent = [] { return elf_table_bytes() - state.tables_before + state.names; };
+  for (uint32_t i = 0; i < count && spent() <= limit; ++i) {
+    state.names += std::strlen(strings.at(records[i].*name));
   }
-  return total <= kMostNameBytes;
+  return spent() <= limit;
+}
+
+[[noreturn]] void refuse_overlap(const char* file_name) {
+  gen_errorexit(kStatusFailure, "the tables of '%s' overlap beyond all measure", file_name);
 }
 
 bool is_crt1(const elf32::symbol& symbol) {
@@ -86,12 +97,12 @@ bool is_crt1(const elf32::symbol& symbol) {
 void collect_sections(std::FILE* stream, const char* file_name, bool quiet) {
   const long position = std::ftell(stream);
   const ElfSections sections = elf_read_sections(stream, quiet);
+  if (!are_in_bounds(sections.headers.get(), sections.count, &elf32::section_header::sh_name,
+                     sections.names)) {
+    refuse_overlap(file_name);
+  }
   if (sections.count == 0) {
     return;
-  }
-  if (!names_are_in_bounds(sections)) {
-    gen_errorexit(kStatusFailure, "the section names of '%s' have more than %u bytes", file_name,
-                  static_cast<uint32_t>(kMostNameBytes));
   }
   object_start = static_cast<uint32_t>(position);
   for (uint32_t i = 0; i < sections.count; ++i) {
@@ -107,7 +118,12 @@ void collect_sections(std::FILE* stream, const char* file_name, bool quiet) {
 void collect_symbols(std::FILE* stream, const object_info& object, bool quiet) {
   table.records = nullptr;
   table.count = 0;
-  keep(elf_read_symbols(stream, quiet));
+  ElfSymbols symbols = elf_read_symbols(stream, quiet);
+  if (!are_in_bounds(symbols.records.get(), symbols.count, &elf32::symbol::st_name,
+                     symbols.strings)) {
+    refuse_overlap(object.display_name);
+  }
+  keep(std::move(symbols));
   for (int32_t i = 0; i < table.count; ++i) {
     const elf32::symbol& symbol = table.records[i];
     if (is_crt1(symbol)) {
@@ -122,6 +138,15 @@ void collect_symbols(std::FILE* stream, const object_info& object, bool quiet) {
 }
 
 }  // namespace
+
+void start_section_list(file_data* record) {
+  sym_addr_list = gen_alloc_array<sym_addr>(kMostSections);
+  sym_addrp = sym_addr_list;
+  current_data = record;
+  state.of_this_load = false;
+  state.tables_before = elf_table_bytes();
+  state.names = 0;
+}
 
 int32_t do_ELF_file(std::FILE* stream, [[maybe_unused]] std::FILE* second_stream,
                     object_info* object) {

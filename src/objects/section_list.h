@@ -15,18 +15,24 @@ namespace kelvane {
 inline constexpr int32_t kMostSections = 32768;
 
 // The load at hand, null outside of one: start of its section list, the record behind the last one
-// in use, and the file under construction. Written by load_file; sym_addrp by add_symbol too.
+// in use, and the file under construction. Written by start_section_list and load_file; sym_addrp
+// by add_symbol too.
 extern sym_addr* sym_addr_list;
 extern sym_addr* sym_addrp;
 extern file_data* current_data;
 // Where the object at hand starts in its file. Written by read_ELF_headers, read by add_symbol.
 extern uint32_t object_start;
 
+// Starts a load: a fresh and empty list, for the caller to release, and `record` with its size
+// known as the file under construction.
+void start_section_list(file_data* record);
+
 // The hook behind do_ELF_file_ptr, for an object that starts where the stream stands: appends its
 // sections to the list, makes its symbols `table` and finds the start-up function of current_data.
 // Gives 0. A damaged object ends the run as indelfio.h and section_filter.h tell, but a 64-bit one
-// never for its tables: it has then no sections or no symbols. Names that overlap beyond all
-// measure end it with "the section names of '%s' have more than %u bytes".
+// never for its tables: it has then no sections or no symbols. Where the objects of a load go
+// through more bytes of tables and names than the file's size allows for (overlap_limit), the run
+// ends with "the tables of '%s' overlap beyond all measure".
 int32_t do_ELF_file(std::FILE* stream, std::FILE* second_stream, object_info* object);
 
 // The first half: hands each section to add_symbol, in file mode those with contents alone.

@@ -23,6 +23,12 @@ constexpr bool fits_array(uint64_t offset, uint64_t count, uint64_t element, uin
   return offset <= total && (element == 0 || count <= (total - offset) / element);
 }
 
+// How much of a file of `size` bytes is gone through at most, where tables and names may overlap:
+// without a limit a small file could ask for any amount of time. No sound file comes near it.
+constexpr uint64_t overlap_limit(uint64_t size) {
+  return (uint64_t{64} << 20U) + 8 * size;
+}
+
 // A cursor over a window of bytes: a piece of memory, or a stream from where it stands to its end
 // or for a number of bytes. Positions count from the start of the window. The byte order is given
 // when the reader is made.

@@ -208,46 +208,23 @@ TEST_F(Elf, TheHeaderTellsTheByteOrder) {
   }
 }
 
-TEST_F(Elf, RecordsOfEveryKindComeBackAsTheyWereWritten) {
-  const file_header header = {
-      {0x7F, 'E', 'L', 'F', 1, 0, 7}, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};
+// Those of sections are read and written side by side with readelf.
+TEST_F(Elf, RecordsThatNoSectionHoldsComeBackAsTheyWereWritten) {
   const elf32::program_header program[2] = {{1, 2, 3, 4, 5, 6, 7, 8}, {9, 0, 0, 0, 0, 0, 0, 10}};
-  const section_header section = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
   const elf32::symbol symbol = {0x01020304, 5, 6, 7, 8, 0x090A};
-  const elf32::rel rel = {1, 0x80000002};
-  const elf32::rela rela = {1, 2, -3};
   for (const int32_t order : {1, 2}) {
-    const Bytes bytes = written(order, [&](std::FILE* out) {
-      file_header ordered = header;
-      ordered.e_ident[elf32::EI_DATA] = order == 1 ? 2 : 1;
-      EXPECT_EQ(elf_writeheader(out, &ordered), 1);
+    std::FILE* const in = stream(written(order, [&](std::FILE* out) {
       elf_writeprogheader(out, program, 2);
-      EXPECT_EQ(elf_writesecheader(out, &section, 1), 1);
       elf_writesymbol(out, &symbol, 1);
-      EXPECT_EQ(elf_write_symtab(out, &symbol, 1), 1);
-      EXPECT_EQ(elf_write_rel(out, &rel, 1), 1);
-      EXPECT_EQ(elf_write_rela(out, &rela, 1), 1);
       EXPECT_EQ(elf_write_rela(out, nullptr, 0), 1);
-    });
-    ASSERT_EQ(bytes.size(), 52U + 2 * 32 + 40 + 16 + 16 + 8 + 12);
-    std::FILE* const in = stream(bytes);
-    const malloc_ptr<file_header> read_header(elf_readheader(in, nullptr));
-    EXPECT_EQ(std::memcmp(&read_header[0].e_type, &header.e_type, sizeof header - 16), 0);
-    const auto expect_equal = [](auto* record, const void* expected) {
-      const malloc_ptr<std::remove_pointer_t<decltype(record)>> owned(record);
-      EXPECT_EQ(std::memcmp(record, expected, sizeof *record), 0);
-    };
-    expect_equal(elf_readprogheader(in, nullptr, 2, -1), program);
-    expect_equal(elf_readsecheader(in, nullptr, 1, -1, 0), &section);
-    expect_equal(elf_readsymbol(in, nullptr, 1, -1, 0), &symbol);
-    expect_equal(elf_readsymbol(in, nullptr, 1, -1, 16), &symbol);
-    expect_equal(elf_read_rel(in, nullptr, 1, -1), &rel);
-    expect_equal(elf_read_rela(in, nullptr, 1, -1), &rela);
-    const elf32::line_fix fix = {{1, 2, 3, 4, 5}};
-    expect_equal(elf_read_linefix(in, nullptr, 1, 52), &fix);
-    elf32::program_header second;
-    EXPECT_EQ(elf_readprogheader(in, &second, 1, 52 + 32), &second);
-    EXPECT_EQ(second.p_align, 10U);
+    }));
+    const malloc_ptr<elf32::program_header> all(elf_readprogheader(in, nullptr, 2, -1));
+    EXPECT_EQ(std::memcmp(all.get(), program, sizeof program), 0);
+    elf32::symbol read;
+    EXPECT_EQ(elf_readsymbol(in, &read, 1, -1, 16), &read);
+    EXPECT_EQ(std::memcmp(&read, &symbol, sizeof symbol), 0);
+    const malloc_ptr<elf32::line_fix> fix(elf_read_linefix(in, nullptr, 1, 8));
+    EXPECT_THAT(fix[0].words, ElementsAre(3, 4, 5, 6, 7));
   }
 }
 

@@ -4,8 +4,6 @@
 
 #include <array>
 #include <functional>
-#include <span>
-#include <sstream>
 
 #include "captured_run.h"
 #include "image_builder.h"
@@ -14,76 +12,11 @@
 #include "patch_builder.h"
 #include "reset_state.h"
 #include "run_program.h"
+#include "table_rows.h"
 #include "temporary_directory.h"
 
 namespace kelvane {
 namespace {
-
-// Samples, one group a line: what all of it share, then the samples with their machine.
-
-// file_class, flag1 big_endian flag3 flag4, family, symbol_size: two bytes = machine / code
-constexpr std::string_view kCoffSamples[] = {
-    "2 0000 1 18: 4401=1/0144 4501=2/0145 4601=3/0146 4701=4/0147 4A01=5/014a",
-    "2 0001 1 18: 4C01=6/014c",
-    "2 1111 21 18: 1133=9/1133",
-    "2 0011 3 18: C270=11/70c2 C370=12/70c3 C470=13/70c4",
-    "2 1111 20 18: 0500=16/0500 71C2=14/71c2",
-    "2 0011 20 18: C371=15/71c3",
-    "2 1100 16 18: 0165=17/0165 0266=17/0266 0366=17/0366 0466=22/0466",
-    "2 0000 16 18: 6601=18/0166",
-    "2 0010 16 18: 6201=26/0162 0162=27/0162",
-    "4 0000 5 24: 8301=28/0183 8401=28/0184 8402=28/0284",
-    "2 1101 4 18: 0260=29/0260",
-    "2 0001 4 24: 6001=30/0160 0D01=30/01d0",
-    "2 1101 4 24: 0160=31/0160",
-    "2 1110 19 18: 01C3=32/01c3 01C4=32/01c4",
-    "2 1100 2 18: 0150=34/0150 0151=35/0151 0152=36/0152 0268=34/0268",
-    "2 1101 2 18: 0088=37/0088 0089=38/0088",
-    "7 1101 28 18: 020B=39/020b",
-    "5 1101 19 18: 01DF=33/01df",
-    "1 0001 0 18: 0B01=53/010b",
-    "2 0001 7 18: 000A=95/000a 01C0=95/01c0 01C2=95/01c2",
-    "2 0111 7 18: 00C2=95/00c2",
-};
-// flag3 flag4, family, short_name: e_machine / e_flags = machine
-constexpr std::string_view kElfSamples[] = {
-    "00 1 -: 3=54 6=55",
-    "10 21 -: 2=56 18=57",
-    "10 16 -: 10=59 38=60 54=61 8=62 51=85",
-    "10 10 fp: 78=104",
-    "11 11 -: 37=63",
-    "10 19 -: 20=64",
-    "11 3 -: 36/80000000=65 36/40000000=66 36/20ffffff=67 36/10000000=86 36/02000000=86"
-    " 36/08000000=87 36/04ffffff=88",
-    "10 7 -: 40=68 40/ffffffff=68",
-    "11 20 -: 42/00000000=69 42/80000000=75 42/40000000=70 42/20000000=71 42/10000000=72"
-    " 42/08000000=73 42/04000000=74 42/02000001=76",
-    "00 19 -: 1=77",
-    "00 2 -: 4=79 52=79",
-    "01 4 -: 19=80",
-    "10 24 -: 44/00000000=81 44/80000000=82 44/40000000=83 44/2fffffff=84",
-    "10 26 -: 77=102 57=96",
-    "10 14 -: 39=90",
-    "10 17 -: 56=91",
-    "10 22 st100: 60=97",
-    "11 23 sc: 58=101",
-    "11 25 zsp: 79=103",
-    "10 27 pdsp: 63=105",
-    "10 13 max: 102=107",
-    "11 8 bf: 106=113 31=113 34=113",
-    "10 15 mep: 61453=116",
-    "10 12 m32r: 88=108",
-    "10 6 arc: 93=109",
-    "00 0 -: 36=0 42/01000000=0 99=0 0=0 44/10000000=0",
-};
-// flag1 big_endian flag3 flag4, family: four bytes = machine / code
-constexpr std::string_view kBsdSamples[] = {
-    "0011 1: 07010000=44/107 07016400=43/640107",
-    "1111 2: 01020107=45/1020107 01020108=45/1020108 0102010B=45/102010b 80020107=46/80020107"
-    " 00020107=47/20107 00000107=48/107 01000107=49/1000107 01010107=50/1010107"
-    " 00010107=51/10107",
-    "1111 21: 01030107=10/1030107 0103010B=10/1030107 81030107=42/81030107 8103010B=42/8103010b",
-};
 
 class Identification : public testing::Test {
  protected:
@@ -118,19 +51,17 @@ class Identification : public testing::Test {
             static_cast<char>('0' + magic.flag3), static_cast<char>('0' + magic.flag4)};
   }
 
-  // Identifies each sample of the lines, made a file by `file_of`, and compares what it shares with
+  // Identifies each sample of a table, made a file by `file_of`, and compares what it shares with
   // its group, as `shared` tells it, and its own numbers, as `own` does.
-  static void check_samples(std::span<const std::string_view> lines,
+  static void check_samples(const char* table,
                             const std::function<std::string(const std::string&)>& file_of,
                             const std::function<std::string()>& shared,
                             const std::function<std::string()>& own) {
-    for (const std::string_view line : lines) {
-      const size_t colon = line.find(':');
-      std::istringstream words{std::string(line.substr(colon + 1))};
-      for (std::string word; words >> word;) {
+    for (const TableRow& row : rows_of("indmagic.table", table)) {
+      for (const std::string& word : words_of(row.expected)) {
         const std::string sample = word.substr(0, word.find('='));
         ASSERT_NE(identify(file_of(sample)), nullptr) << word;
-        EXPECT_EQ(shared(), line.substr(0, colon)) << word;
+        EXPECT_EQ(shared(), row.given) << word;
         EXPECT_EQ(sample + "=" + own(), word);
       }
     }
@@ -145,7 +76,7 @@ class Identification : public testing::Test {
 
 TEST_F(Identification, KnowsEachCoffMagic) {
   check_samples(
-      kCoffSamples,
+      "coff",
       // Bit 2 of the flags in either order, which makes it an executable.
       [](const std::string& bytes) { return from_hex(bytes) + std::string(16, '\0') + "\x02\x02"; },
       [] {
@@ -161,7 +92,7 @@ TEST_F(Identification, KnowsEachElfMachineByItsFlagsToo) {
     Image image;
     image.order = order;
     check_samples(
-        kElfSamples,
+        "elf",
         [&](const std::string& numbers) {
           const size_t slash = numbers.find('/');
           image.machine = static_cast<uint16_t>(std::stoul(numbers));
@@ -188,7 +119,7 @@ TEST_F(Identification, KnowsEachElfMachineByItsFlagsToo) {
 
 TEST_F(Identification, KnowsEachAoutMagic) {
   check_samples(
-      kBsdSamples, from_hex,
+      "aout", from_hex,
       [] {
         EXPECT_EQ(magic.file_class, file_kind::kAout);
         EXPECT_EQ(magic.symbol_size, 12);
@@ -198,50 +129,10 @@ TEST_F(Identification, KnowsEachAoutMagic) {
 }
 
 TEST_F(Identification, GoesByTheRulesInTheirOrder) {
-  constexpr const char* kResource =
-      "00000000 20000000 FFFF0000 FFFF0000 00000000 00000000 00000000 00000000";
-  struct Case {
-    std::string digits;
-    const char* name;
-    const char* kind;
-  };
-  const Case cases[] = {
-      {"213C617263683E0A", nullptr, "8 0"},           // "!<arch>\n"
-      {"3C61696166663E0A", nullptr, "12 0"},          // "<aiaff>\n"
-      {"213C656C66613E0A", nullptr, "16 0"},          // "!<elfa>\n"
-      {"213C617263683E", "x.pro", "17 0"},            // cut: no other rule gets its turn
-      {"213C7468696E3E0A", nullptr, "17 0"},          // "!<thin>\n"
-      {"00000258", nullptr, "10 0"},                  //
-      {"00000259", nullptr, "17 0"},                  //
-      {"0000FFFF", nullptr, "11 0"},                  //
-      {kResource, "x.pro", "14 114"},                 //
-      {std::string(kResource, 69), nullptr, "17 0"},  // a byte short
-      {"00000000 20000000 FFFF0000 FFFF0000 00000000 01000000 00000000 00000000",  //
-       nullptr, "17 0"},
-      {"00000000 21000000 FFFF0000 FFFF0000 00000000 00000000 00000000 00000000",  //
-       "x.pro", "13 112"},
-      {std::string(64, '0'), nullptr, "17 0"},  //
-      {"00010107", "x.pro", "1 51"},            // a.out before data
-      {"00010108", "x.pro", "9 110"},           // data before the suffix
-      {"01010000", nullptr, "9 110"},           //
-      {"04000000", nullptr, "9 110"},           //
-      {"0102", nullptr, "9 111"},               //
-      {"03", nullptr, "9 111"},                 //
-      {"05010000", nullptr, "17 0"},            //
-      {"494E5400", "x.pro", "9 115"},           // "INT" and a zero
-      {"494E54", nullptr, "9 115"},             // the zero is what a short file lacks
-      {"494E5401", nullptr, "17 0"},            //
-      {"02100108", "x.dbp", "15 106"},          // SOM
-      {"02100109", "x.dbp", "13 112"},          //
-      {"41424344", "dir.pro/x", "17 0"},        //
-      {"41424344", ".pro", "13 112"},           //
-      {"4D5A", "x.pro", "null"},                // COFF before the suffix
-      {"", "x.pro", "13 112"},                  //
-      {"", nullptr, "17 0"},                    //
-      {"7F454C46", nullptr, "3 0"},             // no header
-  };
-  for (const Case& one : cases) {
-    EXPECT_EQ(kind_of_hex(one.digits, one.name), one.kind) << one.digits;
+  for (const TableRow& row : rows_of("indmagic.table", "rule")) {
+    const std::vector<std::string> words = words_of(row.given);
+    const char* const name = words.size() > 1 ? words[1].c_str() : nullptr;
+    EXPECT_EQ(kind_of_hex(words[0], name), row.expected) << row.given;
   }
 }
 
@@ -272,16 +163,12 @@ TEST_F(Identification, FillsWhatARuleSaysAndLeavesTheRest) {
 }
 
 TEST_F(Identification, ReadsTheFlagsOfACoffFileInItsOrder) {
-  // magic and flags = flags, object_kind, file_class
-  for (const std::string_view line :
-       {"4C010200=2 2 2", "4C010002=512 1 2", "4C010300=3 2 2", "4C010100=1 0 2",
-        "4C010020=8192 1 2", "4C01FFFF=-1 2 2", "01500001=1 0 2", "01500100=256 1 2",
-        "83010001=256 1 2", "83010000=0 1 4", "4C01=0 1 2"}) {
-    const std::string digits(line.substr(0, line.find('=')));
-    identify(from_hex(digits.substr(0, 4) + std::string(32, '0') + digits.substr(4)));
-    EXPECT_EQ(digits + "=" + std::to_string(magic.flags) + " " + std::to_string(magic.object_kind) +
-                  " " + std::to_string(magic.file_class),
-              line);
+  for (const TableRow& row : rows_of("indmagic.table", "coff_flags")) {
+    identify(from_hex(row.given.substr(0, 4) + std::string(32, '0') + row.given.substr(4)));
+    EXPECT_EQ(std::to_string(magic.flags) + " " + std::to_string(magic.object_kind) + " " +
+                  std::to_string(magic.file_class),
+              row.expected)
+        << row.given;
   }
 }
 
@@ -328,6 +215,7 @@ TEST_F(Identification, KnowsTheDataFilesOfTheToolChain) {
   const file_magic* const found = indmagic(nullptr, patch.c_str());
   ASSERT_NE(found, nullptr);
   EXPECT_STREQ(machinename(found->machine), "kelvane patch");
+  EXPECT_STREQ(machinename(118), "unknown machine type");
 }
 
 TEST_F(Identification, OpensAFileByItsNameAndReportsAnUnusableArchive) {
@@ -344,16 +232,6 @@ TEST_F(Identification, OpensAFileByItsNameAndReportsAnUnusableArchive) {
         "(\\n) and is unusable\n");
   }
   EXPECT_EQ(capture([&] { identify("!<arch>\r"); }).errors, "");
-}
-
-TEST_F(Identification, NamesMachines) {
-  EXPECT_STREQ(machinename(1), "Intel 8086");
-  EXPECT_STREQ(machinename(41), "RS6000");
-  EXPECT_STREQ(machinename(68), "ARM");
-  EXPECT_STREQ(machinename(116), "Media Procesor");
-  for (const int32_t unknown : {0, -1, 118}) {
-    EXPECT_STREQ(machinename(unknown), "unknown machine type");
-  }
 }
 
 TEST_F(Identification, ReadsNumbersInTheOrderTold) {

@@ -269,6 +269,10 @@ TEST_F(CommonArchive, ReportsWhatCannotBeRead) {
   EXPECT_EQ(end_of("!<elfa>\n" + string(511, 'a') + "/" + archive_header("", "0").substr(16)), "");
   EXPECT_THAT(calls, ElementsAre("unknown lib.a(" + string(511, 'a') + ") 564 "));
   EXPECT_EQ(end_of("!<elfa>\n" + string(511, 'a')), "");
+  // Members that share one giant name.
+  std::vector<LibraryMember> members(100, {"/0", ""});
+  members.front() = {"//", string(1U << 20U, 'x')};
+  EXPECT_EQ(end_of(common_archive(members)), kReadError);
 
   const file_ptr unreadable(std::fopen(tree_.path("lib.a").c_str(), "a"));
   std::array<char, 4> buffer{};

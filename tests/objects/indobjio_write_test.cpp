@@ -31,20 +31,10 @@ class ArchiveWriting : public LibraryTest {
   }
 };
 
-// A table with room for what is put into it.
-class LongNames {
- public:
-  archive_string_table* table() {
-    view_ = {bytes_.data(), static_cast<int32_t>(bytes_.size())};
-    return &view_;
-  }
-  explicit LongNames(string bytes) : bytes_(std::move(bytes)) {}
-  const string& bytes() const { return bytes_; }
-
- private:
-  string bytes_;
-  archive_string_table view_ = {};
-};
+// The table whose bytes these are.
+archive_string_table table_of(string& bytes) {
+  return {bytes.data(), static_cast<int32_t>(bytes.size())};
+}
 
 TEST_F(ArchiveWriting, WritesAHeaderFieldByField) {
   const archive_member record = record_of(1700000000, 1000, 100, 0100644, 2147483647);
@@ -73,25 +63,19 @@ TEST_F(ArchiveWriting, ReportsNamesAndNumbersThatDoNotFit) {
 }
 
 TEST_F(ArchiveWriting, FillsATableOfLongNamesUpToWholeWords) {
-  LongNames names("a_name_of_fifteen/\nx/\n");  // 22 bytes
+  const auto member = [this](string names) {
+    const archive_string_table long_names = table_of(names);
+    return written(
+        [&](std::FILE* stream) { write_archive_string_table(stream, "lib.a", &long_names); });
+  };
+  const string names = "a_name_of_fifteen/\nx/\n";  // 22 bytes
   const auto before = static_cast<int64_t>(std::time(nullptr));
-  const string member = written(
-      [&](std::FILE* stream) { write_archive_string_table(stream, "lib.a", names.table()); });
-  EXPECT_EQ(member.substr(0, 16), padded("//", 16));
-  EXPECT_GE(std::stoll(member.substr(16, 12)), before);
-  EXPECT_EQ(member.substr(28),
-            "0     0     0       24        `\n" + names.bytes() + string(2, '\0'));
-  LongNames whole("fifteen_letter/\n");
-  EXPECT_EQ(written([&](std::FILE* stream) {
-              write_archive_string_table(stream, "lib.a", whole.table());
-            }).size(),
-            60U + 16U);
-  archive_string_table empty = {};
-  EXPECT_EQ(written([&](std::FILE* stream) {
-              write_archive_string_table(stream, "lib.a", nullptr);
-              write_archive_string_table(stream, "lib.a", &empty);
-            }),
-            "");
+  EXPECT_EQ(member(names).substr(0, 16), padded("//", 16));
+  EXPECT_GE(std::stoll(member(names).substr(16, 12)), before);
+  EXPECT_EQ(member(names).substr(28),
+            "0     0     0       24        `\n" + names + string(2, '\0'));
+  EXPECT_EQ(member("fifteen_letter/\n").size(), 60U + 16U);
+  EXPECT_EQ(member(""), "");
 }
 
 TEST_F(ArchiveWriting, FindsNamesInATable) {
@@ -106,8 +90,9 @@ TEST_F(ArchiveWriting, FindsNamesInATable) {
 
   const string bytes("one/\ntwo\nthree\0\nfour/five", 25);
   const auto offset_of = [&](const char* name) {
-    LongNames names(bytes);
-    return find_in_archive_string_table(name, names.table());
+    string copy = bytes;
+    archive_string_table names = table_of(copy);
+    return find_in_archive_string_table(name, &names);
   };
   EXPECT_EQ(offset_of("one"), 0);
   EXPECT_EQ(offset_of("two"), 5);
@@ -116,9 +101,10 @@ TEST_F(ArchiveWriting, FindsNamesInATable) {
   EXPECT_EQ(offset_of("four"), 16);
   EXPECT_EQ(offset_of("five"), -1);  // has no end
   EXPECT_EQ(offset_of("ne"), -1);
-  LongNames names(bytes);
-  find_in_archive_string_table("two", names.table());
-  EXPECT_EQ(names.bytes(), string("one/\ntwo\0three\0\nfour/five", 25));
+  string changed = bytes;
+  archive_string_table names = table_of(changed);
+  find_in_archive_string_table("two", &names);
+  EXPECT_EQ(changed, string("one/\ntwo\0three\0\nfour/five", 25));
   archive_string_table empty = {};
   EXPECT_EQ(find_in_archive_string_table("", &empty), -1);
   EXPECT_EQ(find_in_archive_string_table("", nullptr), -1);
@@ -129,20 +115,20 @@ TEST_F(ArchiveWriting, WritesWhatArReadsAndTheReaderToo) {
                                               {"a_name_of_more_than_sixteen.o", "odd"},
                                               {"fourteen_char_", "2\n"},
                                               {"fifteen_letters", "3\n"}};
-  string table;
+  string bytes;
   for (const LibraryMember& member : members) {
-    const size_t size = table.size();
-    table.resize(size + static_cast<size_t>(archive_name_is_long(member.name.c_str())));
-    if (table.size() > size) {
-      add_long_archive_name(table.data() + size, member.name.c_str());
+    const size_t size = bytes.size();
+    bytes.resize(size + static_cast<size_t>(archive_name_is_long(member.name.c_str())));
+    if (bytes.size() > size) {
+      add_long_archive_name(bytes.data() + size, member.name.c_str());
     }
   }
-  LongNames names(table);
+  archive_string_table names = table_of(bytes);
   const string archive = written([&](std::FILE* stream) {
     std::fputs("!<arch>\n", stream);
-    write_archive_string_table(stream, "lib.a", names.table());
+    write_archive_string_table(stream, "lib.a", &names);
     for (const LibraryMember& member : members) {
-      const int32_t index = find_in_archive_string_table(member.name.c_str(), names.table());
+      const int32_t index = find_in_archive_string_table(member.name.c_str(), &names);
       std::array<char, 13> reference{};
       archive_name_from_string_table_index(reference.data(), index);
       const archive_member record =

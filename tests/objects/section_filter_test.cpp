@@ -1,8 +1,8 @@
 #include "section_filter.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,70 +15,28 @@
 #include "indgeninit.h"
 #include "reset_state.h"
 #include "section_list.h"
+#include "table_rows.h"
 
 namespace kelvane {
 namespace {
 
-class SectionFilter : public testing::Test {
- protected:
-  SectionFilter() { reset_all_state(); }
-  ~SectionFilter() override { reset_all_state(); }
-};
-
-TEST_F(SectionFilter, KeepsCopiesOfTheExclusionsInTheirOrder) {
-  EXPECT_EQ(section_exclusions, nullptr);
-  std::string name = ".data";
-  add_section_exclusion(name.c_str());
-  name = ".text";
-  add_section_exclusion(name.c_str());
-  add_section_exclusion(".data");
-  EXPECT_STREQ(section_exclusions[0], ".data");
-  EXPECT_STREQ(section_exclusions[1], ".text");
-  EXPECT_STREQ(section_exclusions[2], ".data");
-  EXPECT_EQ(section_exclusions[3], nullptr);
+uint32_t number_from(const std::string& text) {
+  return static_cast<uint32_t>(std::stoul(text, nullptr, 0));
 }
-
-TEST_F(SectionFilter, KeepsTheAliasesInTheirOrderWithAPairOfZerosBehind) {
-  EXPECT_EQ(memory_aliases, nullptr);
-  add_memory_alias(0x80000000, 0x20000000);
-  add_memory_alias(0, 0);  // is the end itself, and adds nothing
-  add_memory_alias(0, 0xFF);
-  add_memory_alias(0x1000, 0);
-  constexpr uint32_t kExpected[][2] = {{0x80000000, 0x20000000}, {0, 0xFF}, {0x1000, 0}, {0, 0}};
-  for (size_t i = 0; i < 4; ++i) {
-    EXPECT_EQ(memory_aliases[i].address, kExpected[i][0]) << i;
-    EXPECT_EQ(memory_aliases[i].mask, kExpected[i][1]) << i;
-  }
-}
-
-TEST_F(SectionFilter, ShowsAnAliasAtLevel2) {
-  debug_level = 1;
-  EXPECT_EQ(capture([] { add_memory_alias(1, 2); }).errors, "");
-  debug_level = 2;
-  EXPECT_EQ(capture([] { add_memory_alias(0x80000000, 0); }).errors,
-            "Adding memory alias for address 0x80000000 with mask 0\n");
-}
-
-TEST_F(SectionFilter, MasksFromTheLowestBitUpward) {
-  for (const auto& [x, mask] : {std::pair{0x00100000U, 0xFFF00000U},
-                                {0x80000000U, 0x80000000U},
-                                {0x00000006U, 0xFFFFFFFEU},
-                                {0U, 0U}}) {
-    EXPECT_EQ(get_region_mask(x), mask);
-  }
-}
-
-constexpr uint32_t kNobits = elf32::SHT_NOBITS;
 
 // A section list under construction.
-class SectionList : public SectionFilter {
+class SectionList : public testing::Test {
  protected:
   SectionList() : records_(gen_alloc_array<sym_addr>(kMostSections)) {
+    reset_all_state();
     gen_changeprogname("kelvane");
     fDiffMemory = 1;
     start();
   }
-  ~SectionList() override { start(); }
+  ~SectionList() override {
+    start();
+    reset_all_state();
+  }
 
   // Makes the list empty.
   void start() {
@@ -116,90 +74,32 @@ class SectionList : public SectionFilter {
 };
 
 TEST_F(SectionList, NamesAreMappedByTheFirstRuleThatFits) {
-  struct Row {
-    const char* name;
-    const char* in_memory_mode;
-    const char* in_file_mode;
-    const char* without_alloc;
-  };
-  for (const Row& row : {
-           Row{".text", ".text", ".text", "-"},
-           Row{".romfl1", ".rflow1", ".romfl1", ".rflow1"},
-           Row{".romfl2", ".rflow2", ".romfl2", ".rflow2"},
-           Row{".romfl3", ".rflow3", ".romfl3", ".rflow3"},
-           Row{".romfl4", ".fl4", ".romfl4", ".fl4"},
-           Row{".romfl1x", ".fl1x", ".romfl1x", ".fl1x"},
-           Row{".UNCOMPRESSED.data", ".data", ".UNCOMPRESSED.data", ".data"},
-           Row{".ROM.data", ".data", ".ROM.data", ".data"},
-           Row{".ROMdata", "data", ".ROMdata", "data"},
-           Row{".romdata", ".data", ".romdata", ".data"},
-           Row{".rom", ".", ".rom", "."},
-           Row{".cromt_foo", ".text_foo", ".cromt_foo", ".text_foo"},
-           Row{".cromfoo", ".foo", ".cromfoo", ".foo"},
-           Row{".CROM.foo", "-", ".CROM.foo", "-"},
-           Row{".Rom", ".Rom", ".Rom", "-"},
-           Row{".patch_x", "-", ".patch_x", "-"},
-           Row{".ROM.patch", "-", ".ROM.patch", "-"},
-           Row{".heap", "-", ".heap", "-"},
-           Row{".romheap", "-", ".romheap", "-"},
-           Row{".heapx", ".heapx", ".heapx", "-"},
-           Row{".stack", "-", ".stack", "-"},
-           Row{".reset", "-", ".reset", "-"},
-           Row{".syscall", "-", ".syscall", "-"},
-           Row{".fixaddr", "-", ".fixaddr", "-"},
-           Row{".fixtype", "-", ".fixtype", "-"},
-           Row{".secinfo", "-", ".secinfo", "-"},
-           Row{"..lxfoo", "-", "-", "-"},
-           Row{"..linfoo", "-", "-", "-"},
-           Row{"%%linfoo", "-", "-", "-"},
-           Row{"%%lxfoo", "@#$%", "@#$%", "-"},
-           Row{"..foo", "@#$%", "@#$%", "-"},
-           Row{"..", "@#$%", "@#$%", "-"},
-           Row{"__caller.x", "-", "-", "-"},
-           Row{"__callee.", "-", "-", "-"},
-           Row{"__callers", "__callers", "__callers", "-"},
-           Row{"__calle.", "__calle.", "__calle.", "-"},
-           Row{"", "", "", "-"},
-       }) {
-    EXPECT_EQ(mapped(row.name), row.in_memory_mode) << row.name;
-    EXPECT_EQ(mapped(row.name, ~elf32::SHF_ALLOC), row.without_alloc) << row.name;
+  for (const TableRow& row : rows_of("section_filter.table", "name")) {
+    const std::string name = words_of(row.given)[0];
+    const std::vector<std::string> expected = words_of(row.expected);
+    EXPECT_EQ(mapped(name), expected[0]) << name;
+    EXPECT_EQ(mapped(name, ~elf32::SHF_ALLOC), expected[2]) << name;
     fDiffMemory = 0;
-    EXPECT_EQ(mapped(row.name, 0), row.in_file_mode) << row.name;
+    EXPECT_EQ(mapped(name, 0), expected[1]) << name;
     fDiffMemory = 1;
   }
 }
 
 TEST_F(SectionList, SectionsOfOneNameBecomeOneRecord) {
-  struct Section {
-    const char* name;
-    uint32_t addr, offset, size, type;
-  };
-  struct Row {
-    std::vector<Section> sections;
-    const char* record;
-  };
   object_start = 60;
-  for (const Row& row : {
-           Row{{{".crom_x", 0x100, 10, 20, 1}, {"._x", 0x200, 30, 50, kNobits}},
-               "._x 1 512 10 50 20 60"},
-           Row{{{"._x", 0x200, 30, 50, kNobits}, {".crom_x", 0x100, 10, 20, 1}},
-               "._x 1 512 10 50 20 60"},
-           Row{{{".ROM.data", 0x100, 10, 20, 1}, {".data", 0x200, 30, 24, kNobits}},
-               ".data 1 512 10 24 0 60"},
-           Row{{{".data", 0x200, 30, 24, kNobits}, {".ROM.data", 0x100, 10, 20, 1}},
-               ".data 1 512 10 20 0 60"},
-           Row{{{".data", 0x200, 30, 24, 1}, {".rom.data", 0x100, 10, 20, 1}},
-               ".data 1 512 30 24 0 60"},
-           Row{{{".crom.x", 0x100, 10, 20, 1}, {"..x", 0, 0, 0, 1}}, "..x 1 256 10 20 20 60"},
-           Row{{{".crom_x", 0x100, 10, 20, 1}, {".rom_x", 0x300, 40, 60, 1}},
-               "._x 1 256 40 60 0 60"},
-           Row{{{"..a", 1, 2, 3, 1}, {"%%b", 4, 5, 6, 7}}, "@#$% 7 4 5 6 0 60"},
-       }) {
+  for (const TableRow& row : rows_of("section_filter.table", "record")) {
     start();
-    for (const Section& one : row.sections) {
-      add(one.name, one.addr, one.offset, one.size, one.type);
+    for (const std::string& section : words_of(row.given)) {
+      std::istringstream fields(section);
+      std::string name;
+      std::getline(fields, name, ',');
+      std::vector<uint32_t> numbers;
+      for (std::string number; std::getline(fields, number, ',');) {
+        numbers.push_back(number_from(number));
+      }
+      add(name, numbers[0], numbers[1], numbers[2], numbers[3]);
     }
-    EXPECT_EQ(shown(*sym_addr_list), row.record);
+    EXPECT_EQ(shown(*sym_addr_list), row.expected);
   }
 }
 
@@ -232,44 +132,30 @@ TEST_F(SectionList, WhatIsNeverComparedIsToldAtLevel1) {
 }
 
 TEST_F(SectionList, AliasesBringAddressesToOneForm) {
-  struct Row {
-    std::vector<memory_alias> aliases;
-    uint32_t addr, expected;
-    const char* lines;
-  };
-  for (const Row& row : {
-           Row{{{0x80000000, 0x20000000}},
-               0xA0001000,
-               0x80001000,
-               "Mapping address 0xa0001000 to 0x80001000\n"},
-           Row{{{0x80000000, 0x20000000}}, 0x00001000, 0x00001000, ""},
-           Row{{{0x00100000, 0}}, 0x00154321, 0x00154321, "Mapping address 0x154321 to 0x154321\n"},
-           Row{{{0, 0xF0000000}},
-               0x12345678,
-               0x02345678,
-               "Mapping address 0x12345678 to 0x2345678\n"},
-           Row{{{0, 0xF0000000}, {0x02000000, 0x00F00000}},
-               0x12345678,
-               0x02045678,
-               "Mapping address 0x12345678 to 0x2345678\n"
-               "Mapping address 0x2345678 to 0x2045678\n"},
-           Row{{{0x00000000, 0xF0000000}, {0x02300000, 0x40000000}},
-               0x12345678,
-               0x02345678,
-               "Mapping address 0x12345678 to 0x2345678\n"
-               "Mapping address 0x2345678 to 0x2345678\n"},
-       }) {
+  for (const TableRow& row : rows_of("section_filter.table", "alias")) {
     start();
     reset_all_state();
     fDiffMemory = 1;
     start();
-    for (const memory_alias& alias : row.aliases) {
-      add_memory_alias(alias.address, alias.mask);
-    }
     debug_level = 1;
-    EXPECT_EQ(capture([&] { add(".x", row.addr); }).errors, row.lines);
-    EXPECT_EQ(sym_addr_list->addr.low, row.expected);
+    EXPECT_EQ(capture([&] {
+                for (const std::string& alias : words_of(row.given)) {
+                  add_memory_alias(number_from(alias),
+                                   number_from(alias.substr(alias.find(':') + 1)));
+                }
+              }).errors,
+              "");
+    const std::vector<std::string> forms = words_of(row.expected);
+    std::string lines;
+    for (size_t i = 1; i < forms.size(); ++i) {
+      lines += "Mapping address " + forms[i - 1] + " to " + forms[i] + '\n';
+    }
+    EXPECT_EQ(capture([&] { add(".x", number_from(forms.front())); }).errors, lines);
+    EXPECT_EQ(sym_addr_list->addr.low, number_from(forms.back()));
   }
+  debug_level = 2;
+  EXPECT_EQ(capture([] { add_memory_alias(0x80000000, 0); }).errors,
+            "Adding memory alias for address 0x80000000 with mask 0\n");
 }
 
 TEST_F(SectionList, HoldsEveryNameThatFitsAndNoMore) {

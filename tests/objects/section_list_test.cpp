@@ -156,20 +156,38 @@ TEST_F(Objects, WithoutSectionsAreReadAgainFromWhereTheHeadersWouldBe) {
   EXPECT_EQ(table.count, 0);
 }
 
-TEST_F(Objects, MayNotHaveNamesThatOverlapBeyondAllMeasure) {
+// One giant name that all sections share, that all symbols share, and an object that is met often.
+TEST_F(Objects, MayNotOverlapBeyondAllMeasure) {
   Image image;
   image.sections.resize(70, {.name = "s", .content = {1}});
   image.sections[0].name = std::string(1U << 20U, 'x');
-  image.damage = [](file_header&, Headers& headers) {
+  image.symbols.resize(70, {.name = "s"});
+  const auto share_section_names = [](file_header&, Headers& headers) {
     for (uint32_t i = 0; i < 70; ++i) {
       headers[i].sh_name = 1 + i;
     }
   };
-  const Bytes bytes = build_image(image);
-  const CapturedRun run = capture([&] { read(bytes); });
-  EXPECT_EQ(run.errors,
-            "kelvane: fatal: the section names of 'lib.a(x.o)' have more than 67108864 bytes\n");
-  EXPECT_EQ(run.status, 1);
+  const auto share_symbol_names = [](file_header&, Headers& headers) {
+    headers[72].sh_offset = headers[73].sh_offset;  // the strings lie in the names of sections
+    headers[72].sh_size = headers[73].sh_size;
+  };
+  for (const auto& [damage, times] :
+       {std::pair<decltype(image.damage), int>{share_section_names, 1},
+        {share_symbol_names, 1},
+        {{}, 30}}) {
+    image.damage = damage;
+    const Bytes bytes = build_image(image);
+    start_section_list(&file_);
+    list_.reset(sym_addr_list);
+    const CapturedRun run = capture([&, count = times] {
+      for (int i = 0; i < count; ++i) {
+        read(bytes);
+      }
+    });
+    EXPECT_EQ(run.errors,
+              "kelvane: fatal: the tables of 'lib.a(x.o)' overlap beyond all measure\n");
+    EXPECT_EQ(run.status, 1);
+  }
 }
 
 TEST_F(Objects, AreNamedInMessagesAsTheyAreShown) {

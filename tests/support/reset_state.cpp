@@ -2,16 +2,11 @@
 
 #include "color_reset.h"
 #include "debug_print.h"
-#include "image_internal.h"
-#include "indelfio_internal.h"
-#include "indmagic_internal.h"
-#include "indobjio_internal.h"
 #include "kelvane_internal.h"
+#include "objects_reset.h"
 #include "options.h"
 #include "patch_buffer.h"
 #include "run_sequence_internal.h"
-#include "section_filter_internal.h"
-#include "section_list_internal.h"
 #include "shared_reset.h"
 #include "st_reset.h"
 
