@@ -34,13 +34,14 @@ Blocks blocks_written() {
   first_move = nullptr;
   last_move = nullptr;
   const uint8_t* bytes = get_output_buf();
-  const uint32_t count = load_half(bytes, ByteOrder::little);
+  const uint32_t count = load_half(bytes, ByteOrder::kLittle);
   EXPECT_EQ(get_output_buf_size(), 2 + 12 * count);
   bytes += 2;
   Blocks blocks;
   for (uint32_t i = 0; i < count; ++i, bytes += 12) {
-    blocks.push_back({load_word(bytes, ByteOrder::little), load_word(bytes + 4, ByteOrder::little),
-                      static_cast<int32_t>(load_word(bytes + 8, ByteOrder::little))});
+    blocks.push_back({load_word(bytes, ByteOrder::kLittle),
+                      load_word(bytes + 4, ByteOrder::kLittle),
+                      static_cast<int32_t>(load_word(bytes + 8, ByteOrder::kLittle))});
   }
   return blocks;
 }

@@ -57,7 +57,7 @@ class Codec : public testing::Test {
     const Bytes stream = encode(source);
     ASSERT_EQ(stream, plain.encode(source))
         << "piece of " << source.size() << " bytes: " << testing::PrintToString(source);
-    ASSERT_EQ(expand(stream, source.size(), ExpandEnd::complete), source);
+    ASSERT_EQ(expand(stream, source.size(), ExpandEnd::kComplete), source);
   }
 
   PlainEncoder plain;
@@ -170,17 +170,17 @@ TEST_F(Codec, AbandonedPieceDoesNotDisturbTheNext) {
   const Bytes long_piece(300, 0x33);
   EXPECT_THROW(Encode(long_piece.data(), 300, [](int32_t) { throw std::string("full"); }),
                std::string);
-  EXPECT_EQ(expand(encode(piece), piece.size(), ExpandEnd::complete), piece);
+  EXPECT_EQ(expand(encode(piece), piece.size(), ExpandEnd::kComplete), piece);
   EXPECT_EQ(encode(piece), stream);
 }
 
 TEST(Expansion, TakesSlotsNeverWrittenAsZerosAndItsOwnPositionAsAWholeRingBack) {
   // Position 0 lies far behind the output; length 3.
-  EXPECT_EQ(expand({0x01, 0x41, 0x00, 0x00}, 4, ExpandEnd::complete), (Bytes{0x41, 0, 0, 0}));
+  EXPECT_EQ(expand({0x01, 0x41, 0x00, 0x00}, 4, ExpandEnd::kComplete), (Bytes{0x41, 0, 0, 0}));
   // Position 0xFEE at the very start is 4096 back.
-  EXPECT_EQ(expand({0x00, 0xEE, 0xF1}, 4, ExpandEnd::complete), (Bytes{0, 0, 0, 0}));
+  EXPECT_EQ(expand({0x00, 0xEE, 0xF1}, 4, ExpandEnd::kComplete), (Bytes{0, 0, 0, 0}));
   // Two zeros of the fill, then the output's own first byte.
-  EXPECT_EQ(expand({0x01, 0x41, 0xEC, 0xF0}, 4, ExpandEnd::complete), (Bytes{0x41, 0, 0, 0x41}));
+  EXPECT_EQ(expand({0x01, 0x41, 0xEC, 0xF0}, 4, ExpandEnd::kComplete), (Bytes{0x41, 0, 0, 0x41}));
 }
 
 TEST(Expansion, ReachesBackAWholeRingAndNoFurther) {
@@ -196,24 +196,24 @@ TEST(Expansion, ReachesBackAWholeRingAndNoFurther) {
   // The writing index is back at 0xFEE: the oldest three bytes; then the byte just in front.
   stream.insert(stream.end(), {0x00, 0xEE, 0xF0, 0xF0, 0xF0});
   output.insert(output.end(), {1, 2, 3, 3, 3, 3});
-  EXPECT_EQ(expand(stream, output.size(), ExpandEnd::complete), output);
+  EXPECT_EQ(expand(stream, output.size(), ExpandEnd::kComplete), output);
 }
 
 TEST(Expansion, FillsItsRoomAndTellsWhatHasNone) {
   const Bytes stream = {0x03, 0x41, 0x42, 0xEE, 0xF2};  // A B, then 5 bytes from A on
-  EXPECT_EQ(expand(stream, 7, ExpandEnd::complete), letters("ABABABA"));
-  EXPECT_EQ(expand(stream, 6, ExpandEnd::overrun), letters("ABABAB"));
-  EXPECT_EQ(expand(stream, 2, ExpandEnd::overrun), letters("AB"));
-  EXPECT_EQ(expand(stream, 1, ExpandEnd::overrun), letters("A"));
-  EXPECT_EQ(expand(stream, 0, ExpandEnd::overrun), Bytes{});
-  EXPECT_EQ(expand({}, 0, ExpandEnd::complete), Bytes{});
-  EXPECT_EQ(expand_bounded(nullptr, 9, stream.data(), stream.size()).end, ExpandEnd::overrun);
+  EXPECT_EQ(expand(stream, 7, ExpandEnd::kComplete), letters("ABABABA"));
+  EXPECT_EQ(expand(stream, 6, ExpandEnd::kOverrun), letters("ABABAB"));
+  EXPECT_EQ(expand(stream, 2, ExpandEnd::kOverrun), letters("AB"));
+  EXPECT_EQ(expand(stream, 1, ExpandEnd::kOverrun), letters("A"));
+  EXPECT_EQ(expand(stream, 0, ExpandEnd::kOverrun), Bytes{});
+  EXPECT_EQ(expand({}, 0, ExpandEnd::kComplete), Bytes{});
+  EXPECT_EQ(expand_bounded(nullptr, 9, stream.data(), stream.size()).end, ExpandEnd::kOverrun);
 }
 
 TEST(Expansion, TellsAnEndInsideAnItem) {
-  EXPECT_EQ(expand({0x01}, 9, ExpandEnd::cut_item), Bytes{});
-  EXPECT_EQ(expand({0x01, 0x41, 0xEE}, 9, ExpandEnd::cut_item), letters("A"));
-  EXPECT_EQ(expand({0x01, 0x41}, 9, ExpandEnd::complete), letters("A"));
+  EXPECT_EQ(expand({0x01}, 9, ExpandEnd::kCutItem), Bytes{});
+  EXPECT_EQ(expand({0x01, 0x41, 0xEE}, 9, ExpandEnd::kCutItem), letters("A"));
+  EXPECT_EQ(expand({0x01, 0x41}, 9, ExpandEnd::kComplete), letters("A"));
 }
 
 TEST(Expansion, OfATrustedStreamGivesItsDestination) {
