@@ -30,7 +30,7 @@ double seconds_since(Clock::time_point start) {
 // Functions with the long names that compilers make, no two at one address, not in order.
 Image image_of(uint32_t symbols) {
   Image image;
-  image.order = ByteOrder::big;
+  image.order = ByteOrder::kBig;
   image.sections = {{.name = ".text", .addr = 0x1000, .content = Bytes(64)}};
   for (uint32_t i = 0; i < symbols; ++i) {
     const uint32_t scattered = i * 2654435761U;

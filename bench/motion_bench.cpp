@@ -115,8 +115,8 @@ void write_file(const std::filesystem::path& path, const Bytes& bytes) {
 
 void whole_run(benchmark::State& run, const std::string& options) {
   Random random(5);
-  const MemoryPair pair =
-      make_memory_pair(ProgramChange::mixed, ByteOrder::little, {20000, 400, false, 65536}, random);
+  const MemoryPair pair = make_memory_pair(ProgramChange::kMixed, ByteOrder::kLittle,
+                                           {20000, 400, false, 65536}, random);
   const auto folder = std::filesystem::temp_directory_path() / "motion_bench";
   std::filesystem::create_directories(folder);
   write_file(folder / "old.elf", build_image(pair.old_image.image));

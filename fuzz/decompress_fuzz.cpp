@@ -31,7 +31,7 @@ void expand_any(const uint8_t* data, size_t size) {
   std::vector<uint8_t> output(room);
   const Expanded expanded = expand_bounded(output.data(), room, data + 2, size - 2);
   require(expanded.size <= room);
-  require(expanded.end != ExpandEnd::overrun || expanded.size == room);
+  require(expanded.end != ExpandEnd::kOverrun || expanded.size == room);
 }
 
 void encode_and_expand(const uint8_t* data, size_t size) {
@@ -39,7 +39,7 @@ void encode_and_expand(const uint8_t* data, size_t size) {
   Encode(data, static_cast<uint32_t>(size), append);
   std::vector<uint8_t> output(size);
   const Expanded expanded = expand_bounded(output.data(), size, stream.data(), stream.size());
-  require(expanded.end == ExpandEnd::complete && expanded.size == size);
+  require(expanded.end == ExpandEnd::kComplete && expanded.size == size);
   require(output == std::vector<uint8_t>(data, data + size));
 }
 

@@ -95,7 +95,7 @@ Contents contents_of(const sym_addr& section, const file_data& file) {
     // Where it holds less than the section does, the rest stays zero.
     const Expanded expanded =
         expand_bounded(contents.buffer.get(), section.size, stored, section.compressed_size);
-    if (expanded.end != ExpandEnd::complete) {
+    if (expanded.end != ExpandEnd::kComplete) {
       gen_errorexit(kStatusFailure, "compressed section '%s' in file '%s' is damaged", section.name,
                     file.name);
     }

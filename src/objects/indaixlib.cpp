@@ -34,7 +34,7 @@ gen_ptr<char> read_member(std::FILE* stream, int64_t offset, aix_member_header* 
   if (std::fseek(stream, static_cast<long>(offset), SEEK_SET) != 0) {
     return nullptr;
   }
-  ByteReader reader(stream, ByteOrder::big);
+  ByteReader reader(stream, ByteOrder::kBig);
   if (!read_record(reader, header)) {
     return nullptr;
   }
@@ -64,7 +64,7 @@ char* read_member_or_clear(std::FILE* stream, int64_t offset, aix_member_header*
 }  // namespace
 
 int32_t aix_archive_read_file_header(std::FILE* stream, aix_file_header* header) {
-  ByteReader reader(stream, ByteOrder::big);
+  ByteReader reader(stream, ByteOrder::kBig);
   return read_record(reader, header) ? 1 : 0;
 }
 

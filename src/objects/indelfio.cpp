@@ -57,7 +57,7 @@ void read_to_end(std::FILE* stream, std::span<uint8_t> bytes) {
 template <typename Record>
 void read_records(std::FILE* stream, std::span<Record> out, uint32_t entry_size,
                   Record (*decode)(ByteReader&)) {
-  ByteOrder order = ByteOrder::little;
+  ByteOrder order = ByteOrder::kLittle;
   const bool known = order_of_file(&order);
   const size_t at_once = std::max(kBlockSize / entry_size, 1U);
   std::vector<uint8_t> block(std::min(at_once, out.size()) * entry_size);
@@ -216,13 +216,13 @@ uint8_t read1(std::FILE* stream) {
 
 uint16_t read2(std::FILE* stream) {
   std::array<uint8_t, 2> bytes{};
-  ByteOrder order = ByteOrder::little;
+  ByteOrder order = ByteOrder::kLittle;
   return read_number(stream, bytes, &order) ? load_half(bytes.data(), order) : uint16_t{0};
 }
 
 uint32_t read4(std::FILE* stream) {
   std::array<uint8_t, 4> bytes{};
-  ByteOrder order = ByteOrder::little;
+  ByteOrder order = ByteOrder::kLittle;
   return read_number(stream, bytes, &order) ? load_word(bytes.data(), order) : 0;
 }
 

@@ -65,7 +65,7 @@ void put(ByteWriter& out, const elf32::file_header& header) {
 
 template <typename Record>
 void write_records(std::FILE* stream, const Record* records, uint32_t count) {
-  ByteOrder order = ByteOrder::little;
+  ByteOrder order = ByteOrder::kLittle;
   if (count == 0 || !order_of_file(&order)) {
     return;
   }
@@ -109,7 +109,7 @@ int32_t write_record_section(std::FILE* stream, const elf32::section_header& hea
 }  // namespace
 
 void write2(std::FILE* stream, uint16_t value) {
-  ByteOrder order = ByteOrder::little;
+  ByteOrder order = ByteOrder::kLittle;
   if (order_of_file(&order)) {
     std::array<uint8_t, 2> bytes{};
     store_half(bytes.data(), value, order);
@@ -118,7 +118,7 @@ void write2(std::FILE* stream, uint16_t value) {
 }
 
 void write4(std::FILE* stream, uint32_t value) {
-  ByteOrder order = ByteOrder::little;
+  ByteOrder order = ByteOrder::kLittle;
   if (order_of_file(&order)) {
     std::array<uint8_t, 4> bytes{};
     store_word(bytes.data(), value, order);

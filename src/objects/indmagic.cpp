@@ -96,7 +96,7 @@ bool identify_tool_chain_data(const Object& object) {
   if (!object.begins("\x7FQVR")) {
     return false;
   }
-  magic.code = load_word(object.head.data() + 8, ByteOrder::big);
+  magic.code = load_word(object.head.data() + 8, ByteOrder::kBig);
   const auto row = std::ranges::find(data_list, magic.code, &data_kind::type);
   if (row != data_list.end() && row->type != 0) {
     set_tool_chain_data(row->machine);
@@ -233,22 +233,22 @@ bool read_pe_header(Object& object) {
   return true;
 }
 
-enum class Found : uint8_t { no, yes, broken };
+enum class Found : uint8_t { kNo, kYes, kBroken };
 
 Found identify_coff(Object& object) {
   const coff_kind* const kind = find_coff_kind(object.head.data());
   if (kind == nullptr) {
-    return Found::no;
+    return Found::kNo;
   }
   magic.code = kind->code;
   set_coff_machine(*kind);
   magic.file_class = kind->file_class;
   magic.symbol_size = kind->symbol_size;
   if (kind->file_class == file_kind::kPe) {
-    return read_pe_header(object) ? Found::yes : Found::broken;
+    return read_pe_header(object) ? Found::kYes : Found::kBroken;
   }
   set_coff_flags(object.head.data());
-  return Found::yes;
+  return Found::kYes;
 }
 
 // What is known by its name or its first bytes alone, if no table of magic numbers has it.
@@ -312,12 +312,12 @@ bool identify(Object& object) {
   if (!identify_archive(object) && !identify_tool_chain_data(object) &&
       !identify_other_library(object) && !identify_resource(object) && !identify_elf(object)) {
     switch (identify_coff(object)) {
-      case Found::yes:
+      case Found::kYes:
         break;
-      case Found::no:
+      case Found::kNo:
         identify_rest(object);
         break;
-      case Found::broken:
+      case Found::kBroken:
         return false;
     }
   }
@@ -330,7 +330,7 @@ bool identify(Object& object) {
   }
   if (magic.machine == machine_key::kNone && magic.file_class != file_kind::kElf &&
       magic.file_class != file_kind::kToolChainData) {
-    magic.code = load_half(magic.first_bytes, ByteOrder::little);
+    magic.code = load_half(magic.first_bytes, ByteOrder::kLittle);
   }
   return true;
 }
@@ -347,7 +347,7 @@ const file_magic* indmagic(std::FILE* stream, const char* name) {
     }
   }
   const long start = std::ftell(stream);
-  Object object = {.stream = stream, .name = name, .reader = {stream, ByteOrder::little}};
+  Object object = {.stream = stream, .name = name, .reader = {stream, ByteOrder::kLittle}};
   object.head_size = std::min<uint64_t>(kHeadSize, object.reader.rest());
   object.reader.read(std::span(object.head).first(object.head_size));
   magic.short_name = nullptr;

@@ -21,7 +21,7 @@ void read_words(ByteReader& reader, std::span<uint32_t> words) {
 }  // namespace
 
 uint32_t read_ooflib_header(std::FILE* stream, ooflib_header* record) {
-  ByteReader reader(stream, ByteOrder::big);
+  ByteReader reader(stream, ByteOrder::kBig);
   record->word = reader.u32();
   reader.read(record->fields[0]);
   reader.read(record->fields[1]);
@@ -32,7 +32,7 @@ uint32_t read_ooflib_header(std::FILE* stream, ooflib_header* record) {
 }
 
 uint32_t read_ooflib_tbl_entry(std::FILE* stream, ooflib_tbl_entry* record) {
-  ByteReader reader(stream, ByteOrder::big);
+  ByteReader reader(stream, ByteOrder::kBig);
   *record = {};
   record->number = reader.u32();
   reader.read(record->field);

@@ -10,52 +10,52 @@
 namespace kelvane {
 
 // Byte order of a file or a target, once its global flag has been read at the edge of a unit.
-enum class ByteOrder : uint8_t { little, big };
+enum class ByteOrder : uint8_t { kLittle, kBig };
 
 constexpr ByteOrder byte_order_of(bool big_endian) {
-  return big_endian ? ByteOrder::big : ByteOrder::little;
+  return big_endian ? ByteOrder::kBig : ByteOrder::kLittle;
 }
 
 // Reads an unsigned number of 2, 4 or 8 bytes; `bytes` need not be aligned.
 constexpr uint16_t load_half(const uint8_t* bytes, ByteOrder order) {
   const uint32_t first = bytes[0];
   const uint32_t second = bytes[1];
-  return static_cast<uint16_t>(order == ByteOrder::big ? (first << 8U) | second
-                                                       : (second << 8U) | first);
+  return static_cast<uint16_t>(order == ByteOrder::kBig ? (first << 8U) | second
+                                                        : (second << 8U) | first);
 }
 
 constexpr uint32_t load_word(const uint8_t* bytes, ByteOrder order) {
   const uint32_t first = load_half(bytes, order);
   const uint32_t second = load_half(bytes + 2, order);
-  return order == ByteOrder::big ? (first << 16U) | second : (second << 16U) | first;
+  return order == ByteOrder::kBig ? (first << 16U) | second : (second << 16U) | first;
 }
 
 constexpr uint64_t load_long(const uint8_t* bytes, ByteOrder order) {
   const uint64_t first = load_word(bytes, order);
   const uint64_t second = load_word(bytes + 4, order);
-  return order == ByteOrder::big ? (first << 32U) | second : (second << 32U) | first;
+  return order == ByteOrder::kBig ? (first << 32U) | second : (second << 32U) | first;
 }
 
 // Stores the low 16, the 32 or the 64 bits of `value` at `bytes`, which need not be aligned.
 constexpr void store_half(uint8_t* bytes, uint32_t value, ByteOrder order) {
   const auto low = static_cast<uint8_t>(value & 0xFFU);
   const auto high = static_cast<uint8_t>((value >> 8U) & 0xFFU);
-  bytes[0] = order == ByteOrder::big ? high : low;
-  bytes[1] = order == ByteOrder::big ? low : high;
+  bytes[0] = order == ByteOrder::kBig ? high : low;
+  bytes[1] = order == ByteOrder::kBig ? low : high;
 }
 
 constexpr void store_word(uint8_t* bytes, uint32_t value, ByteOrder order) {
   const uint32_t low = value & 0xFFFFU;
   const uint32_t high = value >> 16U;
-  store_half(bytes, order == ByteOrder::big ? high : low, order);
-  store_half(bytes + 2, order == ByteOrder::big ? low : high, order);
+  store_half(bytes, order == ByteOrder::kBig ? high : low, order);
+  store_half(bytes + 2, order == ByteOrder::kBig ? low : high, order);
 }
 
 constexpr void store_long(uint8_t* bytes, uint64_t value, ByteOrder order) {
   const auto low = static_cast<uint32_t>(value);
   const auto high = static_cast<uint32_t>(value >> 32U);
-  store_word(bytes, order == ByteOrder::big ? high : low, order);
-  store_word(bytes + 4, order == ByteOrder::big ? low : high, order);
+  store_word(bytes, order == ByteOrder::kBig ? high : low, order);
+  store_word(bytes + 4, order == ByteOrder::kBig ? low : high, order);
 }
 
 // Records put together for writing, field behind field without padding, in one byte order. What has

@@ -37,7 +37,7 @@ constexpr uint64_t overlap_limit(uint64_t size) {
 // stays, and the reader has failed. It stays failed, and every later read gives zeros, so that a
 // record is read field by field and failed() asked once behind it:
 //
-//   ByteReader reader(stream, ByteOrder::big);
+//   ByteReader reader(stream, ByteOrder::kBig);
 //   const entry made = {reader.u16(), reader.u32(), reader.i32()};
 //   if (reader.failed()) { ... }
 //

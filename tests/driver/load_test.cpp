@@ -145,7 +145,7 @@ TEST_F(Loading, NeverTakesPartOfAFileThatCannotBeRead) {
 
 Image big_endian_image() {
   Image image;
-  image.order = ByteOrder::big;
+  image.order = ByteOrder::kBig;
   image.sections = {{.name = ".text", .addr = 0x1000, .content = Bytes(16)}};
   image.symbols = {crt1_symbol(0x1008, ".text")};
   return image;

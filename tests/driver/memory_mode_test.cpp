@@ -82,7 +82,7 @@ TEST(MemoryModeOfTheProgram, SaysWhatItMakesOfImages) {
   const TemporaryDirectory directory;
   directory.write("words", ".data\n");
   for (const Case& row : kCases) {
-    for (const ByteOrder order : {ByteOrder::little, ByteOrder::big}) {
+    for (const ByteOrder order : {ByteOrder::kLittle, ByteOrder::kBig}) {
       SCOPED_TRACE(row.why);
       for (const bool is_new : {false, true}) {
         Image image;

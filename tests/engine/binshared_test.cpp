@@ -4,77 +4,64 @@
 
 #include <cstdio>
 
+#include "bd_checksum.h"
 #include "binshared_internal.h"
-#include "captured_run.h"
-#include "engine_fixture.h"
-#include "engine_settings.h"
+#include "engine_steps.h"
 #include "indgen_memory.h"
+#include "patch_buffer.h"
 
 namespace kelvane {
 namespace {
 
-Bytes written() {
-  return {get_output_buf(), get_output_buf() + get_output_buf_size()};
-}
+class OutputBuffer : public EngineTest {};
 
-class OutputBuffer : public EngineTest {
- protected:
-  OutputBuffer() { new_output_buf(); }
-};
-
-TEST_F(OutputBuffer, WritesNumbersInTheTargetsByteOrder) {
-  TargetIsBigEndian = 7;  // any value but 0 is big-endian
-  put_word(0x01020304);
-  put_half(0x12345);
-  put_byte(0x1FE);
-  TargetIsBigEndian = 0;
-  put_word(0x01020304);
-  put_half(0x12345);
-  put_byte(0x1FE);
-  EXPECT_EQ(written(), (Bytes{1, 2, 3, 4, 0x23, 0x45, 0xFE, 4, 3, 2, 1, 0x45, 0x23, 0xFE}));
-}
-
-TEST_F(OutputBuffer, AlwaysKeepsOneByteFree) {
-  EXPECT_EQ(outbuf_alloc, 4096U);
-  const Bytes many(4095, 'a');
-  put_data(many.data(), 4095);
-  EXPECT_EQ(outbuf_alloc, 4096U);
-  put_byte('b');
-  EXPECT_EQ(outbuf_alloc, 8192U);
-  EXPECT_EQ(get_output_buf_size(), 4096U);
-  EXPECT_EQ(written()[4094], 'a');
-  EXPECT_EQ(written()[4095], 'b');
-}
-
-TEST_F(OutputBuffer, StepsBackAndForthLikeAFile) {
-  const Bytes hundred(100, 'x');
-  put_data(hundred.data(), 100);
-  set_pos(0);
-  put_word(0);
-  EXPECT_EQ(get_pos(), 4U);
-  EXPECT_EQ(get_output_buf_size(), 100U);
-  set_pos(9000);  // beyond the room too
-  put_byte(1);
-  EXPECT_EQ(get_output_buf_size(), 9001U);
-  const Bytes all = written();
-  EXPECT_EQ(all[99], 'x');
-  EXPECT_EQ(Bytes(all.begin() + 100, all.begin() + 9000), Bytes(8900, 0));
-}
-
-TEST_F(OutputBuffer, LendsTheBytesBackAndRefusesToReadBeyondThem) {
-  const Bytes text = bytes_of("abcdef");
-  put_data(text.data(), 6);
-  set_pos(1);
-  const gen_ptr<uint8_t> read(get_data(3));
-  EXPECT_EQ(Bytes(read.get(), read.get() + 3), bytes_of("bcd"));
-  EXPECT_EQ(get_pos(), 4U);
-  EXPECT_EQ(get_data(0), nullptr);
-  const CapturedRun run = capture([] { get_data(3); });
-  EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(run.errors, "fatal: could not read 3 bytes from file: end of file\n");
+TEST_F(OutputBuffer, DoesInMemoryWhatTheTableSays) {
+  std::list<Bytes> kept;
+  using Text = const char*;
+  const auto get = [](uint32_t count) {
+    const gen_ptr<uint8_t> read(get_data(count));
+    return read == nullptr ? kNullText : hex_of({read.get(), read.get() + count});
+  };
+  const auto reverse = [](Data data) {
+    charreverse(data.bytes.data(), static_cast<uint32_t>(data.bytes.size()));
+    return hex_of(data.bytes);
+  };
+  const auto patch = [] {
+    uint8_t* buffer = nullptr;
+    uint32_t size = 0;
+    get_buffer(&buffer, &size);
+    return hex_of({buffer, buffer + size});
+  };
+  const auto checksum = [](uint32_t sum, Data data) {
+    bd_checksum(data.bytes.data(), static_cast<uint32_t>(data.bytes.size()), &sum);
+    return in_hex(sum);
+  };
+  // clang-format off
+  go_through(KELVANE_TABLES "binshared.table",
+             {{"put_word", [](uint32_t value) { put_word(value); return ""; }},
+              {"put_half", [](uint32_t value) { put_half(value); return ""; }},
+              {"put_byte", [](uint32_t value) { put_byte(value); return ""; }},
+              {"put_data", [](Data data) { put_data(data.bytes.data(), static_cast<uint32_t>(data.bytes.size())); return ""; }},
+              {"set_pos", [](uint32_t position) { set_pos(position); return ""; }},
+              {"get_pos", [](Text) { return get_pos(); }},
+              {"room", [](Text) { return outbuf_alloc; }},
+              {"size", [](Text) { return get_output_buf_size(); }},
+              {"bytes_at", [](uint32_t at, uint32_t count) { return hex_of({get_output_buf() + at, get_output_buf() + at + count}); }},
+              {"start_buf", [](int32_t big_endian) { start_buf(big_endian); return ""; }},
+              KELVANE_OPERATION(dump_to_buf_continue), KELVANE_OPERATION(dump_to_buf_dbserv),
+              {"dump_numregions", [](uint32_t n) { dump_numregions(n); return ""; }},
+              {"dump_address_range", [](uint32_t start, uint32_t end) { dump_address_range(start, end); return ""; }},
+              {"dump_checksum", [](uint32_t sum) { dump_checksum(sum); return ""; }},
+              {"patch", [=](Text) { return patch(); }},
+              {"checksum", checksum},
+              {"get_data", get},
+              {"charreverse", reverse}},
+             &kept);
+  // clang-format on
 }
 
 TEST_F(OutputBuffer, WritesToAStreamAndReadsItBack) {
+  new_output_buf();
   const file_ptr stream(std::tmpfile());
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(set_output_file(stream.get()), stream.get());
@@ -107,15 +94,6 @@ TEST_F(OutputBuffer, TellsWhatTheStreamRefusesWhenItIsAsked) {
   set_output_file(write_only.get());
   EXPECT_EQ(capture([] { get_data(5); }).errors,
             "fatal: could not read 5 bytes from file: Bad file descriptor\n");
-}
-
-TEST_F(OutputBuffer, ReversesBytesInPlace) {
-  Bytes odd = {1, 2, 3};
-  charreverse(odd.data(), 3);
-  EXPECT_EQ(odd, (Bytes{3, 2, 1}));
-  charreverse(odd.data(), 1);
-  charreverse(odd.data(), 0);
-  EXPECT_EQ(odd, (Bytes{3, 2, 1}));
 }
 
 }  // namespace

@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "captured_run.h"
-#include "debug_print.h"
-#include "engine_fixture.h"
-#include "engine_settings.h"
+#include "engine_steps.h"
 #include "plain_motion.h"
 
 namespace kelvane {
@@ -13,23 +10,38 @@ namespace {
 
 using Blocks = std::vector<moved_block>;
 
-std::vector<moved_block> pieces_of(const map_list& list) {
-  Blocks pieces;
-  for (const memory_map* piece = list.first(); piece != nullptr; piece = piece->next) {
-    pieces.push_back({piece->from, piece->to, piece->size});
+std::string text_of_runs(const Blocks& blocks) {
+  std::vector<std::string> items;
+  for (const moved_block& block : blocks) {
+    items.push_back(in_hex(block.from) + ">" + in_hex(block.to) + "+" + in_hex(block.size));
   }
-  return pieces;
+  return separated(items);
 }
 
 class BlockPass : public EngineTest {};
 
-TEST_F(BlockPass, FindsARunThatIsLongerThanTheLimit) {
-  const Bytes old_bytes = bytes_of("ABCDEFGHIJKLM..");
-  const Bytes new_bytes = bytes_of("++ABCDEFGHIJKLM");
-  EXPECT_EQ(moved_blocks(old_bytes, new_bytes, 13), Blocks{});
-  EXPECT_EQ(moved_blocks(old_bytes, new_bytes, 12), (Blocks{{0, 2, 13}}));
-  EXPECT_EQ(moved_blocks(old_bytes, new_bytes, UINT32_MAX), Blocks{});
-  EXPECT_EQ(moved_blocks({}, new_bytes, 0), Blocks{});
+TEST_F(BlockPass, FindsWhatTheTableSays) {
+  std::list<Bytes> kept;
+  const auto runs = [](Data old_data, Data new_data, uint32_t limit) {
+    return text_of_runs(moved_blocks(old_data.bytes, new_data.bytes, limit));
+  };
+  const auto pass = [](Data old_data, Data new_data) {
+    map_list list;
+    block_pass(list, old_data.bytes, 0x1000, new_data.bytes, 0x2000);
+    Blocks pieces;
+    for (const memory_map* piece = list.first(); piece != nullptr; piece = piece->next) {
+      pieces.push_back({piece->from, piece->to, piece->size});
+    }
+    return text_of_runs(pieces);
+  };
+  map_list list;
+  insert_map(list, new_map(20, 50, 4));
+  insert_map(list, new_map(40, 30, 4));
+  const auto overlaps = [&list](uint32_t from, uint32_t to, uint32_t size) {
+    return is_map(list, from, to, size);
+  };
+  go_through(KELVANE_TABLES "block_pass.table",
+             {{"runs", runs}, {"pass", pass}, {"is_map", overlaps}}, &kept);
 }
 
 TEST_F(BlockPass, FindsWhatThePlainLoopFindsInAllShortSections) {
@@ -68,45 +80,6 @@ TEST_F(BlockPass, FindsWhatThePlainLoopFindsInShuffledSections) {
               plain_moved_blocks(old_bytes, new_bytes, limit))
         << round;
   }
-}
-
-TEST_F(BlockPass, MakesNoPieceOfWhatIsInPlaceOrOverlapsAnother) {
-  min_swap_block_size = 3;
-  debug_level = 3;
-  map_list list;
-  insert_map(list, new_map(20, 50, 4));
-  insert_map(list, new_map(40, 30, 4));
-  struct Case {
-    const char* why;
-    const char* old_text;
-    const char* new_text;
-    Blocks pieces;
-    const char* words;
-  };
-  const Case cases[] = {
-      {"moved", "abcd....", "####abcd", {{0, 4, 4}}, "Memory 0x1000 moved to 0x2004\n"},
-      {"the bytes are there already",
-       "abcdabcd",
-       "########abcd####abcd",
-       {{0, 8, 4}},
-       "Memory 0x1000 moved to 0x2008\n"},
-      {"in place", "abcdabcd", "####abcd", {}, ""},
-  };
-  for (const Case& row : cases) {
-    SCOPED_TRACE(row.why);
-    const Bytes old_bytes = bytes_of(row.old_text);
-    const Bytes new_bytes = bytes_of(row.new_text);
-    map_list own;
-    const CapturedRun run = capture([&] { block_pass(own, old_bytes, 0x1000, new_bytes, 0x2000); });
-    EXPECT_EQ(pieces_of(own), row.pieces);
-    EXPECT_EQ(run.errors, row.words);
-  }
-  // Sources are compared with sources and destinations with destinations.
-  EXPECT_TRUE(is_map(list, 23, 90, 4));
-  EXPECT_FALSE(is_map(list, 24, 90, 4));
-  EXPECT_TRUE(is_map(list, 90, 27, 4));
-  EXPECT_FALSE(is_map(list, 90, 26, 4));
-  EXPECT_FALSE(is_map(list, 50, 40, 4));
 }
 
 }  // namespace

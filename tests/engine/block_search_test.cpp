@@ -5,27 +5,25 @@
 #include <algorithm>
 #include <string>
 
-#include "bytes.h"
+#include "engine_steps.h"
 #include "plain_search.h"
 
 namespace kelvane {
 namespace {
 
-int32_t compare_with_differences_at(std::initializer_list<size_t> places, int32_t n) {
-  const Bytes a(static_cast<size_t>(n), 'a');
-  Bytes b = a;
-  for (const size_t place : places) {
-    b[place] = 'b';
-  }
-  return bstrncmp(a.data(), b.data(), n);
-}
-
-TEST(FuzzyCompare, ToleratesOneByteInTenOfThoseSeenSoFar) {
-  EXPECT_EQ(compare_with_differences_at({}, 20), 0);
-  EXPECT_EQ(compare_with_differences_at({9, 19}, 20), 2);
-  EXPECT_EQ(compare_with_differences_at({8}, 20), -1);
-  EXPECT_EQ(compare_with_differences_at({9, 10}, 20), -1);
-  EXPECT_EQ(compare_with_differences_at({9, 18}, 20), -1);
+TEST(BlockSearch, GivesWhatTheTableSays) {
+  std::list<Bytes> kept;
+  const auto compare = [](Data a, Data b) {
+    return bstrncmp(a.bytes.data(), b.bytes.data(), static_cast<int32_t>(a.bytes.size()));
+  };
+  const auto find = [](Data a, Data b, uint16_t blocksize, int32_t max_scan) {
+    const Agreement found = find_agreement({a.bytes.data(), static_cast<uint32_t>(a.bytes.size())},
+                                           {b.bytes.data(), static_cast<uint32_t>(b.bytes.size())},
+                                           blocksize, max_scan);
+    return std::to_string(found.result) + ":" + std::to_string(found.offset1) + ":" +
+           std::to_string(found.offset2);
+  };
+  go_through(KELVANE_TABLES "block_search.table", {{"compare", compare}, {"find", find}}, &kept);
   EXPECT_EQ(bstrncmp(nullptr, nullptr, 0), 0);
   EXPECT_EQ(bstrncmp(nullptr, nullptr, -1), 0);
 }
@@ -171,34 +169,6 @@ TEST(RingSearch, FindsTheFirstPairOfThePlainLoopInPaddedRecords) {
     agreements += found.result >= 0 && std::max(found.offset1, found.offset2) > 64 ? 1 : 0;
   }
   EXPECT_GT(agreements, 20);  // of those that diagonals find
-}
-
-TEST(RingSearch, KeepsTheOrderOfARing) {
-  // At distance 2 the pairs (2, 2), (2, 0) and (0, 2) would all do; replacing comes first, then
-  // removal, then insertion.
-  const Bytes block = bytes_of("0123456789");
-  const Bytes both = joined({bytes_of("xx"), block});
-  const Bytes other = joined({bytes_of("yy"), block});
-  const Agreement replaced = find_agreement({both.data(), 12}, {other.data(), 12}, 10, 10);
-  EXPECT_EQ(replaced.offset1, 2U);
-  EXPECT_EQ(replaced.offset2, 2U);
-  const Bytes longer = joined({block, bytes_of("zz")});
-  const Agreement removed = find_agreement({both.data(), 12}, {longer.data(), 12}, 10, 10);
-  EXPECT_EQ(removed.offset1, 2U);
-  EXPECT_EQ(removed.offset2, 0U);
-  const Agreement inserted = find_agreement({longer.data(), 12}, {both.data(), 12}, 10, 10);
-  EXPECT_EQ(inserted.offset1, 0U);
-  EXPECT_EQ(inserted.offset2, 2U);
-}
-
-TEST(RingSearch, NeedsAScanLimitAboveOne) {
-  const Bytes a = bytes_of("x0123456789");
-  const Bytes b = bytes_of("y0123456789");
-  const Rest rest1 = {a.data(), 11};
-  const Rest rest2 = {b.data(), 11};
-  EXPECT_EQ(find_agreement(rest1, rest2, 10, 2).result, 0);
-  EXPECT_EQ(find_agreement(rest1, rest2, 10, 1).result, -1);
-  EXPECT_EQ(find_agreement(rest1, rest2, 10, -5).result, -1);
 }
 
 }  // namespace

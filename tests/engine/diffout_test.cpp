@@ -2,170 +2,112 @@
 
 #include <gtest/gtest.h>
 
-#include <list>
-
-#include "binshared.h"
-#include "captured_run.h"
-#include "debug_print.h"
-#include "engine_fixture.h"
-#include "engine_settings.h"
+#include "engine_steps.h"
 #include "image.h"
-#include "increments.h"
-#include "substitution.h"
+#include "run_program.h"
 #include "temporary_directory.h"
 
 namespace kelvane {
-namespace {
 
-Bytes written() {
-  return {get_output_buf(), get_output_buf() + get_output_buf_size()};
+// Commands in a table: address and size of each.
+struct Commands {
+  std::vector<Move> list;
+};
+static void from_text(const std::string& text, Commands* commands) {
+  for (size_t start = 0; start < text.size();) {
+    const size_t end = std::min(text.find(';', start), text.size());
+    const size_t colon = text.find(':', start);
+    commands->list.push_back(
+        {static_cast<uint32_t>(std::stoul(text.substr(start))), std::stoi(text.substr(colon + 1))});
+    start = end + 1;
+  }
 }
+
+namespace {
 
 class PatchFormat : public EngineTest {
  protected:
   PatchFormat() { new_output_buf(); }
 
-  // Adds a substitution of bytes that live as long as the test.
-  void substitute(uint32_t address, Bytes bytes) {
-    const Bytes& kept = images_.emplace_back(std::move(bytes));
-    add_substitution(address, static_cast<uint32_t>(kept.size()), kept.data());
-  }
-
-  // The CM_SUBSTITUTE of what was added so far, and nothing else.
-  Bytes substitute_command() {
-    new_output_buf();
-    dump_sub_command(CM_SUBSTITUTE, first_sub, 0);
-    first_sub = nullptr;
-    last_sub = nullptr;
-    return written();
-  }
-
-  std::list<Bytes> images_;
-};
-
-TEST_F(PatchFormat, DividesAListIntoAbsoluteAndRelativeCommands) {
-  TargetIsBigEndian = 1;
-  substitute(0x1000, {0x11, 0x22});
-  substitute(0x1010, {0x33, 0x44, 0x55});
-  substitute(0x5000, {0x66, 0x77});
-  EXPECT_EQ(substitute_command(),
-            (Bytes{0x01, 0x00, 0x02,                                            // code, lists
-                   0x00, 0x01, 0x00, 0x00, 0x50, 0x00, 0, 0, 0, 2, 0x66, 0x77,  // absolute list
-                   0x00, 0x02, 0x00, 0x00, 0x10, 0x00,  // relative list, base
-                   0x00, 0x02, 0x11, 0x22,              // distance, size, data
-                   0x10, 0x03, 0x33, 0x44, 0x55}));
-  TargetIsBigEndian = 0;
-  substitute(0x5000, {0x66, 0x77});
-  EXPECT_EQ(substitute_command(), (Bytes{1, 1, 0, 1, 0, 0x00, 0x50, 0, 0, 2, 0, 0, 0, 0x66, 0x77}));
-}
-
-TEST_F(PatchFormat, KeepsDistancesAndSizesOfARelativeListInAByte) {
-  use_fill_command = 0;
-  compressed_substitutions = 0;
-  const auto lists_of = [this](std::vector<Move> commands) {
-    for (const Move& command : commands) {
-      substitute(command.address, Bytes(static_cast<size_t>(command.size), 'x'));
+  // The lists into which commands of a size are divided.
+  static std::string lists_of(const Commands& commands) {
+    command_record* first = nullptr;
+    command_record* last = nullptr;
+    for (const Move& command : commands.list) {
+      command_record* const record = gen_alloc_array<command_record>(1);
+      record->address = command.address;
+      record->size = command.size;
+      append_command(record, &first, &last);
     }
     command_list* lists = nullptr;
-    command_list* last = nullptr;
-    const uint16_t count = generate_command_list(first_sub, &lists, &last, 0);
-    first_sub = nullptr;
-    last_sub = nullptr;
-    std::vector<std::vector<uint32_t>> addresses;
-    for (const command_list* list = lists; list != nullptr; list = list->next) {
-      EXPECT_EQ(list->flags, addresses.empty() ? 0U : CL_RELATIVE);
-      addresses.emplace_back();
-      for (const command_record* record = list->first; record != nullptr; record = record->next) {
-        addresses.back().push_back(record->address);
+    command_list* last_list = nullptr;
+    const uint16_t count = generate_command_list(first, &lists, &last_list, 0);
+    std::string text;
+    size_t found = 0;
+    for (const command_list* list = lists; list != nullptr; list = list->next, ++found) {
+      EXPECT_EQ(list->flags, found == 0 ? 0U : CL_RELATIVE);
+      std::vector<std::string> addresses;
+      for (const Move& command : moves_of(list->first)) {
+        addresses.push_back(in_hex(command.address));
       }
-      EXPECT_EQ(addresses.back().size(), list->num_commands);
+      EXPECT_EQ(addresses.size(), list->num_commands);
+      text += "[" + separated(addresses) + "]";
     }
-    EXPECT_EQ(count, addresses.size());
+    EXPECT_EQ(count, found);
     free_command_list(lists);
-    return addresses;
-  };
-  using Lists = std::vector<std::vector<uint32_t>>;
-  EXPECT_EQ(lists_of({{0, 255}, {255, 255}}), (Lists{{}, {0, 255}}));
-  EXPECT_EQ(lists_of({{0, 255}, {256, 255}}), (Lists{{0, 256}}));
-  EXPECT_EQ(lists_of({{0, 256}, {100, 255}}), (Lists{{0, 100}}));
-  EXPECT_EQ(lists_of({{0, 2}, {100, 256}}), (Lists{{0, 100}}));
-  EXPECT_EQ(lists_of({{0, 2}, {10, 2}, {20, 256}}), (Lists{{20}, {0, 10}}));
-  EXPECT_EQ(lists_of({{100, 2}, {50, 2}}), (Lists{{100, 50}}));  // descending
-  EXPECT_EQ(lists_of({{0, 2}, {10, 2}, {1000, 2}, {2000, 2}, {2010, 2}}),
-            (Lists{{1000}, {0, 10}, {2000, 2010}}));
-  relative_substitutions = 0;
-  EXPECT_EQ(lists_of({{0, 2}, {10, 2}}), (Lists{{0, 10}}));
-}
+    return text;
+  }
 
-TEST_F(PatchFormat, WritesSingleBytesWithoutSizes) {
-  TargetIsBigEndian = 1;
-  substitute(0x1000, {0xAA});
-  substitute(0x1005, {0xBB});
-  substitute(0x9000, {0xCC});
-  dump_command_set(0);
-  EXPECT_EQ(written(), (Bytes{3, 0, 0,                                      //
-                              2, 0, 2,                                      //
-                              0, 1, 0, 0, 0x90, 0, 0xCC,                    // absolute
-                              0, 2, 0, 0, 0x10, 0, 0,    0xAA, 5, 0xBB}));  // relative
-  EXPECT_EQ(first_sub_one, nullptr);
-}
+  // The bytes behind those shown last.
+  std::string next(size_t count) {
+    const Bytes all = output_bytes();
+    shown_ = std::min(shown_, all.size());
+    const size_t end = std::min(shown_ + count, all.size());
+    const auto at = [&all](size_t place) { return all.begin() + static_cast<ptrdiff_t>(place); };
+    const std::string text = hex_of({at(shown_), at(end)});
+    shown_ = end;
+    return text;
+  }
 
-TEST_F(PatchFormat, WritesEachKindInItsOrderAndEmptiesTheLists) {
-  incr_enabled = 1;
-  add_move(0x10, -4);
-  add_move(0x20, 0);
-  substitute(0x100, Bytes(100, 'a'));  // a fill
-  substitute(0x200, {1, 2});           // bytes
-  substitute(0x300, {7});              // one byte
-  use_fill_command = 0;
-  substitute(0x400, Bytes(18, 0));  // too short to be compressed
-  min_compression_length = 3;
-  substitute(0x500, Bytes(18, 0));  // compressed: 00 DC FF
-  add_increment(0x1000, 4, 4, 1);
-  EXPECT_EQ(dump_command_set(42), 42);
-  Bytes expected = {3, 1, 0, 0x10, 0, 0, 0, 0x10, 0, 0, 0, 0xFC, 0xFF, 0xFF, 0xFF};
-  const Bytes substitutes = joined(
-      {{1, 1, 0, 2, 0}, {0, 2, 0, 0, 2, 0, 0, 0, 1, 2}, {0, 4, 0, 0, 18, 0, 0, 0}, Bytes(18, 0)});
-  const Bytes compressed = {5, 1, 0, 1, 0, 0, 5, 0, 0, 3, 0, 0, 0, 0, 0xDC, 0xFF};
-  const Bytes single = {2, 1, 0, 1, 0, 0, 3, 0, 0, 7};
-  const Bytes fill = {6, 1, 0, 0, 1, 0, 0, 100, 0, 'a'};
-  const Bytes result = written();
-  expected = joined({expected, substitutes, compressed, single, fill});
-  ASSERT_GT(result.size(), expected.size());
-  EXPECT_EQ(Bytes(result.begin(), result.begin() + static_cast<std::ptrdiff_t>(expected.size())),
-            expected);
-  EXPECT_EQ(result[expected.size()], 7);  // CM_INCRS comes last
+  int32_t dump(int32_t x) {
+    shown_ = 0;
+    return dump_command_set(x);
+  }
 
-  new_output_buf();
-  incr_enabled = 0;
-  dump_command_set(0);
-  EXPECT_EQ(written(), (Bytes{3, 0, 0}));
+  size_t shown_ = 0;
+};
+
+TEST_F(PatchFormat, IsWhatTheTableSays) {
+  std::list<Bytes> kept;
+  go_through(KELVANE_TABLES "diffout.table",
+             {{"lists", [](Commands commands) { return lists_of(commands); }},
+              {"next", [this](size_t count) { return next(count); }},
+              {"dump_command_set", [this](int32_t x) { return dump(x); }}},
+             &kept);
 }
 
 class PatchOfFiles : public PatchFormat {
  protected:
+  CapturedRun dump_to(const std::string& name) {
+    return capture([&] { dump_to_file(&first_, &second_, name.c_str()); });
+  }
+
   file_data first_ = {"old.elf", nullptr, 0x1122, 0x01020304, 0, nullptr, nullptr, 0};
   file_data second_ = {"new.elf", nullptr, 0x3344, 0x05060708, 0, nullptr, nullptr, 0};
+  TemporaryDirectory directory_;
 };
 
-TEST_F(PatchOfFiles, WritesBothVersionsOfAPatchOfEqualFiles) {
-  const TemporaryDirectory directory;
-  file_data file = {"f", nullptr, 6, 0xAABBCCDD, 0, nullptr, nullptr, 0};
-  dump_to_file(&file, &file, directory.path("v0").c_str());
-  EXPECT_EQ(bytes_of(directory.read("v0")), (Bytes{0xDD, 0xCC, 0xBB, 0xAA, 0xDD, 0xCC, 0xBB, 0xAA,
-                                                   6, 0, 0, 0, 6, 0, 0, 0, 3, 0, 0}));
-  version = 1;
-  debug_level = 1;
-  const CapturedRun run =
-      capture([&] { dump_to_file(&file, &file, directory.path("v1").c_str()); });
-  EXPECT_EQ(run.errors, "Patch size: 31  checksum: 0xc000\n");
-  EXPECT_EQ(bytes_of(directory.read("v1")),
-            joined({{0x7F, 'Q', 'V', 'R', 0, 0, 0, 1, 0, 0, 0, 7, 0, 0, 0, 0, 4, 0, 0, 0},
-                    {1, 0, 0, 0, 0xDD, 0xCC, 0xBB, 0xAA, 0xDD, 0xCC, 0xBB, 0xAA},
-                    {6, 0, 0, 0, 6, 0, 0, 0, 31, 0, 0, 0, 0, 0xC0, 0, 0, 3, 0, 0}}));
-}
+TEST_F(PatchOfFiles, PrintsWhatItWrites) {
+  const Bytes bytes = bytes_of("0123456789abcdefg\1\2\11\5\5\5\5");
+  add_substitution(0x1000, 17, &bytes[0]);
+  add_substitution(0x1020, 2, &bytes[17]);
+  add_substitution(0x9000, 1, &bytes[19]);
+  add_substitution(0xA000, 4, &bytes[20]);
+  debug_level = 4;
+  std::string words = capture([] { dump_command_set(0); }).errors;
+  debug_level = 0;
 
-TEST_F(PatchOfFiles, FramesMemoryModeWithCrt1AndChecksums) {
+  // A patch of memory mode, with its bytes from the crt1 on.
   fDiffMemory = 1;
   version = 1;
   TargetIsBigEndian = 1;
@@ -173,52 +115,49 @@ TEST_F(PatchOfFiles, FramesMemoryModeWithCrt1AndChecksums) {
   second_.crt1 = 0x200;
   add_checksum(&first_checksum1, &last_checksum1, 0x1000, 0x10);
   checksum1 = 0xDEADBEEF;
+  swap_trees = 3;
   debug_level = 2;
-  const CapturedRun run = capture([this] { dump_commands(&first_, &second_); });
-  EXPECT_EQ(run.errors,
-            "\n"
-            "old.elf: crt1: 0x100\n"
-            "new.elf: crt1: 0x200\n"
-            "\nCM_CHECKSUM\n"
-            "num_regions=1\n"
-            " range=0x1000 - 0x100f\n"
-            " checksum=0xdeadbeef\n"
-            "\nCM_MOVE\n"
-            "num_blocks=0\n"
-            "\nCM_SUBSTITUTE\n"
-            "\nCM_SUB_COMP\n"
-            "\nCM_SUB_ONE\n"
-            "\nCM_FILL\n"
-            "\nCM_CHECKSUM\n"
-            "\n"
-            "Patch size: 40  checksum: 0xf14bff4\n");
-  const Bytes result = written();
-  EXPECT_EQ(Bytes(result.begin(), result.begin() + 8), (Bytes{0, 0, 0, 1, 0, 0, 0, 40}));
-  EXPECT_EQ(
-      Bytes(result.begin() + 12, result.end()),
-      (Bytes{0, 0, 1, 0, 0, 0, 2, 0,  // crt1
-             4, 0, 0, 0, 1, 0, 0, 0x10, 0, 0, 0, 0x10, 0x10, 0xDE, 0xAD, 0xBE, 0xEF, 3, 0, 0}));
+  num_moves = 7;
+  new_output_buf();
+  words += capture([this] { dump_commands(&first_, &second_); }).errors;
+  EXPECT_EQ(words, read_whole_file(KELVANE_TABLES "diffout.words"));
+  EXPECT_EQ(num_moves, 0);
+  EXPECT_EQ(hex_of(output_bytes()).substr(0, 16), "0000000100000028");
+  EXPECT_EQ(hex_of(output_bytes()).substr(24),
+            "0000010000000200"                            // crt1
+            "04000000010000100000001010deadbeef030000");  // checksum, moves
+}
+
+TEST_F(PatchOfFiles, WritesBothVersionsOfAPatchOfEqualFiles) {
+  first_ = second_ = {"f", nullptr, 6, 0xAABBCCDD, 0, nullptr, nullptr, 0};
+  EXPECT_EQ(dump_to(directory_.path("v0")).errors, "");
+  EXPECT_EQ(hex_of(bytes_of(directory_.read("v0"))), "ddccbbaaddccbbaa0600000006000000030000");
+  version = 1;
+  debug_level = 1;
+  EXPECT_EQ(dump_to(directory_.path("v1")).errors, "Patch size: 31  checksum: 0xc000\n");
+  EXPECT_EQ(hex_of(bytes_of(directory_.read("v1"))),
+            "7f5156520000000100000007000000000400000001000000ddccbbaaddccbbaa"
+            "06000000060000001f00000000c00000030000");
 }
 
 TEST_F(PatchOfFiles, EndsTheRunWithoutCrt1OrWhereItCannotWrite) {
-  const TemporaryDirectory directory;
   fDiffMemory = 1;
   version = 1;
-  second_.crt1 = 5;
-  CapturedRun run = capture([&] { dump_to_file(&first_, &second_, directory.path("p").c_str()); });
-  EXPECT_EQ(run.errors, "fatal: could not find __qvr_ind_crt1() in 'old.elf'\n");
-  EXPECT_EQ(run.status, 1);
-  first_.crt1 = 5;
-  second_.crt1 = 0;
-  run = capture([&] { dump_to_file(&first_, &second_, directory.path("p").c_str()); });
-  EXPECT_EQ(run.errors, "fatal: could not find __qvr_ind_crt1() in 'new.elf'\n");
+  for (const bool first : {true, false}) {
+    first_.crt1 = first ? 0 : 5;
+    second_.crt1 = first ? 5 : 0;
+    const CapturedRun run = dump_to(directory_.path("p"));
+    EXPECT_EQ(run.errors, std::string("fatal: could not find __qvr_ind_crt1() in '") +
+                              (first ? "old.elf'\n" : "new.elf'\n"));
+    EXPECT_EQ(run.status, 1);
+  }
   for (const int32_t patch_version : {0, 1}) {
     version = patch_version;
     fDiffMemory = 0;
-    run = capture([&] { dump_to_file(&first_, &second_, directory.path("no/p").c_str()); });
+    CapturedRun run = dump_to(directory_.path("no/p"));
     EXPECT_EQ(run.errors, "fatal: gfile: could not open file for writing\n");
     EXPECT_EQ(run.status, 1);
-    run = capture([&] { dump_to_file(&first_, &second_, "/dev/full"); });
+    run = dump_to("/dev/full");
     EXPECT_EQ(run.errors, "fatal: error writing patch file '/dev/full': No space left on device\n");
     EXPECT_EQ(run.status, 1);
   }
@@ -233,44 +172,6 @@ TEST_F(PatchOfFiles, AsksWhetherItsPositionsCouldBeTaken) {
   EXPECT_EQ(run.status, 1);
   set_output_file(nullptr);
   ::pclose(pipe);
-}
-
-TEST_F(PatchFormat, PrintsWhatItWrites) {
-  substitute(0x1000, bytes_of("0123456789abcdefg"));
-  substitute(0x1020, {1, 2});
-  substitute(0x9000, {9});
-  substitute(0xA000, {5, 5, 5, 5});
-  debug_level = 4;
-  EXPECT_EQ(capture([] { dump_command_set(0); }).errors,
-            "\nCM_MOVE\n"
-            "num_blocks=0\n"
-            "\nCM_SUBSTITUTE\n"
-            " generate_command_list\n"
-            "  add rel(0x1000)\n"
-            "  add rel(0x1020)\n"
-            "num_lists=2\n"
-            "num_commands=0\n"
-            " size: 0x6 - 0x8\n"
-            "num_commands=2 (rel)\n"
-            " <0x1000, 0x11>\n"
-            "   30 31 32 33 34 35 36 37  38 39 61 62 63 64 65 66\n"
-            "   67\n"
-            " <0x1020, 0x2>\n"
-            "   01 02\n"
-            " size: 0x8 - 0x25\n"
-            "\nCM_SUB_COMP\n"
-            "\nCM_SUB_ONE\n"
-            " generate_command_list\n"
-            "  add abs(0x9000)\n"
-            "num_lists=1\n"
-            "num_commands=1\n"
-            " <0x9000>\n"
-            "   09\n"
-            " size: 0x28 - 0x2f\n"
-            "\nCM_FILL\n"
-            "num_commands=1\n"
-            " <0xa000, 0x4, 0x05>\n"
-            " size: 0x2f - 0x39\n");
 }
 
 }  // namespace

@@ -2,13 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <list>
+#include <algorithm>
 #include <numeric>
 
-#include "captured_run.h"
-#include "debug_print.h"
-#include "engine_fixture.h"
-#include "engine_settings.h"
+#include "engine_steps.h"
 #include "image.h"
 #include "plain_motion.h"
 
@@ -16,12 +13,6 @@ namespace kelvane {
 namespace {
 
 using Moves = std::vector<Move>;
-
-struct Symbol {
-  const char* name;
-  uint32_t value;
-  uint32_t size;
-};
 
 struct Piece {
   uint32_t from;
@@ -31,40 +22,43 @@ struct Piece {
 };
 using Pieces = std::vector<Piece>;
 
-Pieces pieces_of(const map_list& list) {
-  Pieces pieces;
-  for (const memory_map* piece = list.first(); piece != nullptr; piece = piece->next) {
-    pieces.push_back({piece->from, piece->to, piece->size});
-  }
-  return pieces;
-}
-
 constexpr uint32_t kOld = 0x1000;
 constexpr uint32_t kNew = 0x2000;
 
+// Symbols as a table gives them; those that are not ".heap" are the relevant ones, in name order.
+struct Symbols {
+  std::vector<elf32::symbol> records;
+  std::string strings;
+
+  void add(const char* name, uint32_t value, uint32_t size) {
+    records.push_back({static_cast<uint32_t>(strings.size()), value, size, elf32::STT_FUNC, 0, 1});
+    strings += std::string(name) + '\0';
+  }
+  symbol_table table() {
+    const auto is_relevant = [this](const elf32::symbol& symbol) {
+      return strings.compare(symbol.st_name, 5, ".heap") != 0;
+    };
+    return {static_cast<int32_t>(records.size()),
+            static_cast<int32_t>(std::count_if(records.begin(), records.end(), is_relevant)),
+            records.data(), strings.data(), static_cast<uint32_t>(strings.size())};
+  }
+};
+
 class Motion : public EngineTest {
  protected:
-  Motion() {
+  Motion() { start(); }
+
+  void start() {
+    reset_all_state();
+    gen_endian_init();
     old_bytes_.resize(256);
     std::iota(old_bytes_.begin(), old_bytes_.end(), uint8_t{0});
     new_bytes_ = old_bytes_;
+    moved_ = old_bytes_;
+    old_symbols_ = {};
+    new_symbols_ = {};
+    compared_.clear();
     swap_enabled = 1;
-  }
-
-  // The symbols of one image; those in front of ".heap" are the relevant ones, in name order.
-  void define(symbol_table* symbols, std::vector<Symbol> list) {
-    tables_.emplace_back();
-    auto& [records, strings] = tables_.back();
-    int32_t relevant = 0;
-    for (const Symbol& symbol : list) {
-      records.push_back({static_cast<uint32_t>(strings.size()), symbol.value, symbol.size,
-                         elf32::STT_FUNC, 0, 1});
-      strings += symbol.name;
-      strings += '\0';
-      relevant += std::string_view(symbol.name) != ".heap" ? 1 : 0;
-    }
-    *symbols = {static_cast<int32_t>(records.size()), relevant, records.data(), strings.data(),
-                static_cast<uint32_t>(strings.size())};
   }
 
   // Puts bytes of the old section at another place of the new one.
@@ -72,193 +66,56 @@ class Motion : public EngineTest {
     std::copy_n(old_bytes_.begin() + from, size, new_bytes_.begin() + to);
   }
 
-  CapturedRun move(int32_t deconstruct = -1) {
+  void move(int32_t deconstruct) {
+    table1 = old_symbols_.table();
+    table2 = new_symbols_.table();
+    if (!compared_.empty()) {
+      begin_motion(compared_);
+    }
     moved_ = old_bytes_;
     const auto size = static_cast<uint32_t>(moved_.size());
     uint8_t* const bytes = moved_.data();
-    return capture([&] {
-      do_sym_diff(bytes, kOld, size, new_bytes_.data(), kNew,
-                  static_cast<uint32_t>(new_bytes_.size()), deconstruct);
-    });
+    do_sym_diff(bytes, kOld, size, new_bytes_.data(), kNew,
+                static_cast<uint32_t>(new_bytes_.size()), deconstruct);
+  }
+
+  const char* section() const {
+    return moved_ == new_bytes_ ? "new" : moved_ == old_bytes_ ? "old" : "other";
   }
 
   Bytes old_bytes_;
   Bytes new_bytes_;
   Bytes moved_;
-
- private:
-  std::list<std::pair<std::vector<elf32::symbol>, std::string>> tables_;
+  Symbols old_symbols_;
+  Symbols new_symbols_;
+  std::vector<address_range> compared_;
 };
 
-constexpr char kNoRegion[] = "warning: No usable swap region found for memory swapping pass\n";
-
-TEST_F(Motion, DoesNothingUnlessItIsAskedFor) {
-  swap_enabled = 0;
-  define(&table1, {{"f", kOld, 32}});
-  define(&table2, {{"f", kNew + 64, 32}});
-  EXPECT_EQ(move().errors, "");
-  EXPECT_EQ(first_abs_move, nullptr);
-}
-
-TEST_F(Motion, MovesASymbolWithoutASwapRegion) {
-  define(&table1, {{"f", kOld + 16, 32}, {"stays", kOld + 128, 32}, {"leaves", kOld + 200, 16}});
-  define(&table2, {{"f", kNew + 64, 40}, {"leaves", 0x9000, 16}, {"stays", kNew + 128, 32}});
-  carry(16, 64, 32);
-  debug_level = 3;
-  EXPECT_EQ(move().errors, std::string(kNoRegion) +
-                               "Symbol f moved\nNeed 0 bytes of swap to move symbols, 0 avail\n"
-                               " CMD: ins 48 at 0x1010\n CMD: end at 0x1030\n");
-  EXPECT_EQ(moves_of(first_abs_move), (Moves{{kOld + 16, 48}, {kOld + 48, 0}}));
-  EXPECT_EQ(moved_, new_bytes_);
-  EXPECT_EQ(swap_trees, 2);
-}
-
-TEST_F(Motion, ParksOneOfTwoSymbolsThatExchangeTheirPlaces) {
-  define(&table1, {{"a", kOld, 32}, {"b", kOld + 32, 32}, {".heap", 0x8000, 0x100}});
-  define(&table2, {{"a", kNew + 32, 32}, {"b", kNew, 32}});
-  carry(0, 32, 32);
-  carry(32, 0, 32);
-  debug_level = 3;
-  EXPECT_EQ(move().errors,
-            "Symbol a moved\nSymbol b moved\n"
-            "Need 32 bytes of swap to move symbols, 256 avail\n"
-            " CMD: ins 28672 at 0x1000\n CMD: end at 0x1020\n"
-            " CMD: rem -32 at 0x1000\n CMD: end at 0x1040\n");
-  // The first comes back from where nothing favours it any more, so it stays in the swap region.
-  EXPECT_EQ(moves_of(first_abs_move),
-            (Moves{{kOld, 0x7000}, {kOld + 32, 0}, {kOld + 32, -32}, {kOld + 64, 0}}));
-}
-
-TEST_F(Motion, MovesPiecesAboveTheLimitOnly) {
-  struct Case {
-    uint32_t size;
-    bool exchanged;
-    uint32_t heap;
-    size_t moves;  // records of the list
-  };
-  // Nothing is parked behind the end of the addresses.
-  for (const Case& row :
-       {Case{12, false, 0x8000, 0}, Case{13, false, 0x8000, 2}, Case{24, true, 0x8000, 2},
-        Case{25, true, 0x8000, 4}, Case{25, true, 0xFFFFFFE8, 2}, Case{25, true, 0xFFFFFFE7, 4}}) {
-    SCOPED_TRACE(row.size);
-    reset_all_state();
-    swap_enabled = 1;
-    new_bytes_ = old_bytes_;
-    define(&table1, {{"a", kOld, row.size}, {"b", kOld + 100, row.size}, {".heap", row.heap, 64}});
-    define(&table2,
-           {{"a", kNew + 100, row.size}, {"b", kNew + (row.exchanged ? 0 : 100), row.size}});
-    carry(0, 100, row.size);
-    if (row.exchanged) {
-      carry(100, 0, row.size);
-    }
-    EXPECT_EQ(move().errors, "");
-    EXPECT_EQ(moves_of(first_abs_move).size(), row.moves);
-  }
-}
-
-TEST_F(Motion, StaysInsideTheOldSection) {
-  new_bytes_.resize(400);
-  define(&table1, {{"a", kOld, 32}, {"b", kOld + 64, 32}, {"c", kOld + 240, 999}});
-  define(&table2, {{"a", kNew + 240, 32}, {"b", kNew + 300, 32}, {"c", kNew + 128, 999}});
-  carry(0, 240, 32);
-  carry(64, 300, 32);
-  carry(240, 128, 16);
-  EXPECT_EQ(move().errors, kNoRegion);
-  // The first is cut at the end, the second lies behind it, the third has an end of its own.
-  EXPECT_EQ(moves_of(first_abs_move),
-            (Moves{{kOld + 240, -112}, {kOld + 256, 0}, {kOld, 240}, {kOld + 16, 0}}));
-}
-
-TEST_F(Motion, TakesTheSwapRegionThatBothImagesHaveAndNoComparedSectionTouches) {
-  struct Case {
-    Symbol heap1;
-    Symbol heap2;
-    std::vector<address_range> compared;
-    int32_t available;
-  };
-  const Case cases[] = {
-      {{".heap", 0x8000, 0x100}, {".heap", 0x8040, 0x100}, {}, 0xC0},
-      {{".heap", 0x8000, 0x100}, {".heap", 0x9000, 0x40}, {}, 0x100},
-      {{".heap", 0x8000, 0x100}, {".heap", 0x8040, 0}, {}, 0},
-      {{".heap", 0x8000, 0x100}, {"other", 0, 0}, {{0x8100, 16}, {0x7FF0, 16}}, 0x100},
-      {{".heap", 0x8000, 0x100}, {"other", 0, 0}, {{0x80FF, 16}}, 0},
-      {{".heap", 0xFFFFFF00, 0x200}, {"other", 0, 0}, {{0, 0x100}}, 0x200},
-  };
-  for (const Case& row : cases) {
-    define(&table1, {{"a", kOld, 8}, row.heap1});
-    define(&table2, {{"a", kNew + 32, 8}, row.heap2});
-    begin_motion(row.compared);
-    debug_level = 3;
-    EXPECT_EQ(move().errors, (row.available == 0 ? kNoRegion : "") +
-                                 ("Symbol a moved\nNeed 0 bytes of swap to move symbols, " +
-                                  std::to_string(row.available) + " avail\n"));
-  }
-}
-
-TEST_F(Motion, GivesUpWhereTheSwapRegionIsTooSmall) {
-  define(&table1, {{"a", kOld, 32}, {"b", kOld + 32, 32}, {".heap", 0x8000, 31}});
-  define(&table2, {{"a", kNew + 32, 32}, {"b", kNew, 32}});
-  carry(0, 32, 32);
-  carry(32, 0, 32);
-  const std::string need = "Need 32 bytes of swap to move symbols, 31 avail\n";
-  const std::string attempt = "Attempting to deconstruct memory motion tree.\n";
-  const std::string gives_up =
-      "warning: Unable to perform memory swapping pass.  Not enough memory.\n";
-  EXPECT_EQ(move(-1).errors, "warning: " + need + "warning: " + attempt + gives_up);
-  EXPECT_EQ(move(0).errors, "info: " + need + "info: " + attempt + gives_up);
-  EXPECT_EQ(first_abs_move, nullptr);
-  EXPECT_EQ(moved_, old_bytes_);
-  // Asked for, the lines come with enough memory too.
-  define(&table1, {{"a", kOld, 32}, {".heap", 0x8000, 31}});
-  define(&table2, {{"a", kNew + 64, 32}});
-  EXPECT_EQ(move(1).errors,
-            "info: Need 0 bytes of swap to move symbols, 31 avail\ninfo: " + attempt);
-}
-
-TEST_F(Motion, CountsPiecesOfAllSectionsAgainstTheLimitOfTrees) {
-  define(&table1, {{"a", kOld, 16}, {"b", kOld + 64, 16}});
-  define(&table2, {{"a", kNew + 32, 16}, {"b", kNew + 96, 16}});
-  carry(0, 32, 16);
-  carry(64, 96, 16);
-  struct Case {
-    int32_t limit;
-    size_t moves_first;
-    size_t moves_both;
-    int32_t left;
-  };
-  for (const Case& row : {Case{0, 0, 0, 0}, Case{1, 2, 2, 0}, Case{3, 4, 6, 0}}) {
-    reset_all_state();
-    define(&table1, {{"a", kOld, 16}, {"b", kOld + 64, 16}});
-    define(&table2, {{"a", kNew + 32, 16}, {"b", kNew + 96, 16}});
-    swap_enabled = 1;
-    swap_maxtrees = row.limit;
-    EXPECT_EQ(move().errors, kNoRegion);
-    EXPECT_EQ(moves_of(first_abs_move).size(), row.moves_first);
-    move();
-    EXPECT_EQ(moves_of(first_abs_move).size(), row.moves_both);
-    EXPECT_EQ(swap_maxtrees, row.left);
-  }
-}
-
-TEST_F(Motion, SplitsAPieceThatSticksOut) {
-  map_list list;
-  memory_map* const parent = new_map(200, 100, 50);
-  memory_map* const piece = new_map(90, 500, 80);
-  insert_map(list, piece);
-  insert_map(list, parent);
-  buildTree(parent, list, 0);
-  EXPECT_EQ(pieces_of(list),
-            (Pieces{{90, 500, 10}, {100, 510, 50}, {150, 560, 20}, {200, 100, 50}}));
-  EXPECT_EQ(parent->child, piece);
-  EXPECT_EQ(piece->from, 100U);
+TEST_F(Motion, DoesWhatTheTableSays) {
+  std::list<Bytes> kept;
+  using Text = const char*;
+  // clang-format off
+  go_through(KELVANE_TABLES "motion.table",
+             {{"scenario", [this](Text) { start(); return ""; }},
+              {"old_symbol", [this](Text name, uint32_t value, uint32_t size) { old_symbols_.add(name, value, size); return ""; }},
+              {"new_symbol", [this](Text name, uint32_t value, uint32_t size) { new_symbols_.add(name, value, size); return ""; }},
+              {"new_size", [this](size_t size) { new_bytes_.resize(size); return ""; }},
+              {"carry", [this](uint32_t from, uint32_t to, uint32_t size) { carry(from, to, size); return ""; }},
+              {"compared", [this](uint32_t address, uint32_t size) { compared_.push_back({address, size}); return ""; }},
+              {"move", [this](int32_t deconstruct) { move(deconstruct); return ""; }},
+              {"section", [this](Text) { return section(); }},
+              {"trees", [](Text) { return swap_trees; }},
+              {"trees_left", [](Text) { return swap_maxtrees; }}},
+             &kept);
+  // clang-format on
 }
 
 TEST_F(Motion, RefusesTwoPiecesOfOneSourceInsideTheList) {
   map_list list;
   insert_map(list, new_map(10, 0, 4));
-  insert_map(list, new_map(10, 50, 4));
+  insert_map(list, new_map(10, 50, 4));  // at the head they may be, the later one in front
+  EXPECT_EQ(list.first()->to, 50U);
   insert_map(list, new_map(30, 60, 4));
-  EXPECT_EQ(pieces_of(list), (Pieces{{10, 50, 4}, {10, 0, 4}, {30, 60, 4}}));
   const CapturedRun run = capture([&] { insert_map(list, new_map(30, 70, 4)); });
   EXPECT_EQ(run.errors, "fatal: insert_map: Fatal Algorithm Error\n");
   EXPECT_EQ(run.status, 1);

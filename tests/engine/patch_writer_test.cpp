@@ -145,101 +145,71 @@ TEST(PatchAsAValue, KeepsTheOrderOfTheBlocksAndTakesAnyNumberOfClasses) {
   EXPECT_GT(stream_price, 40U * 70 / 8);
 }
 
+constexpr size_t kLimit = 65535;  // what a count of 16 bits can just tell
+
+using Add = std::function<void(patch_commands*)>;
+
+Add stores(std::vector<std::pair<uint32_t, uint32_t>> list) {
+  return [list = std::move(list)](patch_commands* commands) {
+    for (const auto& [address, size] : list) {
+      commands->substitutions.push_back(store(address, size));
+    }
+  };
+}
+
+// Runs of single bytes, each out of reach of the one before.
+Add spread(size_t runs, size_t length) {
+  return [=](patch_commands* commands) {
+    for (size_t i = 0; i < runs * length; ++i) {
+      commands->single_bytes.push_back(
+          store(static_cast<uint32_t>(1000 * (i / length) + i % length), 1));
+    }
+  };
+}
+
+Add blocks(size_t count) {
+  return [=](patch_commands* commands) { commands->blocks.assign(count, {0, 4, 4}); };
+}
+
+Add fills(size_t count) {
+  return [=](patch_commands* commands) { commands->fills.assign(count, {0, 4, 4}); };
+}
+
 struct PriceCase {
   const char* name;
-  std::function<void(patch_commands*)> add;
+  Add add;
   size_t cost;  // beside an empty patch
 };
 
 TEST(PatchAsAValue, CostsWhatTheTableSays) {
-  const auto substitute = [](std::initializer_list<std::pair<uint32_t, uint32_t>> stores) {
-    return [stores = std::vector<std::pair<uint32_t, uint32_t>>(stores)](patch_commands* commands) {
-      for (const auto& [address, size] : stores) {
-        commands->substitutions.push_back(store(address, size));
-      }
-    };
-  };
-  const size_t limit = 65535;
   constexpr size_t kAbsoluteCost = kAbsoluteSingleByteCost + 1;
   constexpr size_t kRelativeCost = kRelativeSingleByteCost + 1;
   constexpr size_t kPairCost = kRelativeListCost + 2 * kRelativeCost;
-  // Runs of single bytes, each out of reach of the one before.
-  const auto spread = [](size_t runs, size_t length) {
-    return [=](patch_commands* commands) {
-      for (size_t i = 0; i < runs * length; ++i) {
-        commands->single_bytes.push_back(
-            store(static_cast<uint32_t>(1000 * (i / length) + i % length), 1));
-      }
-    };
-  };
+  // clang-format off
   const PriceCase cases[] = {
-      {"nothing", [](patch_commands*) {}, 0},
-      {"block",
-       [](patch_commands* c) {
-         c->blocks = {{0, 4, 4}};
-       },
-       kBlockCost},
-      {"one store", substitute({{0, 9}}), kStoreCommandCost + kAbsoluteStoreCost + 9},
-      {"two close ones", substitute({{0, 9}, {255, 255}}),
-       kStoreCommandCost + kRelativeListCost + 2 * kRelativeStoreCost + 264},
-      {"out of reach", substitute({{0, 9}, {kRelativeReach, 9}}),
-       kStoreCommandCost + 2 * kAbsoluteStoreCost + 18},
-      {"too large", substitute({{0, kRelativeReach}, {8, 9}}),
-       kStoreCommandCost + 2 * kAbsoluteStoreCost + kRelativeReach + 9},
-      {"single byte", [](patch_commands* c) { c->single_bytes = {store(0, 1)}; },
-       kStoreCommandCost + kAbsoluteSingleByteCost + 1},
-      {"close bytes",
-       [](patch_commands* c) {
-         c->single_bytes = {store(0, 1), store(5, 1)};
-       },
-       kStoreCommandCost + kRelativeListCost + 2 * (kRelativeSingleByteCost + 1)},
-      {"fill",
-       [](patch_commands* c) {
-         c->fills = {{0, 4, 4}};
-       },
-       kFillCommandCost + kFillCost},
-      {"increment",
-       [](patch_commands* c) {
-         c->increments = {{0x20000, {4, 8, 12}}};
-       },
-       kIncrementCommandCost + 6},
-      {"region",
-       [](patch_commands* c) {
-         c->regions2 = {{0, 4}};
-       },
-       kChecksumCommandCost + kRegionCost},
-      // What a count of 16 bits can just tell, and one more.
-      {"full fill",
-       [&](patch_commands* c) {
-         c->fills.assign(limit, {0, 4, 4});
-       },
-       kFillCommandCost + limit * kFillCost},
-      {"repeated fill",
-       [&](patch_commands* c) {
-         c->fills.assign(limit + 1, {0, 4, 4});
-       },
-       2 * kFillCommandCost + (limit + 1) * kFillCost},
-      {"full move",
-       [&](patch_commands* c) {
-         c->blocks.assign(limit, {0, 4, 4});
-       },
-       limit * kBlockCost},
-      {"repeated move",
-       [&](patch_commands* c) {
-         c->blocks.assign(limit + 1, {0, 4, 4});
-       },
-       kMoveCommandCost + (limit + 1) * kBlockCost},
-      {"full absolute list", spread(limit, 1), kStoreCommandCost + limit * kAbsoluteCost},
-      {"repeated absolute list", spread(limit + 1, 1),
-       2 * kStoreCommandCost + (limit + 1) * kAbsoluteCost},
-      {"as many relative lists as can be", spread(limit - 1, 2),
-       kStoreCommandCost + (limit - 1) * kPairCost},
-      {"one more", spread(limit, 2), 2 * kStoreCommandCost + limit * kPairCost},
-      {"full relative list", spread(1, limit),
-       kStoreCommandCost + kRelativeListCost + limit * kRelativeCost},
-      {"one more, which is absolute", spread(1, limit + 1),
-       kStoreCommandCost + kRelativeListCost + limit * kRelativeCost + kAbsoluteCost},
+      {"nothing", blocks(0), 0},
+      {"block", blocks(1), kBlockCost},
+      {"one store", stores({{0, 9}}), kStoreCommandCost + kAbsoluteStoreCost + 9},
+      {"two close ones", stores({{0, 9}, {255, 255}}), kStoreCommandCost + kRelativeListCost + 2 * kRelativeStoreCost + 264},
+      {"out of reach", stores({{0, 9}, {kRelativeReach, 9}}), kStoreCommandCost + 2 * kAbsoluteStoreCost + 18},
+      {"too large", stores({{0, kRelativeReach}, {8, 9}}), kStoreCommandCost + 2 * kAbsoluteStoreCost + kRelativeReach + 9},
+      {"single byte", spread(1, 1), kStoreCommandCost + kAbsoluteCost},
+      {"close bytes", spread(1, 2), kStoreCommandCost + kPairCost},
+      {"fill", fills(1), kFillCommandCost + kFillCost},
+      {"increment", [](patch_commands* c) { c->increments = {{0x20000, {4, 8, 12}}}; }, kIncrementCommandCost + 6},
+      {"region", [](patch_commands* c) { c->regions2 = {{0, 4}}; }, kChecksumCommandCost + kRegionCost},
+      {"full fill", fills(kLimit), kFillCommandCost + kLimit * kFillCost},
+      {"repeated fill", fills(kLimit + 1), 2 * kFillCommandCost + (kLimit + 1) * kFillCost},
+      {"full move", blocks(kLimit), kLimit * kBlockCost},
+      {"repeated move", blocks(kLimit + 1), kMoveCommandCost + (kLimit + 1) * kBlockCost},
+      {"full absolute list", spread(kLimit, 1), kStoreCommandCost + kLimit * kAbsoluteCost},
+      {"repeated absolute list", spread(kLimit + 1, 1), 2 * kStoreCommandCost + (kLimit + 1) * kAbsoluteCost},
+      {"as many relative lists as can be", spread(kLimit - 1, 2), kStoreCommandCost + (kLimit - 1) * kPairCost},
+      {"one more", spread(kLimit, 2), 2 * kStoreCommandCost + kLimit * kPairCost},
+      {"full relative list", spread(1, kLimit), kStoreCommandCost + kRelativeListCost + kLimit * kRelativeCost},
+      {"one more, which is absolute", spread(1, kLimit + 1), kStoreCommandCost + kRelativeListCost + kLimit * kRelativeCost + kAbsoluteCost},
   };
+  // clang-format on
   const format_settings settings = {1, true, false, true};
   const size_t empty = size_of_patch({}, settings);
   EXPECT_EQ(empty, 20 + 20 + kMoveCommandCost);

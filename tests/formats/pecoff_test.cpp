@@ -22,7 +22,7 @@ struct Optional : pe::optional_header {
 
 // An optional header whose fields are all different; entry i has the address 0x1000 + i.
 Bytes optional_bytes(bool plus, uint32_t entries) {
-  ByteWriter out(ByteOrder::little);
+  ByteWriter out(ByteOrder::kLittle);
   const auto words = [&](std::initializer_list<uint32_t> values) {
     std::ranges::for_each(values, [&](uint32_t value) { out.u32(value); });
   };

@@ -143,12 +143,12 @@ std::string memory_ledger() {
     bool alike = false;  // functions of one size
   };
   const MemoryLedgerPair pairs[] = {
-      {"memory_moved", ProgramChange::moved, ByteOrder::little},
-      {"memory_exchanged_alike", ProgramChange::exchanged, ByteOrder::little, true},
-      {"memory_exchanged", ProgramChange::exchanged, ByteOrder::little},
-      {"memory_rotated_alike_big_endian", ProgramChange::rotated, ByteOrder::big, true},
-      {"memory_inserted", ProgramChange::inserted, ByteOrder::little},
-      {"memory_mixed_big_endian", ProgramChange::mixed, ByteOrder::big},
+      {"memory_moved", ProgramChange::kMoved, ByteOrder::kLittle},
+      {"memory_exchanged_alike", ProgramChange::kExchanged, ByteOrder::kLittle, true},
+      {"memory_exchanged", ProgramChange::kExchanged, ByteOrder::kLittle},
+      {"memory_rotated_alike_big_endian", ProgramChange::kRotated, ByteOrder::kBig, true},
+      {"memory_inserted", ProgramChange::kInserted, ByteOrder::kLittle},
+      {"memory_mixed_big_endian", ProgramChange::kMixed, ByteOrder::kBig},
   };
   const std::vector<std::string> options[] = {
       {}, {"-inc"}, {"-memmove"}, {"-memmove_block"}, {"-inc", "-memmove", "-memmove_block"}};

@@ -70,7 +70,7 @@ class Elf : public testing::Test {
 constexpr char kReadFailed[] = "kelvane: fatal: read failed\n";
 
 // Two sections and three symbols, one of them undefined.
-Image small_image(ByteOrder order = ByteOrder::little) {
+Image small_image(ByteOrder order = ByteOrder::kLittle) {
   Image image;
   image.order = order;
   image.sections = {{.name = ".text", .addr = 0x1000, .content = Bytes(20, 0x11)},
@@ -192,7 +192,7 @@ TEST_F(Elf, AReasonIsAddedWhereThereIsOneAndNeverAStaleOne) {
 
 TEST_F(Elf, TheHeaderTellsTheByteOrder) {
   for (const auto& [data, order] : {std::pair{0, 2}, {1, 2}, {2, 1}, {3, 2}}) {
-    Image image = small_image(order == 1 ? ByteOrder::big : ByteOrder::little);
+    Image image = small_image(order == 1 ? ByteOrder::kBig : ByteOrder::kLittle);
     image.machine = 0x1234;
     image.flags = 0x81020304;
     image.damage = [data = data](file_header& header, Headers&) {
@@ -369,7 +369,7 @@ TEST_F(Elf, TablesThatDoNotFitEndTheRunUnlessTheObjectIs64Bit) {
 }
 
 TEST_F(Elf, NamesOfGlobalSymbolsAreCondensed) {
-  Image image = small_image(ByteOrder::big);
+  Image image = small_image(ByteOrder::kBig);
   image.symbols = {{.name = "global", .section = ".text"},
                    {.name = "undefined"},
                    {.name = "local", .info = 2, .section = ".text"},
@@ -445,7 +445,7 @@ Bytes member(std::string name, int64_t size) {
 
 TEST_F(Elf, AFileIsAskedWhereItStandsOrByItsName) {
   const TemporaryDirectory tree;
-  const Bytes elf = build_image(small_image(ByteOrder::big));
+  const Bytes elf = build_image(small_image(ByteOrder::kBig));
   const Bytes little = build_image(small_image());
   const Bytes magic = bytes_of("!<arch>\n");
   const Bytes library = joined({magic, member("/", 4), bytes_of("abcd"), member("//", 2),

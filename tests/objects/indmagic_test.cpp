@@ -88,7 +88,7 @@ TEST_F(Identification, KnowsEachCoffMagic) {
 }
 
 TEST_F(Identification, KnowsEachElfMachineByItsFlagsToo) {
-  for (const ByteOrder order : {ByteOrder::little, ByteOrder::big}) {
+  for (const ByteOrder order : {ByteOrder::kLittle, ByteOrder::kBig}) {
     Image image;
     image.order = order;
     check_samples(
@@ -103,7 +103,7 @@ TEST_F(Identification, KnowsEachElfMachineByItsFlagsToo) {
           return text_of(build_image(image));
         },
         [&] {
-          const uint8_t big = order == ByteOrder::big ? 1 : 0;
+          const uint8_t big = order == ByteOrder::kBig ? 1 : 0;
           EXPECT_EQ(magic.file_class, file_kind::kElf);
           EXPECT_EQ(magic.big_endian, big);
           EXPECT_EQ(magic.flag1, image.machine == 44 ? 0 : big);

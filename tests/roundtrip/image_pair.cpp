@@ -154,30 +154,30 @@ std::string name_of(PairKind kind) {
 
 ImagePair make_pair_of(PairKind kind, Random& random) {
   switch (kind) {
-    case PairKind::edits:
+    case PairKind::kEdits:
       return changed_by({replace_piece}, random);
-    case PairKind::insertions:
+    case PairKind::kInsertions:
       return changed_by({insert_piece}, random);
-    case PairKind::removals:
+    case PairKind::kRemovals:
       return changed_by({remove_piece}, random);
-    case PairKind::moved_blocks:
+    case PairKind::kMovedBlocks:
       return changed_by({move_piece}, random);
-    case PairKind::runs:
+    case PairKind::kRuns:
       return changed_by({fill_piece, fill_piece, replace_piece}, random);
-    case PairKind::word_tables:
+    case PairKind::kWordTables:
       return shifted_tables(random);
-    case PairKind::mixed:
+    case PairKind::kMixed:
       return changed_by({replace_piece, insert_piece, remove_piece, move_piece, fill_piece},
                         random);
-    case PairKind::tiny:
+    case PairKind::kTiny:
       return tiny_pair(random);
-    case PairKind::unlike:
+    case PairKind::kUnlike:
       return {any_image(random), any_image(random)};
-    case PairKind::equal: {
+    case PairKind::kEqual: {
       const Bytes image = any_image(random);
       return {image, image};
     }
-    case PairKind::inside:
+    case PairKind::kInside:
       return one_inside_the_other(random);
   }
   return {};

@@ -17,23 +17,23 @@ struct ImagePair {
 
 // How the new image comes from the old one.
 enum class PairKind {
-  edits,         // bytes replaced here and there
-  insertions,    // pieces put in
-  removals,      // pieces taken out
-  moved_blocks,  // pieces that stand somewhere else
-  runs,          // stretches that became one byte repeated
-  word_tables,   // words that grew by a few common values
-  mixed,         // all of these
-  tiny,          // up to 20 bytes on each side
-  unlike,        // nothing in common
-  equal,
-  inside,  // one image is a part of the other
+  kEdits,        // bytes replaced here and there
+  kInsertions,   // pieces put in
+  kRemovals,     // pieces taken out
+  kMovedBlocks,  // pieces that stand somewhere else
+  kRuns,         // stretches that became one byte repeated
+  kWordTables,   // words that grew by a few common values
+  kMixed,        // all of these
+  kTiny,         // up to 20 bytes on each side
+  kUnlike,       // nothing in common
+  kEqual,
+  kInside,  // one image is a part of the other
 };
 
 inline constexpr PairKind kAllPairKinds[] = {
-    PairKind::edits,  PairKind::insertions,  PairKind::removals, PairKind::moved_blocks,
-    PairKind::runs,   PairKind::word_tables, PairKind::mixed,    PairKind::tiny,
-    PairKind::unlike, PairKind::equal,       PairKind::inside};
+    PairKind::kEdits,  PairKind::kInsertions, PairKind::kRemovals, PairKind::kMovedBlocks,
+    PairKind::kRuns,   PairKind::kWordTables, PairKind::kMixed,    PairKind::kTiny,
+    PairKind::kUnlike, PairKind::kEqual,      PairKind::kInside};
 
 std::string name_of(PairKind kind);
 inline void PrintTo(PairKind kind, std::ostream* out) {

@@ -79,7 +79,7 @@ TEST(LargeRoundTrip, ToldPatchesAreAppliedToo) {
       Bytes changed;
       append_word(
           changed,
-          load_word(&pair.old_image[4 * word], ByteOrder::big) + commands.increments.back().value,
+          load_word(&pair.old_image[4 * word], ByteOrder::kBig) + commands.increments.back().value,
           true);
       std::copy_n(changed.begin(), 4, pair.new_image.begin() + 4 * word);
       commands.increments.back().addresses.push_back(4 * word);

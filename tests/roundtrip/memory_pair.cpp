@@ -64,7 +64,7 @@ Program random_program(const ProgramSize& size, Random& random) {
 
 void change_functions(ProgramChange change, std::vector<Function>& functions,
                       const ProgramSize& size, Random& random) {
-  if (change == ProgramChange::mixed) {
+  if (change == ProgramChange::kMixed) {
     for (uint32_t i = 1 + random.below(4); i > 0; --i) {
       change_functions(kAllProgramChanges[random.below(6)], functions, size, random);
     }
@@ -73,27 +73,27 @@ void change_functions(ProgramChange change, std::vector<Function>& functions,
   const auto place = [&] { return functions.begin() + random.below(functions.size()); };
   for (uint32_t i = 1 + random.below(3); i > 0 && functions.size() > 4; --i) {
     switch (change) {
-      case ProgramChange::moved: {
+      case ProgramChange::kMoved: {
         // One function goes behind others.
         const auto first = place();
         std::rotate(first, first + 1,
                     first + 1 + random.below(static_cast<size_t>(functions.end() - first)));
         break;
       }
-      case ProgramChange::exchanged:
+      case ProgramChange::kExchanged:
         std::iter_swap(place(), place());
         break;
-      case ProgramChange::rotated: {
+      case ProgramChange::kRotated: {
         const auto first = place();
         const auto second = place();
         std::iter_swap(first, second);
         std::iter_swap(second, place());
         break;
       }
-      case ProgramChange::inserted:
+      case ProgramChange::kInserted:
         functions.insert(place(), random_function(1000 + random.below(9000), size, random));
         break;
-      case ProgramChange::removed:
+      case ProgramChange::kRemoved:
         functions.erase(place());
         break;
       default:
@@ -118,7 +118,7 @@ class Linker {
     const uint32_t zeroed = begin(&at, 4, program_.zeroed);
     Bytes initialised;
     for (const std::string& name : program_.pointers) {
-      append_word(initialised, address_of(name), order_ == ByteOrder::big);
+      append_word(initialised, address_of(name), order_ == ByteOrder::kBig);
     }
     initialised.insert(initialised.end(), program_.variables.begin(), program_.variables.end());
     add_plain(".text", text, code_of(program_.functions));
@@ -170,7 +170,7 @@ class Linker {
       for (const auto& [at, callee] : function.calls) {
         if (at + 4 <= own.size()) {
           Bytes word;
-          append_word(word, address_of(callee), order_ == ByteOrder::big);
+          append_word(word, address_of(callee), order_ == ByteOrder::kBig);
           std::copy(word.begin(), word.end(), own.begin() + static_cast<ptrdiff_t>(at));
         }
       }

@@ -28,19 +28,19 @@ struct LinkedImage {
 
 // How the functions of the new image come from those of the old one.
 enum class ProgramChange {
-  moved,      // some stand elsewhere
-  exchanged,  // some have changed places
-  rotated,    // some have changed places in a cycle
-  inserted,   // some are new
-  removed,    // some are gone
-  edited,     // some have other instructions
-  mixed
+  kMoved,      // some stand elsewhere
+  kExchanged,  // some have changed places
+  kRotated,    // some have changed places in a cycle
+  kInserted,   // some are new
+  kRemoved,    // some are gone
+  kEdited,     // some have other instructions
+  kMixed
 };
 
 inline constexpr ProgramChange kAllProgramChanges[] = {
-    ProgramChange::moved,    ProgramChange::exchanged, ProgramChange::rotated,
-    ProgramChange::inserted, ProgramChange::removed,   ProgramChange::edited,
-    ProgramChange::mixed};
+    ProgramChange::kMoved,    ProgramChange::kExchanged, ProgramChange::kRotated,
+    ProgramChange::kInserted, ProgramChange::kRemoved,   ProgramChange::kEdited,
+    ProgramChange::kMixed};
 
 // How large a program is.
 struct ProgramSize {

@@ -97,8 +97,8 @@ void expect_new_memory(const MemoryPair& pair, const std::string& patch, MoveCou
   const auto memory = memory_of(pair);
   TargetMemory target(memory);
   const uint32_t flags = KELVANE_V0_MEMORY_MODE |
-                         (pair.old_image.image.order == ByteOrder::big ? KELVANE_V0_BIG_ENDIAN
-                                                                       : KELVANE_V0_LITTLE_ENDIAN);
+                         (pair.old_image.image.order == ByteOrder::kBig ? KELVANE_V0_BIG_ENDIAN
+                                                                        : KELVANE_V0_LITTLE_ENDIAN);
   OpenedPatch opened(patch, flags);
   ASSERT_EQ(opened.code, KELVANE_APPLY_OK);
   count->image = &pair.old_image;
@@ -141,7 +141,7 @@ TEST_P(MemoryRoundTrip, LeavesTheMemoryOfTheNewImage) {
   directory_.write("words", ".rodata\n");
   for (uint32_t round = 0; round < kRounds; ++round) {
     Random random(90001U + 1009U * static_cast<uint32_t>(GetParam()) + round);
-    const ByteOrder order = round % 2 == 0 ? ByteOrder::little : ByteOrder::big;
+    const ByteOrder order = round % 2 == 0 ? ByteOrder::kLittle : ByteOrder::kBig;
     MemoryPair pair = make_memory_pair(
         GetParam(), order, {8 + random.below(40), 40 + random.below(200), round % 3 == 0}, random);
     directory_.write("old.elf", text_of(build_image(pair.old_image.image)));

@@ -56,14 +56,14 @@ INSTANTIATE_TEST_SUITE_P(MemoryAndStream, Reading, testing::Bool());
 TEST_P(Reading, GivesNumbersOfEveryWidthInEitherOrder) {
   const Bytes bytes = {0x81, 0x82, 0x83, 0x84, 0x85, 0x86, 0x87, 0x88,
                        0x89, 0x8A, 0x8B, 0x8C, 0x8D, 0x8E, 0x8F};
-  ByteReader big = reader(bytes, ByteOrder::big);
+  ByteReader big = reader(bytes, ByteOrder::kBig);
   EXPECT_EQ(big.u8(), 0x81U);
   EXPECT_EQ(big.u16(), 0x8283U);
   EXPECT_EQ(big.u32(), 0x84858687U);
   EXPECT_EQ(big.u64(), 0x88898A8B8C8D8E8FU);
   EXPECT_EQ(big.rest(), 0U);
   EXPECT_FALSE(big.failed());
-  ByteReader little = reader(bytes, ByteOrder::little);
+  ByteReader little = reader(bytes, ByteOrder::kLittle);
   EXPECT_EQ(little.i8(), -0x7F);
   EXPECT_EQ(little.i16(), static_cast<int16_t>(0x8382));
   EXPECT_EQ(little.i32(), static_cast<int32_t>(0x87868584U));
@@ -71,7 +71,7 @@ TEST_P(Reading, GivesNumbersOfEveryWidthInEitherOrder) {
 }
 
 TEST_P(Reading, MovesWithinItsWindowAlone) {
-  ByteReader cursor = reader({1, 2, 3, 4, 5}, ByteOrder::big);
+  ByteReader cursor = reader({1, 2, 3, 4, 5}, ByteOrder::kBig);
   EXPECT_EQ(cursor.size(), 5U);
   EXPECT_TRUE(cursor.skip(3));
   EXPECT_EQ(cursor.bytes(2), (Bytes{4, 5}));
@@ -90,7 +90,7 @@ TEST_P(Reading, MovesWithinItsWindowAlone) {
 
 TEST_P(Reading, StaysFailedBehindTheFirstFieldThatIsNotThere) {
   const auto fails = [&](auto&& action) {
-    ByteReader cursor = reader({1, 2, 3}, ByteOrder::little);
+    ByteReader cursor = reader({1, 2, 3}, ByteOrder::kLittle);
     cursor.u8();
     action(cursor);
     EXPECT_TRUE(cursor.failed());
@@ -110,18 +110,18 @@ TEST_P(Reading, StaysFailedBehindTheFirstFieldThatIsNotThere) {
 TEST(ByteReader, SeesNothingInAStreamThatStandsBehindItsEndOrCannotSeek) {
   const file_ptr stream(std::tmpfile());
   std::fseek(stream.get(), 9, SEEK_SET);
-  EXPECT_EQ(ByteReader(stream.get(), ByteOrder::big).size(), 0U);
+  EXPECT_EQ(ByteReader(stream.get(), ByteOrder::kBig).size(), 0U);
   std::array<int, 2> ends{};
   ASSERT_EQ(::pipe(ends.data()), 0);
   const file_ptr pipe(::fdopen(ends[0], "r"));
-  ByteReader reader(pipe.get(), ByteOrder::big);
+  ByteReader reader(pipe.get(), ByteOrder::kBig);
   EXPECT_EQ(reader.u8(), 0U);
   EXPECT_TRUE(reader.failed());
   ::close(ends[1]);
 }
 
 TEST(ByteWriter, PutsFieldsBehindEachOther) {
-  ByteWriter big(ByteOrder::big);
+  ByteWriter big(ByteOrder::kBig);
   big.u8(1);
   big.u16(0x0203);
   big.u32(0x04050607);
@@ -129,7 +129,7 @@ TEST(ByteWriter, PutsFieldsBehindEachOther) {
   big.zeros(2);
   big.raw(Bytes{9});
   EXPECT_EQ(big.bytes(), (Bytes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 0, 0, 9}));
-  ByteWriter little(ByteOrder::little);
+  ByteWriter little(ByteOrder::kLittle);
   little.u16(0x0201);
   little.u64(0x0A09080706050403);
   EXPECT_EQ(little.bytes(), (Bytes{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));

@@ -115,7 +115,7 @@ class Building {
   elf32::file_header file_header() const {
     elf32::file_header header = {
         {0x7F, 'E', 'L', 'F', elf32::ELFCLASS32,
-         image_.order == ByteOrder::big ? elf32::ELFDATA2MSB : elf32::ELFDATA2LSB, 1},
+         image_.order == ByteOrder::kBig ? elf32::ELFDATA2MSB : elf32::ELFDATA2LSB, 1},
         image_.type,
         image_.machine,
         1,

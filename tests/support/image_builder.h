@@ -12,7 +12,7 @@
 // ELF32 images made to order, in either byte order:
 //
 //   Image image;
-//   image.order = ByteOrder::big;
+//   image.order = ByteOrder::kBig;
 //   image.sections = {{.name = ".text", .addr = 0x1000, .content = {1, 2, 3, 4}},
 //                     {.name = ".bss", .type = elf32::SHT_NOBITS, .addr = 0x2000, .size = 64}};
 //   image.symbols = {{.name = "main", .value = 0x1000, .size = 4, .section = ".text"}};
@@ -42,7 +42,7 @@ struct ImageSymbol {
 };
 
 struct Image {
-  ByteOrder order = ByteOrder::little;
+  ByteOrder order = ByteOrder::kLittle;
   uint16_t machine = 20;
   uint16_t type = 2;   // executable
   uint32_t flags = 0;  // e_flags

@@ -152,7 +152,7 @@ void write_symbol_fields(ByteWriter& out, const coff::symbol& record) {
 uint64_t longlong_from(ByteReader& in) {
   const uint32_t first = in.u32();
   const uint32_t second = in.u32();
-  const bool high_first = in.order() == ByteOrder::big;
+  const bool high_first = in.order() == ByteOrder::kBig;
   const uint64_t high = high_first ? first : second;
   const auto low = static_cast<int32_t>(high_first ? second : first);
   return in.failed() ? 0 : (high << 32U) + static_cast<uint64_t>(int64_t{low});
@@ -219,7 +219,7 @@ void PUTINT(uint32_t value, std::FILE* stream) {
 }
 
 void PUTLONGLONG(uint32_t high, uint32_t low, std::FILE* stream) {
-  const bool high_first = coff_order() == ByteOrder::big;
+  const bool high_first = coff_order() == ByteOrder::kBig;
   PUTINT(high_first ? high : low, stream);
   PUTINT(high_first ? low : high, stream);
 }

@@ -39,14 +39,14 @@ bool is_big_header_magic(uint16_t magic) {
 // Numbers with their bytes in the other order.
 uint16_t reversed(uint16_t value) {
   uint8_t bytes[2];
-  store_half(bytes, value, ByteOrder::big);
-  return load_half(bytes, ByteOrder::little);
+  store_half(bytes, value, ByteOrder::kBig);
+  return load_half(bytes, ByteOrder::kLittle);
 }
 
 uint32_t reversed(uint32_t value) {
   uint8_t bytes[4];
-  store_word(bytes, value, ByteOrder::big);
-  return load_word(bytes, ByteOrder::little);
+  store_word(bytes, value, ByteOrder::kBig);
+  return load_word(bytes, ByteOrder::kLittle);
 }
 
 struct FileHeader {
@@ -84,7 +84,7 @@ bool decide_by_magic(uint16_t* magic) {
     return true;
   }
   uint8_t bytes[2];
-  store_half(bytes, *magic, ByteOrder::big);
+  store_half(bytes, *magic, ByteOrder::kBig);
   if (is_text(bytes[0]) && is_text(bytes[1])) {
     gen_errorexit(kStatusFailure, "File appears to be ASCII");
   }
@@ -185,7 +185,7 @@ int32_t get_endian_header(std::FILE* stream, int32_t warn, uint16_t* magic, uint
   header.flags = rest.in.u16();
 
   if (bigendian == -1) {
-    const bool big = guess_order(stream, header) == ByteOrder::big;
+    const bool big = guess_order(stream, header) == ByteOrder::kBig;
     bigendian = big ? 1 : 0;
     if (warn != 0) {
       gen_warning("unknown magic number, guessing %s endian byte order.", big ? "big" : "little");

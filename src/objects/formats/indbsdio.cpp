@@ -255,7 +255,7 @@ void Bsd_ComputeLoadAddresses(std::FILE* stream, bsd_info* info) {
 aout::symbol* Bsd_ReadSymbol(std::FILE* stream, aout::symbol* buffer, uint32_t count,
                              int64_t offset) {
   seek_to(stream, offset);
-  ByteOrder order = ByteOrder::little;
+  ByteOrder order = ByteOrder::kLittle;
   errno = 0;
   if (!order_of_file(&order)) {
     return nullptr;

@@ -72,8 +72,8 @@ void output_buffer::put_data(const uint8_t* data, uint32_t count) {
     return;
   }
   if (bytes != nullptr) {
-    // One byte always stays free.
-    while (uint64_t{position} + count >= room) {
+    // One byte always stays free, also of what would fit behind the end.
+    while (uint64_t{std::max(position, size)} + count >= room) {
       grow(this);
     }
     if (position > size) {

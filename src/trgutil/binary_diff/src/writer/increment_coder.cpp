@@ -171,10 +171,10 @@ void reject_some_sort_others(int32_t threshold) {
 }
 
 void output_increments() {
-  if (incr_enabled == 0 || incr_size <= kEmptyStream) {
+  const auto room = static_cast<uint32_t>(incr_size);
+  if (incr_enabled == 0 || room <= kEmptyStream) {
     return;
   }
-  const auto room = static_cast<uint32_t>(incr_size);
   const gen_ptr<uint8_t> buffer(gen_alloc_array<uint8_t>(room));
   put_byte(CM_INCRS);
   dprintf(2, "\nCM_INCRS");

@@ -8,7 +8,7 @@
 namespace kelvane {
 
 inline constexpr int32_t kBitsInByte = 8;
-inline constexpr int32_t kEmptyStream = 2;  // bytes of a stream without classes
+inline constexpr uint32_t kEmptyStream = 2;  // bytes of a stream without classes
 
 // Prints how the class just coded used each category, if the coder tells.
 void print_populations(const jump_coder& coder);

@@ -57,7 +57,7 @@ bool read_header(GFile* handle) {
   if (!std::equal(kSignature.begin(), kSignature.end(), header.begin(), same)) {
     return false;
   }
-  handle->format_version = static_cast<int32_t>(load_word(&header[4], ByteOrder::big));
+  handle->format_version = static_cast<int32_t>(load_word(&header[4], ByteOrder::kBig));
   if (handle->format_version > kFormatVersion || header[19] != 0) {
     return false;
   }
@@ -65,8 +65,8 @@ bool read_header(GFile* handle) {
     gen_error("GFile desciptors not supported");
     return false;
   }
-  handle->file_type = load_word(&header[8], ByteOrder::big);
-  handle->file_version = load_word(&header[12], ByteOrder::big);
+  handle->file_type = load_word(&header[8], ByteOrder::kBig);
+  handle->file_version = load_word(&header[12], ByteOrder::kBig);
   handle->address_mode = gadr_mode_from_encoding(header[16]);
   handle->raw_arrays = header[18];
   const uint8_t order = handle->raw_arrays == kRawLittle ? kRawLittle : kRawBig;
@@ -117,9 +117,9 @@ gf_header make_gf_header(uint32_t file_type, uint32_t file_version, uint8_t addr
                          uint8_t raw_arrays) {
   gf_header header{};
   std::copy(kSignature.begin(), kSignature.end(), header.begin());
-  store_word(&header[4], kFormatVersion, ByteOrder::big);
-  store_word(&header[8], file_type, ByteOrder::big);
-  store_word(&header[12], file_version, ByteOrder::big);
+  store_word(&header[4], kFormatVersion, ByteOrder::kBig);
+  store_word(&header[8], file_type, ByteOrder::kBig);
+  store_word(&header[12], file_version, ByteOrder::kBig);
   header[16] = address_encoding;
   header[18] = raw_arrays;
   return header;
@@ -141,7 +141,7 @@ GFile* gf_open_for_write(GFile* handle, std::FILE* fp, const char* name, uint32_
 
 GFile* gf_open_for_read(GFile* handle, std::FILE* fp, const char* name) {
   GFile header{};
-  header.address_mode = 2;
+  header.address_mode = kAddressMode32;
   return gf_init_and_open(handle, fp, name, header);
 }
 

@@ -152,8 +152,8 @@ void gf_get_mapped_array_4(GFile* handle, const uint32_t** pointer, uint32_t cou
 void gf_swap_array_4(uint32_t* values, uint32_t count) {
   std::transform(values, values + count, values, [](uint32_t value) {
     std::array<uint8_t, 4> bytes{};
-    store_word(bytes.data(), value, ByteOrder::little);
-    return load_word(bytes.data(), ByteOrder::big);
+    store_word(bytes.data(), value, ByteOrder::kLittle);
+    return load_word(bytes.data(), ByteOrder::kBig);
   });
 }
 

@@ -17,12 +17,6 @@ constexpr uint8_t kSign = 0x40;  // the sign in the last byte of a signed one
 constexpr uint32_t kStringPiece = 4096;  // read at once of a string, so that a length is believed
                                          // only as far as the file goes
 
-// Modes of an address.
-constexpr int32_t kMode16 = 0;
-constexpr int32_t kMode16Segmented = 1;
-constexpr int32_t kMode32 = 2;
-constexpr int32_t kMode64 = 3;
-
 bool is_variable(const GFile* handle) {
   return handle->file_version != 0;
 }
@@ -122,22 +116,22 @@ uint8_t gf_get_1(GFile* handle) {
 
 void gf_put_2(GFile* handle, uint16_t value) {
   std::array<uint8_t, 2> bytes{};
-  store_half(bytes.data(), value, ByteOrder::big);
+  store_half(bytes.data(), value, ByteOrder::kBig);
   put_bytes(handle, bytes);
 }
 
 uint16_t gf_get_2(GFile* handle) {
-  return load_half(get_bytes<2>(handle).data(), ByteOrder::big);
+  return load_half(get_bytes<2>(handle).data(), ByteOrder::kBig);
 }
 
 void gf_put_4(GFile* handle, uint32_t value) {
   std::array<uint8_t, 4> bytes{};
-  store_word(bytes.data(), value, ByteOrder::big);
+  store_word(bytes.data(), value, ByteOrder::kBig);
   put_bytes(handle, bytes);
 }
 
 uint32_t gf_get_4(GFile* handle) {
-  return load_word(get_bytes<4>(handle).data(), ByteOrder::big);
+  return load_word(get_bytes<4>(handle).data(), ByteOrder::kBig);
 }
 
 void gf_put_8(GFile* handle, uint64_t value) {
@@ -351,17 +345,17 @@ void gf_get_adr64_2(GFile* handle, gadr* first, gadr* second) {
 
 void gf_put_adr(GFile* handle, const gadr* address) {
   switch (handle->address_mode) {
-    case kMode16:
+    case kAddressMode16:
       gf_put_adr16(handle, off(*address));
       break;
-    case kMode16Segmented:
+    case kAddressMode16Segmented:
       gf_put_sn(handle, seg(*address));
       gf_put_adr16(handle, off(*address));
       break;
-    case kMode32:
+    case kAddressMode32:
       gf_put_adr32(handle, address->low);
       break;
-    case kMode64:
+    case kAddressMode64:
       gf_put_adr64(handle, address);
       break;
     default:
@@ -371,18 +365,18 @@ void gf_put_adr(GFile* handle, const gadr* address) {
 
 void gf_get_adr(GFile* handle, gadr* address) {
   switch (handle->address_mode) {
-    case kMode16:
+    case kAddressMode16:
       assign_segmented(address, seg(*address), gf_get_adr16(handle));
       break;
-    case kMode16Segmented: {
+    case kAddressMode16Segmented: {
       const auto segment = static_cast<uint32_t>(gf_get_sn(handle));
       assign_segmented(address, segment, gf_get_adr16(handle));
       break;
     }
-    case kMode32:
+    case kAddressMode32:
       assign_low(address, gf_get_adr32(handle));
       break;
-    case kMode64:
+    case kAddressMode64:
       gf_get_adr64(handle, address);
       break;
     default:
@@ -392,17 +386,17 @@ void gf_get_adr(GFile* handle, gadr* address) {
 
 void gf_put_adr_2(GFile* handle, const gadr* first, const gadr* second) {
   switch (handle->address_mode) {
-    case kMode16Segmented:
+    case kAddressMode16Segmented:
       gf_put_sn(handle, seg(*first));
       gf_put_sn(handle, seg(*second));
       [[fallthrough]];
-    case kMode16:
+    case kAddressMode16:
       gf_put_adr16_2(handle, off(*first), off(*second));
       break;
-    case kMode32:
+    case kAddressMode32:
       gf_put_adr32_2(handle, first->low, second->low);
       break;
-    case kMode64:
+    case kAddressMode64:
       gf_put_adr64_2(handle, first, second);
       break;
     default:
@@ -412,10 +406,10 @@ void gf_put_adr_2(GFile* handle, const gadr* first, const gadr* second) {
 
 void gf_get_adr_2(GFile* handle, gadr* first, gadr* second) {
   const int32_t mode = handle->address_mode;
-  if (mode == kMode16 || mode == kMode16Segmented) {
+  if (mode == kAddressMode16 || mode == kAddressMode16Segmented) {
     uint32_t first_segment = seg(*first);
     uint32_t second_segment = seg(*second);
-    if (mode == kMode16Segmented) {
+    if (mode == kAddressMode16Segmented) {
       first_segment = static_cast<uint32_t>(gf_get_sn(handle));
       second_segment = static_cast<uint32_t>(gf_get_sn(handle));
     }
@@ -424,13 +418,13 @@ void gf_get_adr_2(GFile* handle, gadr* first, gadr* second) {
     gf_get_adr16_2(handle, &first_offset, &second_offset);
     assign_segmented(first, first_segment, first_offset);
     assign_segmented(second, second_segment, second_offset);
-  } else if (mode == kMode32) {
+  } else if (mode == kAddressMode32) {
     uint32_t first_low = 0;
     uint32_t second_low = 0;
     gf_get_adr32_2(handle, &first_low, &second_low);
     assign_low(first, first_low);
     assign_low(second, second_low);
-  } else if (mode == kMode64) {
+  } else if (mode == kAddressMode64) {
     gf_get_adr64_2(handle, first, second);
   }
 }

@@ -311,11 +311,11 @@ Expanded expand_bounded(uint8_t* destination, size_t room, const uint8_t* source
     }
     const bool literal = (flags & 1U) != 0;
     if (source_size - next < (literal ? 1U : 2U)) {
-      return {ExpandEnd::cut_item, written};
+      return {ExpandEnd::kCutItem, written};
     }
     if (literal) {
       if (written == capacity) {
-        return {ExpandEnd::overrun, written};
+        return {ExpandEnd::kOverrun, written};
       }
       destination[written++] = source[next++];
       continue;
@@ -335,10 +335,10 @@ Expanded expand_bounded(uint8_t* destination, size_t room, const uint8_t* source
       destination[written] = distance > written ? uint8_t{0} : destination[written - distance];
     }
     if (copied < length) {
-      return {ExpandEnd::overrun, written};
+      return {ExpandEnd::kOverrun, written};
     }
   }
-  return {ExpandEnd::complete, written};
+  return {ExpandEnd::kComplete, written};
 }
 
 uint8_t* __qvr_decompress(uint8_t* destination, const uint8_t* source, uint32_t compressed_size) {

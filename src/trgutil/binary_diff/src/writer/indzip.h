@@ -85,9 +85,9 @@ void Encode(const uint8_t* source, uint32_t size, void (*put)(int32_t byte));
 
 // How an expansion ended.
 enum class ExpandEnd : uint8_t {
-  complete,  // the stream ended between two items, and all of it had room
-  overrun,   // the stream holds more than the room; the room is full
-  cut_item,  // the stream ends inside an item; the whole items before it were expanded
+  kComplete,  // the stream ended between two items, and all of it had room
+  kOverrun,   // the stream holds more than the room; the room is full
+  kCutItem,   // the stream ends inside an item; the whole items before it were expanded
 };
 
 struct Expanded {

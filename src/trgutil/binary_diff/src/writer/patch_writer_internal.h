@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "binshared.h"
+#include "indgadr.h"
 #include "patch_writer.h"
 
 // The pieces of a patch, each written to a sink, for a patch told as a value and for the engine's
@@ -12,7 +13,7 @@
 namespace kelvane {
 
 inline constexpr uint32_t kPatchFileType = 7;  // of structured files
-inline constexpr int32_t kPatchAddressMode = 2;
+inline constexpr int32_t kPatchAddressMode = kAddressMode32;
 
 // Ends the run unless a format has this number.
 void require_known_version(int32_t patch_version);
