@@ -198,11 +198,14 @@ TEST_F(Aout, ARecordAndABufferAreMadeWhereNoneIsGiven) {
   std::free(info);
 }
 
-TEST_F(Aout, MoreSymbolsThanAnyFileHasAreAFailureThatMayBeRecorded) {
-  int32_t failure = 0;
-  elf_seterrorcond(&failure);
-  EXPECT_EQ(Bsd_ReadSymbol(stream_of(Bytes(40)).get(), nullptr, UINT32_MAX, 0), nullptr);
-  EXPECT_EQ(failure, -1);
+TEST_F(Aout, MoreSymbolsThanTheFileHasAreAFailureThatMayBeRecorded) {
+  endian = 1;
+  for (const uint32_t count : {4U, 400U, UINT32_MAX / 12, UINT32_MAX}) {
+    int32_t failure = 0;
+    elf_seterrorcond(&failure);
+    EXPECT_EQ(Bsd_ReadSymbol(stream_of(Bytes(40)).get(), nullptr, count, 0), nullptr) << count;
+    EXPECT_EQ(failure, -1) << count;
+  }
 }
 
 }  // namespace
