@@ -1,7 +1,7 @@
 // Runs a fuzz target over inputs kept in files, so that a corpus is an ordinary test:
 //   NAME_replay FILE_OR_FOLDER ... [--damaged FILE_OR_FOLDER ...]
 // Folders are walked with all below them, in the order of the names. What stands behind --damaged
-// is run with each byte changed in five ways and with each part of it from the start. Every input
+// is run with each byte changed in eight ways and with each part of it from the start. Every input
 // is handed over in memory of exactly its size, so that a sanitizer sees the first byte that is
 // read beyond. The end is status 0 if the target came back from all of them, 2 if there was nothing
 // to run or a file could not be read.
@@ -48,7 +48,8 @@ void run(const std::vector<char>& bytes, size_t size) {
 void run_damaged(const std::vector<char>& whole) {
   for (size_t i = 0; i < whole.size(); ++i) {
     std::vector<char> bytes = whole;
-    for (const int value : {0, 0x7F, 0x80, 0xFF, whole[i] ^ 1}) {
+    for (const int value :
+         {0, 0x7F, 0x80, 0xFF, whole[i] ^ 1, whole[i] ^ 0x10, whole[i] ^ 0x80, ~whole[i]}) {
       bytes[i] = static_cast<char>(value);
       run(bytes, bytes.size());
     }

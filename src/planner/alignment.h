@@ -56,7 +56,7 @@ struct alignment_settings {
 // What the alignment looks at; all of it stays the caller's.
 struct alignment_input {
   plan_images images;
-  ByteOrder order = ByteOrder::little;
+  ByteOrder order = ByteOrder::kLittle;
   const string_seeds* strings = nullptr;
   const difference_seeds* differences = nullptr;
   const class_prices* prices = nullptr;

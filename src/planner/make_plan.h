@@ -10,7 +10,7 @@
 namespace kelvane {
 
 struct plan_settings {
-  ByteOrder order = ByteOrder::little;
+  ByteOrder order = ByteOrder::kLittle;
   // A byte of a compressed store and its entry, in bit parts (see walk_settings).
   uint32_t packed_byte = 0;
   uint32_t packed_entry = 0;

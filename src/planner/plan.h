@@ -77,7 +77,7 @@ struct planned_class {
 };
 
 struct plan {
-  ByteOrder order = ByteOrder::little;  // of the words of the target and of the patch
+  ByteOrder order = ByteOrder::kLittle;  // of the words of the target and of the patch
   std::vector<moved_block> moves;       // in the order in which they are carried out
   std::vector<planned_store> stores;    // by address
   std::vector<planned_fill> fills;      // by address

@@ -62,7 +62,7 @@ ByteOrder likelier_order(const plan_images& images, std::span<const moved_block>
     return std::count_if(changed.words.begin(), changed.words.end(),
                          [](const changed_word& word) { return word.is_frequent; });
   };
-  const ByteOrder other = guess == ByteOrder::big ? ByteOrder::little : ByteOrder::big;
+  const ByteOrder other = guess == ByteOrder::kBig ? ByteOrder::kLittle : ByteOrder::kBig;
   return shared(other) > shared(guess) ? other : guess;
 }
 
@@ -155,7 +155,7 @@ class plan_searcher {
     }
     take_cheaper(best, moves, {order_, kPackedByte, kPackedEntry});
     if (is_first_round && !request_.order) {
-      const ByteOrder other = order_ == ByteOrder::big ? ByteOrder::little : ByteOrder::big;
+      const ByteOrder other = order_ == ByteOrder::kBig ? ByteOrder::kLittle : ByteOrder::kBig;
       take_cheaper(best, moves, {other, kPackedByte, kPackedEntry});
     }
     try_rates(best, moves);
@@ -197,7 +197,7 @@ class plan_searcher {
   ByteOrder order_;
   std::unique_ptr<string_seeds> strings_;
   std::unique_ptr<difference_seeds> differences_;
-  ByteOrder differences_order_ = ByteOrder::little;
+  ByteOrder differences_order_ = ByteOrder::kLittle;
   class_prices prices_;
   std::vector<int64_t> shifts_;
   tried_plan best_;
@@ -224,7 +224,7 @@ ByteOrder likely_order(std::span<const uint8_t> image) {
       unevenness[side] += counts[side][value] / 16 * (counts[side][value] / 16);
     }
   }
-  return unevenness[0] > unevenness[1] ? ByteOrder::big : ByteOrder::little;
+  return unevenness[0] > unevenness[1] ? ByteOrder::kBig : ByteOrder::kLittle;
 }
 
 found_plan search_plan(const plan_request& request) {

@@ -15,9 +15,9 @@ constexpr uint64_t kMix3 = 0x165667B19E3779F9U;
 constexpr uint64_t kMix4 = 0xD6E8FEB86659FD93U;
 
 std::optional<uint32_t> string_hash(const uint8_t* bytes, uint32_t bits) {
-  const uint64_t head = load_word(bytes, ByteOrder::little);
-  const uint64_t middle = load_word(bytes + 4, ByteOrder::little);
-  const uint64_t tail = load_word(bytes + 8, ByteOrder::little);
+  const uint64_t head = load_word(bytes, ByteOrder::kLittle);
+  const uint64_t middle = load_word(bytes + 4, ByteOrder::kLittle);
+  const uint64_t tail = load_word(bytes + 8, ByteOrder::kLittle);
   if (head == middle && middle == tail && head == std::rotr(static_cast<uint32_t>(head), 8)) {
     return std::nullopt;
   }
@@ -104,18 +104,18 @@ std::span<const uint32_t> string_seeds::places(const uint8_t* bytes) const {
 difference_seeds::difference_seeds(std::span<const uint8_t> old_image, ByteOrder order)
     : order_(order) {
   build(old_image.size() / kDifferenceStep * kSeedStrides, [&](const auto& take) {
-    if (order == ByteOrder::big) {
-      each_difference<ByteOrder::big>(old_image, bits_, take);
+    if (order == ByteOrder::kBig) {
+      each_difference<ByteOrder::kBig>(old_image, bits_, take);
     } else {
-      each_difference<ByteOrder::little>(old_image, bits_, take);
+      each_difference<ByteOrder::kLittle>(old_image, bits_, take);
     }
   });
 }
 
 std::span<const uint32_t> difference_seeds::places(const uint8_t* bytes, uint32_t stride) const {
-  const auto hash = order_ == ByteOrder::big
-                        ? difference_hash<ByteOrder::big>(bytes, stride, bits_)
-                        : difference_hash<ByteOrder::little>(bytes, stride, bits_);
+  const auto hash = order_ == ByteOrder::kBig
+                        ? difference_hash<ByteOrder::kBig>(bytes, stride, bits_)
+                        : difference_hash<ByteOrder::kLittle>(bytes, stride, bits_);
   return hash ? bucket(*hash) : std::span<const uint32_t>{};
 }
 

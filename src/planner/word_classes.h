@@ -24,7 +24,7 @@
 namespace kelvane {
 
 struct word_settings {
-  ByteOrder order = ByteOrder::little;
+  ByteOrder order = ByteOrder::kLittle;
   walk_settings walk;
   uint32_t class_limit = 0xFFFFFFFF;
 };

@@ -1,15 +1,12 @@
 #include "color_format.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "captured_run.h"
 #include "color_reset.h"
@@ -23,26 +20,25 @@
 
 namespace kelvane {
 
-// Configurations are compared and printed field by field.
-bool operator==(const color_configuration& a, const color_configuration& b) {
-  return a.attribute == b.attribute && a.background == b.background && a.foreground == b.foreground;
-}
-void PrintTo(const color_configuration& configuration, std::ostream* stream) {
-  *stream << "{attribute " << configuration.attribute << ", background " << configuration.background
-          << ", foreground " << configuration.foreground << "}";
-}
-
 namespace {
 
-using testing::ElementsAre;
-
-std::vector<color_configuration> all_configurations() {
-  return {color_info_conf, color_warning_conf, color_error_conf, color_before_conf,
-          color_after_conf};
+std::string shown(const color_configuration& configuration) {
+  return std::to_string(configuration.attribute) + ":" + std::to_string(configuration.background) +
+         ":" + std::to_string(configuration.foreground);
 }
 
-const std::vector<color_configuration> kDefaults = {
-    {1, -1, -1}, {1, -1, 5}, {1, -1, 1}, {0, -1, -1}, {1, -1, -1}};
+// All configurations from the first type on.
+std::string all_configurations() {
+  std::string all;
+  for (const color_configuration* const configuration :
+       {&color_info_conf, &color_warning_conf, &color_error_conf, &color_before_conf,
+        &color_after_conf}) {
+    all += shown(*configuration) + "/";
+  }
+  return all;
+}
+
+const std::string kDefaults = "1:-1:-1/1:-1:5/1:-1:1/0:-1:-1/1:-1:-1/";
 
 // Gives what a call prints to a stream of its own on the file of that name.
 std::string printed(const std::function<void(std::FILE*)>& print) {
@@ -57,13 +53,15 @@ std::string printed(const std::function<void(std::FILE*)>& print) {
 // files until a test writes some.
 class Color : public testing::Test {
  protected:
-  Color() {
+  Color() { start_afresh(); }
+  ~Color() override { reset_all_state(); }
+
+  void start_afresh() {
     reset_all_state();
     gen_setuserconfigdir(tree_.path("home/.qvr").c_str());
     gen_changeprogdir(tree_.write("bin/kelvane", "").substr(0, tree_.path("bin").size()).c_str());
     gen_changeprogname("kelvane");
   }
-  ~Color() override { reset_all_state(); }
 
   // Reads a configuration file with that text and gives the messages.
   std::string errors_of(const std::string& text) {
@@ -77,11 +75,6 @@ class Color : public testing::Test {
 };
 
 // ---- What the table tells
-
-std::string shown(const color_configuration& configuration) {
-  return std::to_string(configuration.attribute) + ":" + std::to_string(configuration.background) +
-         ":" + std::to_string(configuration.foreground);
-}
 
 std::string name_of(const color_configuration* configuration) {
   const std::pair<const char*, const color_configuration*> names[] = {
@@ -97,27 +90,6 @@ std::string name_of(const color_configuration* configuration) {
     }
   }
   return "unknown";
-}
-
-// The configuration that a type gives or gets; the end of the run is a `!`.
-std::string chosen(int32_t type) {
-  std::string name;
-  const CapturedRun run = capture([&] { name = name_of(get_color_conf(type)); });
-  if (run.ended) {
-    EXPECT_EQ(run.errors, "kelvane: fatal: unknown type (" + std::to_string(type) + ")\n");
-  }
-  return run.ended && run.status == 1 ? "!" : name;
-}
-std::string set_for(int32_t type) {
-  std::string fields;
-  const CapturedRun run = capture([&] {
-    color_config_type(type, type, type + 10, type + 20);
-    fields = shown(*get_color_conf(type));
-  });
-  if (run.ended) {
-    EXPECT_EQ(run.errors, "kelvane: fatal: invalid type (" + std::to_string(type) + ")\n");
-  }
-  return run.ended && run.status == 1 ? "!" : fields;
 }
 
 uint32_t code_seen = 0;
@@ -143,6 +115,18 @@ std::string around(uint32_t code) {
   return prefix;
 }
 
+std::string print_a_message_of_each_class(int32_t forced) {
+  gen_domessage = gen_default_domessage;
+  color_init(nullptr, static_cast<uint8_t>(forced));
+  gen_printf("plain");
+  gen_info("info");
+  gen_warning("warning %d", 4);
+  gen_error("error\n");
+  errno = ENOENT;
+  gen_perror("file");
+  return std::to_string(is_tty_stdout) + "/" + std::to_string(is_tty_stderr);
+}
+
 TEST_F(Color, DoesWhatTheTableTells) {
   using Text = const char*;
   EXPECT_EQ(all_configurations(), kDefaults);
@@ -159,7 +143,21 @@ TEST_F(Color, DoesWhatTheTableTells) {
         EXPECT_TRUE(behind != nullptr || shown(fields) == "-1:-1:-1");
         return behind != nullptr ? std::to_string(behind - text) + "/" + shown(fields) : "none";
       }},
-      KELVANE_OPERATION(chosen), {"set", set_for}, KELVANE_OPERATION(around),
+      {"chosen", [](int32_t type) { return name_of(get_color_conf(type)); }},
+      {"set", [](int32_t type) {
+        color_config_type(type, type, type + 10, type + 20);
+        return shown(*get_color_conf(type));
+      }},
+      KELVANE_OPERATION(around), {"messages", print_a_message_of_each_class},
+      {"afresh", [this](Text) { start_afresh(); return ""; }},
+      {"configurations", [](Text) { return all_configurations(); }},
+      {"start", [](Text text) {
+        color_init(nullptr, 1);
+        EXPECT_EQ(gen_domessage, gen_color_domessage);
+        EXPECT_EQ(gen_domessage_orig, gen_default_domessage);
+        gen_error("%s", text);
+        return "";
+      }},
       {"defaults", [](Text) { reset_color_format(); return ""; }},
       {"format", [](int32_t type) { return color_format_string(type, "text"); }},
       {"found", [](Text name, Text subdirectory) { return find_config(name, "ini", subdirectory); }},
@@ -209,129 +207,7 @@ TEST_F(Color, DropsSequencesFromAStandardStreamThatIsNoTerminal) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "a\x1b[1mb");
 }
 
-// ---- Messages
-
-void print_a_message_of_each_class() {
-  gen_printf("plain");
-  gen_info("info");
-  gen_warning("warning %d", 4);
-  gen_error("error\n");
-  errno = ENOENT;
-  gen_perror("file");
-}
-
-constexpr const char* kPlainMessages =
-    "plain\n"
-    "kelvane: info: info\n"
-    "kelvane: warning: warning 4\n"
-    "kelvane: error: error\n"
-    "kelvane: fatal: file: No such file or directory\n";
-
-constexpr const char* kColoredMessages =
-    "\x1b[1mplain\n\x1b[00m"
-    "\x1b[1mkelvane: info: info\n\x1b[00m"
-    "\x1b[1;35mkelvane: warning: warning 4\n\x1b[00m"
-    "\x1b[1;31mkelvane: error: error\n\x1b[00m"
-    "\x1b[1;31mkelvane: fatal: file: No such file or directory\n\x1b[00m";
-
-TEST_F(Color, LeavesMessagesInAFilePlainUnlessForced) {
-  EXPECT_EQ(capture([] {
-              color_init(nullptr, 0);
-              EXPECT_EQ(is_tty_stderr, 0);
-              print_a_message_of_each_class();
-            }).errors,
-            kPlainMessages);
-  gen_domessage = gen_default_domessage;
-  EXPECT_EQ(capture([] {
-              color_init(nullptr, 1);
-              EXPECT_EQ(is_tty_stdout, 1);
-              EXPECT_EQ(is_tty_stderr, 1);
-              print_a_message_of_each_class();
-            }).errors,
-            kColoredMessages);
-}
-
-TEST_F(Color, PrintsOnlyTheSuffixForAConfigurationOutOfRange) {
-  EXPECT_EQ(errors_of("[ERROR]\nforeground = 9\n"), "");
-  EXPECT_EQ(capture([] {
-              color_init(nullptr, 1);
-              gen_error("text");
-            }).errors,
-            "kelvane: error: text\n\x1b[00m");
-}
-
 // ---- The configuration file
-
-TEST_F(Color, ReadsSectionsAndFieldsInEveryAllowedForm) {
-  EXPECT_EQ(errors_of("# comment\n"
-                      "\n"
-                      " \t \n"
-                      "\t# indented comment\n"
-                      "[INFO]\n"
-                      "attribute = 4\n"
-                      "background=2\n"
-                      "[warning]  \t\r\n"
-                      "  ATTRIBUTE \t=\t 0x1 \r\n"
-                      "Foreground = 010\n"
-                      "[ERROR]\n"
-                      "attribute = -1\n"
-                      "foreground =\n"
-                      "background = +7\n"
-                      "[BEFORE]\n"
-                      "foreground = 99999999999\n"
-                      "background = -99999999999\n"
-                      " [After]\n"
-                      "attribute = 3\n"
-                      "attribute = 5"),
-            "");
-  EXPECT_THAT(all_configurations(),
-              ElementsAre(color_configuration{4, 2, -1}, color_configuration{1, -1, 8},
-                          color_configuration{-1, 7, 0},
-                          color_configuration{0, -0x7fffffff - 1, 0x7fffffff},
-                          color_configuration{5, -1, -1}));
-}
-
-TEST_F(Color, ReportsEachFaultyLineAndChangesNothingByIt) {
-  EXPECT_EQ(errors_of("attribute = 1\n"         // 1
-                      "no field\n"              // 2
-                      "[BLUE]\n"                // 3
-                      "foreground = 3\n"        // 4: still no section
-                      "[ERROR]\n"               // 5
-                      "[ INFO]\n"               // 6: names are not trimmed
-                      "[]\n"                    // 7
-                      "attribute 3\n"           // 8
-                      "attribute = 1 2\n"       // 9
-                      " Background = \t0x \n"   // 10
-                      "foreground = red\n"      // 11
-                      "colour = x\n"            // 12: the value comes first
-                      "colour = 3\n"            // 13
-                      "= 3\n"                   // 14
-                      "attribute = 1 = 2\n"     // 15
-                      "[INFO\n"                 // 16
-                      "[\n"                     // 17
-                      "attribute = 1 # bold\n"  // 18
-                      "background = 3\n"),      // 19: ERROR is still selected
-            "kelvane: error: line 1: no associated section for expresion 'attribute = 1'\n"
-            "kelvane: error: line 2: no associated section for expresion 'no field'\n"
-            "kelvane: error: line 3: invalid heading 'BLUE'\n"
-            "kelvane: error: line 4: no associated section for expresion 'foreground = 3'\n"
-            "kelvane: error: line 6: invalid heading ' INFO'\n"
-            "kelvane: error: line 7: invalid heading ''\n"
-            "kelvane: error: line 8: expected an '='\n"
-            "kelvane: error: line 9: invalid value '1 2' for field 'attribute'\n"
-            "kelvane: error: line 10: invalid value '0x' for field 'Background'\n"
-            "kelvane: error: line 11: invalid value 'red' for field 'foreground'\n"
-            "kelvane: error: line 12: invalid value 'x' for field 'colour'\n"
-            "kelvane: error: line 13: invalid field name 'colour'\n"
-            "kelvane: error: line 14: invalid field name ''\n"
-            "kelvane: error: line 15: invalid value '1 = 2' for field 'attribute'\n"
-            "kelvane: error: line 16: expected an '='\n"
-            "kelvane: error: line 17: expected an '='\n"
-            "kelvane: error: line 18: invalid value '1 # bold' for field 'attribute'\n");
-  std::vector<color_configuration> expected = kDefaults;
-  expected[2].background = 3;
-  EXPECT_EQ(all_configurations(), expected);
-}
 
 TEST_F(Color, TakesALongLineForLinesOf199Bytes) {
   const std::string comment = "#" + std::string(197, 'x');  // 198 bytes and the line's end
@@ -368,18 +244,6 @@ TEST_F(Color, EndsTheRunAtAFileThatIsThereAndCannotBeOpened) {
   EXPECT_EQ(run.errors, "kelvane: fatal: Unable to open configuration file '" + path +
                             "' for input: : Too many open files\n");
   EXPECT_EQ(run.status, 1);
-}
-
-TEST_F(Color, StartsPlainWhileItsFileIsRead) {
-  tree_.write("home/.qvr/colors.ini", "[BLUE]\n");
-  EXPECT_EQ(capture([] {
-              color_init(nullptr, 1);
-              gen_error("after");
-            }).errors,
-            "kelvane: error: line 1: invalid heading 'BLUE'\n"
-            "\x1b[1;31mkelvane: error: after\n\x1b[00m");
-  EXPECT_EQ(gen_domessage, gen_color_domessage);
-  EXPECT_EQ(gen_domessage_orig, gen_default_domessage);
 }
 
 TEST_F(Color, ShipsAFileThatHoldsTheDefaults) {

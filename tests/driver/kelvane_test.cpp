@@ -2,10 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+
 #include "captured_run.h"
 #include "debug_print.h"
 #include "engine_fixture.h"
 #include "engine_settings.h"
+#include "indgen_memory.h"
+#include "motion.h"
+#include "operation_table.h"
 
 namespace kelvane {
 namespace {
@@ -13,10 +18,10 @@ namespace {
 struct Section {
   std::string name;
   uint32_t addr;
-  std::string text;   // the contents in the file
-  uint32_t size = 0;  // of a section without contents, or of an expanded one
-  uint32_t type = 1;
-  uint32_t compressed_size = 0;
+  std::string text;  // the contents in the file
+  uint32_t size;     // of a section without contents, or of an expanded one
+  uint32_t type;
+  bool compressed;
 };
 
 // An image whose file holds the contents end to end, behind a first byte.
@@ -26,14 +31,15 @@ class TestImage {
     names_.reserve(sections.size());
     for (const Section& section : sections) {
       names_.push_back(section.name);
+      const auto size = static_cast<uint32_t>(section.text.size());
       sym_addr record = {};
       record.name = names_.back().data();
       record.type = section.type;
       record.addr.low = section.addr;
       record.offset.low = static_cast<uint32_t>(bytes_.size()) - 1;
       record.object_start = 1;
-      record.size = section.size != 0 ? section.size : static_cast<uint32_t>(section.text.size());
-      record.compressed_size = section.compressed_size;
+      record.size = section.size != 0 ? section.size : size;
+      record.compressed_size = section.compressed ? size : 0;
       records_.push_back(record);
       bytes_.insert(bytes_.end(), section.text.begin(), section.text.end());
     }
@@ -53,118 +59,80 @@ class TestImage {
   file_data file_;
 };
 
-CapturedRun compare(const TestImage& first, const TestImage& second) {
-  return capture([&] { diff_mem(first.file(), second.file(), 100, 1000, -1); });
-}
-
-// Moves as hexadecimal addresses with their shifts; end marks have none.
-std::string text_of_moves(const command_record* list) {
-  char text[32];
-  std::string all;
-  for (; list != nullptr; list = list->next) {
-    const uint32_t shift =
-        list->size < 0 ? 0U - static_cast<uint32_t>(list->size) : static_cast<uint32_t>(list->size);
-    std::snprintf(text, sizeof(text), shift == 0 ? " %x" : " %x%c%x", list->address,
-                  list->size < 0 ? '-' : '+', shift);
-    all += text;
-  }
-  return all;
-}
-
+// The sections of two images, and what a comparison of them made.
 class MemoryMode : public EngineTest {
  protected:
-  static void expect_failure(const std::vector<Section>& first, const std::vector<Section>& second,
-                             const std::string& words) {
-    reset_all_state();
-    const CapturedRun run = compare({"old", first}, {"new", second});
-    EXPECT_EQ(run.errors, "fatal: " + words + "\n");
-    EXPECT_EQ(run.status, 1);
+  std::string compare() {
+    first_.emplace("old", sections_[0]);
+    second_.emplace("new", sections_[1]);
+    const Bytes before = first_->bytes();
+    diff_mem(first_->file(), second_->file(), 100, 1000, -1);
+    EXPECT_EQ(first_->bytes(), before);
+    return shown(first_move);
   }
+  void start_afresh() {
+    reset_all_state();
+    sections_[0].clear();
+    sections_[1].clear();
+  }
+
+  // The commands of a list, each by address and size, and the bytes that it stores, if any.
+  static std::string shown(const command_record* list, bool stores = false) {
+    std::string all;
+    for (; list != nullptr; list = list->next) {
+      char text[64];
+      std::snprintf(text, sizeof text, "%s%x:%d", all.empty() ? "" : "/", list->address,
+                    list->size);
+      all += text;
+      all += stores ? ":" + text_of(Bytes(list->data.bytes, list->data.bytes + list->size)) : "";
+    }
+    return all;
+  }
+
+  std::vector<Section> sections_[2];
+  std::optional<TestImage> first_;
+  std::optional<TestImage> second_;
 };
 
-TEST_F(MemoryMode, MakesNoCommandWithoutSections) {
-  EXPECT_EQ(compare({"old", {{".gone", 0x100, "abc"}}}, {"new", {}}).errors, "");
-  EXPECT_EQ(first_move, nullptr);
-  EXPECT_EQ(first_checksum1, nullptr);
-}
-
-TEST_F(MemoryMode, ComparesSectionsInTheOrderOfTheirAddresses) {
-  debug_level = 1;
-  const TestImage first("old",
-                        {{".b", 0x200, "bbbb"}, {".a", 0x100, "aaaa"}, {".empty", 0x300, ""}});
-  const TestImage second("new",
-                         {{".empty", 0x300, ""}, {".b", 0x200, "bbXb"}, {".a", 0x100, "aaaa"}});
-  EXPECT_EQ(compare(first, second).errors,
-            "Adding patch for section '.a'\nAdding patch for section '.b'\n"
-            "Adding patch for section '.empty'\n");
-  // Each section but the first gets an end mark at its start, and each ends with one.
-  EXPECT_EQ(text_of_moves(first_move), " 104 200 204 300 300");
-  EXPECT_EQ(stores_of(first_sub_one), (std::vector<Store>{{0x202, {'X'}}}));
-  EXPECT_EQ(text_of_moves(first_checksum1), " 100+4 200+4");
-  EXPECT_NE(checksum1, checksum2);
-}
-
-TEST_F(MemoryMode, PlacesSectionsByTheGapsInFrontOfThem) {
-  struct Case {
-    const char* why;
-    uint32_t old_addresses[2];  // of two sections of 4 bytes
-    uint32_t new_addresses[2];
-    const char* moves;
-  };
+TEST_F(MemoryMode, MakesWhatTheTableTells) {
+  using Text = const std::string&;
   // clang-format off
-  const Case cases[] = {
-      // why              old sections     new sections    moves
-      {"both stay",       {0x100, 0x200},  {0x100, 0x200}, " 104 200 204"},
-      {"the first moves", {0x100, 0x200},  {0x140, 0x200}, " 100+40 104 200 204"},
-      {"both move",       {0x100, 0x200},  {0x140, 0x240}, " 100+40 104 200 200+40 204"},
-      {"the gap goes",    {0x100, 0x200},  {0x100, 0x104}, " 104 200-fc 204"},
-      {"there is no gap", {0x100, 0x104},  {0x140, 0x144}, " 100+40 104 104 104+40 108"},
-      {"a gap comes",     {0x100, 0x104},  {0x100, 0x200}, " 104 104 104+fc 108"},
-      {"no signed size",  {0, 0x90000000}, {0x7FFFFFF0, 0x7FFFFFF4},
-       " 0+7ffffff0 4 90000000 90000000-1000000c 90000004"},
-  };
+  check_table({
+      {"afresh", [this](Text) { start_afresh(); return ""; }},
+      {"debug", [](int32_t level) { debug_level = level; return ""; }},
+      {"swap_blocks", [](uint8_t on) { swap_block_enabled = on; return ""; }},
+      {"section", [this](int32_t image, Text name, uint32_t addr, Text text) {
+        sections_[image - 1].push_back({name, addr, text, 0, 1, false});
+        return "";
+      }},
+      {"special", [this](int32_t image, Text name, uint32_t addr, Text text, uint32_t size, uint32_t type, int32_t compressed) {
+        sections_[image - 1].push_back({name, addr, text, size, type, compressed != 0});
+        return "";
+      }},
+      {"compare", [this](Text) { return compare(); }},
+      {"stores", [](Text) { return shown(first_sub_one, true); }},
+      {"sums", [](Text) { return shown(first_checksum1); }},
+      {"other_commands", [](Text) {
+        return (first_sub != nullptr ? 1 : 0) + (first_fill != nullptr ? 2 : 0) + (first_abs_move != nullptr ? 4 : 0);
+      }},
+      {"sum_of_old", [this](Text) {
+        uint32_t sum = 0;
+        for (size_t i = 1; i < first_->bytes().size(); ++i) {
+          sum = (sum << 7U | sum >> 25U) + first_->bytes()[i];
+        }
+        return checksum1 == sum;
+      }},
+      {"sum_is_0", [](Text) { return checksum1 == 0; }},
+      {"sums_are_equal", [](Text) { return checksum1 == checksum2; }},
+  }, KELVANE_TABLES "kelvane.table");
   // clang-format on
-  for (const Case& row : cases) {
-    SCOPED_TRACE(row.why);
-    reset_all_state();
-    compare({"old", {{".a", row.old_addresses[0], "aaaa"}, {".b", row.old_addresses[1], "bbbb"}}},
-            {"new", {{".a", row.new_addresses[0], "aaaa"}, {".b", row.new_addresses[1], "bbbb"}}});
-    EXPECT_EQ(text_of_moves(first_move), row.moves);
-  }
-}
-
-TEST_F(MemoryMode, RefusesSectionsThatCannotBePaired) {
-  expect_failure({{".a", 0x100, "abcd"}, {".b", 0x103, "efgh"}}, {},
-                 "old: section '.b' overlaps section '.a'");
-  expect_failure({}, {{".a", 0x100, "abcd"}, {".b", 0x102, "", 0, 8}},
-                 "new: section '.b' overlaps section '.a'");
-  expect_failure({{".a", 0x100, "a"}}, {{".b", 0x100, ""}},
-                 "could not find section '.b' in first file");
-  expect_failure({{".a", 0x100, "a"}, {".b", 0x200, "b"}}, {{".b", 0x100, "b"}, {".a", 0x200, "a"}},
-                 "internal error: sections must be in ascending order");
-  expect_failure({{".a", 0, "abcd"}}, {{".a", 0x7FFFFFFC, "abcd"}}, "section '.a' moves too far");
-  expect_failure({{".bss", 0xFFFFFFF0, "", 0x11, 8}}, {{".bss", 0, "", 4, 8}},
-                 "section '.bss' in file 'old' runs past the end of the addresses");
-  expect_failure({{".a", 0x100, "a"}}, {{".a", 0x100, "a", 2}},
-                 "section '.a' lies outside file 'new'");
-  // Right at the edges all is well.
-  reset_all_state();
-  EXPECT_EQ(compare({"old", {{".a", 0x100, "abcd"}, {".e", 0x104, ""}, {".b", 0x104, "efgh"}}},
-                    {"new", {}})
-                .errors,
-            "");
-  EXPECT_EQ(compare({"old", {{".a", 0, "abcd"}, {".bss", 0xFFFFFFF0, "", 0x10, 8}}},
-                    {"new", {{".a", 0x7FFFFFFB, "abcd"}, {".bss", 0xFFFFFFF0, "", 0x10, 8}}})
-                .errors,
-            "");
 }
 
 TEST_F(MemoryMode, NamesTheFirstOverlapAmongMany) {
-  std::vector<Section> sections;
+  std::vector<Section>& sections = sections_[0];
   for (uint32_t i = 0; i < 32768; ++i) {
-    sections.push_back({".s" + std::to_string(i), 0x70000000 + 16 * i, "", 16, 8});
+    sections.push_back({".s" + std::to_string(i), 0x70000000 + 16 * i, "", 16, 8, false});
   }
-  reset_all_state();
   {
     const TestImage many("old", sections);
     check_overlap(many.file()->sections, 32768, "old");
@@ -172,68 +140,12 @@ TEST_F(MemoryMode, NamesTheFirstOverlapAmongMany) {
   // The order of the pairs counts, not that of the places where they overlap.
   sections[20000].size = 17;
   sections[10].size = 40;
-  expect_failure(sections, {}, "old: section '.s11' overlaps section '.s10'");
+  EXPECT_EQ(capture([this] { compare(); }).errors,
+            "fatal: old: section '.s11' overlaps section '.s10'\n");
   // Addresses are signed here, so a section over the middle of all addresses meets none.
-  const TestImage middle("old", {{".m", 0x7FFFFFFC, "", 8, 8}, {".n", 0x80000000, "", 16, 8}});
+  const TestImage middle(
+      "old", {{".m", 0x7FFFFFFC, "", 8, 8, false}, {".n", 0x80000000, "", 16, 8, false}});
   check_overlap(middle.file()->sections, 2, "old");
-}
-
-TEST_F(MemoryMode, TakesSectionsWithoutContentsAsZeros) {
-  const TestImage first("old", {{".noinit", 0x100, "", 4, 8}, {".my_bss", 0x200, "", 4, 8}});
-  const TestImage second("new",
-                         {{".noinit", 0x100, std::string(4, '\0')}, {".my_bss", 0x200, "", 4, 8}});
-  EXPECT_EQ(compare(first, second).errors,
-            "warning: SHT_NOBITS for possibly non-BSS section '.noinit' in file 'old'\n");
-  EXPECT_EQ(first_sub, nullptr);
-  EXPECT_EQ(first_fill, nullptr);
-  EXPECT_EQ(checksum1, 0U);
-}
-
-TEST_F(MemoryMode, ExpandsCompressedSections) {
-  const std::string stream =
-      "\x07"
-      "abc\xEE\xF6";
-  const auto packed = [&](uint32_t size, const std::string& bytes) {
-    return Section{".text_x", 0x100, bytes, size, 1, static_cast<uint32_t>(bytes.size())};
-  };
-  debug_level = 1;
-  const TestImage second("new", {{".text_x", 0x100, "abcabcabcabc" + std::string(4, '\0')}});
-  EXPECT_EQ(compare({"old", {packed(16, stream)}}, second).errors,
-            "Uncompressing section '.text_x' from file 'old'\n"
-            "Adding patch for section '.text_x'\n");
-  EXPECT_EQ(first_sub, nullptr);
-  const char* const words = "compressed section '.text_x' in file 'old' is damaged";
-  expect_failure({packed(11, stream)}, {{".text_x", 0x100, "a"}}, words);
-  expect_failure({packed(16, stream.substr(0, 5))}, {{".text_x", 0x100, "a"}}, words);
-}
-
-TEST_F(MemoryMode, LooksAtStartTextWithoutComparingIt) {
-  const TestImage first("old", {{"XXX.starttext", 0x100, "", 16, 8}, {".a", 0x200, "a"}});
-  const TestImage second("new", {{"XXX.starttext", 0x100, "", 16, 8}, {".a", 0x200, "a"}});
-  EXPECT_EQ(compare(first, second).errors,
-            "warning: SHT_NOBITS for possibly non-BSS section 'XXX.starttext' in file 'old'\n"
-            "warning: SHT_NOBITS for possibly non-BSS section 'XXX.starttext' in file 'new'\n");
-  // It counts as the first section all the same.
-  EXPECT_EQ(text_of_moves(first_move), " 200 201");
-  EXPECT_EQ(text_of_moves(first_checksum1), " 200+1");
-}
-
-TEST_F(MemoryMode, MovesBlocksOfACopyAndSumsWhatWasThereBefore) {
-  const std::string code = "The quick brown fox jumps over the lazy dog. ";
-  const std::string other(code.rbegin(), code.rend());
-  swap_block_enabled = 1;
-  const TestImage first("old", {{".text", 0x100, code + other + std::string(45, '.')}});
-  const TestImage second("new", {{".text", 0x100, std::string(45, '-') + code + other}});
-  const Bytes before = first.bytes();
-  EXPECT_EQ(compare(first, second).errors,
-            "warning: No usable swap region found for memory swapping pass\n");
-  EXPECT_NE(first_abs_move, nullptr);
-  EXPECT_EQ(first.bytes(), before);
-  uint32_t sum = 0;
-  for (size_t i = 1; i < before.size(); ++i) {
-    sum = (sum << 7U | sum >> 25U) + before[i];
-  }
-  EXPECT_EQ(checksum1, sum);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -11,14 +12,13 @@
 #include "engine_settings.h"
 #include "image.h"
 #include "indgeninit.h"
+#include "operation_table.h"
 #include "reset_state.h"
 #include "section_filter.h"
 #include "temporary_directory.h"
 
 namespace kelvane {
 namespace {
-
-using Words = std::vector<const char*>;
 
 // What the options of the command line leave in the settings. Their messages, the usage text and
 // what file mode shows of them are looked at with the program itself.
@@ -32,142 +32,83 @@ class Options : public testing::Test {
     gen_changeprogname("kelvane");
   }
 
-  // Parses the words as a new process would, and limits to the version, as a run does.
-  static command_line parsed(const Words& words) {
+  // Parses the words, which / stands between, as a new process would, and limits to the version, as
+  // a run does.
+  const command_line& parsed(const std::string& words) {
     start_afresh();
-    std::vector<char*> argv = {const_cast<char*>("kelvane")};
-    for (const char* const word : words) {
-      argv.push_back(const_cast<char*>(word));
+    words_ = {"kelvane"};
+    std::istringstream all(words);
+    for (std::string word; std::getline(all, word, '/');) {
+      words_.push_back(word);
     }
-    const auto argc = static_cast<int32_t>(argv.size());
+    std::vector<char*> argv;
+    for (std::string& word : words_) {
+      argv.push_back(word.data());
+    }
     argv.push_back(nullptr);
-    const command_line line = parse_options(argc, argv.data());
+    line_ = parse_options(static_cast<int32_t>(argv.size()) - 1, argv.data());
     limit_to_version();
-    return line;
+    return line_;
   }
+
+ private:
+  std::vector<std::string> words_;
+  command_line line_;
 };
 
-TEST_F(Options, WriteTheirSettingsOverTheInitialOnes) {
-  const command_line initial = parsed({});
-  EXPECT_EQ(initial.blocksize, 100);
-  EXPECT_EQ(initial.max_scan, 1000);
-  EXPECT_EQ(initial.deconstruct, -1);
-  EXPECT_STREQ(initial.output, "diff.out");
-  EXPECT_TRUE(initial.color);
-  EXPECT_EQ(initial.file1, nullptr);
-  EXPECT_EQ(exclude_file, nullptr);
-  EXPECT_EQ(TargetIsBigEndian, 0);
-
-  const command_line line =
-      parsed({"-b", "12", "-s", "-5", "old", "-t", "3", "-o", "-h", "-nocolor", "-exclude", "one",
-              "new", "-exclude", "two", "third"});
-  EXPECT_EQ(line.blocksize, 12);
-  EXPECT_EQ(line.max_scan, -5);
-  EXPECT_EQ(line.deconstruct, 3);
-  EXPECT_STREQ(line.output, "-h");
-  EXPECT_FALSE(line.color);
-  EXPECT_STREQ(line.file1, "old");
-  EXPECT_STREQ(line.file2, "new");
-  EXPECT_STREQ(exclude_file, "two");
-}
-
-struct Settings {
-  int32_t ram, version, debug, inc, relative, splicing, fill, compressed, percent, length;
-  int32_t swap, swap_block, minsize, maxtrees;
-  bool operator==(const Settings&) const = default;
-};
-
-Settings settings() {
-  return {fDiffMemory,
-          version,
-          debug_level,
-          incr_enabled,
-          relative_substitutions,
-          substitution_splicing,
-          use_fill_command,
-          compressed_substitutions,
-          min_compression_percent,
-          min_compression_length,
-          swap_enabled,
-          swap_block_enabled,
-          min_swap_block_size,
-          swap_maxtrees};
-}
-
-TEST_F(Options, WriteGlobalSettingsFromTheLeftToTheRight) {
-  const struct {
-    Words words;
-    Settings expected;
-  } rows[] = {
-      // clang-format off
-      //                                                ram version debug inc  relative splicing fill compressed percent length  swap block minsize maxtrees
-      {{},                                              {0, 0, 0, 0,  1, 1, 0, 0, 10, 50,  0, 0, 12, -1}},
-      {{"-ram"},                                        {1, 1, 0, 0,  1, 1, 1, 1, 10, 50,  0, 0, 12, -1}},
-      {{"-ram", "-version", "0"},                       {1, 0, 0, 0,  1, 1, 0, 0, 10, 50,  0, 0, 12, -1}},
-      {{"-ram", "-version", "-1"},                      {1, -1, 0, 0, 1, 1, 0, 0, 10, 50,  0, 0, 12, -1}},
-      {{"-version", "0", "-ram"},                       {1, 1, 0, 0,  1, 1, 1, 1, 10, 50,  0, 0, 12, -1}},
-      {{"-version", "2", "-ram"},                       {1, 2, 0, 0,  1, 1, 1, 1, 10, 50,  0, 0, 12, -1}},
-      {{"-fill", "-compressed_substitutions"},          {0, 0, 0, 0,  1, 1, 0, 0, 10, 50,  0, 0, 12, -1}},
-      {{"-inc", "-d", "5"},                             {0, 0, 5, 1,  1, 1, 0, 0, 10, 50,  0, 0, 12, -1}},
-      {{"-memmove"},                                    {0, 0, 0, 0,  1, 1, 0, 0, 10, 50,  1, 0, 12, -1}},
-      {{"-memmove_block"},                              {0, 0, 0, 0,  1, 1, 0, 0, 10, 50,  0, 1, 12, -1}},
-      {{"-memmove_block_minsize", "40", "-memmove_maxtrees", "6"}, {0, 0, 0, 0, 1, 1, 0, 0, 10, 50, 0, 0, 40, 6}},
-      {{"-min_compression_percent", "25", "-min_compression_length", "7"}, {0, 0, 0, 0, 1, 1, 0, 0, 25, 7, 0, 0, 12, -1}},
-      {{"-substitution_splicing", "-relative_substitutions", "-noopt"}, {0, 0, 0, 0, 1, 1, 0, 0, 10, 50, 0, 0, 12, -1}},
-      {{"-version", "1", "-inc", "-memmove", "-memmove_block", "-fill", "-noopt"}, {0, 1, 0, 0, 1, 1, 0, 0, 10, 50, 0, 1, 12, -1}},
-      {{"-version", "1", "-noopt", "-fill"},            {0, 1, 0, 0,  1, 1, 1, 0, 10, 50,  0, 0, 12, -1}},
-      {{"-noopt", "-compressed_substitutions", "-inc", "-memmove", "-ram"}, {1, 1, 0, 1, 1, 1, 0, 1, 10, 50, 1, 0, 12, -1}},
-      // clang-format on
-  };
-  for (const auto& row : rows) {
-    parsed(row.words);
-    EXPECT_TRUE(settings() == row.expected) << testing::PrintToString(row.words);
+std::string listed(std::initializer_list<int32_t> values) {
+  std::string all;
+  for (const int32_t value : values) {
+    all += (all.empty() ? "" : ":") + std::to_string(value);
   }
+  return all;
 }
 
-TEST_F(Options, ReadNumbersToTheFirstLetter) {
-  const std::pair<const char*, int32_t> rows[] = {{"12abc", 12}, {" \t+7", 7}, {"0x10", 0},
-                                                  {"", 0},       {"-b", 0},    {"65537", 65537}};
-  for (const auto& [text, number] : rows) {
-    EXPECT_EQ(parsed({"-t", text}).deconstruct, number) << text;
-  }
-  EXPECT_EQ(parsed({"-b", "65537"}).blocksize, 1);
-  EXPECT_EQ(parsed({"-b", "-1"}).blocksize, 65535);
-}
-
-TEST_F(Options, AddEachAliasAtOnce) {
-  parsed({"-alias", "80000000:20000000", "-alias", "0x1000:0xFfz"});
-  ASSERT_NE(memory_aliases, nullptr);
-  EXPECT_EQ(memory_aliases[0].address, 0x80000000U);
-  EXPECT_EQ(memory_aliases[0].mask, 0x20000000U);
-  EXPECT_EQ(memory_aliases[1].address, 0x1000U);
-  EXPECT_EQ(memory_aliases[1].mask, 0xFFU);
-  EXPECT_EQ(memory_aliases[2].address, 0U);
-  EXPECT_EQ(memory_aliases[2].mask, 0U);
-}
-
-TEST_F(Options, TakeTheWordsOfTheExcludeFileBetweenWhiteSpace) {
-  const std::string longest(1025, 'a');  // what is longer is cut into pieces
-  const std::pair<std::string, std::string> rows[] = {
-      {" .text\t.data\r\n\v\f#no .data comment\n", ".text\n.data\n#no\n.data\ncomment\n"},
-      {".text .data", ".text\n"},  // the last word has nothing behind it
-      {".text", ""},
-      {" \n", ""},
-      {longest + "\n", longest + "\n"},
-      {longest + "b c\n", longest + "\nb\nc\n"}};
+// The words of an exclude file as exclusions.
+std::string exclusions(const std::string& contents) {
   const TemporaryDirectory tree;
   const ChangedDirectory here(tree.name());
-  for (const auto& [contents, expected] : rows) {
-    start_afresh();
-    tree.write("names", contents);
-    exclude_file = "names";
-    EXPECT_EQ(capture([] { read_exclude_file(); }).errors, "");
-    std::string names;
-    for (char** name = section_exclusions; name != nullptr && *name != nullptr; ++name) {
-      names += *name + std::string("\n");
-    }
-    EXPECT_EQ(names, expected);
+  reset_all_state();
+  tree.write("names", contents);
+  exclude_file = "names";
+  read_exclude_file();
+  std::string names;
+  for (char** name = section_exclusions; name != nullptr && *name != nullptr; ++name) {
+    names += std::string(*name) + "|";
   }
+  return names;
+}
+
+TEST_F(Options, WriteWhatTheTableTells) {
+  using Text = const std::string&;
+  // clang-format off
+  check_table({
+      {"line", [this](Text words) {
+        const command_line& line = parsed(words);
+        return listed({line.blocksize, line.max_scan, line.deconstruct, line.color ? 1 : 0}) + ":" + line.output + ":" +
+               text_of(line.file1) + ":" + text_of(line.file2) + ":" + text_of(exclude_file);
+      }},
+      {"settings", [this](Text words) {
+        parsed(words);
+        EXPECT_EQ(TargetIsBigEndian, 0);
+        return listed({fDiffMemory, version, debug_level, incr_enabled, relative_substitutions, substitution_splicing,
+                       use_fill_command, compressed_substitutions, min_compression_percent, min_compression_length,
+                       swap_enabled, swap_block_enabled, min_swap_block_size, swap_maxtrees});
+      }},
+      {"aliases", [this](Text words) {
+        parsed(words);
+        std::ostringstream all;
+        for (const auto* alias = memory_aliases; alias != nullptr && (alias->address != 0 || alias->mask != 0); ++alias) {
+          all << std::hex << alias->address << "/" << alias->mask << " ";
+        }
+        return all.str();
+      }},
+      KELVANE_OPERATION(exclusions),
+  }, KELVANE_TABLES "options.table");
+  // clang-format on
+  const std::string longest(1025, 'a');  // what is longer is cut into pieces
+  EXPECT_EQ(exclusions(longest + "\n"), longest + "|");
+  EXPECT_EQ(exclusions(longest + "b c\n"), longest + "|b|c|");
 }
 
 }  // namespace

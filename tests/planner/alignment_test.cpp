@@ -15,9 +15,9 @@ using testing::IsEmpty;
 std::vector<shift_stretch> stretches_of(const Bytes& old_image, const Bytes& new_image,
                                         std::span<const class_price> classes = {}) {
   const string_seeds strings(old_image);
-  const difference_seeds differences(old_image, ByteOrder::little);
+  const difference_seeds differences(old_image, ByteOrder::kLittle);
   const class_prices prices(classes);
-  return align_images({{old_image, new_image}, ByteOrder::little, &strings, &differences, &prices},
+  return align_images({{old_image, new_image}, ByteOrder::kLittle, &strings, &differences, &prices},
                       {.stored_word_bits = 22, .kept_shifts = {}});
 }
 
@@ -54,7 +54,7 @@ TEST(SeedsTest, GiveNothingForImagesThatAreTooShort) {
   for (size_t size = 0; size < kSeedBytes; ++size) {
     EXPECT_THAT(string_seeds(std::span(bytes).first(size)).places(bytes.data()), IsEmpty());
   }
-  EXPECT_THAT(difference_seeds(std::span(bytes).first(31), ByteOrder::big).places(bytes.data(), 1),
+  EXPECT_THAT(difference_seeds(std::span(bytes).first(31), ByteOrder::kBig).places(bytes.data(), 1),
               IsEmpty());
 }
 

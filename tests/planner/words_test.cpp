@@ -18,8 +18,8 @@ plan plan_without_moves(const Bytes& old_image, const Bytes& new_image,
                         patch_profile profile = patch_profile::wide, uint8_t format = 1) {
   const plan_images images = {old_image, new_image};
   const plan_rules rules = rules_for(profile, format);
-  plan planned = make_plan(images, {}, rules, {ByteOrder::big, 58 * 32 / 10, 66 * 32});
-  EXPECT_EQ(fault_of_patch(images, write_plan(images, planned, rules), ByteOrder::big), "");
+  plan planned = make_plan(images, {}, rules, {ByteOrder::kBig, 58 * 32 / 10, 66 * 32});
+  EXPECT_EQ(fault_of_patch(images, write_plan(images, planned, rules), ByteOrder::kBig), "");
   return planned;
 }
 
@@ -84,7 +84,7 @@ TEST(OptimalParseTest, ExpandsToTheDataAndIsNeverLargerThanTheFirstMatch) {
     Bytes expanded(data.size());
     const Expanded result =
         expand_bounded(expanded.data(), expanded.size(), packed.data(), packed.size());
-    ASSERT_EQ(result.end, ExpandEnd::complete);
+    ASSERT_EQ(result.end, ExpandEnd::kComplete);
     EXPECT_EQ(expanded, data);
     // A block may cut a match at its end.
     EXPECT_LE(packed.size(), encoder.encoded(data).size() + 3 * (data.size() / 65536));

@@ -66,6 +66,23 @@ TEST_F(Messages, SayWhatTheTableTells) {
   // clang-format on
 }
 
+TEST_F(Messages, ComeFromOneOperationForEachClassAndMayEndTheRun) {
+  using Text = const char*;
+  // clang-format off
+  check_table({
+      {"printed", [](Text text) { gen_printf("%s", text); return ""; }},
+      {"info", [](int32_t number) { gen_info("gadr: %d", number); return ""; }},
+      {"warning", [](Text text) { gen_warning("gadr: %s", text); return ""; }},
+      {"error", [](Text text) { gen_error("line %d: %s\n", 3, text); return ""; }},
+      {"perror", [](int32_t number, Text text) { errno = number; gen_perror("unable to open %s", text); return ""; }},
+      {"errorexit", [](int32_t status, Text text) { gen_errorexit(status, "%s", text); return ""; }},
+      {"perrorexit", [](int32_t status, Text text) { errno = ENOENT; gen_perrorexit(status, "Unable to open %s: ", text); return ""; }},
+      {"successexit", [](Text) { gen_successexit(); return ""; }},
+      {"counts", [](Text) { return std::to_string(gen_error_count[0]) + ":" + std::to_string(gen_error_count[2]) + "/" + std::to_string(gen_any_error); }},
+  }, KELVANE_TABLES "indgen_message_classes.table");
+  // clang-format on
+}
+
 TEST_F(Messages, EndInOneNewline) {
   for (uint32_t code = 0; code < 9; ++code) {
     EXPECT_EQ(capture([code] { send(code, "text\n"); }).errors, words_of(code)) << code;
@@ -78,48 +95,6 @@ TEST_F(Messages, EndInOneNewline) {
   errno = 0;
   EXPECT_EQ(capture([] { gen_perror("text\n"); }).errors, "kelvane: fatal: text\n");
   EXPECT_EQ(capture([] { gen_perror("text"); }).errors, "kelvane: fatal: text\n");
-}
-
-TEST_F(Messages, ComeFromOneOperationForEachClass) {
-  const auto all = [] {
-    gen_printf("%s", "printed");
-    gen_info("gadr: %d", 5);
-    gen_warning("gadr: invalid range");
-    gen_error("line %d: %s\n", 3, "invalid heading 'X'");
-    errno = ENOENT;
-    gen_perror("unable to open input file '%s'", "a.out");
-  };
-  const CapturedRun run = capture(all);
-  EXPECT_FALSE(run.ended);
-  EXPECT_EQ(run.errors,
-            "printed\n"
-            "kelvane: info: gadr: 5\n"
-            "kelvane: warning: gadr: invalid range\n"
-            "kelvane: error: line 3: invalid heading 'X'\n"
-            "kelvane: fatal: unable to open input file 'a.out': No such file or directory\n");
-}
-
-TEST_F(Messages, EndTheRunWithTheStatusOfTheCaller) {
-  CapturedRun run = capture([] { gen_errorexit(1, "unable to open input file '%s'", "a.out"); });
-  EXPECT_EQ(run.errors, "kelvane: fatal: unable to open input file 'a.out'\n");
-  EXPECT_EQ(run.status, 1);
-  run = capture([] { gen_errorexit(0, "done"); });
-  EXPECT_EQ(run.errors, "kelvane: done\n");
-  EXPECT_EQ(run.status, 0);
-  EXPECT_EQ(gen_error_count[0], 1U);
-  EXPECT_EQ(gen_any_error, 2U);
-  run = capture([] {
-    errno = ENOENT;
-    gen_perrorexit(4, "Unable to open %s for %s: ", "x", "input");
-  });
-  EXPECT_EQ(run.errors,
-            "kelvane: fatal: Unable to open x for input: : No such file or directory\n");
-  EXPECT_EQ(run.status, 4);
-  EXPECT_EQ(gen_error_count[2], 2U);
-  run = capture([] { gen_successexit(); });
-  EXPECT_TRUE(run.ended);
-  EXPECT_EQ(run.status, 0);
-  EXPECT_EQ(run.errors, "");
 }
 
 TEST_F(Messages, GoThroughThePointerWithTheFullCode) {

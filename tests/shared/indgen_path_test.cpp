@@ -2,22 +2,20 @@
 
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <filesystem>
-#include <functional>
 #include <optional>
 #include <string>
 
 #include "captured_run.h"
 #include "changed_surroundings.h"
+#include "child_process.h"
 #include "indgen_memory.h"
 #include "indgen_string.h"
-#include "operation_table.h"
 #include "reset_state.h"
-#include "temporary_directory.h"
+#include "scenario.h"
 
 namespace kelvane {
 namespace {
@@ -26,17 +24,6 @@ std::string canonical(const char* name, uint8_t msw) {
   std::string path = name;
   canonicalizefilename(path.data(), msw);
   return path.c_str();
-}
-
-// True if `check`, called in a child process, gives true.
-bool in_child(const std::function<bool()>& check) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::_exit(check() ? 0 : 1);
-  }
-  int status = 0;
-  return child > 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status) &&
-         WEXITSTATUS(status) == 0;
 }
 
 class Paths : public testing::Test {
@@ -85,25 +72,6 @@ TEST_F(Paths, GiveWhatTheTableTells) {
   canonicalizefilename(nullptr, 0);
 }
 
-TEST_F(Paths, AreReducedByTheRulesOfThisHostOrTheOther) {
-  std::string host = "a\\..//b";
-  gen_canonicalfilename(host.data());
-  EXPECT_STREQ(host.c_str(), "a\\../b");
-  host = "a/../b";
-  gen_unix_canonicalfilename(host.data());
-  EXPECT_STREQ(host.c_str(), "b");
-  host = "d:\\..\\b\\";
-  gen_msw_canonicalfilename(host.data());
-  EXPECT_STREQ(host.c_str(), "D:/../b/");
-}
-
-TEST_F(Paths, NamesAProductOfAFile) {
-  const ChangedVariable variable("TARVOSYM", std::nullopt);
-  EXPECT_EQ(taken(gen_symfilename("a.out")), "a.out.sym");
-  variable.set("dbg");
-  EXPECT_EQ(taken(gen_symfilename("a.out")), "a.out.dbg");
-}
-
 TEST_F(Paths, WalksAListOfPaths) {
   std::array<char, 4> buffer{};
   const char* rest = gen_getpath("::abcde:f::", buffer.data(), 3);
@@ -113,47 +81,7 @@ TEST_F(Paths, WalksAListOfPaths) {
   EXPECT_STREQ(buffer.data(), "f");
   EXPECT_STREQ(rest, "::");
   EXPECT_EQ(gen_getpath(rest, buffer.data(), 3), nullptr);
-}
-
-TEST_F(Paths, ShortensNamesInAListing) {
-  char* current = nullptr;
-  EXPECT_STREQ(gen_addpath("x", &current), "x");
-  EXPECT_EQ(current, nullptr);
-  EXPECT_STREQ(gen_addpath("d/x", &current), "d/x");
-  EXPECT_STREQ(current, "d/x");
-  EXPECT_STREQ(gen_addpath("d/y", &current), "y");
-  EXPECT_STREQ(current, "d/x");
-  EXPECT_STREQ(gen_addpath("z", &current), "./z");
-  EXPECT_STREQ(current, "./z");
-  EXPECT_STREQ(gen_addpath("y", &current), "y");
-  EXPECT_STREQ(current, "./z");
-  EXPECT_STREQ(gen_addpath("./w", &current), "w");
-  EXPECT_STREQ(gen_addpath("e/f/x", &current), "e/f/x");
-  EXPECT_EQ(gen_addpath(nullptr, &current), nullptr);
-  gen_free(current);
-  for (const char* const here : {"", "."}) {
-    current = gen_copy(here);
-    EXPECT_STREQ(gen_addpath(".x", &current), ".x");
-    EXPECT_STREQ(current, here);
-    gen_free(current);
-  }
-}
-
-TEST_F(Paths, ManglesAPathIntoOneFlatName) {
-  EXPECT_EQ(taken(gen_manglefilename("c:\\a/b")).substr(8), "c@@a@b");
-  const std::string long_name =
-      taken(gen_manglefilename(("/" + std::string(99, 'd') + "/e").c_str()));
-  EXPECT_EQ(long_name.size(), 63U);
-  EXPECT_EQ(long_name.substr(8), std::string(53, 'd') + "@e");
-}
-
-TEST_F(Paths, GivesNullForNull) {
-  EXPECT_EQ(gen_realpath(nullptr), nullptr);
-  EXPECT_EQ(gen_expand_filename(nullptr), nullptr);
-  EXPECT_EQ(gen_expand_filename_using_cwd("/", nullptr), nullptr);
-  EXPECT_EQ(gen_symfilename(nullptr), nullptr);
   EXPECT_EQ(gen_getpath(nullptr, nullptr, 0), nullptr);
-  EXPECT_FALSE(gen_samefile(nullptr, nullptr));
 }
 
 TEST_F(Paths, KeepsTheCurrentDirectoryUntilItIsToldOfAChange) {
@@ -182,17 +110,19 @@ TEST_F(Paths, TakesTheHomeDirectoryForACurrentOneThatIsGone) {
   if (::geteuid() != 0) {
     return;  // only root can become a user that the system doesn't know
   }
-  EXPECT_TRUE(in_child([&] {
-    constexpr uid_t kUnknownUser = 54321;
-    reset_all_state();
-    variable.set("");
-    const CapturedRun run = capture([&] {
-      EXPECT_EQ(::setreuid(kUnknownUser, static_cast<uid_t>(-1)), 0);
-      gen_getcwd();
-    });
-    return run.ended && run.status == 1 &&
-           run.errors == "fatal: Could not get current working directory.\n";
-  }));
+  EXPECT_EQ(in_child([&] {
+              constexpr uid_t kUnknownUser = 54321;
+              reset_all_state();
+              variable.set("");
+              const CapturedRun run = capture([&] {
+                EXPECT_EQ(::setreuid(kUnknownUser, static_cast<uid_t>(-1)), 0);
+                gen_getcwd();
+              });
+              ::_exit(run.ended && run.errors == "fatal: Could not get current working directory.\n"
+                          ? run.status
+                          : 0);
+            }).status,
+            1);
 }
 
 TEST_F(Paths, FindsTheHomeDirectoryOnce) {
@@ -206,58 +136,36 @@ TEST_F(Paths, FindsTheHomeDirectoryOnce) {
   EXPECT_STREQ(gen_gethomedir(), user == nullptr ? nullptr : user->pw_dir);
 }
 
-TEST_F(Paths, ExpandsNamesFromHomesAndTheCurrentDirectory) {
-  const TemporaryDirectory directory;
-  const ChangedDirectory here(directory.name());
-  const ChangedVariable variable("HOME", "/home/./one");
-  EXPECT_EQ(taken(gen_expand_filename("~")), "/home/one");
-  EXPECT_EQ(taken(gen_expand_filename("~/")), "/home/one");
-  EXPECT_EQ(taken(gen_expand_filename("~/a/../b")), "/home/one/b");
-  EXPECT_EQ(taken(gen_expand_filename("~no-such-user/a//b")), "~no-such-user/a/b");
-  const struct passwd* const root = ::getpwnam("root");
-  ASSERT_NE(root, nullptr);
-  const std::string root_home = root->pw_dir;
-  EXPECT_EQ(taken(gen_expand_filename("~root")), root_home);
-  EXPECT_EQ(taken(gen_expand_filename("~root/x")), root_home + "/x");
-  EXPECT_EQ(taken(gen_expand_filename("/a/./b")), "/a/b");
-  EXPECT_EQ(taken(gen_expand_filename("x/../y")), directory.path("y"));
-  EXPECT_EQ(taken(gen_expand_filename("")), "");
-
-  EXPECT_EQ(taken(gen_expand_filename_using_cwd("/w", "x/../y")), "/w/y");
-  EXPECT_EQ(taken(gen_expand_filename_using_cwd("/w", "/a/./b")), "/a/b");
-  EXPECT_EQ(taken(gen_expand_filename_using_cwd("/w", "~/b")), "/home/one/b");
-  EXPECT_EQ(taken(gen_expand_filename_using_cwd(nullptr, "y")), directory.path("y"));
-  EXPECT_EQ(taken(gen_expand_filename_using_cwd("/w", "")), "");
-}
-
-TEST_F(Paths, FindsThePartOfANameBehindADirectory) {
-  const TemporaryDirectory tree;
-  const std::string file = tree.write("real/f", "");
-  std::filesystem::create_symlink("real", tree.path("link"));
-  EXPECT_EQ(taken(gen_relative_filename(tree.path("link").c_str(), file.c_str(), 0)), kNullText);
-  EXPECT_EQ(taken(gen_relative_filename(tree.path("link").c_str(), file.c_str(), 1)), "f");
-  EXPECT_EQ(taken(gen_realpath(tree.path("link/f").c_str())), file);
-  EXPECT_EQ(taken(gen_realpath(tree.path("none").c_str())), tree.path("none"));
-  EXPECT_EQ(taken(gen_realpath("no/such/file")), "no/such/file");
-}
-
-TEST_F(Paths, TellsWhetherTwoNamesAreOneFile) {
+TEST_F(Paths, OfEntriesAreAsTheTableTells) {
+  using Text = const char*;
   const TemporaryDirectory tree;
   const ChangedDirectory here(tree.name());
-  tree.write("real/f", "");
-  tree.write("other/f", "");
-  std::filesystem::create_symlink("real", "link");
-  std::filesystem::create_hard_link("real/f", "real/g");
-  EXPECT_TRUE(gen_samefile("real/f", "link/f"));
-  EXPECT_TRUE(gen_samefile("real/.", "link/"));
-  EXPECT_FALSE(gen_samefile("real/f", "other/f"));
-  EXPECT_FALSE(gen_samefile("real/f", "real/g")) << "last components that differ";
-  EXPECT_FALSE(gen_samefile("real/f", "none/f"));
-  EXPECT_TRUE(gen_samefile("none/f", "none/f"));
-  EXPECT_TRUE(gen_samefile("real/none", "link/none")) << "by their directories";
-  EXPECT_FALSE(gen_samefile("real/none", "other/none"));
-  EXPECT_FALSE(gen_samefile("none", "./none")) << "only one of them has a directory";
-  EXPECT_FALSE(gen_samefile("no/none", "na/none")) << "neither directory exists";
+  const ChangedVariable home("HOME", "/home/./one");
+  const ChangedVariable suffix("TARVOSYM", std::nullopt);
+  const struct passwd* const root = ::getpwnam("root");
+  ASSERT_NE(root, nullptr);
+  char* current = nullptr;
+  // clang-format off
+  go_through(KELVANE_TABLES "indgen_path_entries.table", tree, {
+      KELVANE_OPERATION(gen_expand_filename_using_cwd), KELVANE_OPERATION(gen_relative_filename),
+      KELVANE_OPERATION(gen_realpath), KELVANE_OPERATION(gen_samefile), KELVANE_OPERATION(gen_symfilename),
+      {"listed", [&current](Text name) {
+        const std::string shortened = text_of(gen_addpath(name, &current));
+        return shortened + ":" + text_of(current);
+      }},
+      {"current", [&current](Text name) { gen_free(current); current = gen_copy(name); return ""; }},
+      {"expanded", [](Text name) { return gen_expand_filename(name); }},
+      {"of_root", [&](Text name) {
+        const std::string expanded = taken(gen_expand_filename(name));
+        return expanded.substr(0, std::string(root->pw_dir).size()) == root->pw_dir ? expanded.substr(std::string(root->pw_dir).size()) : "elsewhere";
+      }},
+      {"reduced", [](const std::string& text) { std::string name = text; gen_canonicalfilename(name.data()); return std::string(name.c_str()); }},
+      {"reduced_unix", [](const std::string& text) { std::string name = text; gen_unix_canonicalfilename(name.data()); return std::string(name.c_str()); }},
+      {"reduced_msw", [](const std::string& text) { std::string name = text; gen_msw_canonicalfilename(name.data()); return std::string(name.c_str()); }},
+      {"mangled", [](Text name) { return taken(gen_manglefilename(name)).substr(8); }},
+  });
+  // clang-format on
+  gen_free(current);
 }
 
 }  // namespace

@@ -16,24 +16,18 @@
 #include <functional>
 #include <string>
 
-#include "captured_run.h"
+#include "child_process.h"
 #include "indgen_memory.h"
 #include "indgeninit.h"
 #include "reset_state.h"
-#include "temporary_directory.h"
+#include "scenario.h"
 
 namespace kelvane {
 namespace {
 
 // What a process of its own answers, for calls that change the process for good.
 int answer_of_child(const std::function<int()>& question) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::_exit(question());
-  }
-  int status = -1;
-  EXPECT_EQ(::waitpid(child, &status, 0), child);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return in_child([&] { ::_exit(question()); }).status;
 }
 
 class Process : public testing::Test {
@@ -42,33 +36,19 @@ class Process : public testing::Test {
   ~Process() override { reset_all_state(); }
 };
 
-TEST_F(Process, TakesAnEmptyVariableForAnUnsetOne) {
-  ::unsetenv("KELVANE_X");
-  EXPECT_STREQ(gen_getenv("KELVANE_X", "d"), "d");
-  EXPECT_EQ(gen_get_env_variable("KELVANE_X"), nullptr);
-  ::setenv("KELVANE_X", "", 1);
-  EXPECT_STREQ(gen_getenv("KELVANE_X", "d"), "d");
-  EXPECT_EQ(gen_getenv("KELVANE_X", nullptr), nullptr);
-  ::setenv("KELVANE_X", "v", 1);
-  EXPECT_STREQ(gen_getenv("KELVANE_X", "d"), "v");
-  EXPECT_STREQ(gen_get_env_variable("KELVANE_X"), "v");
-  EXPECT_EQ(gen_get_env_variable(""), nullptr);
-  EXPECT_EQ(gen_get_env_variable(nullptr), nullptr);
-  ::unsetenv("KELVANE_X");
-}
-
-TEST_F(Process, PutsVariablesIntoTheEnvironment) {
-  std::string value = "first";
-  EXPECT_TRUE(gen_put_env_variable("KELVANE_X", value.c_str()));
-  value = "later";
-  EXPECT_STREQ(std::getenv("KELVANE_X"), "first");
-  EXPECT_TRUE(gen_put_env_variable("KELVANE_X", "a=b"));
-  EXPECT_STREQ(std::getenv("KELVANE_X"), "a=b");
-  EXPECT_TRUE(gen_put_env_variable("KELVANE_X", nullptr));
-  EXPECT_STREQ(std::getenv("KELVANE_X"), "");
-  EXPECT_STREQ(gen_getenv("KELVANE_X", "unset"), "unset");
-  EXPECT_FALSE(gen_put_env_variable("", "v"));
-  EXPECT_FALSE(gen_put_env_variable(nullptr, "v"));
+TEST_F(Process, GivesWhatTheTableTells) {
+  using Text = const char*;
+  const TemporaryDirectory directory;
+  const auto variable = [](Text name) { return text_of(std::getenv(name)); };
+  // clang-format off
+  go_through(KELVANE_TABLES "indgen_process.table", directory, {
+      KELVANE_OPERATION(gen_getenv), KELVANE_OPERATION(gen_get_env_variable), KELVANE_OPERATION(gen_put_env_variable),
+      {"variable", variable}, {"unset", [](Text name) { ::unsetenv(name); return ""; }},
+      KELVANE_OPERATION(gen_binarydifffiles),
+      {"development_tree", [](Text) { return gen_is_qv_dev_program(); }},
+      {"afresh", [](Text programs) { reset_all_state(); gen_changeprogdir(programs); return ""; }},
+  });
+  // clang-format on
 }
 
 TEST_F(Process, RunsCommandsQuietlyOnRequest) {
@@ -221,44 +201,6 @@ TEST_F(Process, ComparesFilesByteByByte) {
   EXPECT_EQ(compare(text + "x", text + "y"), 1);
   EXPECT_EQ(compare("y" + text, "x" + text), 1);
   EXPECT_EQ(compare(std::string("\0a", 2), std::string("\0b", 2)), 1);
-}
-
-TEST_F(Process, CannotCompareWhatItCannotOpenOrRead) {
-  const TemporaryDirectory directory;
-  const std::string file = directory.write("file", "");
-  const std::string missing = directory.path("missing");
-  const std::string words = "error: Could not open file: " + missing + "\n";
-  EXPECT_EQ(
-      capture([&] { EXPECT_EQ(gen_binarydifffiles(missing.c_str(), missing.c_str()), -1); }).errors,
-      words);
-  EXPECT_EQ(
-      capture([&] { EXPECT_EQ(gen_binarydifffiles(file.c_str(), missing.c_str()), -1); }).errors,
-      words);
-  EXPECT_EQ(capture([&] {
-              EXPECT_EQ(gen_binarydifffiles(directory.name().c_str(), directory.name().c_str()),
-                        -1);
-            }).errors,
-            "");
-}
-
-TEST_F(Process, KnowsADevelopmentTreeByThreeDirectories) {
-  const TemporaryDirectory directory;
-  directory.write("bin/CVS/Entries", "");
-  directory.write("src/target/README", "");
-  const auto ask = [&] {
-    reset_all_state();
-    gen_changeprogdir(directory.path("bin").c_str());
-    return gen_is_qv_dev_program();
-  };
-  EXPECT_FALSE(ask());
-  directory.write("src/configuration", "a file");
-  EXPECT_FALSE(ask());
-  EXPECT_EQ(::unlink(directory.path("src/configuration").c_str()), 0);
-  directory.write("src/configuration/colors.ini", "");
-  EXPECT_FALSE(gen_is_qv_dev_program());  // the answer stands
-  EXPECT_TRUE(ask());
-  EXPECT_EQ(::rename(directory.path("bin/CVS").c_str(), directory.path("bin/other").c_str()), 0);
-  EXPECT_FALSE(ask());
 }
 
 }  // namespace

@@ -38,24 +38,26 @@ class StartUp : public testing::Test {
   ChangedVariable no_viewpath_{"NVPATH", std::nullopt};
 };
 
-TEST_F(StartUp, KnowsTheProgramByItsStartName) {
+TEST_F(StartUp, KnowsTheProgramByItsStartNameAndAVersionWord) {
+  using Text = const char*;
   EXPECT_EQ(gen_getprogname(), nullptr);
-  gen_init("dir/prog///", 0, 1);
-  EXPECT_STREQ(gen_getprogname(), "prog");
-  EXPECT_EQ(gen_getprogname(), gen_progname);
-  EXPECT_STREQ(gen_execname, "dir/prog");
-  gen_init(nullptr, 0, 1);
-  EXPECT_STREQ(gen_progname, "prog");
-  EXPECT_STREQ(gen_execname, "dir/prog");
-  gen_init("other", 0, 1);
-  EXPECT_STREQ(gen_progname, "other");
-  EXPECT_STREQ(gen_execname, "other");
-  gen_init(gen_execname, 0, 1);
-  EXPECT_STREQ(gen_execname, "other");
-  gen_changeprogname("third");
-  gen_changeprogname(gen_getprogname());
-  EXPECT_STREQ(gen_progname, "third");
-  EXPECT_STREQ(gen_execname, "other");
+  // clang-format off
+  check_table({
+      {"init", [](Text name) {
+        gen_init(name, 0, 1);
+        EXPECT_EQ(gen_getprogname(), gen_progname);
+        return text_of(gen_progname) + ":" + text_of(gen_execname);
+      }},
+      {"init_again", [](Text) { gen_init(gen_execname, 0, 1); return text_of(gen_execname); }},
+      {"changed", [](Text name) {
+        gen_changeprogname(name);
+        gen_changeprogname(gen_getprogname());
+        return text_of(gen_progname) + ":" + text_of(gen_execname);
+      }},
+      {"set_version", [](int32_t number) { gen_set_version(number); return gen_get_version(); }},
+      KELVANE_OPERATION(gen_is_at_least_version), KELVANE_OPERATION(gen_is_at_most_version),
+  }, KELVANE_TABLES "indgeninit_names.table");
+  // clang-format on
 }
 
 TEST_F(StartUp, LetsContainersThatFindNoMemoryEndTheRun) {
@@ -65,13 +67,6 @@ TEST_F(StartUp, LetsContainersThatFindNoMemoryEndTheRun) {
   const CapturedRun run = capture([handler] { handler(); });
   EXPECT_EQ(run.errors, "kelvane: fatal: Out of memory\n");
   EXPECT_EQ(run.status, 3);
-}
-
-TEST_F(StartUp, WithoutANameLeavesBothNamesNull) {
-  gen_init(nullptr, 0, 1);
-  EXPECT_EQ(gen_progname, nullptr);
-  EXPECT_EQ(gen_execname, nullptr);
-  EXPECT_EQ(gen_getprogdir(), nullptr);
 }
 
 TEST_F(StartUp, FindsTheByteOrderOfTheHost) {
@@ -109,21 +104,6 @@ TEST_F(StartUp, IsTakenBackOnce) {
   gen_init("again", 0, 1);
   gen_destruct();
   EXPECT_STREQ(gen_progname, "again");
-}
-
-TEST_F(StartUp, KeepsAVersionWord) {
-  EXPECT_EQ(gen_get_version(), 6);
-  EXPECT_TRUE(gen_is_at_least_version(6));
-  EXPECT_FALSE(gen_is_at_least_version(7));
-  EXPECT_TRUE(gen_is_at_most_version(6));
-  EXPECT_FALSE(gen_is_at_most_version(5));
-  EXPECT_EQ(capture([] { gen_set_version(8); }).errors, "");
-  EXPECT_EQ(gen_get_version(), 8);
-  EXPECT_EQ(capture([] { gen_set_version(9); }).errors,
-            "error: Attempt to set version to an illegal value\n");
-  EXPECT_EQ(gen_get_version(), 8);
-  gen_set_version(-1);
-  EXPECT_EQ(qvr_current_version, -1);
 }
 
 // A fresh directory with programs, in which the test works.

@@ -1,3 +1,4 @@
+#include "scenario.h"
 #include "viewpath_fixture.h"
 
 namespace kelvane {
@@ -42,40 +43,23 @@ TEST_F(SourceRoots, AreAtMost128) {
   EXPECT_EQ(sourceroots[128], nullptr);
 }
 
-TEST_F(SourceRoots, MakeNamesRelativeToTheFirstThatHoldsThem) {
-  const std::string link = trees_.path("link");
-  std::filesystem::create_directory_symlink(far_, link);
+TEST_F(SourceRoots, MakeNamesRelativeAsTheTableTells) {
+  using Text = const char*;
   int32_t index = 5;
-  EXPECT_EQ(taken(gen_sourceroot_getrelname("x", &index)), "(null)");
-  EXPECT_EQ(index, -1);
-  gen_sourceroot_init((near_ + ":" + link).c_str());
-  EXPECT_EQ(taken(gen_sourceroot_getrelname("a/./b", &index)), "a/b");
-  EXPECT_EQ(index, 0);
-  EXPECT_EQ(taken(gen_sourceroot_getrelname((link + "/\\x").c_str(), &index)), "x");
-  EXPECT_EQ(index, 1);
-  EXPECT_EQ(taken(gen_sourceroot_getrelname((far_ + "\\y/z").c_str(), nullptr)), "y/z");
-  EXPECT_EQ(taken(gen_sourceroot_getrelname((near_ + "/").c_str(), nullptr)), ".");
-  EXPECT_EQ(taken(gen_sourceroot_getrelname((near_ + "by/x").c_str(), &index)), "(null)");
-  EXPECT_EQ(index, -1);
-  EXPECT_EQ(taken(gen_sourceroot_getrelname(nullptr, &index)), "(null)");
-}
-
-TEST_F(SourceRoots, ThatAreNotThereAreComparedAsText) {
-  gen_sourceroot_init("gone/away");
-  EXPECT_EQ(taken(gen_sourceroot_getrelname("gone/away/x", nullptr)), "x");
-  EXPECT_EQ(taken(gen_sourceroot_getrelname("x", nullptr)), "(null)");
-}
-
-TEST_F(SourceRoots, MayBeTheViewpath) {
-  gen_sourceroot_init(far_.c_str());
-  gen_sourceroot_initfromviewpath();
-  int32_t index = 5;
-  EXPECT_EQ(taken(gen_sourceroot_getrelname((far_ + "/x").c_str(), &index)), "x");
-  bring_up(trees_.name());
-  EXPECT_EQ(taken(gen_sourceroot_getrelname((far_ + "/x").c_str(), &index)), "far/x");
-  EXPECT_EQ(index, 0);
-  EXPECT_EQ(taken(gen_sourceroot_getrelname("/elsewhere", &index)), "(null)");
-  EXPECT_EQ(index, 0);
+  go_through(KELVANE_TABLES "indview_sourceroot.table", trees_,
+             {{"roots", gen_sourceroot_init},
+              {"relative",
+               [&](Text name) {
+                 char* const relative = gen_sourceroot_getrelname(name, &index);
+                 EXPECT_EQ(taken(gen_sourceroot_getrelname(name, nullptr)), text_of(relative));
+                 return taken(relative) + ":" + std::to_string(index);
+               }},
+              {"viewpath_roots",
+               [](Text) {
+                 gen_sourceroot_initfromviewpath();
+                 return "";
+               }},
+              {"up", [](Text list) { return bring_up(list); }}});
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -13,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "captured_run.h"
 #include "indgen_memory.h"
 
 // Tables in files that tell what operations give, an edge a cell:
@@ -23,7 +25,17 @@
 // A line begins with the operation's name, or with blanks to go on with that of the line before. A
 // cell holds the arguments, `=` and the result; a line that begins with # is a comment. `(null)` is
 // a null pointer, a truth is 0 or 1, and %2C the byte of that code, as blanks, commas and signs of
-// equality have to be written. A number may be told by a character: 'a.
+// equality have to be written. A number may be told by a character: 'a. A folder that the table is
+// about is written @.
+//
+//   > [INFO]
+//   read_in   colors.ini,{}=!1
+//   | kelvane: error: line 1: invalid heading 'BLUE'
+//
+// Lines that begin with > are a text, which {} stands for in the next operation's line. Lines that
+// begin with | are what the operations of the line before say on standard error, |- for nothing; a
+// backslash at the end stands for a line that isn't ended. Such an operation may end the run: that
+// is a ! and the status behind its result.
 namespace kelvane {
 
 // A null pointer, which no text of a table can be.
@@ -146,14 +158,37 @@ inline std::string call_once(const Operation& operation,
   return operation(arguments);
 }
 
-// Compares what the operations give with what the table in a file tells.
+inline std::string replaced(std::string text, const std::string& from, const std::string& to) {
+  for (size_t place = 0; (place = text.find(from, place)) != std::string::npos;) {
+    text.replace(place, from.size(), to);
+    place += to.size();
+  }
+  return text;
+}
+
+// Takes the lines that begin with `mark` from a file, as a text.
+inline std::string marked_lines(std::ifstream& lines, int mark) {
+  std::string text;
+  for (std::string line; lines.peek() == mark && std::getline(lines, line);) {
+    const bool open = line.back() == '\\';
+    text += unescaped(line.substr(std::min(line.size(), size_t{2}), line.size() - (open ? 3 : 2)));
+    text += open || line == "|-" ? "" : "\n";
+  }
+  return text;
+}
+
+// Compares what the operations give, and what they say, with what the table in a file tells.
 inline void check_table(const std::vector<Operation>& operations, const char* file,
-                        const Caller& call = call_once) {
+                        const Caller& call = call_once, const std::string& folder = "") {
   std::ifstream lines(file);
+  const auto shown = [&](const std::string& text) {
+    return folder.empty() ? text : replaced(text, folder, "@");
+  };
   std::string line;
+  std::string block;
   const Operation* operation = nullptr;
   int cells = 0;
-  while (std::getline(lines, line)) {
+  while (block += marked_lines(lines, '>'), std::getline(lines, line)) {
     if (line.substr(0, 1) == "#") {
       continue;
     }
@@ -166,14 +201,30 @@ inline void check_table(const std::vector<Operation>& operations, const char* fi
       }
       ASSERT_NE(operation, nullptr) << word << " in " << file;
     }
-    while (words >> word) {
+    const bool speaks = lines.peek() == '|';
+    const std::string expected = marked_lines(lines, '|');
+    std::string said;
+    for (; words >> word; ++cells) {
       const size_t sign = word.rfind('=');
       ASSERT_TRUE(operation != nullptr && sign != std::string::npos) << word;
-      EXPECT_EQ(call(*operation, arguments_of(std::string_view(word).substr(0, sign))),
-                unescaped(word.substr(sign + 1)))
-          << operation->name() << ' ' << word;
-      ++cells;
+      std::vector<std::string> arguments = arguments_of(std::string_view(word).substr(0, sign));
+      for (std::string& argument : arguments) {
+        argument = argument == "{}" ? block
+                   : folder.empty() ? argument
+                                    : replaced(argument, "@", folder);
+      }
+      std::string given;
+      if (speaks) {
+        const CapturedRun run = capture([&] { given = call(*operation, arguments); });
+        given += run.ended ? "!" + std::to_string(run.status) : "";
+        said += run.errors;
+      } else {
+        given = call(*operation, arguments);
+      }
+      EXPECT_EQ(shown(given), unescaped(word.substr(sign + 1))) << operation->name() << ' ' << word;
     }
+    EXPECT_EQ(shown(said), expected) << line;
+    block.clear();
   }
   EXPECT_GT(cells, 0) << file;
 }

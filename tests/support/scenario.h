@@ -55,31 +55,21 @@ inline std::vector<Operation> steps_in(const TemporaryDirectory& folder, const i
   // clang-format on
 }
 
-inline std::string replaced(std::string text, const std::string& from, const std::string& to) {
-  for (size_t place = 0; (place = text.find(from, place)) != std::string::npos;) {
-    text.replace(place, from.size(), to);
-    place += to.size();
-  }
-  return text;
-}
-
 // Goes through the table in a file with `operations` and the steps above.
 inline void go_through(const char* file, const TemporaryDirectory& folder,
                        std::vector<Operation> operations) {
   int reason = 0;
   const std::vector<Operation> steps = steps_in(folder, reason);
   operations.insert(operations.end(), steps.begin(), steps.end());
-  const std::string root = folder.name() + "/";
-  check_table(operations, file,
-              [&](const Operation& operation, std::vector<std::string> arguments) {
-                for (std::string& argument : arguments) {
-                  argument = replaced(argument, "@", root);
-                }
-                errno = 0;
-                const std::string given = operation(arguments);
-                reason = errno;
-                return replaced(given, root, "@");
-              });
+  check_table(
+      operations, file,
+      [&](const Operation& operation, const std::vector<std::string>& arguments) {
+        errno = 0;
+        const std::string given = operation(arguments);
+        reason = errno;
+        return given;
+      },
+      folder.name() + "/");
 }
 
 }  // namespace kelvane

@@ -103,7 +103,7 @@ const char* name_of(plan_effort effort) {
   return name_in(kEfforts, effort);
 }
 const char* name_of(ByteOrder order) {
-  return order == ByteOrder::big ? "big-endian" : "little-endian";
+  return order == ByteOrder::kBig ? "big-endian" : "little-endian";
 }
 
 Options parse_options(const std::vector<std::string>& arguments) {
@@ -144,9 +144,9 @@ Options parse_options(const std::vector<std::string>& arguments) {
     } else if (name == "--report") {
       options.report_name = value();
     } else if (argument == "--big-endian") {
-      options.order = ByteOrder::big;
+      options.order = ByteOrder::kBig;
     } else if (argument == "--little-endian") {
-      options.order = ByteOrder::little;
+      options.order = ByteOrder::kLittle;
     } else if (argument == "-q" || argument == "--quiet") {
       options.quiet = true;
     } else if (argument == "--help") {

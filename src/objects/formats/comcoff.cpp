@@ -227,8 +227,10 @@ void PUTLONGLONG(uint32_t high, uint32_t low, std::FILE* stream) {
 int32_t read_sect_header(std::FILE* stream, coff::scnhdr* record) {
   FileRecord file(stream, section_header_size());
   read_places(file.in, record);
-  record->s_nreloc = static_cast<uint16_t>(count_from(file.in));
-  record->s_nlnno = static_cast<uint16_t>(count_from(file.in));
+  for (uint16_t* const count : {&record->s_nreloc, &record->s_nlnno}) {
+    file.in.skip(has_long_counts() ? 2 : 0);
+    *count = file.in.u16();
+  }
   record->s_flags = file.in.u32();
   if (coff960 != 0) {
     record->s_align = file.in.u32();

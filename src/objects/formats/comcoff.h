@@ -138,8 +138,8 @@ void write_header(std::FILE* stream, uint16_t magic, uint16_t sections, uint32_t
 
 // ---- Section headers. The readers give 0, or -1 if the file ends before.
 
-// If `bcscompat` is 1, the counts have 32 bits in the file and the low halves are kept. Without
-// `coff960` the alignment stays as it was.
+// If `bcscompat` is 1, 16 bits that are dropped stand before each count in the file, in either byte
+// order. Without `coff960` the alignment stays as it was.
 int32_t read_sect_header(std::FILE* stream, coff::scnhdr* record);
 // Writes counts of 16 bits and no alignment, whatever the variant.
 void write_sect_header(std::FILE* stream, const coff::scnhdr* record);
