@@ -37,10 +37,14 @@ class Objects : public testing::Test {
     current_data = &file_;
   }
   ~Objects() override {
+    release_names();
+    reset_all_state();
+  }
+
+  static void release_names() {
     for (sym_addr* record = sym_addr_list; record != sym_addrp; ++record) {
       gen_free(record->name);
     }
-    reset_all_state();
   }
 
   // Reads an object of the machine `machine` that stands behind `before` bytes of something else.
@@ -177,6 +181,7 @@ TEST_F(Objects, MayNotOverlapBeyondAllMeasure) {
         {{}, 30}}) {
     image.damage = damage;
     const Bytes bytes = build_image(image);
+    release_names();
     start_section_list(&file_);
     list_.reset(sym_addr_list);
     const CapturedRun run = capture([&, count = times] {
