@@ -412,6 +412,7 @@ std::vector<int64_t> widest_shifts(std::span<const shift_stretch> stretches) {
     }
   }
   std::vector<std::pair<uint64_t, int64_t>> by_width;
+  by_width.reserve(covered.size());
   for (const auto& [shift, width] : covered) {
     by_width.emplace_back(width, shift);
   }
