@@ -27,6 +27,10 @@ std::atomic<int64_t> requests_left = -1;  // 0: the next one is refused; below 0
   }
   return memory;
 }
+// Of those who can do without.
+[[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return std::malloc(size == 0 ? 1 : size);
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
   std::free(memory);
 }
