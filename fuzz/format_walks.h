@@ -11,7 +11,7 @@
 #include "comcoff2.h"
 #include "comcoff_internal.h"
 #include "indbsdio.h"
-#include "indelfio_internal.h"
+#include "objects_reset.h"
 #include "indgen_memory.h"
 #include "indgen_message.h"
 #include "pecoff.h"

@@ -235,8 +235,8 @@ void aligner::propose_strings(int64_t at) {
   uint64_t best_cost = UINT64_MAX;
   for (int64_t start = at; start < at + 4 && start + kSeedBytes <= new_size_; ++start) {
     // Where the best state is right already, another can't be better.
-    const int64_t best_place = start - best_shift;
-    if (best_shift != kStoredShift && best_place >= 0 && best_place + kSeedBytes <= old_size_ &&
+    const int64_t best_place = best_shift == kStoredShift ? -1 : start - best_shift;
+    if (best_place >= 0 && best_place + kSeedBytes <= old_size_ &&
         std::memcmp(old_ + best_place, new_ + start, kSeedBytes) == 0) {
       continue;
     }
@@ -412,6 +412,7 @@ std::vector<int64_t> widest_shifts(std::span<const shift_stretch> stretches) {
     }
   }
   std::vector<std::pair<uint64_t, int64_t>> by_width;
+  by_width.reserve(covered.size());
   for (const auto& [shift, width] : covered) {
     by_width.emplace_back(width, shift);
   }

@@ -4,7 +4,7 @@
 # background ignores SIGINT unless told not to.
 seq 1 4000 >old
 seq 9000 -7 1000 >new
-printf older >patch
+printf older >'patch'
 (
   trap '' XFSZ
   ulimit -f 1

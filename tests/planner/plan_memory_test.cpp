@@ -27,6 +27,10 @@ std::atomic<int64_t> requests_left = -1;  // 0: the next one is refused; below 0
   }
   return memory;
 }
+// Of those who can do without.
+[[gnu::noinline]] void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return std::malloc(size == 0 ? 1 : size);
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
   std::free(memory);
 }
@@ -39,7 +43,7 @@ namespace {
 
 TEST(PlanMemoryTest, ARefusedRequestEndsTheSearchWithBadAlloc) {
   Random random(11);
-  const ImagePair pair = make_pair_of(PairKind::mixed, random);
+  const ImagePair pair = make_pair_of(PairKind::kMixed, random);
   for (const uint32_t jobs : {1U, 2U}) {
     bool is_through = false;
     for (int64_t refused = 0; !is_through; refused += 1 + refused / 40) {

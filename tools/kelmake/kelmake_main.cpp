@@ -20,7 +20,7 @@ void run(const std::vector<std::string>& arguments) {
   kelvane::gen_exit = [](int32_t /*status*/) { throw EndedBelow(); };
   const Options options = parse_options(arguments);
   if (options.help || options.version) {
-    std::fputs(options.help ? kHelp : "kelmake " KELMAKE_VERSION "\n", stdout);
+    std::fputs(options.help ? help_text() : "kelmake " KELMAKE_VERSION "\n", stdout);
   } else {
     make_patch(options);
   }

@@ -71,30 +71,31 @@ uint32_t default_jobs() {
 
 }  // namespace
 
-const char kHelp[] =
-    "usage: kelmake [options] OLD NEW -o PATCH\n"
-    "\n"
-    "Writes the smallest patch that it finds from the file OLD to the file NEW. The\n"
-    "patch is applied in memory and compared with NEW before it is written.\n"
-    "\n"
-    "  -o, --output PATCH   the file to write\n"
-    "  --effort LEVEL       quick, normal (the default) or best\n"
-    "  --time SECONDS       begins no further try after so long; the patch then\n"
-    "                       depends on the speed of the machine\n"
-    "  --jobs N             tries at the same time; by default the processors. The\n"
-    "                       patch is the same for any number\n"
-    "  --profile NAME       any: for every applier of this format;\n"
-    "                       wide: with more than 20 classes of increments (the default);\n"
-    "                       libapply: with all that libapply takes\n"
-    "  --format 0|1         format of the patch, 1 by default\n"
-    "  --big-endian         byte order of the target's words; by default the one that\n"
-    "  --little-endian      gives the smaller patch\n"
-    "  --report FILE        writes what was found to FILE, as JSON\n"
-    "  -q, --quiet          prints nothing but errors\n"
-    "  --help               prints this text\n"
-    "  --version            prints the version\n"
-    "\n"
-    "Exit status: 0 if the patch was written, 1 for trouble, 2 for wrong usage.\n";
+const char* help_text() {
+  return "usage: kelmake [options] OLD NEW -o PATCH\n"
+         "\n"
+         "Writes the smallest patch that it finds from the file OLD to the file NEW. The\n"
+         "patch is applied in memory and compared with NEW before it is written.\n"
+         "\n"
+         "  -o, --output PATCH   the file to write\n"
+         "  --effort LEVEL       quick, normal (the default) or best\n"
+         "  --time SECONDS       begins no further plan after so long; the patch then\n"
+         "                       depends on the speed of the machine\n"
+         "  --jobs N             plans at the same time; by default the processors. The\n"
+         "                       patch is the same for any number\n"
+         "  --profile NAME       any: for every applier of this format;\n"
+         "                       wide: with more than 20 classes of increments (the default);\n"
+         "                       libapply: with all that libapply takes\n"
+         "  --format 0|1         format of the patch, 1 by default\n"
+         "  --big-endian         byte order of the target's words; by default the one that\n"
+         "  --little-endian      gives the smaller patch\n"
+         "  --report FILE        writes what was found to FILE, as JSON\n"
+         "  -q, --quiet          prints nothing but errors\n"
+         "  --help               prints this text\n"
+         "  --version            prints the version\n"
+         "\n"
+         "Exit status: 0 if the patch was written, 1 for trouble, 2 for wrong usage.\n";
+}
 
 const char* name_of(patch_profile profile) {
   return name_in(kProfiles, profile);

@@ -40,7 +40,8 @@ struct Options {
 // required. Throws UsageError ("error: ... (see kelmake --help)").
 Options parse_options(const std::vector<std::string>& arguments);
 
-extern const char kHelp[];
+// The text of --help.
+const char* help_text();
 
 // The words of the command line for a value.
 const char* name_of(kelvane::patch_profile profile);

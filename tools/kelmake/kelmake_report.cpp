@@ -121,7 +121,7 @@ std::string text_of_outcome(const Outcome& outcome) {
   }
   if (found.was_stopped) {
     text += formatted("The time was over after %s: another run may give another patch.\n",
-                      counted(found.tries, "try").c_str());
+                      counted(found.tries, "plan").c_str());
   }
   return text + advice(outcome);
 }
@@ -175,7 +175,7 @@ void ProgressLine::show(const kelvane::plan_progress& progress) {
     left = std::clamp(*options_.seconds - passed, 0.0, left);
   }
   const std::string line =
-      formatted("try %" PRIu32 " of %" PRIu32 ", best so far %" PRIu64 " bytes, %.0f s left",
+      formatted("plan %" PRIu32 " of %" PRIu32 ", best so far %" PRIu64 " bytes, %.0f s left",
                 progress.tries, progress.most_tries, progress.best_size, left);
   std::fprintf(stderr, "\r%-*s", static_cast<int>(shown_), line.c_str());
   std::fflush(stderr);
