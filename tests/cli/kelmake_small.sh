@@ -9,7 +9,7 @@ for old in empty one other numbers unlike; do
   for new in empty one other numbers unlike; do
     for format in 0 1; do
       kelmake -q --little-endian --format "$format" "$old" "$new" -o patch
-      kelpatch verify "$old" "$new" patch
+      kelpatch verify --quiet "$old" "$new" patch
       echo "$old to $new, format $format: $(stat -c %s patch) bytes"
     done
   done

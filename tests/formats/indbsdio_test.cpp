@@ -4,6 +4,7 @@
 
 #include "format_fixture.h"
 #include "indelfio.h"
+#include "indelfio_internal.h"
 
 namespace kelvane {
 namespace {
