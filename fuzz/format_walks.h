@@ -11,9 +11,9 @@
 #include "comcoff2.h"
 #include "comcoff_internal.h"
 #include "indbsdio.h"
-#include "objects_reset.h"
 #include "indgen_memory.h"
 #include "indgen_message.h"
+#include "objects_reset.h"
 #include "pecoff.h"
 
 // Each walk takes a file of one format through everything that the library does with it, as a host

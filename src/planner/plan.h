@@ -78,12 +78,12 @@ struct planned_class {
 
 struct plan {
   ByteOrder order = ByteOrder::kLittle;  // of the words of the target and of the patch
-  std::vector<moved_block> moves;       // in the order in which they are carried out
-  std::vector<planned_store> stores;    // by address
-  std::vector<planned_fill> fills;      // by address
-  std::vector<planned_class> classes;   // by value
-  std::vector<uint32_t> words;          // addresses divided by 4
-  std::vector<uint8_t> packed;          // what compressed stores hold
+  std::vector<moved_block> moves;        // in the order in which they are carried out
+  std::vector<planned_store> stores;     // by address
+  std::vector<planned_fill> fills;       // by address
+  std::vector<planned_class> classes;    // by value
+  std::vector<uint32_t> words;           // addresses divided by 4
+  std::vector<uint8_t> packed;           // what compressed stores hold
 };
 
 // Memory as the moves leave it.

@@ -111,7 +111,8 @@ std::vector<uint8_t> write_plan(const plan_images& images, const plan& planned,
 std::string fault_of_patch(const plan_images& images, const std::vector<uint8_t>& patch,
                            ByteOrder order) {
   kelvane_applier applier = {};
-  const uint32_t flags = order == ByteOrder::kBig ? KELVANE_V0_BIG_ENDIAN : KELVANE_V0_LITTLE_ENDIAN;
+  const uint32_t flags =
+      order == ByteOrder::kBig ? KELVANE_V0_BIG_ENDIAN : KELVANE_V0_LITTLE_ENDIAN;
   int code = kelvane_apply_open(&applier, patch.data(), static_cast<uint32_t>(patch.size()), flags);
   guarded_memory memory(images);
   if (code == KELVANE_APPLY_OK) {
