@@ -1,4 +1,8 @@
-# What is installed, and the packages made of it.
+# SPDX-License-Identifier: Apache-2.0
+#
+# What is installed. Each piece belongs to one of the components of which KelvanePackages.cmake makes
+# packages: `programs`, `applier`, and `library` for all that names none. `plain_programs` holds what
+# Debian wants in another place.
 #
 #   lib/kelvane/           the program's private tree: it looks for its colour configuration beside
 #     kelvane                its real file, so a link leads to it from bin/
@@ -6,6 +10,8 @@
 #     config/                empty, for a site's own colors.ini
 #   bin/                   kelvane (the link), kelpatch
 #   share/man, share/doc   manual pages, documents
+#   share/...              completions for bash and zsh
+#   share/kelvane/applier  the applier's sources for a target, with an example
 #   include/kelvane, lib   the libraries and their headers, with files for find_package and pkg-config
 
 include(GNUInstallDirs)
@@ -15,21 +21,60 @@ set(KELVANE_PRIVATE_DIR lib/kelvane)
 set(KELVANE_INCLUDE_DIR ${CMAKE_INSTALL_INCLUDEDIR}/kelvane)
 set(KELVANE_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/kelvane)
 
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME library)
+# Whoever installs gets the same tree, whatever the umask.
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+
 # Programs and what they read.
-install(TARGETS kelvane RUNTIME DESTINATION ${KELVANE_PRIVATE_DIR})
-install(TARGETS kelpatch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(FILES src/configuration/colors.ini DESTINATION ${KELVANE_PRIVATE_DIR}/defaults)
-install(DIRECTORY DESTINATION ${KELVANE_PRIVATE_DIR}/config)
+install(TARGETS kelvane RUNTIME DESTINATION ${KELVANE_PRIVATE_DIR} COMPONENT programs)
+install(TARGETS kelpatch RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT programs)
+install(FILES src/configuration/colors.ini
+  DESTINATION ${KELVANE_PRIVATE_DIR}/defaults COMPONENT programs)
+install(DIRECTORY DESTINATION ${KELVANE_PRIVATE_DIR}/config COMPONENT programs)
 
 cmake_path(RELATIVE_PATH KELVANE_PRIVATE_DIR
   BASE_DIRECTORY ${CMAKE_INSTALL_BINDIR} OUTPUT_VARIABLE from_bin_to_private)
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/install)
 file(CREATE_LINK ${from_bin_to_private}/kelvane ${CMAKE_BINARY_DIR}/install/kelvane SYMBOLIC)
-install(FILES ${CMAKE_BINARY_DIR}/install/kelvane DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(FILES ${CMAKE_BINARY_DIR}/install/kelvane
+  DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT programs)
 
-install(FILES docs/kelvane.1 docs/kelpatch.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES README.md CHANGELOG.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN "*.md")
+# kelvane_compress(<file> <output>): a compressed copy, the same from every build.
+find_program(KELVANE_GZIP gzip REQUIRED)
+function(kelvane_compress file output)
+  add_custom_command(OUTPUT ${output}
+    COMMAND ${KELVANE_GZIP} -9nc ${file} > ${output}
+    DEPENDS ${file}
+    VERBATIM)
+  set_property(GLOBAL APPEND PROPERTY kelvane_compressed ${output})
+endfunction()
+
+foreach(program kelvane kelpatch)
+  kelvane_compress(${CMAKE_SOURCE_DIR}/docs/${program}.1 ${CMAKE_BINARY_DIR}/install/${program}.1.gz)
+  install(FILES ${CMAKE_BINARY_DIR}/install/${program}.1.gz
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT programs)
+  install(FILES completions/${program}.bash RENAME ${program}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT programs)
+  install(FILES completions/_${program}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions COMPONENT plain_programs)
+endforeach()
+install(FILES README.md CHANGELOG.md SECURITY.md
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT programs)
+install(FILES LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT plain_programs)
+install(DIRECTORY docs/
+  DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT programs FILES_MATCHING PATTERN "*.md")
+
+# The applier as a target's build takes it in.
+install(
+  FILES
+    libs/libapply/applier.c
+    libs/libapply/applier.h
+    libs/libapply/applier_internal.h
+    libs/libapply/applier_reader.c
+    libs/libapply/applier_streams.c
+    libs/libapply/apply_example.c
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/kelvane/applier COMPONENT applier)
 
 # Libraries. The driver is the program's own and stays at home.
 set_target_properties(kelvane_shared PROPERTIES EXPORT_NAME shared)
@@ -61,17 +106,3 @@ foreach(name kelvane kelvane-apply)
   install(FILES ${CMAKE_BINARY_DIR}/install/${name}.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
-
-# Packages: `cpack` in the build folder makes an archive and a Debian package.
-set(CPACK_GENERATOR TGZ DEB)
-set(CPACK_PACKAGE_NAME kelvane)
-set(CPACK_PACKAGE_VENDOR kelvane)
-set(CPACK_PACKAGE_CONTACT "The kelvane authors")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY ${PROJECT_DESCRIPTION})
-set(CPACK_RESOURCE_FILE_README ${CMAKE_SOURCE_DIR}/README.md)
-set(CPACK_PACKAGE_CHECKSUM SHA256)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION devel)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6 (>= 2.36), libstdc++6 (>= 12), libgcc-s1")
-include(CPack)

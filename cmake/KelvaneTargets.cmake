@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # How a target of this project is made: one interface target carries the warnings, the sanitizers
 # and the hardening, and every library folder becomes one static library with its own include folder.
 

@@ -2,19 +2,36 @@
 # missing, and asks no registry at all where everything is there.
 # shellcheck shell=bash
 
-# need_tools CHECK=PACKAGE ...
-# CHECK is a command's name, or the absolute name of a file that the package brings. Ends the script
-# with status 2 if something is missing and can't be installed.
+# What each purpose needs, as CHECK=PACKAGE: a command's name, or the absolute name of a file, and the
+# Debian package that brings it.
+declare -A tools_for=(
+  [build]="cc=gcc c++=g++ cmake=cmake ninja=ninja-build"
+  [test]="/usr/include/gtest/gtest.h=libgtest-dev /usr/include/gmock/gmock.h=libgmock-dev
+    pkg-config=pkg-config"
+  [clang]="clang++=clang"
+  [bench]="/usr/include/benchmark/benchmark.h=libbenchmark-dev"
+  [demo]="clang=clang ld.lld=lld llvm-objcopy=llvm"
+  [lint]="clang-format=clang-format clang-tidy=clang-tidy run-clang-tidy=clang-tidy cppcheck=cppcheck
+    shellcheck=shellcheck python3=python3"
+  [sizes]="clang=clang llvm-objdump=llvm python3=python3"
+  [package]="lintian=lintian dpkg-deb=dpkg"
+)
+
+# need_tools PURPOSE ...
+# Brings what the purposes need. What is missing and can't be installed is named at once, all of it, and
+# ends the script with status 2.
 need_tools() {
-  local missing=() entry check package
-  for entry in "$@"; do
-    check=${entry%%=*}
-    package=${entry#*=}
-    if [[ $check == /* ]]; then
-      [[ -e $check ]] || missing+=("$package")
-    else
-      command -v "$check" >/dev/null 2>&1 || missing+=("$package")
-    fi
+  local missing=() purpose entry check package
+  for purpose in "$@"; do
+    for entry in ${tools_for[$purpose]}; do
+      check=${entry%%=*}
+      package=${entry#*=}
+      if [[ $check == /* && -e $check ]] || command -v "$check" >/dev/null 2>&1 ||
+        [[ " ${missing[*]} " == *" $package "* ]]; then
+        continue
+      fi
+      missing+=("$package")
+    done
   done
   if ((${#missing[@]} == 0)); then
     return 0
@@ -25,7 +42,8 @@ need_tools() {
     if command -v sudo >/dev/null 2>&1 && sudo -n true 2>/dev/null; then
       as_root=(sudo)
     else
-      echo "missing packages: ${missing[*]}; install them, or run this script as root" >&2
+      echo "missing packages: ${missing[*]}" >&2
+      echo "Install them, as by 'apt-get install ${missing[*]}', or run this script as root." >&2
       exit 2
     fi
   fi
@@ -40,34 +58,6 @@ need_tools() {
     echo "could not install: ${missing[*]}" >&2
     exit 2
   fi
-}
-
-need_build_tools() {
-  need_tools cc=gcc c++=g++ cmake=cmake ninja=ninja-build
-}
-
-need_test_tools() {
-  need_build_tools
-  need_tools \
-    /usr/include/gtest/gtest.h=libgtest-dev \
-    /usr/include/gmock/gmock.h=libgmock-dev \
-    pkg-config=pkg-config
-}
-
-need_bench_tools() {
-  need_build_tools
-  need_tools /usr/include/benchmark/benchmark.h=libbenchmark-dev
-}
-
-need_demo_tools() {
-  need_build_tools
-  need_tools clang=clang ld.lld=lld llvm-objcopy=llvm
-}
-
-need_lint_tools() {
-  need_test_tools
-  need_tools clang-format=clang-format clang-tidy=clang-tidy run-clang-tidy=clang-tidy \
-    cppcheck=cppcheck shellcheck=shellcheck python3=python3
 }
 
 # How many jobs a build or a test run takes at once.

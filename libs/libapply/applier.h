@@ -1,11 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // Carries out a patch on a target: turns the old contents of a memory into the new ones, in place.
 //
 // Plain C11, which also compiles as C++. It needs no heap, no stdio, no recursion and no integer
 // wider than 32 bits, and it includes nothing but <stddef.h> and <stdint.h>. All its state is in a
-// `kelvane_applier`, which the caller provides (KELVANE_APPLIER_BYTES at most); besides, it
-// takes some 500 bytes of stack and what the callbacks need.
+// `kelvane_applier`, which the caller provides (KELVANE_APPLIER_BYTES at most). For a Cortex-M3, by
+// clang 14 with -Os, it has 6.3 KB of code, the texts of the codes among it, and takes 350 bytes of
+// stack besides what the callbacks need; 400 for a Cortex-M0+.
 //
 // The patch lies in memory, whole, and is reached by a pointer, not by a callback. A patch has to
 // be there whole before its first byte can be trusted, since nothing is changed before everything
@@ -15,17 +17,36 @@
 // The target is reached by two callbacks, read and write, so that RAM, flash behind a write buffer
 // and a file serve alike. A read must give what the writes before it have written.
 //
-// The usual call, for a file of at most `capacity` bytes:
+// The usual call, for an image of `old_size` bytes in a memory of `capacity` (the whole program is
+// apply_example.c):
 //
-//   static kelvane_applier applier;
-//   const kelvane_region room = {0, capacity};
-//   const kelvane_memory memory = {&flash, flash_read, flash_write, &room, 1, old_size};
-//   int code = kelvane_apply_open(&applier, patch, patch_size, KELVANE_V0_BIG_ENDIAN);
-//   if (code == KELVANE_APPLY_OK) {
-//     code = kelvane_apply_run(&applier, &memory, 0);
+//   static int read_memory(void* memory, uint32_t address, uint8_t* bytes, uint32_t count) {
+//     memcpy(bytes, (const uint8_t*)memory + address, count);
+//     return 0;
 //   }
-//   if (code != KELVANE_APPLY_OK) {
-//     report(kelvane_apply_text(code), applier.error_position, applier.error_address);
+//
+//   static int write_memory(void* memory, uint32_t address, const uint8_t* bytes, uint32_t count) {
+//     memcpy((uint8_t*)memory + address, bytes, count);
+//     return 0;
+//   }
+//
+//   static int update(void* image, uint32_t old_size, uint32_t capacity, const uint8_t* patch,
+//                     uint32_t patch_size, uint32_t* new_size) {
+//     static kelvane_applier applier;
+//     const kelvane_region room = {0, capacity};
+//     const kelvane_memory memory = {image, read_memory, write_memory, &room, 1, old_size};
+//     // The words of a patch between raw images are little-endian, whatever the target's are. Only
+//     // version 0 has to be told.
+//     int code = kelvane_apply_open(&applier, patch, patch_size, KELVANE_V0_LITTLE_ENDIAN);
+//     if (code == KELVANE_APPLY_OK) {
+//       code = kelvane_apply_run(&applier, &memory, 0);
+//     }
+//     if (code != KELVANE_APPLY_OK) {
+//       printf("%s (at %u of the patch, %u of the memory)\n", kelvane_apply_text(code),
+//              (unsigned)applier.error_position, (unsigned)applier.error_address);
+//     }
+//     *new_size = applier.info.new_size;
+//     return code;
 //   }
 //
 // Nothing here is able to resume: a run that was cut off between its first and its last write

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // What the parts of the applier share: applier_streams.c decodes the two coded forms,

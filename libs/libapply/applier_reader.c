@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "applier_internal.h"
 
 // The layout of the header in both versions, as offsets from the start of the patch.

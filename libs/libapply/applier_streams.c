@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "applier_internal.h"
 
 // The window of the compressed form.
