@@ -22,13 +22,10 @@ typedef struct kelvane_flash_driver {
   int (*read)(void* context, uint32_t address, uint8_t* bytes, uint32_t count);
   // Erases the page that begins at `address`.
   int (*erase)(void* context, uint32_t address);
-  // Programs `count` bytes, whole units, that have been erased before; see `write_once`.
+  // Programs `count` bytes, whole units, each of which has been erased and not programmed since.
   int (*program)(void* context, uint32_t address, const uint8_t* bytes, uint32_t count);
   uint32_t page_size;  // bytes of an erase page, a multiple of `unit`
   uint32_t unit;       // bytes programmed at once: 4, 8, 16 or 32
-  // Not 0 for parts on which a unit may never be programmed twice between two erases. On the others
-  // zeros may be programmed over anything, and that is made use of.
-  uint8_t write_once;
 } kelvane_flash_driver;
 
 #ifdef __cplusplus

@@ -15,30 +15,22 @@
 // piece of work: than the value that resume returned with), and never more than the last value
 // whose record was begun. Before the first step it may find nothing.
 //
-// How it is kept. There are two pages, used in turn (three where a unit may be programmed only
-// once). A page begins with a head {sequence, base, identity}, each of 4 bytes, little-endian, and
-// followed by its complement; then come records, one a unit: {half: value, half: its complement},
-// the value with some bits changed (see RECORD_MASK). A unit or page that was cut off while bits
-// went one way only never holds a number and its complement, unless it holds them whole. A page is
-// written in the order first record, head, second record, third record; it counts if its head is
-// sound and a sound record stands behind the first, for only that proves that the head was
-// finished. Of the pages that count the one with the greatest sequence holds, and its last sound
-// record is the value. A third one proves in the same way that the page will always count.
+// How it is kept. There are three pages, and no unit is programmed twice. A page begins with a head
+// {sequence, base, identity}, each of 4 bytes, little-endian, and followed by its complement; then
+// come records, one a unit: {half: value, half: its complement}.
+// A unit or page that was cut off while its bits went one way never holds a number and its
+// complement, unless it holds them whole. A page is written in the order first record, head, second
+// record, third record. It counts if its head is sound and a sound record stands behind the first,
+// for only that proves that the head was finished. Of the pages that count the one with the
+// greatest sequence holds, and the last of its sound records in a row is the value.
 //
-// A torn unit may read sound now and blank the next time, so nothing may hang on it. A restart
-// programs zeros into what is torn or may be and records the value found once more, before
-// anything goes on. With F the last unit that always reads as used, a cut record leaves F + 1 torn,
-// and a restart that reads F + 1 as sound and is cut in its first zeros leaves F + 2 torn as well;
-// both may look blank at the next one. Zeros go upwards from behind the last sound record, so torn
-// units never lie beyond F + 2: all that is not blank and two units more are made zero.
-//
-// A page may be torn itself, as long as no record behind its second was seen. Its head names as
-// `base` the newest page of which it was known then that it will always count. A restart that finds
-// the page in that state and its base in place fills a page afresh, and not the base's. A base that
-// is gone was given up for the page, which is as good as a third record.
-//
-// Where zeros may not be programmed, every restart takes a fresh page, so there is a third one:
-// beside the newest page and its base.
+// What was cut off may read sound now and blank the next time, so nothing may hang on it: a restart
+// appends to no page, it fills a fresh one. The page that holds may be torn itself, as long as no
+// third record was seen, which proves that it will always count. So its head names as `base` the
+// newest page of which that was known when it was made, and the base is left alone until it is
+// known of the page itself: the third page is filled. Otherwise both others are free; what was made
+// from this page or from its base and cut off is erased first, and the base last. A base that is
+// gone was given up for the page, which is as good as a third record.
 
 #include <stdint.h>
 
@@ -48,8 +40,8 @@
 extern "C" {
 #endif
 
-// Pages that the journal needs: two, and three with `write_once`.
-#define KELVANE_JOURNAL_PAGES(write_once) ((write_once) ? 3u : 2u)
+// Pages that the journal needs.
+#define KELVANE_JOURNAL_PAGES 3u
 
 // The value that says that all is done. The greatest other one is one less.
 #define KELVANE_JOURNAL_FINISHED 0xFFFFu
@@ -78,8 +70,7 @@ typedef struct kelvane_journal {
   uint32_t identity;
   uint32_t sequence;  // of the page in use
   uint32_t base;      // sequence of the page that is left alone while this one is not solid
-  uint32_t slot;      // the unit for the next record
-  uint32_t blank;     // behind the last unit that is not blank
+  uint32_t slot;      // where the next record goes in it
 } kelvane_journal;
 
 // Looks what the journal at `address` (of its first page) says. `flash` stays in use. Reads only;
@@ -96,8 +87,8 @@ int kelvane_journal_begin(kelvane_journal* journal, uint32_t identity);
 // Makes the value that open found a lasting one; needed before record in a run that did not begin.
 int kelvane_journal_resume(kelvane_journal* journal);
 
-// Records that `value` steps are done: the value at hand, one more, or KELVANE_JOURNAL_FINISHED. At
-// most one page is erased, two with `write_once`.
+// Records that `value` steps are done, KELVANE_JOURNAL_FINISHED at most. Up to two pages are erased
+// when a page is full.
 int kelvane_journal_record(kelvane_journal* journal, uint32_t value);
 
 #ifdef __cplusplus

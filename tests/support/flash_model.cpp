@@ -7,13 +7,7 @@ namespace kelvane {
 FlashModel::FlashModel(const FlashGeometry& geometry, uint32_t pages, uint32_t seed)
     : erases(pages),
       geometry_(geometry),
-      driver_{this,
-              read,
-              erase,
-              program,
-              geometry.page_size,
-              geometry.unit,
-              static_cast<uint8_t>(geometry.write_once)},
+      driver_{this, read, erase, program, geometry.page_size, geometry.unit},
       bytes_(size_t{pages} * geometry.page_size, 0xFF),
       undecided_(bytes_.size()),
       units_(bytes_.size() / geometry.unit, Unit::kErased),
@@ -163,10 +157,8 @@ int FlashModel::program(void* context, uint32_t address, const uint8_t* bytes, u
   const Progress progress = flash.random_progress();
   for (uint32_t i = 0; i < units && i <= last; ++i) {
     const uint32_t start = address + i * unit;
-    const bool zeros =
-        std::all_of(bytes + i * unit, bytes + (i + 1) * unit, [](uint8_t b) { return b == 0; });
     Unit& state = flash.units_[start / unit];
-    if (state != Unit::kErased && (flash.geometry_.write_once || !zeros)) {
+    if (state != Unit::kErased) {
       ++flash.violations;
     }
     for (uint32_t place = start; place < start + unit; ++place) {
@@ -175,9 +167,6 @@ int FlashModel::program(void* context, uint32_t address, const uint8_t* bytes, u
         flash.tear(place, target, progress);
       } else {
         flash.bytes_[place] = target;
-        if (zeros) {
-          flash.undecided_[place] = 0;
-        }
       }
     }
     state = i == last ? Unit::kTorn : Unit::kProgrammed;

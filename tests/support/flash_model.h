@@ -13,7 +13,6 @@ namespace kelvane {
 struct FlashGeometry {
   uint32_t page_size = 1024;
   uint32_t unit = 8;
-  bool write_once = false;
   bool ecc_faults = false;  // a torn unit fails to read now and then, not only reads differently
 };
 
