@@ -52,9 +52,11 @@ need_tools() {
     exit 2
   fi
   echo "installing: ${missing[*]}"
-  if ! { "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq update &&
+  local words
+  if ! words=$({ "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq update &&
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-      apt-get -qq -y --no-install-recommends install "${missing[@]}" >/dev/null; }; then
+      apt-get -qq -y --no-install-recommends install "${missing[@]}"; } 2>&1); then
+    echo "$words" >&2
     echo "could not install: ${missing[*]}" >&2
     exit 2
   fi

@@ -11,7 +11,9 @@ stage() {
   shift 2
   mkdir -p "$(dirname "$log")"
   if [[ ${KELVANE_VERBOSE:-0} == 1 ]]; then
-    "$@" 2>&1 | tee "$log" || status=$?
+    # The command's own words are the last, for whoever reads the end of a long run.
+    "$@" 2>&1 | tee "$log" && return 0
+    status=$?
   else
     "$@" >"$log" 2>&1 || status=$?
   fi

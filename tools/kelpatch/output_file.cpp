@@ -1,6 +1,5 @@
 #include "output_file.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -90,7 +89,7 @@ OutputFile::OutputFile(const std::string& name)
   catch_signals();
   {
     const SignalsHeld held;
-    file_ = ::mkostemp(temporary_name_.data(), O_CLOEXEC);
+    file_ = ::mkstemp(temporary_name_.data());
     if (file_ < 0) {
       fatal_errno("unable to open output file '%s'", name.c_str());
     }
