@@ -20,12 +20,11 @@
 #include "diffshared.h"
 #include "engine_settings.h"
 #include "increment_coder.h"
-#include "increment_coder_internal.h"
 #include "increments.h"
-#include "increments_internal.h"
 #include "indgen_memory.h"
 #include "indgeninit.h"
 #include "load.h"
+#include "writer_reset.h"
 
 namespace kelvane {
 namespace {
@@ -125,7 +124,7 @@ void run_once(const std::string& old_name, const std::string& new_name, const st
   load_file(&second, new_name.c_str());
   diff(&first, &second, 100, 1000);
   dump_to_file(&first, &second, patch.c_str());
-  reset_increments();
+  reset_command_lists();
   reset_increment_coder();
   release(first);
   release(second);
@@ -175,7 +174,7 @@ void increment_coder(benchmark::State& run) {
   incr_enabled = 1;
   double fastest = 1e9;
   for (auto iteration : run) {
-    reset_increments();
+    reset_command_lists();
     reset_increment_coder();
     new_output_buf();
     std::mt19937 random(1);

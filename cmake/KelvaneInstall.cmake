@@ -81,10 +81,11 @@ set_target_properties(kelvane_shared PROPERTIES EXPORT_NAME shared)
 set_target_properties(kelvane_st PROPERTIES EXPORT_NAME st)
 set_target_properties(kelvane_color PROPERTIES EXPORT_NAME color)
 set_target_properties(kelvane_objects PROPERTIES EXPORT_NAME objects)
+set_target_properties(kelvane_writer PROPERTIES EXPORT_NAME writer)
 set_target_properties(kelvane_engine PROPERTIES EXPORT_NAME kelvane)
 set_target_properties(kelvane_apply PROPERTIES EXPORT_NAME apply)
 install(
-  TARGETS kelvane_shared kelvane_st kelvane_color kelvane_objects kelvane_engine kelvane_apply
+  TARGETS kelvane_shared kelvane_st kelvane_color kelvane_objects kelvane_writer kelvane_engine kelvane_apply
   EXPORT kelvane
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   FILE_SET HEADERS DESTINATION ${KELVANE_INCLUDE_DIR})

@@ -28,14 +28,29 @@ if(KELVANE_HARDEN)
   target_link_options(kelvane_build_options INTERFACE -pie -Wl,-z,relro,-z,now)
 endif()
 
+# The headers that a caller of the installed libraries needs, and those that these include. All others
+# are for the folders above, inside the tree.
+set(KELVANE_INSTALLED_HEADERS
+  debug_print.h exit_status.h indgen_memory.h indgen_message.h indgeninit.h
+  indgadr.h
+  elf32.h image.h
+  bd_checksum.h command_lists.h diffout.h engine_settings.h increment_stream.h indzip.h patch_buffer.h
+  patch_writer.h
+  block_search.h diffshared.h
+  applier.h)
+
 # kelvane_add_library(<target> ALIAS <alias> SOURCES ... HEADERS ... [LINKS ...])
 # A static library whose headers are the public interface of its folder.
 function(kelvane_add_library target)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "ALIAS" "SOURCES;HEADERS;LINKS")
+  string(REPLACE ";" "|" installed_pattern "${KELVANE_INSTALLED_HEADERS}")
   add_library(${target} STATIC ${arg_SOURCES})
   add_library(${arg_ALIAS} ALIAS ${target})
+  set(installed ${arg_HEADERS})
+  list(FILTER installed INCLUDE REGEX "^(${installed_pattern})$")
   target_sources(${target} PUBLIC FILE_SET HEADERS
-    BASE_DIRS ${CMAKE_CURRENT_SOURCE_DIR} FILES ${arg_HEADERS})
+    BASE_DIRS ${CMAKE_CURRENT_SOURCE_DIR} FILES ${installed})
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}>)
   target_link_libraries(${target} PUBLIC ${arg_LINKS} PRIVATE $<BUILD_INTERFACE:kelvane::build_options>)
   set_target_properties(${target} PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
 endfunction()

@@ -14,17 +14,22 @@ _kelpatch() {
   command=${COMP_WORDS[1]}
   case $before in
     --byte-order) candidates="big little" ;;
-    --max-size)
+    --max-size | --base | --alias)
       COMPREPLY=()
       return
       ;;
-    -o | --output) ;;
+    -o | --output | --exclude) ;;
     *)
       if [[ $word == -* ]]; then
         case $command in
-          show) candidates="--byte-order --help --version" ;;
-          apply) candidates="--byte-order -o --output --max-size -q --quiet --help --version" ;;
-          verify) candidates="--byte-order --max-size -q --quiet --help --version" ;;
+          show) candidates="--byte-order --ram --exclude --alias --help --version" ;;
+          apply)
+            candidates="--byte-order -o --output --max-size -q --quiet"
+            candidates+=" --ram --base --exclude --alias --help --version"
+            ;;
+          verify)
+            candidates="--byte-order --max-size -q --quiet --ram --exclude --alias --help --version"
+            ;;
           *) candidates="--help --version" ;;
         esac
       elif ((COMP_CWORD == 1)); then

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "indzip.h"
-#include "indzip_internal.h"
+#include "writer_reset.h"
 
 namespace kelvane {
 namespace {

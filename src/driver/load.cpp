@@ -6,9 +6,13 @@
 
 #include "bd_checksum.h"
 #include "exit_status.h"
+#include "indelfio.h"
 #include "indgen_memory.h"
 #include "indgen_message.h"
+#include "indobjio.h"
 #include "indview.h"
+#include "load_internal.h"
+#include "section_list.h"
 
 namespace kelvane {
 
@@ -34,6 +38,43 @@ int32_t read_pieces(std::FILE* stream, uint8_t* bytes, size_t size) {
   }
   return static_cast<int32_t>(total);
 }
+
+void release_sections(sym_addr* first, const sym_addr* end) {
+  for (const sym_addr* record = first; record != end; ++record) {
+    gen_free(record->name);
+  }
+  gen_free(first);
+}
+
+// The section list of a file while it is loaded: made empty, and gone again if the load ends the
+// run.
+class OpenSectionList {
+ public:
+  explicit OpenSectionList(file_data* record) {
+    sym_addr_list = gen_alloc_array<sym_addr>(kMostSections);
+    sym_addrp = sym_addr_list;
+    current_data = record;
+  }
+  ~OpenSectionList() {
+    release_sections(sym_addr_list, sym_addrp);
+    close();
+  }
+  OpenSectionList(const OpenSectionList&) = delete;
+  OpenSectionList& operator=(const OpenSectionList&) = delete;
+
+  void hand_over(file_data* record) {
+    record->sections = sym_addr_list;
+    record->sections_end = sym_addrp;
+    close();
+  }
+
+ private:
+  static void close() {
+    sym_addr_list = nullptr;
+    sym_addrp = nullptr;
+    current_data = nullptr;
+  }
+};
 
 }  // namespace
 
@@ -72,6 +113,10 @@ int32_t read_file(uint8_t** out_bytes, const char* name) {
     return -1;
   }
   const int32_t total = read_pieces(stream.get(), bytes.get(), static_cast<size_t>(size));
+  if (std::ferror(stream.get()) != 0) {
+    gen_perror("error while reading input file '%s'", name);
+    return -1;
+  }
   *out_bytes = bytes.release();
   return total;
 }
@@ -85,12 +130,17 @@ int32_t load_file(file_data* record, const char* name) {
   record->checksum = 0;
   bd_checksum(record->bytes, static_cast<uint32_t>(record->size), &record->checksum);
   record->crt1 = 0;
-  // No image reader takes the file in, so it has no sections, and its byte order is that of the
-  // file read last.
+  OpenSectionList list(record);
+  do_any_file(name);
   record->big_endian = endian == 1 ? 1 : 0;
-  record->sections = nullptr;
-  record->sections_end = nullptr;
+  list.hand_over(record);
   return 1;
+}
+
+void release_file(file_data* record) {
+  gen_free(record->bytes);
+  release_sections(record->sections, record->sections_end);
+  *record = {};
 }
 
 void check_byte_orders(const file_data* first, const file_data* second) {

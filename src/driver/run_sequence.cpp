@@ -6,10 +6,11 @@
 #include "engine_settings.h"
 #include "exit_status.h"
 #include "image.h"
-#include "indgen_memory.h"
 #include "indgen_message.h"
 #include "indgeninit.h"
+#include "kelvane.h"
 #include "load.h"
+#include "load_internal.h"
 #include "options.h"
 #include "run_sequence_internal.h"
 #include "symbol_list.h"
@@ -70,8 +71,9 @@ int32_t run_sequence(int32_t argc, char* const* argv) {
   load_second(&second, line.file2);
   check_byte_orders(&first, &second);
   TargetIsBigEndian = first.big_endian;
-  // Memory mode compares section by section, and these files have none.
-  if (fDiffMemory == 0) {
+  if (fDiffMemory != 0) {
+    diff_mem(&first, &second, line.blocksize, line.max_scan, line.deconstruct);
+  } else {
     diff(&first, &second, line.blocksize, line.max_scan);
   }
   dump_to_file(&first, &second, line.output);
@@ -80,8 +82,7 @@ int32_t run_sequence(int32_t argc, char* const* argv) {
 
 void reset_run_sequence() {
   for (file_data* const record : {&state.first, &state.second}) {
-    gen_free(record->bytes);
-    *record = {};
+    release_file(record);
   }
 }
 

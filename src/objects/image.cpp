@@ -8,14 +8,12 @@ int32_t fDiffMemory = 0;
 symbol_table table = {};
 symbol_table table1 = {};
 symbol_table table2 = {};
-int32_t endian = 0;
 
 void reset_image() {
   fDiffMemory = 0;
   table = {};
   table1 = {};
   table2 = {};
-  endian = 0;
 }
 
 }  // namespace kelvane

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 
+#include "elf32.h"
 #include "indgadr.h"
 
 // What a run knows of an input: the loaded file, its sections, its symbols. Plain records that the
@@ -17,9 +18,10 @@ struct sym_addr {
   char* name;                // owned, after mapping
   uint32_t type;             // sh_type of the section
   gadr addr;                 // target address, after memory aliases
-  gadr offset;               // file offset of the contents
+  gadr offset;               // of the contents, counted from the start of their object
   uint32_t size;             // bytes of contents
   uint32_t compressed_size;  // bytes of stored compressed data; 0 if it is not compressed
+  uint32_t object_start;     // where the object that `offset` counts from starts in the file
 };
 
 // A loaded input file.
@@ -34,31 +36,20 @@ struct file_data {
   uint32_t crt1;           // value of the symbol __qvr_ind_crt1; 0 if it was not found
 };
 
-namespace elf32 {
-
-// A symbol of a 32-bit ELF file (System V ABI), in the host's byte order.
-struct symbol {
-  uint32_t st_name;  // index of the name in the string table
-  uint32_t st_value;
-  uint32_t st_size;
-  uint8_t st_info;  // the low four bits are the symbol type
-  uint8_t st_other;
-  uint16_t st_shndx;
-};
-
-inline constexpr uint8_t STT_OBJECT = 1;
-inline constexpr uint8_t STT_FUNC = 2;
-inline constexpr uint16_t SHN_UNDEF = 0;
-
-}  // namespace elf32
-
 // The symbols of a file.
 struct symbol_table {
   int32_t count;           // number of symbol records
   int32_t relevant;        // leading records that searches may use; set by run_sequence
   elf32::symbol* records;  // owned, never freed
   char* strings;           // string table that st_name indexes; owned, never freed
+  uint32_t strings_size;   // bytes of `strings`; one zero more stands behind them
 };
+
+// Name of a symbol of that table: the string at its st_name, empty if that lies outside the
+// strings.
+inline const char* symbol_name(const symbol_table& symbols, const elf32::symbol& record) {
+  return record.st_name < symbols.strings_size ? symbols.strings + record.st_name : "";
+}
 
 // `table` describes the file that was loaded last, and has no symbols as long as no reader of
 // images fills it. run_sequence copies it to `table1` for the first file and to `table2` for the
@@ -66,9 +57,5 @@ struct symbol_table {
 extern symbol_table table;
 extern symbol_table table1;
 extern symbol_table table2;
-
-// Byte order of the file that was read last: 0 not yet known, 1 big-endian, 2 little-endian. For a
-// reader of file headers to write; load_file looks at it after each load.
-extern int32_t endian;
 
 }  // namespace kelvane

@@ -2,7 +2,7 @@
 
 namespace kelvane {
 
-// Puts mode, symbol tables and byte order back to program start. Nothing is released.
+// Puts mode and symbol tables back to program start. Nothing is released.
 void reset_image();
 
 }  // namespace kelvane

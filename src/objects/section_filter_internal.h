@@ -2,7 +2,7 @@
 
 namespace kelvane {
 
-// Releases the exclusions and the aliases.
+// Releases the exclusions and the aliases, and forgets the list that was searched last.
 void reset_section_filter();
 
 }  // namespace kelvane

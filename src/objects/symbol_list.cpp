@@ -10,7 +10,7 @@ namespace kelvane {
 namespace {
 
 bool is_eligible(const elf32::symbol& symbol) {
-  const uint32_t type = symbol.st_info & 0xFU;
+  const uint8_t type = elf32::symbol_type(symbol);
   return (type == elf32::STT_OBJECT || type == elf32::STT_FUNC) &&
          symbol.st_shndx != elf32::SHN_UNDEF;
 }
@@ -21,7 +21,7 @@ int32_t compare_eligibility(const elf32::symbol& a, const elf32::symbol& b) {
 }
 
 const char* name_of(const elf32::symbol& symbol) {
-  return table.strings + symbol.st_name;
+  return symbol_name(table, symbol);
 }
 
 void delete_duplicate(elf32::symbol& symbol) {

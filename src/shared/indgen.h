@@ -3,6 +3,7 @@
 // The foundation's headers in one, for users outside this tree. Inside the tree each file includes
 // what it uses.
 #include "byte_order.h"
+#include "byte_reader.h"
 #include "debug_print.h"
 #include "exit_status.h"
 #include "genrand.h"

@@ -8,6 +8,9 @@
 #define FIRMWARE_REVISION 1
 #endif
 
+// Code that flash keeps compressed and that the start-up code expands into RAM: what runs seldom.
+#define SELDOM __attribute__((section(".seldom")))
+
 enum event {
   EVENT_START,
   EVENT_TOO_COLD,
@@ -27,7 +30,8 @@ struct sensor {
   int32_t high;    // above it is too hot
 };
 
-extern const struct sensor sensors[];
+// Offsets may be adjusted while the controller runs.
+extern struct sensor sensors[];
 extern const uint32_t sensor_count;
 
 // calibration.c: the temperature that belongs to a converter's value of 12 bits.
@@ -53,6 +57,9 @@ uint32_t fan_voltage(uint32_t speed);
 
 // crc.c: the checksum `sum` continued with four more bytes.
 uint32_t crc_add(uint32_t sum, uint32_t value);
+
+// unpack.c: expands the compressed bytes from `from` up to `end` to `to`.
+void unpack(uint8_t* to, const uint8_t* from, const uint8_t* end);
 
 // text.c
 void text_print(void (*put)(char letter), const char* text);

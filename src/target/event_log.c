@@ -44,7 +44,7 @@ uint32_t log_checksum(void) {
   return sum;
 }
 
-void log_print(void (*put)(char letter)) {
+SELDOM void log_print(void (*put)(char letter)) {
   const uint32_t first = serial > LOG_DEPTH ? serial - LOG_DEPTH : 0;
   for (uint32_t number = first; number < serial; ++number) {
     const struct entry* const entry = &entries[number % LOG_DEPTH];

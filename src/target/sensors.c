@@ -1,6 +1,6 @@
 #include "controller.h"
 
-const struct sensor sensors[] = {
+struct sensor sensors[] = {
     {"inlet", 0, 12, 500, 4500},  {"outlet", 1, -8, 500, 6000},
 #if FIRMWARE_REVISION >= 2
     {"motor", 2, 0, -1000, 9500}, {"board", 3, 4, -1000, 8500}, {"outside air", 6, 25, -4000, 6000},

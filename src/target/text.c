@@ -1,12 +1,12 @@
 #include "controller.h"
 
-void text_print(void (*put)(char letter), const char* text) {
+SELDOM void text_print(void (*put)(char letter), const char* text) {
   while (*text != '\0') {
     put(*text++);
   }
 }
 
-void text_print_number(void (*put)(char letter), int32_t value) {
+SELDOM void text_print_number(void (*put)(char letter), int32_t value) {
   char digits[12];
   uint32_t count = 0;
   uint32_t rest = value < 0 ? 0U - (uint32_t)value : (uint32_t)value;

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <list>
 
 #include "binshared.h"
@@ -261,62 +260,6 @@ TEST_F(PatchFormat, PrintsWhatItWrites) {
             "num_commands=1\n"
             " <0xa000, 0x4, 0x05>\n"
             " size: 0x2f - 0x39\n");
-}
-
-// What the counts of 16 bits can't tell goes into repeated commands, each but the last full.
-TEST_F(PatchFormat, RepeatsACommandBeyondTheSixteenBitCount) {
-  const uint8_t byte = 7;
-  const std::array<uint8_t, 3> run_of_three = {8, 8, 8};
-  for (uint32_t i = 0; i < 65536; ++i) {
-    add_substitution(1000 * i, 1, &byte);
-  }
-  for (uint32_t i = 0; i < 65537; ++i) {
-    add_substitution(1000 * i, 3, run_of_three.data());
-  }
-  const CapturedRun run = capture([] { dump_command_set(0); });
-  EXPECT_EQ(run.errors,
-            "warning: CM_SUB_ONE takes 2 commands in this patch\n"
-            "warning: CM_FILL takes 2 commands in this patch\n");
-  const Bytes all = written();
-  size_t at = 3;
-  EXPECT_EQ(Bytes(all.begin() + 3, all.begin() + 8), (Bytes{2, 1, 0, 0xFF, 0xFF}));
-  at += 5 + 65535 * 5;
-  EXPECT_EQ(Bytes(all.data() + at, all.data() + at + 10),
-            (Bytes{2, 1, 0, 1, 0, 0x18, 0xFC, 0xE7, 0x03, 7}));
-  at += 10;
-  EXPECT_EQ(Bytes(all.data() + at, all.data() + at + 3), (Bytes{6, 0xFF, 0xFF}));
-  at += 3 + 65535 * 7;
-  EXPECT_EQ(Bytes(all.data() + at, all.data() + at + 3), (Bytes{6, 2, 0}));
-  EXPECT_EQ(all.size(), at + 3 + 14);
-}
-
-TEST_F(PatchFormat, EndsARelativeListAtTheSixteenBitCount) {
-  const uint8_t byte = 7;
-  for (uint32_t i = 0; i < 65536; ++i) {
-    add_substitution(2 * i, 1, &byte);
-  }
-  EXPECT_EQ(capture([] { dump_command_set(0); }).errors, "");
-  const Bytes all = written();
-  // The single one left over is absolute.
-  EXPECT_EQ(Bytes(all.begin() + 3, all.begin() + 13), (Bytes{2, 2, 0, 1, 0, 0xFE, 0xFF, 1, 0, 7}));
-  EXPECT_EQ(Bytes(all.begin() + 13, all.begin() + 15), (Bytes{0xFF, 0xFF}));
-  EXPECT_EQ(all.size(), 19U + 2 * 65535);
-}
-
-TEST_F(PatchFormat, SharesRelativeListsAmongRepeatedCommands) {
-  const uint8_t byte = 7;
-  for (uint32_t i = 0; i < 65536; ++i) {
-    add_substitution(1000 * i, 1, &byte);
-    add_substitution(1000 * i + 1, 1, &byte);
-  }
-  EXPECT_EQ(capture([] { dump_command_set(0); }).errors,
-            "warning: CM_SUB_ONE takes 2 commands in this patch\n");
-  const Bytes all = written();
-  constexpr size_t kList = 2 + 4 + 2 * 2;
-  EXPECT_EQ(Bytes(all.begin() + 3, all.begin() + 8), (Bytes{2, 0xFF, 0xFF, 0, 0}));
-  const size_t at = 8 + 65534 * kList;
-  EXPECT_EQ(Bytes(all.data() + at, all.data() + at + 5), (Bytes{2, 3, 0, 0, 0}));
-  EXPECT_EQ(all.size(), at + 5 + 2 * kList);
 }
 
 }  // namespace

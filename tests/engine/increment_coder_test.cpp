@@ -11,7 +11,7 @@
 #include "debug_print.h"
 #include "engine_fixture.h"
 #include "engine_settings.h"
-#include "indgen_memory.h"
+#include "increments.h"
 
 namespace kelvane {
 namespace {
@@ -175,13 +175,7 @@ TEST_F(IncrementCoder, MergesWhatAThresholdRejects) {
   }
   EXPECT_EQ(addresses, (std::vector<uint32_t>{0x80, 0x100, 0x100, 0x200, 0x300}));
   EXPECT_EQ(values, (std::vector<uint32_t>{8, 4, 8, 4, 8}));  // at equal addresses the older first
-  first_incr[0] = nullptr;  // the merged list holds these records now
-  first_incr[1] = nullptr;
-  while (first_rejected_incs != nullptr) {
-    command_record* const next = first_rejected_incs->next;
-    gen_free(first_rejected_incs);
-    first_rejected_incs = next;
-  }
+  EXPECT_EQ(first_incr[0], nullptr);                          // each record has one owner
 }
 
 }  // namespace

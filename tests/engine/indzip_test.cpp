@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
-#include "indzip_internal.h"
 #include "plain_encoder.h"
+#include "writer_reset.h"
 
 namespace kelvane {
 namespace {

@@ -4,7 +4,9 @@
 #include <fstream>
 #include <functional>
 
+#include "memory_pair.h"
 #include "round_trip.h"
+#include "run_program.h"
 #include "temporary_directory.h"
 
 // The ledger of patch sizes: a change that makes patches larger or smaller shows in its difference.
@@ -132,6 +134,52 @@ std::vector<PatchOptions> ledger_options() {
   return {version0, plain, usual, increments, eager, large_blocks};
 }
 
+// Linked images in memory mode, each patch verified on the memory of the target.
+std::string memory_ledger() {
+  struct MemoryLedgerPair {
+    const char* name;
+    ProgramChange change;
+    ByteOrder order;
+    bool alike = false;  // functions of one size
+  };
+  const MemoryLedgerPair pairs[] = {
+      {"memory_moved", ProgramChange::moved, ByteOrder::little},
+      {"memory_exchanged_alike", ProgramChange::exchanged, ByteOrder::little, true},
+      {"memory_exchanged", ProgramChange::exchanged, ByteOrder::little},
+      {"memory_rotated_alike_big_endian", ProgramChange::rotated, ByteOrder::big, true},
+      {"memory_inserted", ProgramChange::inserted, ByteOrder::little},
+      {"memory_mixed_big_endian", ProgramChange::mixed, ByteOrder::big},
+  };
+  const std::vector<std::string> options[] = {
+      {}, {"-inc"}, {"-memmove"}, {"-memmove_block"}, {"-inc", "-memmove", "-memmove_block"}};
+  const TemporaryDirectory directory;
+  std::string text;
+  for (const MemoryLedgerPair& row : pairs) {
+    Random random(12);
+    const MemoryPair pair =
+        make_memory_pair(row.change, row.order, {80, 600, row.alike, 4096}, random);
+    directory.write("old.elf", text_of(build_image(pair.old_image.image)));
+    directory.write("new.elf", text_of(build_image(pair.new_image.image)));
+    for (const std::vector<std::string>& more : options) {
+      std::vector<std::string> command = {kelvane_program(), "-ram", "-b", "8", "-s", "5000"};
+      command.insert(command.end(), more.begin(), more.end());
+      std::string words;
+      for (size_t i = 1; i < command.size(); ++i) {
+        words += (words.empty() ? "" : " ") + command[i];
+      }
+      command.insert(command.end(), {"-o", "a.patch", "old.elf", "new.elf"});
+      EXPECT_EQ(run_program(command, directory.name()).status, 0) << row.name << " " << words;
+      const ProgramResult verified =
+          run_program({kelpatch_program(), "verify", "--ram", "old.elf", "new.elf", "a.patch"},
+                      directory.name());
+      EXPECT_EQ(verified.errors, "") << row.name << " " << words;
+      text += std::string(row.name) + "," + words + "," +
+              std::to_string(directory.read("a.patch").size()) + "\n";
+    }
+  }
+  return text;
+}
+
 std::string ledger_now() {
   std::string text = "pair,options,bytes\n";
   for (const LedgerPair& pair : ledger_pairs()) {
@@ -146,7 +194,7 @@ std::string ledger_now() {
       text += std::string(pair.name) + "," + words + "," + std::to_string(made.file.size()) + "\n";
     }
   }
-  return text;
+  return text + memory_ledger();
 }
 
 TEST(PatchSizes, AreThoseOfTheLedger) {

@@ -35,7 +35,8 @@ class Symbols : public testing::Test {
   // Makes the records the table.
   void describe(const std::vector<elf32::symbol>& records) {
     records_ = records;
-    table = {static_cast<int32_t>(records_.size()), 0, records_.data(), strings_.data()};
+    table = {static_cast<int32_t>(records_.size()), 0, records_.data(), strings_.data(),
+             static_cast<uint32_t>(strings_.size())};
   }
 
   // Names of the records that are objects or functions still, in their order.

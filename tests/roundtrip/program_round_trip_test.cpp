@@ -23,10 +23,6 @@ PatchOptions options_of(uint32_t round, Random& random) {
   return options;
 }
 
-std::string text_of(const Bytes& image) {
-  return {image.begin(), image.end()};
-}
-
 class ProgramRoundTrip : public testing::TestWithParam<PairKind> {
  protected:
   // False if the search failed, which ends the program without a word.

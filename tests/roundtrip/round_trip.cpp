@@ -62,10 +62,6 @@ void compare(const ImagePair& pair, const PatchOptions& options, int32_t debug, 
   reset_all_state();
 }
 
-std::string text_of(const Bytes& image) {
-  return {image.begin(), image.end()};
-}
-
 const char* on_or_off(bool set) {
   return set ? "on" : "off";
 }

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <random>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -13,6 +14,10 @@ using Bytes = std::vector<uint8_t>;
 
 inline Bytes bytes_of(std::string_view text) {
   return {text.begin(), text.end()};
+}
+
+inline std::string text_of(const Bytes& bytes) {
+  return {bytes.begin(), bytes.end()};
 }
 
 // The pieces end to end.

@@ -1,15 +1,11 @@
 #include "reset_state.h"
 
-#include "binshared_internal.h"
 #include "color_format_internal.h"
 #include "debug_print.h"
-#include "diffshared_internal.h"
-#include "engine_settings_internal.h"
 #include "genrand_internal.h"
 #include "image_internal.h"
-#include "increment_coder_internal.h"
-#include "increments_internal.h"
 #include "indconfig_internal.h"
+#include "indelfio_internal.h"
 #include "indgadr_internal.h"
 #include "indgen_memory_internal.h"
 #include "indgen_message_internal.h"
@@ -18,26 +14,28 @@
 #include "indgen_quote_internal.h"
 #include "indgen_tempname_internal.h"
 #include "indgeninit_internal.h"
+#include "indmagic_internal.h"
+#include "indobjio_internal.h"
 #include "indview_internal.h"
-#include "indzip_internal.h"
+#include "kelvane_internal.h"
 #include "options.h"
+#include "patch_buffer.h"
 #include "run_sequence_internal.h"
 #include "section_filter_internal.h"
-#include "substitution_internal.h"
+#include "section_list_internal.h"
 
 namespace kelvane {
 
 void reset_all_state() {
   reset_run_sequence();
-  reset_increment_coder();
-  reset_increments();
-  reset_substitution();
-  reset_diffshared();
-  reset_binshared();
-  reset_indzip();
-  reset_engine_settings();
+  reset_kelvane();
+  reset_engine();
   reset_section_filter();
+  reset_indobjio();
+  reset_indmagic();
+  reset_section_list();
   reset_image();
+  reset_indelfio();
   exclude_file = nullptr;
   reset_color_format();
   reset_genrand();

@@ -1,15 +1,19 @@
 // kelpatch: shows, applies and verifies the patches of kelvane on a workstation. It uses the
 // applier that runs on targets and nothing else of this project.
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "memory_image.h"
+#include "memory_patch.h"
 #include "patch_file.h"
 #include "patch_show.h"
 #include "patch_verify.h"
@@ -21,6 +25,9 @@ constexpr char kHelp[] =
     "usage: kelpatch show [options] PATCH\n"
     "       kelpatch apply [options] OLD PATCH -o NEW\n"
     "       kelpatch verify [options] OLD NEW PATCH\n"
+    "       kelpatch show --ram [options] OLD.elf NEW.elf PATCH\n"
+    "       kelpatch apply --ram [options] OLD.elf PATCH -o NEW\n"
+    "       kelpatch verify --ram [options] OLD.elf NEW.elf PATCH\n"
     "\n"
     "show     prints what the patch says: each command in words, and sizes\n"
     "apply    makes the file NEW from the file OLD\n"
@@ -32,6 +39,12 @@ constexpr char kHelp[] =
     "  --max-size BYTES         refuses a patch that makes a larger file; by default\n"
     "                           16 times the old file, and at least 16 MiB\n"
     "  -q, --quiet              verify does not say that the patch is right\n"
+    "  --ram                    the patch is one for target memory: the memory is\n"
+    "                           built from linked images, apply writes a folder with\n"
+    "                           a file for each section, and show names sections\n"
+    "  --base ADDRESS           with --ram, apply writes one image from there on\n"
+    "  --exclude FILE           with --ram, sections that the patch leaves alone,\n"
+    "  --alias ADDRESS:MASK     and regions with two addresses, as kelvane has them\n"
     "  --help                   prints this text\n"
     "  --version                prints the version\n"
     "\n"
@@ -43,6 +56,9 @@ struct CommandLine {
   std::string output;
   bool has_output = false;
   PatchOptions options;
+  bool ram = false;
+  ImageOptions images;
+  std::optional<uint32_t> base;
   bool quiet = false;
   bool help = false;
   bool version = false;
@@ -73,6 +89,39 @@ uint32_t size_named(const std::string& word) {
   return size;
 }
 
+// Reads a hexadecimal number of 32 bits from `word`, all of it or up to a colon, and gives what
+// stands behind.
+std::optional<std::string_view> take_address(std::string_view word, uint32_t* address) {
+  word.remove_prefix(word.starts_with("0x") || word.starts_with("0X") ? 2 : 0);
+  const char* const end = word.data() + word.size();
+  const auto [behind, error] = std::from_chars(word.data(), end, *address, 16);
+  if (error != std::errc()) {
+    return std::nullopt;
+  }
+  return std::string_view(behind, static_cast<size_t>(end - behind));
+}
+
+uint32_t address_named(const std::string& word) {
+  uint32_t address = 0;
+  const std::optional<std::string_view> rest = take_address(word, &address);
+  if (!rest || !rest->empty()) {
+    usage_error("'--base' takes a hexadecimal address, not '" + word + "'");
+  }
+  return address;
+}
+
+Alias alias_named(const std::string& word) {
+  Alias alias = {};
+  const std::optional<std::string_view> mask = take_address(word, &alias.address);
+  if (mask && mask->starts_with(':')) {
+    const std::optional<std::string_view> rest = take_address(mask->substr(1), &alias.mask);
+    if (rest && rest->empty()) {
+      return alias;
+    }
+  }
+  usage_error("'--alias' takes two hexadecimal numbers, ADDRESS:MASK, not '" + word + "'");
+}
+
 CommandLine parse(const std::vector<std::string>& arguments) {
   CommandLine line;
   bool only_operands = false;
@@ -101,6 +150,15 @@ CommandLine parse(const std::vector<std::string>& arguments) {
       line.options.order = byte_order_named(value());
     } else if (name == "--max-size") {
       line.options.max_size = size_named(value());
+    } else if (argument == "--ram") {
+      line.ram = true;
+    } else if (name == "--base") {
+      line.base = address_named(value());
+    } else if (name == "--exclude") {
+      const std::vector<std::string> words = read_exclusions(value());
+      line.images.excluded.insert(line.images.excluded.end(), words.begin(), words.end());
+    } else if (name == "--alias") {
+      line.images.aliases.push_back(alias_named(value()));
     } else if (argument == "-q" || argument == "--quiet") {
       line.quiet = true;
     } else if (argument == "--help") {
@@ -123,6 +181,76 @@ void finish_output() {
   }
 }
 
+void show(const CommandLine& line) {
+  const std::vector<std::string>& names = line.operands;
+  if (line.ram) {
+    const MemoryImage old_image(names[1], line.images);
+    const MemoryImage new_image(names[2], line.images);
+    PatchFile patch = open_memory_patch(names[3], old_image);
+    show_patch(patch, patch.info().big_endian != 0 ? ByteOrder::kBig : ByteOrder::kLittle,
+               {&old_image, &new_image});
+    return;
+  }
+  PatchFile patch(names[1], line.options.order, {});
+  show_patch(patch, line.options.order, {});
+}
+
+void apply(const CommandLine& line) {
+  const std::vector<std::string>& names = line.operands;
+  if (line.ram) {
+    apply_memory(names[1], names[2], {line.output, line.base, line.options.max_size}, line.images);
+  } else {
+    apply_patch(names[1], names[2], line.output, line.options);
+  }
+}
+
+void verify(const CommandLine& line) {
+  const std::vector<std::string>& names = line.operands;
+  if (line.ram) {
+    verify_memory(names[1], names[2], names[3], line.images);
+  } else {
+    verify_patch(names[1], names[2], names[3], line.options);
+  }
+  if (!line.quiet) {
+    std::puts("the patch is right");
+  }
+}
+
+struct Command {
+  const char* name;
+  size_t files;
+  size_t files_of_memory;
+  const char* files_text;
+  const char* files_of_memory_text;
+  void (*carry_out)(const CommandLine& line);
+};
+
+// clang-format off
+constexpr Command kCommands[] = {
+    // name    files  --ram  in words       --ram
+    {"show",   1,     3,     "one file",    "three files", show},
+    {"apply",  2,     2,     "two files",   "two files",   apply},
+    {"verify", 3,     3,     "three files", "three files", verify},
+};
+// clang-format on
+
+// Ends the run unless the options go together.
+void check_options(const CommandLine& line, const std::string& command) {
+  if (command != "apply" && line.has_output) {
+    usage_error("'" + command + "' writes no file");
+  }
+  if (command == "show" && (line.quiet || line.options.max_size)) {
+    usage_error("'show' takes neither '--quiet' nor '--max-size'");
+  }
+  const bool has_images = !line.images.excluded.empty() || !line.images.aliases.empty();
+  if (!line.ram && (line.base || has_images)) {
+    usage_error("'--base', '--exclude' and '--alias' are for '--ram'");
+  }
+  if (line.base && command != "apply") {
+    usage_error("'--base' is for 'apply'");
+  }
+}
+
 void run(const CommandLine& line) {
   if (line.help || line.version) {
     std::fputs(line.help ? kHelp : "kelpatch " KELPATCH_VERSION "\n", stdout);
@@ -131,40 +259,21 @@ void run(const CommandLine& line) {
   if (line.operands.empty()) {
     usage_error("no command given");
   }
-  const std::string& command = line.operands[0];
-  const size_t files = line.operands.size() - 1;
-  if (command != "show" && command != "apply" && command != "verify") {
-    usage_error("unknown command '" + command + "'");
+  const std::string& name = line.operands[0];
+  const Command* const command = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                              [&](const Command& one) { return name == one.name; });
+  if (command == std::end(kCommands)) {
+    usage_error("unknown command '" + name + "'");
   }
-  if (command != "apply" && line.has_output) {
-    usage_error("'" + command + "' writes no file");
+  check_options(line, name);
+  if (line.operands.size() - 1 != (line.ram ? command->files_of_memory : command->files)) {
+    usage_error("'" + name + "' takes " +
+                (line.ram ? command->files_of_memory_text : command->files_text));
   }
-  if (command == "show" && (line.quiet || line.options.max_size)) {
-    usage_error("'show' takes neither '--quiet' nor '--max-size'");
+  if (name == "apply" && !line.has_output) {
+    usage_error("'apply' requires the option '-o'");
   }
-  if (command == "show") {
-    if (files != 1) {
-      usage_error("'show' takes one file");
-    }
-    PatchFile patch(line.operands[1], line.options.order, {});
-    show_patch(patch, line.options.order);
-  } else if (command == "apply") {
-    if (files != 2) {
-      usage_error("'apply' takes two files");
-    }
-    if (!line.has_output) {
-      usage_error("'apply' requires the option '-o'");
-    }
-    apply_patch(line.operands[1], line.operands[2], line.output, line.options);
-  } else {
-    if (files != 3) {
-      usage_error("'verify' takes three files");
-    }
-    verify_patch(line.operands[1], line.operands[2], line.operands[3], line.options);
-    if (!line.quiet) {
-      std::puts("the patch is right");
-    }
-  }
+  command->carry_out(line);
 }
 
 }  // namespace

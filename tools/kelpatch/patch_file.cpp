@@ -117,7 +117,7 @@ Bytes read_input(const std::string& name) {
   }
 }
 
-PatchFile::PatchFile(const std::string& name, ByteOrder order, const KnownSizes& known)
+PatchFile::PatchFile(const std::string& name, ByteOrder order, const KnownSizes& known, bool memory)
     : name_(name), bytes_(read_input(name)) {
   uint32_t flags = order == ByteOrder::kBig ? KELVANE_V0_BIG_ENDIAN : KELVANE_V0_LITTLE_ENDIAN;
   if (order == ByteOrder::kFound) {
@@ -128,6 +128,7 @@ PatchFile::PatchFile(const std::string& name, ByteOrder order, const KnownSizes&
       flags = KELVANE_V0_BIG_ENDIAN;
     }
   }
+  flags |= memory ? KELVANE_V0_MEMORY_MODE : 0U;
   // An empty vector has no data, and an empty patch is too short, not absent.
   const uint8_t nothing = 0;
   const int code =

@@ -53,8 +53,8 @@ class PatchFile {
   // Reads and opens the patch. With kFound a version 0 patch is read in both byte orders, and the
   // one is taken in which most holds, in this order: sizes equal to the known ones, commands that
   // are sound, addresses inside the two files; then the smaller sizes, then little-endian. A
-  // damaged patch ends the run.
-  PatchFile(const std::string& name, ByteOrder order, const KnownSizes& known);
+  // damaged patch ends the run. `memory` tells that a version 0 patch is one for target memory.
+  PatchFile(const std::string& name, ByteOrder order, const KnownSizes& known, bool memory = false);
 
   const std::string& name() const { return name_; }
   const kelvane_patch_info& info() const { return applier_.info; }

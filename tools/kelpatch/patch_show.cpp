@@ -38,8 +38,32 @@ struct Total {
 };
 
 struct Listing {
+  const ShownImages& images;
   std::array<Total, kKinds.size()> totals;
 };
+
+std::string in_section(const MemoryImage* image, uint32_t address) {
+  const MemorySection* const section = image == nullptr ? nullptr : image->holding(address);
+  return section == nullptr ? "" : " in " + section->name;
+}
+
+// An address, with the name of its section. What a patch stores stands in the new image.
+std::string new_place(const ShownImages& images, uint32_t address) {
+  return formatted("0x%" PRIx32, address) + in_section(images.new_image, address);
+}
+
+std::string old_place(const ShownImages& images, uint32_t address) {
+  const MemoryImage* const image = images.old_image;
+  const std::string text = formatted("0x%" PRIx32, address);
+  const bool is_swap = image != nullptr && address - image->heap().address < image->heap().size;
+  return text + (is_swap ? " in the swap region" : in_section(image, address));
+}
+
+// Where a block goes: to its place in the new image, in the old one, or out of the way.
+std::string moved_place(const ShownImages& images, uint32_t address) {
+  const std::string old_text = old_place(images, address);
+  return old_text.find(" in ") != std::string::npos ? old_text : new_place(images, address);
+}
 
 std::string counted(uint32_t count, const char* unit) {
   return formatted("%" PRIu32 " %s%s", count, unit, count == 1 ? "" : "s");
@@ -54,23 +78,25 @@ std::string hexadecimal(const kelvane_item& item) {
   return item.data_size > kShown ? text + " ..." : text;
 }
 
-void show_store(const kelvane_item& item) {
+void show_store(const ShownImages& images, const kelvane_item& item) {
   const std::string data = hexadecimal(item);
+  const std::string place = new_place(images, item.address);
   if (item.command == KELVANE_CM_SUB_ONE) {
-    std::printf("    store 0x%02x at 0x%" PRIx32 "\n", item.data[0], item.address);
+    std::printf("    store 0x%02x at %s\n", item.data[0], place.c_str());
   } else if (item.command == KELVANE_CM_SUB_COMP) {
-    std::printf("    expand %s to %s at 0x%" PRIx32 ":%s\n",
-                counted(item.data_size, "byte").c_str(), counted(item.size, "byte").c_str(),
-                item.address, data.c_str());
+    std::printf("    expand %s to %s at %s:%s\n", counted(item.data_size, "byte").c_str(),
+                counted(item.size, "byte").c_str(), place.c_str(), data.c_str());
   } else {
-    std::printf("    store %s at 0x%" PRIx32 ":%s\n", counted(item.size, "byte").c_str(),
-                item.address, data.c_str());
+    std::printf("    store %s at %s:%s\n", counted(item.size, "byte").c_str(), place.c_str(),
+                data.c_str());
   }
 }
 
 int show_item(void* context, const kelvane_item* shown) {
   const kelvane_item& item = *shown;
-  Total& total = static_cast<Listing*>(context)->totals[item.command];
+  Listing& listing = *static_cast<Listing*>(context);
+  const ShownImages& images = listing.images;
+  Total& total = listing.totals[item.command];
   const Kind& kind = kKinds[item.command];
   const auto signed_value = static_cast<int32_t>(item.value);
   switch (item.kind) {
@@ -94,27 +120,28 @@ int show_item(void* context, const kelvane_item* shown) {
       }
       break;
     case KELVANE_ITEM_MOVE:
-      std::printf("  move %s from 0x%" PRIx32 " to 0x%" PRIx32 " (%+" PRId32 ")\n",
-                  counted(item.size, "byte").c_str(), item.address, item.address + item.value,
-                  signed_value);
+      std::printf("  move %s from %s to %s (%+" PRId32 ")\n", counted(item.size, "byte").c_str(),
+                  old_place(images, item.address).c_str(),
+                  moved_place(images, item.address + item.value).c_str(), signed_value);
       break;
     case KELVANE_ITEM_STORE:
-      show_store(item);
+      show_store(images, item);
       break;
     case KELVANE_ITEM_FILL:
-      std::printf("  fill %s at 0x%" PRIx32 " with 0x%02" PRIx32 "\n",
-                  counted(item.size, "byte").c_str(), item.address, item.value);
+      std::printf("  fill %s at %s with 0x%02" PRIx32 "\n", counted(item.size, "byte").c_str(),
+                  new_place(images, item.address).c_str(), item.value);
       break;
     case KELVANE_ITEM_CLASS:
       std::printf("  class of %" PRId32 " (0x%08" PRIx32 "), map 0x%06" PRIx32 "\n", signed_value,
                   item.value, item.count);
       break;
     case KELVANE_ITEM_INCREMENT:
-      std::printf("    add %" PRId32 " to the word at 0x%" PRIx32 "\n", signed_value, item.address);
+      std::printf("    add %" PRId32 " to the word at %s\n", signed_value,
+                  new_place(images, item.address).c_str());
       break;
     case KELVANE_ITEM_REGION:
-      std::printf("  region of %s at 0x%" PRIx32 "\n", counted(item.size, "byte").c_str(),
-                  item.address);
+      std::printf("  region of %s at %s\n", counted(item.size, "byte").c_str(),
+                  (item.after != 0 ? new_place : old_place)(images, item.address).c_str());
       break;
     case KELVANE_ITEM_CHECKSUM:
       std::printf("  checksum 0x%08" PRIx32 "\n", item.value);
@@ -137,14 +164,14 @@ void show_header(PatchFile& patch, ByteOrder order) {
   const char* mode = info.memory_mode != 0 ? "memory mode" : "file mode";
   if (info.version == 0) {
     remark = order == ByteOrder::kFound ? " (found from the sizes)" : " (as told)";
-    mode = patch.check_files() == KELVANE_APPLY_OUTSIDE
-               ? "memory mode (addresses outside both files)"
-               : "file mode";
+    if (info.memory_mode == 0 && patch.check_files() == KELVANE_APPLY_OUTSIDE) {
+      mode = "memory mode (addresses outside both files)";
+    }
   }
   std::printf("version %d, %s, %s%s, %s\n", info.version, mode,
               info.big_endian != 0 ? "big-endian" : "little-endian", remark,
               counted(patch.size(), "byte").c_str());
-  if (info.memory_mode != 0) {
+  if (info.version != 0 && info.memory_mode != 0) {
     std::printf("old start-up code at 0x%" PRIx32 "\nnew start-up code at 0x%" PRIx32 "\n",
                 info.old_crt1, info.new_crt1);
   } else {
@@ -163,8 +190,8 @@ void show_row(const char* name, const Total& total) {
 
 }  // namespace
 
-void show_patch(PatchFile& patch, ByteOrder order) {
-  Listing listing;
+void show_patch(PatchFile& patch, ByteOrder order, const ShownImages& images) {
+  Listing listing = {images, {}};
   show_header(patch, order);
   kelvane_apply_visit(patch.applier(), show_item, &listing);
   std::printf("\nkind            commands     items  patch bytes  target bytes\n");

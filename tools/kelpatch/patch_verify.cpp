@@ -67,14 +67,6 @@ void require_file_mode(PatchFile& patch) {
   }
 }
 
-// What a patch may make of an old file of `old_size` bytes unless the command line says more: a
-// damaged header must not fill a disk.
-uint32_t usual_max_size(uint32_t old_size) {
-  constexpr uint32_t kTimes = 16;
-  constexpr uint32_t kAtLeast = 16 * 1024 * 1024;
-  return old_size > kLargestFile / kTimes ? kLargestFile : std::max(old_size * kTimes, kAtLeast);
-}
-
 // The bytes of the new file.
 Bytes result_of(PatchFile& patch, const std::string& old_name, Bytes contents,
                 std::optional<uint32_t> told_max_size) {
@@ -108,6 +100,12 @@ bool is_same_file(const std::string& first, const std::string& second) {
 }
 
 }  // namespace
+
+uint32_t usual_max_size(uint32_t old_size) {
+  constexpr uint32_t kTimes = 16;
+  constexpr uint32_t kAtLeast = 16 * 1024 * 1024;
+  return old_size > kLargestFile / kTimes ? kLargestFile : std::max(old_size * kTimes, kAtLeast);
+}
 
 void apply_patch(const std::string& old_name, const std::string& patch_name,
                  const std::string& new_name, const PatchOptions& options) {

@@ -16,6 +16,10 @@ struct PatchOptions {
   std::optional<uint32_t> max_size;
 };
 
+// What a patch may make of an old file of `old_size` bytes unless the command line says more: a
+// damaged header must not fill a disk.
+uint32_t usual_max_size(uint32_t old_size);
+
 // Makes the new file from the old one with the patch and writes it to `new_name`, which receives it
 // whole or not at all. Ends the run with status 1 if the old file is not the one that the patch was
 // made for, or the result has not the checksum that it should have; with status 2 for a damaged

@@ -4,49 +4,13 @@
 #include <cstdlib>
 
 #include "debug_print.h"
-#include "diffshared_internal.h"
 #include "exit_status.h"
 #include "indgen_memory.h"
 #include "substitution.h"
 
 namespace kelvane {
 
-command_record* first_sub = nullptr;
-command_record* last_sub = nullptr;
-uint16_t num_subs = 0;
-command_record* first_sub_comp = nullptr;
-command_record* last_sub_comp = nullptr;
-command_record* first_sub_one = nullptr;
-command_record* last_sub_one = nullptr;
-uint16_t num_sub_ones = 0;
-command_record* first_fill = nullptr;
-command_record* last_fill = nullptr;
-command_record* first_move = nullptr;
-command_record* last_move = nullptr;
-uint16_t num_moves = 0;
-command_record* first_abs_move = nullptr;
-command_record* last_abs_move = nullptr;
-uint16_t num_abs_moves = 0;
-command_record* first_checksum1 = nullptr;
-command_record* last_checksum1 = nullptr;
-uint32_t checksum1 = 0;
-command_record* first_checksum2 = nullptr;
-command_record* last_checksum2 = nullptr;
-uint32_t checksum2 = 0;
-
 namespace {
-
-template <typename Record>
-Record* append(Record* record, Record** first, Record** last) {
-  record->next = nullptr;
-  if (*first == nullptr) {
-    *first = record;
-  } else {
-    (*last)->next = record;
-  }
-  *last = record;
-  return record;
-}
 
 // Makes a move, prints its line and hangs it behind the list.
 void append_move(uint32_t address, int32_t size, command_record** first, command_record** last) {
@@ -64,39 +28,7 @@ void append_move(uint32_t address, int32_t size, command_record** first, command
   }
 }
 
-void release_list(command_record** first, command_record** last) {
-  while (*first != nullptr) {
-    command_record* const next = (*first)->next;
-    gen_free(*first);
-    *first = next;
-  }
-  *last = nullptr;
-}
-
 }  // namespace
-
-command_record* append_command(command_record* record, command_record** first,
-                               command_record** last) {
-  return append(record, first, last);
-}
-
-command_list* append_list(command_list* list, command_list** first, command_list** last) {
-  return append(list, first, last);
-}
-
-command_record* append_block(command_record* block, command_record** first, command_record** last) {
-  return append(block, first, last);
-}
-
-command_record* prepend_block(command_record* block, command_record** first,
-                              command_record** last) {
-  block->next = *first;
-  if (*first == nullptr) {
-    *last = block;
-  }
-  *first = block;
-  return block;
-}
 
 void add_move(uint32_t address, int32_t size) {
   append_move(address, size, &first_move, &last_move);
@@ -181,8 +113,8 @@ void process_change(const uint8_t* buffer1, uint32_t address1, uint32_t position
                     uint32_t length2) {
   const uint32_t common = std::min(length1, length2);
   if (common != 0) {
-    process_substitution(buffer1 + position1, buffer2 + position2, address2 + position2, common,
-                         address1 + position1, address2 + position2);
+    process_substitution({buffer1 + position1, buffer2 + position2, address2 + position2, common,
+                          address1 + position1, address2 + position2});
     position1 += common;
     position2 += common;
     length1 -= common;
@@ -194,23 +126,6 @@ void process_change(const uint8_t* buffer1, uint32_t address1, uint32_t position
     add_move(address1 + position1, static_cast<int32_t>(length2));
     add_substitution(address2 + position2, length2, buffer2 + position2);
   }
-}
-
-void reset_diffshared() {
-  release_list(&first_sub, &last_sub);
-  release_list(&first_sub_comp, &last_sub_comp);
-  release_list(&first_sub_one, &last_sub_one);
-  release_list(&first_fill, &last_fill);
-  release_list(&first_move, &last_move);
-  release_list(&first_abs_move, &last_abs_move);
-  release_list(&first_checksum1, &last_checksum1);
-  release_list(&first_checksum2, &last_checksum2);
-  num_subs = 0;
-  num_sub_ones = 0;
-  num_moves = 0;
-  num_abs_moves = 0;
-  checksum1 = 0;
-  checksum2 = 0;
 }
 
 }  // namespace kelvane

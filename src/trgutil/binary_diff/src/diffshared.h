@@ -1,84 +1,13 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
 
 #include "block_search.h"
+#include "command_lists.h"
 #include "image.h"
 
-// The commands of a patch while they wait to be written, and the walk over two blocks that makes
-// them. Every kind of command has one process-wide list; the patch holds all moves first, told in
-// old addresses (in the first image), and then all else, told in new addresses (in the second), so
-// no list needs to know of another. Lists are in the order in which their records were made, which
-// is that of ascending addresses.
+// The walk over two blocks that turns their differences into commands.
 namespace kelvane {
-
-// What a command writes: bytes inside an image or a buffer, or a plain value.
-union command_data {
-  const uint8_t* bytes;
-  uint32_t value;
-};
-
-// The one record of every command, and of each block of a CM_MOVE.
-//   list                     address       size                    data
-//   moves                    old address   signed shift, 0 an end  not set
-//   substitutions            new address   number of bytes         the bytes
-//   compressed               new address   compressed bytes        them, in a buffer of its own
-//   single bytes             new address   1                       the byte
-//   fills                    new address   3 to 65534              the run
-//   increments               new address   bytes that change       the new word, a value
-//   checksum regions         start         bytes                   not set
-//   blocks of a CM_MOVE      source        bytes                   signed shift, a value
-// Bytes point into the second image, which has to stay until the patch is written.
-struct command_record {
-  uint32_t address;
-  int32_t size;
-  command_data data;
-  command_record* next;  // null at the end
-};
-
-// A list of commands as it goes into the patch: all absolute, or all relative to one base address.
-struct command_list {
-  command_record* first;
-  command_record* last;
-  uint16_t num_commands;  // of an absolute list the low 16 bits
-  uint32_t flags;         // CL_NO_SIZE and CL_RELATIVE
-  command_list* next;
-};
-
-// The lists, each with its last record and its tally. Written by the operations here and in the
-// units named; emptied by dump_command_set. The tallies wrap and no decision depends on them.
-extern command_record* first_sub;  // CM_SUBSTITUTE, by add_substitution
-extern command_record* last_sub;
-extern uint16_t num_subs;
-extern command_record* first_sub_comp;  // CM_SUB_COMP, by add_substitution
-extern command_record* last_sub_comp;
-extern command_record* first_sub_one;  // CM_SUB_ONE, by add_substitution
-extern command_record* last_sub_one;
-extern uint16_t num_sub_ones;
-extern command_record* first_fill;  // CM_FILL, by add_substitution
-extern command_record* last_fill;
-extern command_record* first_move;  // CM_MOVE, by add_move
-extern command_record* last_move;
-extern uint16_t num_moves;
-extern command_record* first_abs_move;  // CM_MOVE, by add_abs_move
-extern command_record* last_abs_move;
-extern uint16_t num_abs_moves;
-extern command_record* first_checksum1;  // CM_CHECKSUM of the first image, by add_checksum
-extern command_record* last_checksum1;
-extern uint32_t checksum1;  // running checksum of the first image, written in memory mode
-extern command_record* first_checksum2;
-extern command_record* last_checksum2;
-extern uint32_t checksum2;
-
-// Hang `record`, which comes from gen_alloc, behind the list that the two variables keep, and
-// return it. From here on it belongs to the list.
-command_record* append_command(command_record* record, command_record** first,
-                               command_record** last);
-command_list* append_list(command_list* list, command_list** first, command_list** last);
-command_record* append_block(command_record* block, command_record** first, command_record** last);
-// Puts `block` in front of the list, and returns it.
-command_record* prepend_block(command_record* block, command_record** first, command_record** last);
 
 // Records that from old address `address` on everything shifts by `size` bytes more than before:
 // positive for bytes inserted there, negative for bytes removed in front of it, 0 for an end mark.

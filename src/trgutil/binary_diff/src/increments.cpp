@@ -2,16 +2,9 @@
 
 #include "debug_print.h"
 #include "engine_settings.h"
-#include "increments_internal.h"
 #include "indgen_memory.h"
 
 namespace kelvane {
-
-int32_t incr_values = 0;
-std::array<uint32_t, kMaxIncrementClasses> incr_value{};
-std::array<command_record*, kMaxIncrementClasses> first_incr{};
-std::array<command_record*, kMaxIncrementClasses> last_incr{};
-std::array<int32_t, kMaxIncrementClasses> num_incrs{};
 
 namespace {
 
@@ -95,45 +88,40 @@ int32_t add_increment(uint32_t address, uint32_t difference, uint32_t new_word, 
   return 0;
 }
 
-int32_t process_increments(const uint8_t* old_bytes, const uint8_t* new_bytes,
-                           uint32_t command_address, uint32_t length, uint32_t old_address,
-                           uint32_t new_address, int32_t recording) {
+int32_t process_increments(const changed_stretch& stretch, int32_t recording) {
   const int32_t saved_values = incr_values;
-  const auto start = static_cast<int32_t>((old_address & kLaneMask) + length);
+  changed_stretch rest = stretch;
+  const auto start = static_cast<int32_t>((stretch.old_address & kLaneMask) + stretch.length);
   int32_t left = start;
-  dprintf(2, "INCR PROCESS %08x vs %08x (len %d)\n", old_address, new_address,
-          static_cast<int32_t>(length));
-  if (((old_address ^ new_address) & kLaneMask) != 0) {
+  dprintf(2, "INCR PROCESS %08x vs %08x (len %d)\n", stretch.old_address, stretch.new_address,
+          static_cast<int32_t>(stretch.length));
+  if (((stretch.old_address ^ stretch.new_address) & kLaneMask) != 0) {
     dprintf(2, "INCR RELATIVELY MISALIGNED\n");
     return 0;
   }
   bool fits = true;
   while (left >= static_cast<int32_t>(kLanes)) {
     uint32_t old_word = 0;
-    const uint32_t new_word = word_diff(old_bytes, new_bytes, old_address, new_address, &old_word);
+    const uint32_t new_word =
+        word_diff(rest.old_bytes, rest.new_bytes, rest.old_address, rest.new_address, &old_word);
     const uint32_t difference = new_word - old_word;
     if (recording == 0 || difference != 0) {
       dprintf(8, "INCR %s: from %08x into %08x is %08x at %08x\n",
               recording != 0 ? "WORD DIFF" : "Diff", old_word, new_word, difference,
-              new_address & ~kLaneMask);
+              rest.new_address & ~kLaneMask);
     }
     if (difference != 0) {
       if (bad_diff(old_word, difference)) {
         dprintf(2, "INCR BAD DIFFERENCE\n");
         break;
       }
-      if (add_increment(command_address & ~kLaneMask, difference, new_word, recording) != 0) {
+      if (add_increment(rest.command_address & ~kLaneMask, difference, new_word, recording) != 0) {
         fits = false;
         break;
       }
     }
-    const uint32_t step = kLanes - (command_address & kLaneMask);
     left -= static_cast<int32_t>(kLanes);
-    old_bytes += step;
-    new_bytes += step;
-    command_address += step;
-    old_address += step;
-    new_address += step;
+    rest.advance(kLanes - (rest.command_address & kLaneMask));
   }
   if (recording == 0) {
     incr_values = saved_values;
@@ -141,21 +129,14 @@ int32_t process_increments(const uint8_t* old_bytes, const uint8_t* new_bytes,
       return 0;
     }
   }
-  return left == start ? 0 : static_cast<int32_t>(length) - left;
+  return left == start ? 0 : static_cast<int32_t>(stretch.length) - left;
 }
 
-void reset_increments() {
-  for (command_record*& first : first_incr) {
-    while (first != nullptr) {
-      command_record* const next = first->next;
-      gen_free(first);
-      first = next;
-    }
-  }
-  last_incr = {};
-  num_incrs = {};
-  incr_value = {};
-  incr_values = 0;
+int32_t process_increments(const uint8_t* old_bytes, const uint8_t* new_bytes,
+                           uint32_t command_address, uint32_t length, uint32_t old_address,
+                           uint32_t new_address, int32_t recording) {
+  return process_increments(
+      {old_bytes, new_bytes, command_address, length, old_address, new_address}, recording);
 }
 
 }  // namespace kelvane

@@ -1,23 +1,13 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
 
-#include "diffshared.h"
+#include "changed_stretch.h"
+#include "command_lists.h"
 
 // Increments: 32-bit words that are patched by adding a value. Words that change by the same value
 // form a class, so that only a list of addresses has to be stored for each value.
 namespace kelvane {
-
-inline constexpr int32_t kMaxIncrementClasses = 20;
-
-// The classes, in order of first use. Written by add_increment (and taken back by the rehearsal of
-// process_increments), read by the coder.
-extern int32_t incr_values;                                           // classes in use
-extern std::array<uint32_t, kMaxIncrementClasses> incr_value;         // new less old word
-extern std::array<command_record*, kMaxIncrementClasses> first_incr;  // records of each class
-extern std::array<command_record*, kMaxIncrementClasses> last_incr;
-extern std::array<int32_t, kMaxIncrementClasses> num_incrs;  // their number
 
 // Reads one word from each side, from the address to the next word boundary; the lanes in front of
 // the address count as 0. Gives the new word, and stores the old one unless `old_word` is null. The
@@ -40,5 +30,6 @@ int32_t add_increment(uint32_t address, uint32_t difference, uint32_t new_word, 
 int32_t process_increments(const uint8_t* old_bytes, const uint8_t* new_bytes,
                            uint32_t command_address, uint32_t length, uint32_t old_address,
                            uint32_t new_address, int32_t recording);
+int32_t process_increments(const changed_stretch& stretch, int32_t recording);
 
 }  // namespace kelvane

@@ -1,15 +1,17 @@
 #include "substitution.h"
 
+#include <cassert>
 #include <cstring>
+#include <utility>
 
 #include "block_search.h"
+#include "command_lists.h"
 #include "debug_print.h"
-#include "diffshared.h"
+#include "engine_reset.h"
 #include "engine_settings.h"
 #include "increments.h"
 #include "indgen_memory.h"
 #include "indzip.h"
-#include "substitution_internal.h"
 
 namespace kelvane {
 
@@ -18,21 +20,16 @@ uint8_t* compressed_buffer_end = nullptr;
 
 namespace {
 
-constexpr uint32_t kSplittingGap = 3;  // so many equal bytes end a run
+// So many equal bytes end a run. One or two of them cost less inside a piece than a second piece
+// does, whose distance and size take two bytes in the best case.
+constexpr uint32_t kSplittingGap = 3;
+// Two equal bytes are shorter as a substitution in a relative list (4 bytes) than as a fill (7).
 constexpr uint32_t kLeastFill = 3;
 constexpr uint32_t kFillLimit = 65535;  // CM_FILL carries its size in 16 bits
-constexpr int32_t kBufferStep = 10000;
-
-// In front of the bytes of a compressed piece, which a command keeps by reference. No command owns
-// them; they stay to the end of the run. Not in a container: a signal may end the process while it
-// grows, and its destructor would run then.
-struct CompressedPiece {
-  CompressedPiece* next;
-};
+constexpr int32_t kBufferStep = 10000;  // some pieces of a typical size; the buffer is used again
 
 struct State {
-  int32_t compressed_buffer_size = 0;            // bytes allocated
-  CompressedPiece* compressed_pieces = nullptr;  // all of the run
+  int32_t compressed_buffer_size = 0;  // bytes allocated
 };
 State state;
 
@@ -58,63 +55,59 @@ bool compress(command_record* record) {
   if (saving <= min_compression_percent) {
     return false;
   }
-  auto* const piece =
-      static_cast<CompressedPiece*>(gen_alloc(1, sizeof(CompressedPiece) + compressed_size));
-  piece->next = state.compressed_pieces;
-  state.compressed_pieces = piece;
-  auto* const bytes = reinterpret_cast<uint8_t*>(piece + 1);
-  std::memcpy(bytes, compressed_buffer_start, compressed_size);
+  gen_ptr<uint8_t> bytes(gen_alloc_array<uint8_t>(compressed_size));
+  std::memcpy(bytes.get(), compressed_buffer_start, compressed_size);
   record->size = static_cast<int32_t>(compressed_size);
-  record->data.bytes = bytes;
+  record->data.bytes = keep_bytes(std::move(bytes));
   return true;
 }
 
-// Cuts a stretch at gaps of equal bytes and files the pieces. One or two equal bytes cost less
-// inside a piece than a second piece does.
-void splice(const uint8_t* old_bytes, const uint8_t* new_bytes, uint32_t command_address,
-            uint32_t length) {
-  auto run_start = static_cast<uint32_t>(first_difference(old_bytes, new_bytes, length));
-  while (run_start < length) {
+// Cuts a stretch at gaps of equal bytes and files the pieces.
+void splice(const changed_stretch& stretch) {
+  const auto next_difference = [&stretch](uint32_t from) {
+    return from + static_cast<uint32_t>(first_difference(
+                      stretch.old_bytes + from, stretch.new_bytes + from, stretch.length - from));
+  };
+  uint32_t run_start = next_difference(0);
+  while (run_start < stretch.length) {
     uint32_t run_end = run_start + 1;
-    uint32_t next = run_end;  // the next byte that differs
-    while (true) {
-      next = run_end + static_cast<uint32_t>(first_difference(
-                           old_bytes + run_end, new_bytes + run_end, length - run_end));
-      if (next == length || next - run_end >= kSplittingGap) {
-        break;
-      }
+    uint32_t next = next_difference(run_end);
+    while (next != stretch.length && next - run_end < kSplittingGap) {
       run_end = next + 1;
+      next = next_difference(run_end);
     }
-    add_substitution(command_address + run_start, run_end - run_start, new_bytes + run_start);
+    add_substitution(stretch.command_address + run_start, run_end - run_start,
+                     stretch.new_bytes + run_start);
     run_start = next;
   }
 }
 
 }  // namespace
 
+void process_substitution(const changed_stretch& stretch) {
+  changed_stretch rest = stretch;
+  if (incr_enabled != 0 && process_increments(stretch, 0) != 0) {
+    const auto covered = static_cast<uint32_t>(process_increments(stretch, 1));
+    if (covered >= stretch.length) {
+      return;
+    }
+    rest.advance(covered);
+  }
+  if (substitution_splicing == 0) {
+    add_substitution(rest.command_address, rest.length, rest.new_bytes);
+    return;
+  }
+  splice(rest);
+}
+
 void process_substitution(const uint8_t* old_bytes, const uint8_t* new_bytes,
                           uint32_t command_address, uint32_t length, uint32_t old_address,
                           uint32_t new_address) {
-  if (incr_enabled != 0 && process_increments(old_bytes, new_bytes, command_address, length,
-                                              old_address, new_address, 0) != 0) {
-    const auto covered = static_cast<uint32_t>(process_increments(
-        old_bytes, new_bytes, command_address, length, old_address, new_address, 1));
-    if (covered >= length) {
-      return;
-    }
-    old_bytes += covered;
-    new_bytes += covered;
-    command_address += covered;
-    length -= covered;
-  }
-  if (substitution_splicing == 0) {
-    add_substitution(command_address, length, new_bytes);
-    return;
-  }
-  splice(old_bytes, new_bytes, command_address, length);
+  process_substitution({old_bytes, new_bytes, command_address, length, old_address, new_address});
 }
 
 void add_substitution(uint32_t address, uint32_t size, const uint8_t* bytes) {
+  assert(size > 0);
   gen_ptr<command_record> record(gen_alloc_array<command_record>(1));
   record->address = address;
   record->size = static_cast<int32_t>(size);
@@ -153,11 +146,6 @@ void reset_substitution() {
   gen_free(compressed_buffer_start);
   compressed_buffer_start = nullptr;
   compressed_buffer_end = nullptr;
-  while (state.compressed_pieces != nullptr) {
-    CompressedPiece* const next = state.compressed_pieces->next;
-    gen_free(state.compressed_pieces);
-    state.compressed_pieces = next;
-  }
   state = State{};
 }
 

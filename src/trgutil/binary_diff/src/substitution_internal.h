@@ -1,8 +1,0 @@
-#pragma once
-
-namespace kelvane {
-
-// Releases the compressed buffer.
-void reset_substitution();
-
-}  // namespace kelvane
