@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // What a board gives so that its flash can be updated: three calls and the geometry. Plain C11.

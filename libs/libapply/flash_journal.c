@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "flash_journal.h"
 
 // The head: sequence, base and identity, each followed by its complement.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 // A counter in flash that survives power loss at any moment: how many steps of a long piece of work
