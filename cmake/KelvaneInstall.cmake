@@ -70,10 +70,13 @@ install(
   FILES
     libs/libapply/applier.c
     libs/libapply/applier.h
+    libs/libapply/applier_cursor.c
     libs/libapply/applier_internal.h
     libs/libapply/applier_reader.c
     libs/libapply/applier_streams.c
     libs/libapply/apply_example.c
+    libs/libapply/byte_source.c
+    libs/libapply/byte_source.h
   DESTINATION ${CMAKE_INSTALL_DATADIR}/kelvane/applier COMPONENT applier)
 
 # Libraries. The driver is the program's own and stays at home.

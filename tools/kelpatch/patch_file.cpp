@@ -153,7 +153,7 @@ PatchFile::Rank PatchFile::rank(uint32_t flags, const KnownSizes& known) {
 
 int PatchFile::check_files() {
   const kelvane_region room = {0, std::max(info().old_size, info().new_size)};
-  const kelvane_memory memory = {nullptr, no_read, nullptr, &room, 1, KELVANE_SIZE_UNKNOWN};
+  const kelvane_memory memory = {nullptr, no_read, nullptr, &room, 1, KELVANE_SIZE_UNKNOWN, 0};
   return kelvane_apply_check(&applier_, &memory);
 }
 

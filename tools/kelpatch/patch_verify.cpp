@@ -80,7 +80,7 @@ Bytes result_of(PatchFile& patch, const std::string& old_name, Bytes contents,
   }
   contents.resize(std::max(info.old_size, info.new_size));
   const kelvane_region room = {0, size_of(contents)};
-  const kelvane_memory memory = {&contents, read_bytes, write_bytes, &room, 1, info.old_size};
+  const kelvane_memory memory = {&contents, read_bytes, write_bytes, &room, 1, info.old_size, 0};
   // All addresses lie inside and a vector can't fail, so only the last verification is left to.
   const int code = kelvane_apply_run(patch.applier(), &memory, KELVANE_SKIP_OLD);
   contents.resize(info.new_size);
