@@ -1,6 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <random>
 #include <string>
 #include <string_view>
@@ -42,11 +44,16 @@ class FlashModel {
   void install(uint32_t address, std::string_view bytes);
   std::string contents(uint32_t address, uint32_t size) const;
 
-  // Programs of a unit that was not erased (but for zeros, where those are allowed), operations
-  // that are not aligned, accesses that leave the flash. The test expects 0.
+  // Called ahead of each operation with what does the same operation on a copy of the flash, which
+  // is not watched itself.
+  std::function<void(const std::function<void(FlashModel& copy)>& repeat)> watch;
+
+  // Programs of a unit that was not erased, operations that are not aligned, accesses that leave
+  // the flash. The test expects 0.
   uint64_t violations = 0;
   uint32_t fail_operation = 0;   // the number of the operation that fails, from 1; 0 for none
   std::vector<uint32_t> erases;  // of each page
+  uint64_t programmed = 0;       // bytes
 
  private:
   enum class Unit : uint8_t { kErased, kProgrammed, kTorn };

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "flash_model.h"
 
 #include <algorithm>
@@ -17,6 +18,7 @@ FlashModel::FlashModel(const FlashModel& other)
     : violations(other.violations),
       fail_operation(other.fail_operation),
       erases(other.erases),
+      programmed(other.programmed),
       geometry_(other.geometry_),
       driver_(other.driver_),
       bytes_(other.bytes_),
@@ -123,6 +125,9 @@ int FlashModel::erase(void* context, uint32_t address) {
     ++flash.violations;
     return 1;
   }
+  if (flash.watch) {
+    flash.watch([&](FlashModel& copy) { erase(&copy, address); });
+  }
   if (!flash.starts(&cut)) {
     return 1;
   }
@@ -149,9 +154,13 @@ int FlashModel::program(void* context, uint32_t address, const uint8_t* bytes, u
     ++flash.violations;
     return 1;
   }
+  if (flash.watch) {
+    flash.watch([&](FlashModel& copy) { program(&copy, address, bytes, count); });
+  }
   if (!flash.starts(&cut)) {
     return 1;
   }
+  flash.programmed += count;
   const uint32_t units = count / unit;
   const uint32_t last = cut == Cut::kTorn ? static_cast<uint32_t>(flash.random_()) % units : units;
   const Progress progress = flash.random_progress();
