@@ -36,6 +36,7 @@ class SimulatedDevice {
   SimulatedDevice& operator=(const SimulatedDevice&) = delete;
 
   FlashModel& flash() { return flash_; }
+  const kelvane_update& update() const { return update_; }
   const kelvane_flash& board() const { return board_; }
   std::string image(uint32_t size) const;
   uint32_t image_address() const { return shape_.flash.page_size; }
