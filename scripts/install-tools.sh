@@ -7,7 +7,8 @@
 declare -A tools_for=(
   [build]="cc=gcc c++=g++ cmake=cmake ninja=ninja-build"
   [test]="/usr/include/gtest/gtest.h=libgtest-dev /usr/include/gmock/gmock.h=libgmock-dev
-    pkg-config=pkg-config clang=clang ld.lld=lld readelf=binutils"
+    pkg-config=pkg-config clang=clang ld.lld=lld llvm-objcopy=llvm readelf=binutils
+    qemu-system-arm=qemu-system-arm"
   [clang]="clang++=clang"
   [bench]="/usr/include/benchmark/benchmark.h=libbenchmark-dev"
   [demo]="clang=clang ld.lld=lld llvm-objcopy=llvm"
