@@ -58,7 +58,7 @@ static int find_moves(kelvane_patch_payload* self) {
   return cursor.code;
 }
 
-static int open_patch(void* state, uint32_t size, const kelvane_payload_input* input,
+static int patch_open(void* state, uint32_t size, const kelvane_payload_input* input,
                       kelvane_payload_images* images) {
   kelvane_patch_payload* const self = (kelvane_patch_payload*)state;
   const kelvane_patch_info* const info = &self->applier.info;
@@ -84,7 +84,7 @@ static int open_patch(void* state, uint32_t size, const kelvane_payload_input* i
 }
 
 // Goes to the first words of the classes of the first command of increments, as many as have room.
-static int restart(void* state) {
+static int patch_restart(void* state) {
   kelvane_patch_payload* const self = (kelvane_patch_payload*)state;
   kelvane_cursor cursor = self->local;
   kelvane_item item;
@@ -267,7 +267,7 @@ static void add_words(const window* part) {
   }
 }
 
-static int compute(void* state, uint32_t address, uint8_t* bytes, uint32_t count) {
+static int patch_window(void* state, uint32_t address, uint8_t* bytes, uint32_t count) {
   kelvane_patch_payload* const self = (kelvane_patch_payload*)state;
   const kelvane_payload_input* const input = self->input;
   window part;
@@ -275,7 +275,7 @@ static int compute(void* state, uint32_t address, uint8_t* bytes, uint32_t count
   kelvane_item item;
   uint32_t done = 0;
   if (address < self->reached) {
-    const int code = restart(self);
+    const int code = patch_restart(self);
     if (code != KELVANE_APPLY_OK) {
       return code;
     }
@@ -310,4 +310,5 @@ static int compute(void* state, uint32_t address, uint8_t* bytes, uint32_t count
 }
 
 const kelvane_payload_kind kelvane_patch_kind = {
-    KELVANE_PAYLOAD_PATCH, 0, open_patch, restart, NULL, compute, compute, kelvane_apply_checksum};
+    KELVANE_PAYLOAD_PATCH, 0, patch_open, patch_restart, NULL, patch_window, patch_window,
+    kelvane_apply_checksum};
