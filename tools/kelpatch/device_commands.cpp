@@ -62,6 +62,10 @@ Update update_by(PatchFile& patch, const Bytes& old_file, const Bytes& new_file,
 }
 
 DeviceShape shape_of(const PagePlan& plan, const DeviceOptions& device) {
+  const uint64_t pages = uint64_t{plan.pages} + device.spare.spare + KELVANE_JOURNAL_PAGES + 1;
+  if (pages * plan.page_size > kLargestFile) {
+    fatal("a flash of %" PRIu64 " pages of %" PRIu32 " bytes is too large", pages, plan.page_size);
+  }
   DeviceShape shape;
   shape.flash.page_size = plan.page_size;
   shape.flash.unit = device.unit;

@@ -143,39 +143,43 @@ Alias alias_named(const std::string& word) {
   usage_error("'--alias' takes two hexadecimal numbers, ADDRESS:MASK, not '" + word + "'");
 }
 
-// The number that an option of devices takes, from `least` on.
-uint32_t number_named(const std::string& option, const std::string& word, uint32_t least) {
-  constexpr uint32_t kMost = 1U << 24U;
-  uint32_t number = 0;
-  const char* const end = word.data() + word.size();
-  const auto [behind, error] = std::from_chars(word.data(), end, number);
-  if (error != std::errc() || behind != end || number < least || number > kMost) {
-    usage_error("'" + option + "' takes a number from " + std::to_string(least) + " to " +
-                std::to_string(kMost) + ", not '" + word + "'");
-  }
-  return number;
-}
-
 // An option of devices with a number.
 struct DeviceNumber {
   const char* name;
   uint32_t least;
+  uint32_t most;
   void (*set)(DeviceOptions& device, uint32_t number);
 };
 
+constexpr uint32_t kMostBytes = 1U << 24U;
+constexpr uint32_t kMostPages = 65535;
+
 // clang-format off
 constexpr DeviceNumber kDeviceNumbers[] = {
-    {"--page", 64, [](DeviceOptions& device, uint32_t number) { device.spare.page_size = number; }},
-    {"--ring", 1, [](DeviceOptions& device, uint32_t number) { device.spare.ring = number; }},
-    {"--spare", 1, [](DeviceOptions& device, uint32_t number) { device.spare.spare = number; }},
-    {"--unit", 4, [](DeviceOptions& device, uint32_t number) { device.unit = number; }},
-    {"--window", 4, [](DeviceOptions& device, uint32_t number) { device.window = number; }},
-    {"--classes", 0, [](DeviceOptions& device, uint32_t number) { device.classes = number; }},
-    {"--erase-time", 0, [](DeviceOptions& device, uint32_t number) { device.erase_time = number; }},
-    {"--program-time", 0, [](DeviceOptions& device, uint32_t number) { device.program_time = number; }},
-    {"--signature", 0, [](DeviceOptions& device, uint32_t number) { device.signature = number; }},
+    // name           least most
+    {"--page",         64, kMostBytes, [](DeviceOptions& device, uint32_t number) { device.spare.page_size = number; }},
+    {"--ring",         1,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.spare.ring = number; }},
+    {"--spare",        1,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.spare.spare = number; }},
+    {"--unit",         4,  32,         [](DeviceOptions& device, uint32_t number) { device.unit = number; }},
+    {"--window",       4,  kMostBytes, [](DeviceOptions& device, uint32_t number) { device.window = number; }},
+    {"--classes",      0,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.classes = number; }},
+    {"--erase-time",   0,  kMostBytes, [](DeviceOptions& device, uint32_t number) { device.erase_time = number; }},
+    {"--program-time", 0,  kMostBytes, [](DeviceOptions& device, uint32_t number) { device.program_time = number; }},
+    {"--signature",    0,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.signature = number; }},
 };
 // clang-format on
+
+uint32_t number_named(const DeviceNumber& option, const std::string& word) {
+  uint32_t number = 0;
+  const char* const end = word.data() + word.size();
+  const auto [behind, error] = std::from_chars(word.data(), end, number);
+  if (error != std::errc() || behind != end || number < option.least || number > option.most) {
+    usage_error("'" + std::string(option.name) + "' takes a number from " +
+                std::to_string(option.least) + " to " + std::to_string(option.most) + ", not '" +
+                word + "'");
+  }
+  return number;
+}
 
 // Takes an option of devices; gives false for any other.
 template <typename Value>
@@ -185,7 +189,7 @@ bool parse_device(DeviceOptions& device, const std::string& argument, const std:
       std::find_if(std::begin(kDeviceNumbers), std::end(kDeviceNumbers),
                    [&](const DeviceNumber& one) { return name == one.name; });
   if (number != std::end(kDeviceNumbers)) {
-    number->set(device, number_named(name, value(), number->least));
+    number->set(device, number_named(*number, value()));
   } else if (name == "--rollback") {
     device.rollback = value();
   } else if (argument == "--simulate") {
