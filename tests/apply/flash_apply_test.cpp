@@ -377,6 +377,35 @@ TEST(FlashApply, AsksForTheSignatureFirstAndTellsThatItLives) {
   EXPECT_EQ(signs_of_life + device.flash().operations(), 0u);
 }
 
+// A patch has no state to go on with: windows give the same bytes in any order.
+TEST(FlashApply, ComputesTheWindowsOfAPatchInAnyOrder) {
+  const FlashPair pair = random_pair(42, 4000, 4200);
+  const std::string room = pair.old_image + std::string(8192 - pair.old_image.size(), '\xFF');
+  const kelpatch::Bytes patch = bytes_of(pair.patch);
+  struct {
+    kelvane_patch_payload payload;
+    kelvane_words classes[3];
+  } state;
+  kelvane_payload_input input = {};
+  input.payload = {patch.data(), nullptr, nullptr, 0, static_cast<uint32_t>(patch.size())};
+  input.image_size = 8192;
+  input.update = const_cast<std::string*>(&room);
+  input.old_image = [](void* context, uint32_t address, uint8_t* bytes, uint32_t count) {
+    static_cast<const std::string*>(context)->copy(reinterpret_cast<char*>(bytes), count, address);
+    return 0;
+  };
+  input.alive = [](void*) {};
+  kelvane_payload_images images;
+  ASSERT_EQ(kelvane_patch_kind.open(&state, sizeof state, &input, &images), 0);
+  ASSERT_EQ(kelvane_patch_kind.restart(&state), 0);
+  std::string made(4224, '\0');
+  for (uint32_t i = 0; i < 33; ++i) {
+    const uint32_t at = i * 7 % 33 * 128;
+    ASSERT_EQ(kelvane_patch_kind.window(&state, at, reinterpret_cast<uint8_t*>(&made[at]), 128), 0);
+  }
+  EXPECT_EQ(made.substr(0, pair.new_image.size()), pair.new_image);
+}
+
 // A failure of the flash itself ends the run with a code that stays, and a start later goes on.
 TEST(FlashApply, EndsWhereTheFlashFails) {
   const FlashPair pair = shrunk_pair(256);
