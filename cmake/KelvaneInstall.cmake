@@ -77,6 +77,18 @@ install(
     libs/libapply/apply_example.c
     libs/libapply/byte_source.c
     libs/libapply/byte_source.h
+    libs/libapply/flash_apply.c
+    libs/libapply/flash_apply.h
+    libs/libapply/flash_apply_internal.h
+    libs/libapply/flash_bundle.c
+    libs/libapply/flash_bundle.h
+    libs/libapply/flash_driver.h
+    libs/libapply/flash_journal.c
+    libs/libapply/flash_journal.h
+    libs/libapply/flash_patch.c
+    libs/libapply/flash_patch.h
+    libs/libapply/flash_payload.h
+    libs/libapply/flash_plan.c
   DESTINATION ${CMAKE_INSTALL_DATADIR}/kelvane/applier COMPONENT applier)
 
 # Libraries. The driver is the program's own and stays at home.

@@ -10,22 +10,14 @@ static kelvane_words* words_of(kelvane_patch_payload* self) {
 
 // ---- Opening ------------------------------------------------------------------------------------
 
-static int no_read(void* context, uint32_t address, uint8_t* bytes, uint32_t count) {
-  (void)context;
-  (void)address;
-  (void)bytes;
-  (void)count;
-  return 1;
-}
-
 // Every address lies within the pages of the image.
 static int check_addresses(kelvane_patch_payload* self) {
   kelvane_region room;
   kelvane_memory memory;
   room.address = 0;
   room.size = self->input->image_size;
-  memory.context = NULL;
-  memory.read = no_read;
+  memory.context = self->input->update;
+  memory.read = self->input->old_image;  // the check calls it never
   memory.write = NULL;
   memory.regions = &room;
   memory.region_count = 1;

@@ -98,6 +98,15 @@ TEST(FlashApply, AnUpdateCutAtAnyOperationEndsInTheNewImage) {
               static_cast<unsigned long>(all.starts), static_cast<unsigned long>(all.geometries));
 }
 
+int fetch_bytes(void* context, uint32_t position, uint8_t* bytes, uint32_t count) {
+  const auto& all = *static_cast<const kelpatch::Bytes*>(context);
+  if (position > all.size() || count > all.size() - position) {
+    return 1;
+  }
+  std::copy_n(all.begin() + position, count, bytes);
+  return 0;
+}
+
 // The engine that carries out in place is the oracle. With a ring that is too short for the moves,
 // pages are kept.
 TEST(FlashApply, GivesWhatTheApplierGives) {
@@ -112,7 +121,13 @@ TEST(FlashApply, GivesWhatTheApplierGives) {
     shape.classes = seed % 6;
     shape.spare_pages += seed % 2;
     SimulatedDevice device(shape, pair.old_image, seed);
-    ASSERT_EQ(device.run(bundle.source()), KELVANE_APPLY_OK);
+    kelvane_source source = bundle.source();
+    kelpatch::Bytes external = bundle.bytes;
+    external.insert(external.begin(), 40, uint8_t{0});
+    if (seed % 3 == 1) {  // as in external flash
+      source = {nullptr, fetch_bytes, &external, 40, source.size};
+    }
+    ASSERT_EQ(device.run(source), KELVANE_APPLY_OK);
     ASSERT_EQ(device.image(static_cast<uint32_t>(pair.new_image.size())), pair.new_image);
     ASSERT_EQ(device.flash().violations, 0u);
     const uint32_t behind = 1 + shape.image_pages;
@@ -120,6 +135,31 @@ TEST(FlashApply, GivesWhatTheApplierGives) {
       ASSERT_LE(device.flash().erases[page], 1u);
     }
   }
+}
+
+// Compressed stores of a bundle lie in one page each, and there are some that had to be cut.
+TEST(FlashApply, CutsCompressedStoresAtPageBorders) {
+  uint32_t cut = 0;
+  for (uint32_t seed = 1; seed <= 20; ++seed) {
+    const FlashPair pair = random_pair(seed, 3000, 3300);
+    kelpatch::PatchFile whole("patch", bytes_of(pair.patch));
+    kelpatch::PatchFile split("patch", split_at_pages(whole, 256));
+    kelvane_cursor cursor;
+    kelvane_item item;
+    kelvane_cursor_start(&cursor, split.applier());
+    while (kelvane_item_next(&cursor, &item) != 0) {
+      if (item.kind == KELVANE_ITEM_STORE && item.command == KELVANE_CM_SUB_COMP && item.size > 0) {
+        EXPECT_EQ(item.address / 256, (item.address + item.size - 1) / 256);
+      }
+    }
+    cut += whole.bytes() != split.bytes() ? 1 : 0;
+    TargetMemory memory(pair.old_image, 3300);
+    EXPECT_EQ(apply_patch(text_of(split.bytes()), memory, 0, KELVANE_SKIP_NEW), KELVANE_APPLY_OK);
+    TargetMemory by_whole(pair.old_image, 3300);
+    EXPECT_EQ(apply_patch(pair.patch, by_whole, 0, KELVANE_SKIP_NEW), KELVANE_APPLY_OK);
+    EXPECT_EQ(memory.contents(), by_whole.contents());
+  }
+  EXPECT_GT(cut, 10u);
 }
 
 // The outcome of a bundle that is not as it was made: refused without an operation, or the right

@@ -152,7 +152,7 @@ PagePlan plan_pages(PatchFile& patch, const Bytes& old_file, const Bytes& new_fi
 
 PagePlan plan_for(PatchFile& patch, const Bytes& old_file, const Bytes& new_file,
                   const SparePages& spare) {
-  const PagePlan plan = plan_pages(patch, old_file, new_file, spare.page_size, spare.ring);
+  PagePlan plan = plan_pages(patch, old_file, new_file, spare.page_size, spare.ring);
   if (plan.spare() <= spare.spare) {
     return plan;
   }

@@ -17,7 +17,8 @@ int start_until_through(SimulatedDevice& device, const kelvane_source& bundle, C
                         uint32_t more, std::minstd_rand& random) {
   for (;;) {
     if (more > 0) {
-      device.flash().cut_at(random() % 40, static_cast<Cut>(random() % 3));
+      const uint64_t operation = random() % 40;
+      device.flash().cut_at(operation, static_cast<Cut>(random() % 3));
     } else {
       device.flash().power_on();
     }
