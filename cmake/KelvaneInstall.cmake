@@ -85,6 +85,7 @@ install(
     libs/libapply/flash_driver.h
     libs/libapply/flash_journal.c
     libs/libapply/flash_journal.h
+    libs/libapply/flash_open.c
     libs/libapply/flash_patch.c
     libs/libapply/flash_patch.h
     libs/libapply/flash_payload.h
