@@ -343,6 +343,7 @@ void kelvane_apply_start(kelvane_cursor* cursor, kelvane_applier* applier) {
   cursor->applier = applier;
   cursor->position = applier->info.header_size;
   cursor->stage = AT_COMMAND;
+  cursor->command = 0;
   cursor->in_set = 0;
   cursor->closed = 0;
   cursor->code = KELVANE_APPLY_OK;
