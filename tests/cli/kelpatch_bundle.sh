@@ -29,7 +29,8 @@ patch_by_hand 1 old.bin padded.bin 03 0001 "$(printf %08x 9900)" 00000008 000000
   06 0001 "$(printf %08x 9907)" 0001 00 >unknown
 run kelpatch plan unknown old.bin
 head -c 4200000 /dev/zero >large.bin
-patch_by_hand 1 large.bin large.bin 03 0000 >large
+{ cat large.bin && echo x; } >larger.bin
+kelvane -version 1 -b 100000 -o large large.bin larger.bin
 run kelpatch plan large large.bin --page 64
 ls kept 2>/dev/null
 
