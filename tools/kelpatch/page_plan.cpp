@@ -74,7 +74,8 @@ std::vector<uint32_t> last_readers(const std::vector<uint32_t>& origin,
   }
   std::vector<uint32_t> last(pages);
   for (const uint32_t page : changed) {
-    for (uint64_t at = uint64_t{page} * page_size; at < uint64_t{page + 1} * page_size; ++at) {
+    const size_t start = size_t{page} * page_size;
+    for (size_t at = start; at < start + page_size; ++at) {
       const uint32_t read = origin[at] / page_size;
       if (read < page && is_changed[read]) {
         last[read] = std::max(last[read], page);
