@@ -70,10 +70,26 @@ install(
   FILES
     libs/libapply/applier.c
     libs/libapply/applier.h
+    libs/libapply/applier_cursor.c
     libs/libapply/applier_internal.h
     libs/libapply/applier_reader.c
     libs/libapply/applier_streams.c
     libs/libapply/apply_example.c
+    libs/libapply/byte_source.c
+    libs/libapply/byte_source.h
+    libs/libapply/flash_apply.c
+    libs/libapply/flash_apply.h
+    libs/libapply/flash_apply_internal.h
+    libs/libapply/flash_bundle.c
+    libs/libapply/flash_bundle.h
+    libs/libapply/flash_driver.h
+    libs/libapply/flash_journal.c
+    libs/libapply/flash_journal.h
+    libs/libapply/flash_open.c
+    libs/libapply/flash_patch.c
+    libs/libapply/flash_patch.h
+    libs/libapply/flash_payload.h
+    libs/libapply/flash_plan.c
   DESTINATION ${CMAKE_INSTALL_DATADIR}/kelvane/applier COMPONENT applier)
 
 # Libraries. The driver is the program's own and stays at home.

@@ -38,7 +38,7 @@ set(KELVANE_INSTALLED_HEADERS
   bd_checksum.h command_lists.h diffout.h engine_settings.h increment_stream.h indzip.h patch_buffer.h
   patch_writer.h
   block_search.h diffshared.h
-  applier.h)
+  applier.h byte_source.h)
 
 # kelvane_add_library(<target> ALIAS <alias> SOURCES ... HEADERS ... [LINKS ...])
 # A static library whose headers are the public interface of its folder.

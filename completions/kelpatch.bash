@@ -14,11 +14,13 @@ _kelpatch() {
   command=${COMP_WORDS[1]}
   case $before in
     --byte-order) candidates="big little" ;;
-    --max-size | --base | --alias)
+    --unit) candidates="4 8 16 32" ;;
+    --max-size | --base | --alias | --page | --ring | --spare | --window | --classes | --erase-time | \
+      --program-time | --signature)
       COMPREPLY=()
       return
       ;;
-    -o | --output | --exclude) ;;
+    -o | --output | --exclude | --rollback) ;;
     *)
       if [[ $word == -* ]]; then
         case $command in
@@ -30,10 +32,17 @@ _kelpatch() {
           verify)
             candidates="--byte-order --max-size -q --quiet --ram --exclude --alias --help --version"
             ;;
+          plan | bundle)
+            candidates="--page --ring --spare --unit --window --classes --erase-time --program-time"
+            candidates+=" --help --version"
+            if [[ $command == bundle ]]; then
+              candidates+=" -o --output --rollback --signature --simulate"
+            fi
+            ;;
           *) candidates="--help --version" ;;
         esac
       elif ((COMP_CWORD == 1)); then
-        candidates="show apply verify"
+        candidates="show apply verify plan bundle"
       fi
       ;;
   esac

@@ -46,12 +46,18 @@ int write_target(void* context, uint32_t address, const uint8_t* bytes, uint32_t
   return target.moved > (uint64_t{1} << 24) ? 1 : 0;
 }
 
-int touch_item(void* context, const kelvane_item* item) {
-  uint32_t& sum = *static_cast<uint32_t*>(context);
-  if (item->data != nullptr) {
-    sum = kelvane_apply_checksum(sum, item->data, item->data_size);
+// Takes every item and reads what it points to.
+void touch_items(kelvane_applier* applier, const uint8_t* patch) {
+  kelvane_cursor cursor;
+  kelvane_item item;
+  uint32_t sum = 0;
+  kelvane_cursor_start(&cursor, applier);
+  while (kelvane_item_next(&cursor, &item) != 0) {
+    sum = kelvane_apply_checksum(sum, patch + item.data, item.data_size);
   }
-  return 0;
+  if (cursor.code != KELVANE_APPLY_OK) {
+    std::abort();
+  }
 }
 
 void put_word(uint8_t* bytes, uint32_t word, bool big_endian) {
@@ -89,14 +95,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       KELVANE_APPLY_OK) {
     return 0;
   }
-  uint32_t sum = 0;
-  if (kelvane_apply_visit(applier.get(), touch_item, &sum) != KELVANE_APPLY_OK) {
-    std::abort();
-  }
+  touch_items(applier.get(), patch.get());
   Target target;
   const kelvane_region regions[] = {{kSectionAddress, kFileSize}, {0, kFileSize}};
-  const kelvane_memory memory = {&target, read_target, write_target,
-                                 regions, 2,           KELVANE_SIZE_UNKNOWN};
+  const kelvane_memory memory = {
+      &target, read_target, write_target, regions, 2, KELVANE_SIZE_UNKNOWN, 0};
   const int checked = kelvane_apply_check(applier.get(), &memory);
   const int code = kelvane_apply_run(applier.get(), &memory, KELVANE_SKIP_OLD | KELVANE_SKIP_NEW);
   if (checked != KELVANE_APPLY_OK && (code != checked || target.written)) {

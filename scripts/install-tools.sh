@@ -7,11 +7,12 @@
 declare -A tools_for=(
   [build]="cc=gcc c++=g++ cmake=cmake ninja=ninja-build"
   [test]="/usr/include/gtest/gtest.h=libgtest-dev /usr/include/gmock/gmock.h=libgmock-dev
-    pkg-config=pkg-config clang=clang ld.lld=lld readelf=binutils"
+    pkg-config=pkg-config clang=clang ld.lld=lld llvm-objcopy=llvm readelf=binutils
+    qemu-system-arm=qemu-system-arm python3=python3"
   [clang]="clang++=clang"
   [fuzz]="clang++=clang
     /usr/lib/llvm-14/lib/clang/14.0.6/lib/linux/libclang_rt.fuzzer-x86_64.a=libclang-rt-14-dev"
-  [bench]="/usr/include/benchmark/benchmark.h=libbenchmark-dev"
+  [bench]="/usr/include/benchmark/benchmark.h=libbenchmark-dev /usr/include/gtest/gtest.h=libgtest-dev"
   [demo]="clang=clang ld.lld=lld llvm-objcopy=llvm"
   [lint]="clang-format=clang-format clang-tidy=clang-tidy run-clang-tidy=clang-tidy cppcheck=cppcheck
     shellcheck=shellcheck python3=python3"

@@ -3,7 +3,8 @@
 
 // ---- The memory ---------------------------------------------------------------------------------
 
-// What the visitors below work on. The checksum is that of the regions of the command at hand.
+// What the operations on items below work on. The checksum is that of the regions of the command at
+// hand.
 typedef struct job {
   kelvane_applier* applier;
   const kelvane_memory* memory;
@@ -64,8 +65,7 @@ static int written_in_memory(job* self, const kelvane_item* item, uint32_t addre
   return code;
 }
 
-static int check_item(void* context, const kelvane_item* item) {
-  job* const self = (job*)context;
+static int check_item(job* self, const kelvane_item* item) {
   int code = KELVANE_APPLY_OK;
   switch (item->kind) {
     case KELVANE_ITEM_MOVE:
@@ -101,6 +101,20 @@ static int start_job(job* self, kelvane_applier* applier, const kelvane_memory* 
   return 1;
 }
 
+// Does `operation` for every item of the patch, up to the first that gives a code.
+static int for_each_item(job* self, int (*operation)(job* self, const kelvane_item* item)) {
+  kelvane_cursor cursor;
+  kelvane_item item;
+  kelvane_apply_start(&cursor, self->applier);
+  while (kelvane_item_next(&cursor, &item)) {
+    const int code = operation(self, &item);
+    if (code != KELVANE_APPLY_OK) {
+      return code;
+    }
+  }
+  return cursor.code;
+}
+
 static int room_for(const job* self, uint32_t size) {
   return self->applier->info.memory_mode || lies_in_regions(self->memory, 0, size)
              ? KELVANE_APPLY_OK
@@ -115,7 +129,7 @@ int kelvane_apply_check(kelvane_applier* applier, const kelvane_memory* memory) 
   }
   code = room_for(&self, self.limit);
   if (code == KELVANE_APPLY_OK) {
-    code = kelvane_apply_walk(applier, check_item, &self);
+    code = for_each_item(&self, check_item);
   }
   // What a file has grown by was written, up to its last byte. The checksum of the new file doesn't
   // tell: behind 32 bytes of 0 it is what it was.
@@ -155,8 +169,8 @@ static int add_to_sum(job* self, uint32_t address, uint32_t size) {
   return KELVANE_APPLY_OK;
 }
 
-static int verify_item(void* context, const kelvane_item* item) {
-  job* const self = (job*)context;
+#ifndef KELVANE_APPLY_FILE_MODE_ONLY
+static int verify_item(job* self, const kelvane_item* item) {
   if (item->command != KELVANE_CM_CHECKSUM || item->after != self->after) {
     return KELVANE_APPLY_OK;
   }
@@ -172,6 +186,7 @@ static int verify_item(void* context, const kelvane_item* item) {
   }
   return KELVANE_APPLY_OK;
 }
+#endif
 
 static int verify_file(job* self, uint32_t size, uint32_t checksum, int mismatch) {
   int code = room_for(self, size);
@@ -186,9 +201,11 @@ int kelvane_apply_verify_old(kelvane_applier* applier, const kelvane_memory* mem
   if (!start_job(&self, applier, memory)) {
     return KELVANE_APPLY_BAD_ARGUMENT;
   }
+#ifndef KELVANE_APPLY_FILE_MODE_ONLY
   if (applier->info.memory_mode) {
-    return kelvane_apply_walk(applier, verify_item, &self);
+    return for_each_item(&self, verify_item);
   }
+#endif
   if (memory->old_size != KELVANE_SIZE_UNKNOWN && memory->old_size != applier->info.old_size) {
     return KELVANE_APPLY_OLD_SIZE;
   }
@@ -202,23 +219,34 @@ int kelvane_apply_verify_new(kelvane_applier* applier, const kelvane_memory* mem
     return KELVANE_APPLY_BAD_ARGUMENT;
   }
   self.after = 1;
+#ifndef KELVANE_APPLY_FILE_MODE_ONLY
   if (applier->info.memory_mode) {
-    return kelvane_apply_walk(applier, verify_item, &self);
+    return for_each_item(&self, verify_item);
   }
+#endif
   return verify_file(&self, applier->info.new_size, applier->info.new_checksum,
                      KELVANE_APPLY_NEW_CHECKSUM);
 }
 
 // ---- Carrying out -------------------------------------------------------------------------------
 
+// A piece that is written goes up to the end, or down to the start, of a page of the target.
+static uint32_t piece_of(const job* self, uint32_t left, uint32_t in_page) {
+  const uint32_t most = smaller(left, KELVANE_APPLY_CHUNK);
+  return self->memory->page_size == 0 ? most : smaller(most, in_page);
+}
+
 // Source and destination may overlap: a block that goes down is taken from its start, one that goes
 // up from its end, so that nothing is overwritten before it has been read.
 static int move_block(const job* self, uint32_t from, uint32_t to, uint32_t size) {
   uint8_t* const chunk = self->applier->chunk;
+  const uint32_t page = self->memory->page_size - 1;
   uint32_t done = 0;
   while (done < size && from != to) {
-    const uint32_t step = smaller(size - done, KELVANE_APPLY_CHUNK);
-    const uint32_t at = to < from ? done : size - done - step;
+    const uint32_t left = size - done;
+    const uint32_t step = to < from ? piece_of(self, left, page + 1 - ((to + done) & page))
+                                    : piece_of(self, left, ((to + left - 1) & page) + 1);
+    const uint32_t at = to < from ? done : left - step;
     int code = read_memory(self, from + at, chunk, step);
     if (code == KELVANE_APPLY_OK) {
       code = write_memory(self, to + at, chunk, step);
@@ -278,6 +306,18 @@ static int repeat(const job* self, uint32_t address, uint32_t written, uint32_t*
   return KELVANE_APPLY_OK;
 }
 
+void kelvane_apply_add(uint8_t* bytes, uint8_t big_endian, uint32_t value) {
+  uint32_t i;
+  uint32_t sum = 0;
+  for (i = 0; i < 4; ++i) {
+    uint8_t* const byte = bytes + (big_endian ? 3 - i : i);
+    // What is carried from the bytes below is in the upper bits.
+    sum = (sum >> 8) + *byte + (value & 0xFFu);
+    value >>= 8;
+    *byte = (uint8_t)(sum & 0xFFu);
+  }
+}
+
 // Expands without a window of its own: references are read back from the memory.
 static int expand(const job* self, const kelvane_item* item) {
   uint8_t* const chunk = self->applier->chunk;
@@ -286,7 +326,7 @@ static int expand(const job* self, const kelvane_item* item) {
   uint32_t written = 0;
   uint32_t held = 0;
   int code;
-  kelvane_apply_start_compressed(&reader, item->data, item->data_size);
+  kelvane_apply_start_compressed(&reader, self->applier, item);
   while (kelvane_apply_take_compressed(&reader, &next) == ITEM_TAKEN) {
     if (held > KELVANE_APPLY_CHUNK - LONGEST_REFERENCE) {
       code = write_memory(self, item->address + written, chunk, held);
@@ -308,34 +348,48 @@ static int expand(const job* self, const kelvane_item* item) {
   return held == 0 ? KELVANE_APPLY_OK : write_memory(self, item->address + written, chunk, held);
 }
 
+// Bytes in memory go to the target as they lie there; fetched ones by way of the chunk.
+static int store(const job* self, const kelvane_item* item) {
+  const kelvane_source* const patch = &self->applier->patch;
+  uint32_t done = 0;
+  while (done < item->size) {
+    uint32_t step = item->size - done;
+    const uint8_t* bytes = self->applier->chunk;
+    int code;
+    if (patch->bytes != NULL) {
+      bytes = patch->bytes + item->data;
+    } else {
+      step = smaller(step, KELVANE_APPLY_CHUNK);
+      if (kelvane_source_read(patch, item->data + done, self->applier->chunk, step) != 0) {
+        return KELVANE_APPLY_FETCH_FAILED;
+      }
+    }
+    code = write_memory(self, item->address + done, bytes, step);
+    if (code != KELVANE_APPLY_OK) {
+      return code;
+    }
+    done += step;
+  }
+  return KELVANE_APPLY_OK;
+}
+
 static int add_to_word(const job* self, uint32_t address, uint32_t value) {
-  const uint8_t big_endian = self->applier->info.big_endian;
   uint8_t bytes[4];
-  uint32_t word;
-  uint32_t i;
   const int code = read_memory(self, address, bytes, 4);
   if (code != KELVANE_APPLY_OK) {
     return code;
   }
-  word = kelvane_apply_word(bytes, big_endian) + value;
-  for (i = 0; i < 4; ++i) {
-    bytes[i] = (uint8_t)(word >> (8 * (big_endian ? 3 - i : i)) & 0xFFu);
-  }
+  kelvane_apply_add(bytes, self->applier->info.big_endian, value);
   return write_memory(self, address, bytes, 4);
 }
 
-static int carry_out_item(void* context, const kelvane_item* item) {
-  const job* const self = (const job*)context;
+static int carry_out_item(job* self, const kelvane_item* item) {
   self->applier->error_position = item->position;
   switch (item->kind) {
     case KELVANE_ITEM_MOVE:
       return move_block(self, item->address, item->address + item->value, item->size);
     case KELVANE_ITEM_STORE:
-      if (item->command == KELVANE_CM_SUB_COMP) {
-        return expand(self, item);
-      }
-      return item->size == 0 ? KELVANE_APPLY_OK
-                             : write_memory(self, item->address, item->data, item->size);
+      return item->command == KELVANE_CM_SUB_COMP ? expand(self, item) : store(self, item);
     case KELVANE_ITEM_FILL:
       return fill(self, item);
     case KELVANE_ITEM_INCREMENT:
@@ -356,7 +410,7 @@ int kelvane_apply_run(kelvane_applier* applier, const kelvane_memory* memory, ui
     code = kelvane_apply_verify_old(applier, memory);
   }
   if (code == KELVANE_APPLY_OK) {
-    code = kelvane_apply_walk(applier, carry_out_item, &self);
+    code = for_each_item(&self, carry_out_item);
   }
   if (code == KELVANE_APPLY_OK && (skip & KELVANE_SKIP_NEW) == 0) {
     code = kelvane_apply_verify_new(applier, memory);
@@ -392,6 +446,7 @@ const char* kelvane_apply_text(int code) {
       "the new contents have another checksum",
       "reading the memory failed",
       "writing the memory failed",
+      "fetching the patch failed",
   };
   return code >= 0 && code < KELVANE_APPLY_CODES ? texts[code] : "unknown error";
 }

@@ -3,16 +3,15 @@
 
 // Carries out a patch on a target: turns the old contents of a memory into the new ones, in place.
 //
-// Plain C11, which also compiles as C++. It needs no heap, no stdio, no recursion and no integer
-// wider than 32 bits, and it includes nothing but <stddef.h> and <stdint.h>. All its state is in a
-// `kelvane_applier`, which the caller provides (KELVANE_APPLIER_BYTES at most). For a Cortex-M3, by
-// clang 14 with -Os, it has 6.3 KB of code, the texts of the codes among it, and takes 350 bytes of
-// stack besides what the callbacks need; 400 for a Cortex-M0+.
+// Plain C11, which also compiles as C++. It needs no heap, no stdio, no recursion, no division and
+// no integer wider than 32 bits, and it includes nothing but <stddef.h> and <stdint.h>. All its
+// state is in a `kelvane_applier`, which the caller provides (KELVANE_APPLIER_BYTES at most).
+// docs/device.md states code, state and stack for Cortex-M, as scripts/applier-sizes measures them.
 //
-// The patch lies in memory, whole, and is reached by a pointer, not by a callback. A patch has to
-// be there whole before its first byte can be trusted, since nothing is changed before everything
-// has been checked; it is small; and what has been checked can't change before it is used. Bytes to
-// store go from the patch to the target without a copy. A patch in mapped flash serves as well.
+// The patch has to be there whole before its first byte can be trusted, since nothing is changed
+// before everything has been checked. It is reached by a pointer where it lies in memory or in
+// mapped flash, and then bytes to store go to the target without a copy; or by a callback, as in
+// external flash. It must not change before it is used.
 //
 // The target is reached by two callbacks, read and write, so that RAM, flash behind a write buffer
 // and a file serve alike. A read must give what the writes before it have written.
@@ -34,7 +33,7 @@
 //                     uint32_t patch_size, uint32_t* new_size) {
 //     static kelvane_applier applier;
 //     const kelvane_region room = {0, capacity};
-//     const kelvane_memory memory = {image, read_memory, write_memory, &room, 1, old_size};
+//     const kelvane_memory memory = {image, read_memory, write_memory, &room, 1, old_size, 0};
 //     // The words of a patch between raw images are little-endian, whatever the target's are. Only
 //     // version 0 has to be told.
 //     int code = kelvane_apply_open(&applier, patch, patch_size, KELVANE_V0_LITTLE_ENDIAN);
@@ -55,6 +54,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "byte_source.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -66,7 +67,10 @@ extern "C" {
 #endif
 
 // Nothing larger is ever needed for a kelvane_applier, with pointers of up to 64 bits.
-#define KELVANE_APPLIER_BYTES (KELVANE_APPLY_CHUNK + 96)
+#define KELVANE_APPLIER_BYTES (KELVANE_APPLY_CHUNK + 128)
+
+// Define KELVANE_APPLY_FILE_MODE_ONLY for a target that takes patches between raw images alone: the
+// code for patches of target memory drops out, and such a patch is refused as damaged.
 
 // What the operations give.
 enum kelvane_apply_code {
@@ -103,6 +107,8 @@ enum kelvane_apply_code {
   // neither old nor new.
   KELVANE_APPLY_READ_FAILED,
   KELVANE_APPLY_WRITE_FAILED,
+  // The patch could not be fetched. If writing had begun, as above.
+  KELVANE_APPLY_FETCH_FAILED,
   KELVANE_APPLY_CODES  // the number of codes
 };
 
@@ -155,6 +161,9 @@ typedef struct kelvane_memory {
   uint32_t region_count;
   // File mode: the bytes that the old file has, or KELVANE_SIZE_UNKNOWN.
   uint32_t old_size;
+  // Bytes of a page of the memory, a power of two, or 0. No piece of a moved block is written over
+  // the end of a page, so that a write buffer of one page takes each page in once.
+  uint32_t page_size;
 } kelvane_memory;
 
 // What the header says.
@@ -171,16 +180,21 @@ typedef struct kelvane_patch_info {
   uint32_t new_crt1;  // and in the new image
 } kelvane_patch_info;
 
+// Bytes of the patch that are fetched at a time.
+enum { KELVANE_APPLY_FETCHED = 16 };
+
 // The working memory. `info`, `error_position` and `error_address` are for the caller to read.
 typedef struct kelvane_applier {
-  const uint8_t* patch;
-  uint32_t size;
-  uint32_t position;
+  kelvane_source patch;
   kelvane_patch_info info;
   uint32_t error_position;  // with a code other than OK: the place in the patch
   uint32_t error_address;   // OUTSIDE, READ_FAILED, WRITE_FAILED: where in memory;
                             // NEW_SIZE: the size that the file would have
   uint8_t opened;
+  uint8_t fetch_failed;
+  uint8_t fetched_count;
+  uint32_t fetched_position;  // of the bytes in `fetched`
+  uint8_t fetched[KELVANE_APPLY_FETCHED];
   uint8_t chunk[KELVANE_APPLY_CHUNK];
 } kelvane_applier;
 
@@ -192,14 +206,14 @@ _Static_assert(sizeof(kelvane_applier) <= KELVANE_APPLIER_BYTES, "as stated");
 _Static_assert(KELVANE_APPLY_CHUNK >= 32, "the longest reference fits");
 #endif
 
-// The things that a patch consists of, in the order in which a visitor meets them:
+// The things that a patch consists of, in the order in which they come:
 //   COMMAND (then, for the three substitutions, LIST) (then the items of the command) COMMAND_END
 enum kelvane_item_kind {
   KELVANE_ITEM_COMMAND,      // count: blocks, lists, fills, regions, or bytes of the stream
   KELVANE_ITEM_COMMAND_END,  // data_size: the bytes that the whole command has in the patch
   KELVANE_ITEM_LIST,         // count: commands; relative; address: base of a relative list
   KELVANE_ITEM_MOVE,         // address: source; size; value: what to add to get the destination
-  KELVANE_ITEM_STORE,        // address; size; data (data_size of them; compressed in CM_SUB_COMP,
+  KELVANE_ITEM_STORE,        // address; size; data (data_size bytes; compressed in CM_SUB_COMP,
                              // where size counts the expanded bytes)
   KELVANE_ITEM_FILL,         // address; size; value: the byte
   KELVANE_ITEM_CLASS,        // value: what to add to the words of this class; count: its map
@@ -218,12 +232,35 @@ typedef struct kelvane_item {
   uint32_t address;
   uint32_t size;
   uint32_t value;
-  const uint8_t* data;
+  uint32_t data;  // offset of its data in the patch
   uint32_t data_size;
 } kelvane_item;
 
-// Called for every item, in the order of the patch. A result other than 0 ends the walk with it.
-typedef int (*kelvane_visitor)(void* context, const kelvane_item* item);
+// How far the words of one increment class are read. A copy goes on from there by itself.
+typedef struct kelvane_words {
+  uint32_t position;  // byte in the patch
+  uint32_t address;   // of the last word; 0 ahead of the first
+  uint32_t value;     // what is added to each
+  uint32_t map;       // of the class; from bit 29 on the bit in the byte; bit 28: overrun
+} kelvane_words;
+
+// A walk over the items of a patch. It may be copied, and the copy goes on by itself. `code` is for
+// the caller to read.
+typedef struct kelvane_cursor {
+  kelvane_applier* applier;
+  uint32_t position;  // in the patch
+  uint32_t command_position;
+  uint32_t left;  // items of the command, or of the list, that are still to come
+  uint32_t end;   // of the stream of increments
+  kelvane_words words;
+  uint16_t lists;  // that are still to come
+  uint8_t command;
+  uint8_t stage;
+  uint8_t relative;
+  uint8_t in_set;  // a command other than CM_CHECKSUM has been met
+  uint8_t closed;  // and a CM_CHECKSUM behind it
+  uint8_t code;    // KELVANE_APPLY_..., once there is no further item
+} kelvane_cursor;
 
 // Reads the patch of `size` bytes at `patch` and checks all that can be checked without the
 // target: header, size, checksum, the structure of every command with its streams. `version0_flags`
@@ -232,9 +269,18 @@ typedef int (*kelvane_visitor)(void* context, const kelvane_item* item);
 int kelvane_apply_open(kelvane_applier* applier, const uint8_t* patch, uint32_t size,
                        uint32_t version0_flags);
 
-// Calls `visitor` for every item of an opened patch. Gives KELVANE_APPLY_OK or what the visitor
-// ended it with.
-int kelvane_apply_visit(kelvane_applier* applier, kelvane_visitor visitor, void* context);
+// The same for a patch that is fetched. `source` is copied.
+int kelvane_apply_open_source(kelvane_applier* applier, const kelvane_source* source,
+                              uint32_t version0_flags);
+
+// Goes to the start of an opened patch, for:
+//   while (kelvane_item_next(&cursor, &item)) { ... }
+// A patch that was not opened gives no item and the code KELVANE_APPLY_BAD_ARGUMENT.
+void kelvane_cursor_start(kelvane_cursor* cursor, kelvane_applier* applier);
+
+// Takes the next item and gives 1; or gives 0 at the end, where `cursor->code` is
+// KELVANE_APPLY_OK, or tells what is wrong with the patch.
+int kelvane_item_next(kelvane_cursor* cursor, kelvane_item* item);
 
 // Tests that nothing in the patch reads or writes outside the regions of `memory` (in file mode:
 // nor behind the longer of the two files, which must fit the regions), and that a file which grows

@@ -2,8 +2,8 @@
 #pragma once
 
 // What the parts of the applier share: applier_streams.c decodes the two coded forms,
-// applier_reader.c takes the patch apart and checks its structure, applier.c checks it against the
-// memory and carries it out.
+// applier_reader.c reads the bytes of the patch and its header, applier_cursor.c takes its commands
+// apart and checks their structure, applier.c checks them against the memory and carries them out.
 
 #include "applier.h"
 
@@ -11,32 +11,34 @@
 extern "C" {
 #endif
 
-// The bit stream of increments.
-typedef struct bit_reader {
-  const uint8_t* bytes;
-  uint32_t size;
-  uint32_t position;  // byte
-  uint32_t bit;       // bit in that byte, from the lowest
-  int overrun;        // more was asked for than there is
-} bit_reader;
+// The byte at `position`, which lies in the patch. What can't be fetched is 0, and noted.
+uint8_t kelvane_apply_byte(kelvane_applier* applier, uint32_t position);
 
-// Takes a field of up to 32 bits, lowest bit first; 0 bits give 0.
-uint32_t kelvane_apply_take_bits(bit_reader* reader, uint32_t count);
+// The word there, in the byte order of the target.
+uint32_t kelvane_apply_word(kelvane_applier* applier, uint32_t position);
 
-// The number of 0 bits ahead of the next 1 bit, which is taken too: up to 6 a rank, 7 to 9 the end
-// of a class. More means a damaged stream, and counts as an overrun.
-uint32_t kelvane_apply_take_prefix(bit_reader* reader);
+// In kelvane_words.map: more was asked for than there is.
+#define WORDS_OVERRUN 0x10000000u
+
+// Takes a field of up to 32 bits, lowest bit first, from a stream that ends ahead of `end`; 0 bits
+// give 0.
+uint32_t kelvane_apply_take_bits(kelvane_applier* applier, kelvane_words* words, uint32_t end,
+                                 uint32_t count);
+
+// Goes on to the next word of a class and gives 0; or gives the code behind the last word, 7 to 9,
+// or 1 if the stream is damaged.
+enum { WORD_TAKEN, WORD_DAMAGED };
+uint32_t kelvane_apply_take_word(kelvane_applier* applier, kelvane_words* words, uint32_t end);
 
 // The most bytes that one item of the compressed form stands for.
 enum { LONGEST_REFERENCE = 18 };
 
 // A compressed stream, taken item by item.
 typedef struct compressed_reader {
-  const uint8_t* bytes;
-  uint32_t size;
+  kelvane_applier* applier;
   uint32_t position;
-  uint32_t flags;  // of the items to come in this group, from bit 0
-  uint32_t left;   // items to come in this group
+  uint32_t end;
+  uint32_t flags;  // of the items to come in this group, from bit 0; a 1 stands behind the last
   uint32_t ring_index;
 } compressed_reader;
 
@@ -48,21 +50,21 @@ typedef struct compressed_item {
 
 enum item_state { ITEM_TAKEN, ITEM_END, ITEM_DAMAGED };
 
-void kelvane_apply_start_compressed(compressed_reader* reader, const uint8_t* bytes, uint32_t size);
+void kelvane_apply_start_compressed(compressed_reader* reader, kelvane_applier* applier,
+                                    const kelvane_item* item);
 
 // Stores the next item and gives ITEM_TAKEN; or gives ITEM_END, or ITEM_DAMAGED for a stream that
 // ends inside an item.
 int kelvane_apply_take_compressed(compressed_reader* reader, compressed_item* item);
 
-// Stores the number of bytes that a compressed stream expands to; gives 0 if it is damaged.
-int kelvane_apply_expanded_size(const uint8_t* bytes, uint32_t size, uint32_t* expanded);
+// Sets the size of a compressed store; gives 0 if its stream is damaged.
+int kelvane_apply_expanded_size(kelvane_applier* applier, kelvane_item* item);
 
-// The word at `bytes`, in the byte order told.
-uint32_t kelvane_apply_word(const uint8_t* bytes, uint8_t big_endian);
+// Adds `value` to the word of 4 bytes there.
+void kelvane_apply_add(uint8_t* bytes, uint8_t big_endian, uint32_t value);
 
-// Walks over all commands, checks their structure and calls `visitor` for every item, unless it is
-// null. Gives a code, or what the visitor ended the walk with.
-int kelvane_apply_walk(kelvane_applier* applier, kelvane_visitor visitor, void* context);
+// As kelvane_cursor_start, for a patch that is being opened.
+void kelvane_apply_start(kelvane_cursor* cursor, kelvane_applier* applier);
 
 // Notes the place in the patch and gives `code`.
 int kelvane_apply_fail(kelvane_applier* applier, uint32_t position, int code);

@@ -22,7 +22,7 @@ static int update(void* image, uint32_t old_size, uint32_t capacity, const uint8
                   uint32_t patch_size, uint32_t* new_size) {
   static kelvane_applier applier;
   const kelvane_region room = {0, capacity};
-  const kelvane_memory memory = {image, read_memory, write_memory, &room, 1, old_size};
+  const kelvane_memory memory = {image, read_memory, write_memory, &room, 1, old_size, 0};
   // The words of a patch between raw images are little-endian, whatever the target's are. Only
   // version 0 has to be told.
   int code = kelvane_apply_open(&applier, patch, patch_size, KELVANE_V0_LITTLE_ENDIAN);

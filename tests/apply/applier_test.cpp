@@ -215,14 +215,6 @@ TEST(Applier, AddsIncrementsToWordsInTheOrderOfTheTarget) {
   EXPECT_EQ(carried_out(from_hex("07 00000002 00 02"), "abcd", Order::kBig), "abcd");
 }
 
-int collect_increment(void* context, const kelvane_item* item) {
-  if (item->kind == KELVANE_ITEM_INCREMENT) {
-    static_cast<std::vector<std::pair<uint32_t, uint32_t>>*>(context)->emplace_back(item->value,
-                                                                                    item->address);
-  }
-  return 0;
-}
-
 TEST(Applier, ReadsEveryJumpCategoryAndEveryFormOfAValue) {
   // Jumps at both ends of each category, in words.
   const uint32_t jumps[] = {1, 2, 3, 4, 7, 8, 23, 24, 279, 280, 65815, 65816, 0x10000000};
@@ -254,7 +246,15 @@ TEST(Applier, ReadsEveryJumpCategoryAndEveryFormOfAValue) {
       }
     }
     std::vector<std::pair<uint32_t, uint32_t>> read;
-    EXPECT_EQ(kelvane_apply_visit(opened.applier(), collect_increment, &read), KELVANE_APPLY_OK);
+    kelvane_cursor cursor;
+    kelvane_item item;
+    kelvane_cursor_start(&cursor, opened.applier());
+    while (kelvane_item_next(&cursor, &item) != 0) {
+      if (item.kind == KELVANE_ITEM_INCREMENT) {
+        read.emplace_back(item.value, item.address);
+      }
+    }
+    EXPECT_EQ(cursor.code, KELVANE_APPLY_OK);
     EXPECT_EQ(read, expected);
   }
 }
@@ -567,17 +567,92 @@ TEST(Applier, ReportsEveryAccessThatFails) {
   }
 }
 
-int stop_at_fill(void* context, const kelvane_item* item) {
-  ++*static_cast<int*>(context);
-  return item->kind == KELVANE_ITEM_FILL ? 1234 : 0;
+// A copy of a cursor goes on where it was made, whatever became of the first one, and both end.
+TEST(Applier, ACopiedCursorGoesOnByItself) {
+  OpenedPatch opened(worked_patch());
+  kelvane_cursor cursor;
+  kelvane_item item;
+  kelvane_cursor_start(&cursor, opened.applier());
+  std::vector<kelvane_cursor> copies = {cursor};
+  std::vector<uint32_t> places;
+  while (kelvane_item_next(&cursor, &item) != 0) {
+    copies.push_back(cursor);
+    places.push_back(item.position * 16 + item.kind);
+  }
+  EXPECT_EQ(places.size(), 33U);
+  EXPECT_EQ(kelvane_item_next(&cursor, &item), 0);
+  for (size_t from = 0; from < copies.size(); ++from) {
+    std::vector<uint32_t> rest;
+    while (kelvane_item_next(&copies[from], &item) != 0) {
+      rest.push_back(item.position * 16 + item.kind);
+    }
+    EXPECT_EQ(rest,
+              std::vector<uint32_t>(places.begin() + static_cast<ptrdiff_t>(from), places.end()));
+  }
+  kelvane_applier unopened = {};
+  kelvane_cursor_start(&cursor, &unopened);
+  EXPECT_EQ(kelvane_item_next(&cursor, &item), 0);
+  EXPECT_EQ(cursor.code, KELVANE_APPLY_BAD_ARGUMENT);
 }
 
-TEST(Applier, EndsAVisitWithTheResultOfTheVisitor) {
-  OpenedPatch opened(worked_patch());
-  int visited = 0;
-  EXPECT_EQ(kelvane_apply_visit(opened.applier(), stop_at_fill, &visited), 1234);
-  EXPECT_EQ(visited, 26);
-  EXPECT_EQ(kelvane_apply_visit(opened.applier(), nullptr, nullptr), KELVANE_APPLY_BAD_ARGUMENT);
+// A patch behind a callback, which fails at any call in turn: nothing has been written until all of
+// it was checked, and what was written is the same.
+TEST(Applier, FetchesThePatch) {
+  struct Fetched {
+    std::string bytes;
+    uint32_t calls = 0;
+    uint32_t fail_call = 0;
+  } fetched;
+  fetched.bytes = "ahead" + worked_patch();
+  const kelvane_fetch fetch = [](void* context, uint32_t position, uint8_t* bytes, uint32_t count) {
+    auto& self = *static_cast<Fetched*>(context);
+    if (++self.calls == self.fail_call || position + count > self.bytes.size()) {
+      return 1;
+    }
+    self.bytes.copy(reinterpret_cast<char*>(bytes), count, position);
+    return 0;
+  };
+  const kelvane_source whole = {nullptr, fetch, &fetched, 0,
+                                static_cast<uint32_t>(fetched.bytes.size())};
+  kelvane_source patch;
+  ASSERT_EQ(kelvane_source_part(&whole, 5, whole.size - 4, &patch), 1);
+  ASSERT_EQ(kelvane_source_part(&whole, 5, whole.size - 5, &patch), 0);
+  int code = KELVANE_APPLY_FETCH_FAILED;
+  for (uint32_t failing = 1; code != KELVANE_APPLY_OK; ++failing) {
+    TargetMemory memory(worked_old_file(), 68);
+    kelvane_applier applier;
+    fetched.calls = 0;
+    fetched.fail_call = failing;
+    code = kelvane_apply_open_source(&applier, &patch, 0);
+    const bool opened = code == KELVANE_APPLY_OK;
+    if (opened) {
+      code = kelvane_apply_run(&applier, memory.access(), 0);
+    }
+    if (code == KELVANE_APPLY_OK) {
+      EXPECT_EQ(memory.contents(), worked_new_file());
+      EXPECT_GT(failing, 20U);
+    } else {
+      EXPECT_EQ(code, KELVANE_APPLY_FETCH_FAILED) << failing;
+      EXPECT_TRUE(opened || memory.writes == 0);
+    }
+  }
+}
+
+// With a page size no write of a move crosses a page.
+TEST(Applier, ClipsMovesToThePagesOfTheTarget) {
+  for (const uint32_t shift : {1U, 100U, 600U}) {
+    const std::string contents = counted(3000);
+    PatchBuilder builder(Order::kLittle);
+    builder.move({{700, 1500, shift}, {1000, 900, 0U - shift}});
+    TargetMemory plain({{0, contents}});
+    TargetMemory paged({{0, contents}});
+    paged.access()->page_size = 64;
+    paged.write_page = 64;
+    const std::string patch = std::string(16, '\0') + builder.commands();
+    EXPECT_EQ(apply_patch(patch, plain, KELVANE_V0_MEMORY_MODE), KELVANE_APPLY_OK);
+    EXPECT_EQ(apply_patch(patch, paged, KELVANE_V0_MEMORY_MODE), KELVANE_APPLY_OK);
+    EXPECT_EQ(paged.contents(), plain.contents());
+  }
 }
 
 TEST(Applier, RefusesACallWithoutWhatItNeeds) {

@@ -23,7 +23,7 @@ class TargetMemory {
 
   // Memory mode: the bytes of each region by its address.
   explicit TargetMemory(const std::vector<std::pair<uint32_t, std::string>>& contents)
-      : memory_{this, read, write, nullptr, 0, KELVANE_SIZE_UNKNOWN} {
+      : memory_{this, read, write, nullptr, 0, KELVANE_SIZE_UNKNOWN, 0} {
     for (const auto& [address, bytes] : contents) {
       regions_.push_back({address, static_cast<uint32_t>(bytes.size())});
       bytes_.push_back(kGuard + bytes + kGuard);
@@ -53,6 +53,7 @@ class TargetMemory {
   uint32_t outside = 0;     // accesses that left the regions; each of them fails
   uint32_t fail_read = 0;   // the number of the read that fails, from 1
   uint32_t fail_write = 0;  // and of the write
+  uint32_t write_page = 0;  // a write over the end of a page of this size fails
 
  private:
   static std::string room(size_t size) { return std::string(size, '\xEE'); }
@@ -84,7 +85,9 @@ class TargetMemory {
 
   static int write(void* context, uint32_t address, const uint8_t* bytes, uint32_t count) {
     auto* const self = static_cast<TargetMemory*>(context);
-    if (++self->writes == self->fail_write) {
+    if (++self->writes == self->fail_write ||
+        (self->write_page != 0 &&
+         address / self->write_page != (address + count - 1) / self->write_page)) {
       return 1;
     }
     for (uint32_t i = 0; i < count; ++i) {

@@ -31,7 +31,7 @@ sed 's/\\-/-/g' "$manuals/kelmake.1" | options_of >told
 offered kelmake - | tr ' ' '\n' | comm -3 told -
 options_of <"$folder/_kelmake" | comm -3 told -
 sed 's/\\-/-/g' "$manuals/kelpatch.1" | options_of >told
-for command in '' show apply verify; do
+for command in '' show apply verify plan bundle; do
   offered kelpatch "$command" -
 done | tr ' ' '\n' | sort -u | comm -3 told -
 options_of <"$folder/_kelpatch" | comm -3 told -
@@ -48,4 +48,5 @@ offered kelpatch show --byte-order = l
 offered kelpatch show --byte-order =
 offered kelpatch apply old.bin -o n
 offered kelpatch apply --max-size ''
+offered kelpatch bundle --unit ''
 complete -p kelvane kelpatch

@@ -83,14 +83,17 @@ struct MoveCount {
   uint32_t moved = 0;
 };
 
-int count_move(void* context, const kelvane_item* item) {
-  MoveCount& count = *static_cast<MoveCount*>(context);
-  if (item->kind == KELVANE_ITEM_MOVE) {
-    ++count.moved;
-    count.parked +=
-        item->address + item->value - count.image->heap_address < count.image->heap_size ? 1 : 0;
+void count_moves(kelvane_applier* applier, MoveCount& count) {
+  kelvane_cursor cursor;
+  kelvane_item item;
+  kelvane_cursor_start(&cursor, applier);
+  while (kelvane_item_next(&cursor, &item) != 0) {
+    if (item.kind == KELVANE_ITEM_MOVE) {
+      ++count.moved;
+      count.parked +=
+          item.address + item.value - count.image->heap_address < count.image->heap_size ? 1 : 0;
+    }
   }
-  return 0;
 }
 
 void expect_new_memory(const MemoryPair& pair, const std::string& patch, MoveCount* count) {
@@ -102,7 +105,7 @@ void expect_new_memory(const MemoryPair& pair, const std::string& patch, MoveCou
   OpenedPatch opened(patch, flags);
   ASSERT_EQ(opened.code, KELVANE_APPLY_OK);
   count->image = &pair.old_image;
-  kelvane_apply_visit(opened.applier(), count_move, count);
+  count_moves(opened.applier(), *count);
   const int code = kelvane_apply_run(opened.applier(), target.access(), 0);
   ASSERT_EQ(code, KELVANE_APPLY_OK) << kelvane_apply_text(code);
   EXPECT_EQ(target.outside, 0U);

@@ -15,13 +15,15 @@ constexpr size_t kPlaces = 66000;  // a little above 65535
 std::vector<int> commands_in(const std::string& patch) {
   OpenedPatch opened(patch);
   std::vector<int> counts(8);
-  const auto count = [](void* context, const kelvane_item* item) {
-    if (item->kind == KELVANE_ITEM_COMMAND) {
-      ++static_cast<std::vector<int>*>(context)->at(item->command);
+  kelvane_cursor cursor;
+  kelvane_item item;
+  kelvane_cursor_start(&cursor, opened.applier());
+  while (kelvane_item_next(&cursor, &item) != 0) {
+    if (item.kind == KELVANE_ITEM_COMMAND) {
+      ++counts.at(item.command);
     }
-    return 0;
-  };
-  EXPECT_EQ(kelvane_apply_visit(opened.applier(), count, &counts), KELVANE_APPLY_OK);
+  }
+  EXPECT_EQ(cursor.code, KELVANE_APPLY_OK);
   return counts;
 }
 

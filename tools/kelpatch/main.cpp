@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "device_commands.h"
 #include "memory_image.h"
 #include "memory_patch.h"
 #include "patch_file.h"
@@ -28,14 +29,19 @@ constexpr char kHelp[] =
     "       kelpatch show --ram [options] OLD.elf NEW.elf PATCH\n"
     "       kelpatch apply --ram [options] OLD.elf PATCH -o NEW\n"
     "       kelpatch verify --ram [options] OLD.elf NEW.elf PATCH\n"
+    "       kelpatch plan [options] PATCH OLD\n"
+    "       kelpatch bundle [options] PATCH OLD NEW -o BUNDLE\n"
     "\n"
     "show     prints what the patch says: each command in words, and sizes\n"
     "apply    makes the file NEW from the file OLD\n"
     "verify   tests that PATCH makes NEW from OLD\n"
+    "plan     tells what an update of a device in flash by PATCH takes: pages,\n"
+    "         erases, wear, memory, time\n"
+    "bundle   makes the file BUNDLE, by which a device goes from OLD to NEW\n"
     "\n"
     "  --byte-order big|little  byte order of the target, which a version 0 patch\n"
     "                           does not store; found from the sizes by default\n"
-    "  -o, --output NEW         the file that apply writes\n"
+    "  -o, --output FILE        the file that apply or bundle writes\n"
     "  --max-size BYTES         refuses a patch that makes a larger file; by default\n"
     "                           16 times the old file, and at least 16 MiB\n"
     "  -q, --quiet              verify does not say that the patch is right\n"
@@ -45,6 +51,20 @@ constexpr char kHelp[] =
     "  --base ADDRESS           with --ram, apply writes one image from there on\n"
     "  --exclude FILE           with --ram, sections that the patch leaves alone,\n"
     "  --alias ADDRESS:MASK     and regions with two addresses, as kelvane has them\n"
+    "\n"
+    "for plan and bundle:\n"
+    "  --page BYTES             of an erase page of the flash; 4096 by default\n"
+    "  --ring PAGES             spare pages that hold the last pages saved; 2\n"
+    "  --spare PAGES            all spare pages; 8\n"
+    "  --unit BYTES             that are programmed at once: 4, 8, 16 or 32; 8\n"
+    "  --window BYTES           computed at a time; a page by default\n"
+    "  --classes COUNT          increment classes that have memory of their own; 64\n"
+    "  --erase-time MS          for a page; 85\n"
+    "  --program-time MS        for a page; 42 for 4096 bytes\n"
+    "  --rollback PATCH         bundle adds the way back to OLD by this patch\n"
+    "  --signature BYTES        bundle leaves room for a signature\n"
+    "  --simulate               bundle cuts power at every operation, in a model\n"
+    "\n"
     "  --help                   prints this text\n"
     "  --version                prints the version\n"
     "\n"
@@ -59,6 +79,7 @@ struct CommandLine {
   bool ram = false;
   ImageOptions images;
   std::optional<uint32_t> base;
+  DeviceOptions device;
   bool quiet = false;
   bool help = false;
   bool version = false;
@@ -122,6 +143,64 @@ Alias alias_named(const std::string& word) {
   usage_error("'--alias' takes two hexadecimal numbers, ADDRESS:MASK, not '" + word + "'");
 }
 
+// An option of devices with a number.
+struct DeviceNumber {
+  const char* name;
+  uint32_t least;
+  uint32_t most;
+  void (*set)(DeviceOptions& device, uint32_t number);
+};
+
+constexpr uint32_t kMostBytes = 1U << 24U;
+constexpr uint32_t kMostPages = 65535;
+
+// clang-format off
+constexpr DeviceNumber kDeviceNumbers[] = {
+    // name           least most
+    {"--page",         64, kMostBytes, [](DeviceOptions& device, uint32_t number) { device.spare.page_size = number; }},
+    {"--ring",         1,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.spare.ring = number; }},
+    {"--spare",        1,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.spare.spare = number; }},
+    {"--unit",         4,  32,         [](DeviceOptions& device, uint32_t number) { device.unit = number; }},
+    {"--window",       4,  kMostBytes, [](DeviceOptions& device, uint32_t number) { device.window = number; }},
+    {"--classes",      0,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.classes = number; }},
+    {"--erase-time",   0,  kMostBytes, [](DeviceOptions& device, uint32_t number) { device.erase_time = number; }},
+    {"--program-time", 0,  kMostBytes, [](DeviceOptions& device, uint32_t number) { device.program_time = number; }},
+    {"--signature",    0,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.signature = number; }},
+};
+// clang-format on
+
+uint32_t number_named(const DeviceNumber& option, const std::string& word) {
+  uint32_t number = 0;
+  const char* const end = word.data() + word.size();
+  const auto [behind, error] = std::from_chars(word.data(), end, number);
+  if (error != std::errc() || behind != end || number < option.least || number > option.most) {
+    usage_error("'" + std::string(option.name) + "' takes a number from " +
+                std::to_string(option.least) + " to " + std::to_string(option.most) + ", not '" +
+                word + "'");
+  }
+  return number;
+}
+
+// Takes an option of devices; gives false for any other.
+template <typename Value>
+bool parse_device(DeviceOptions& device, const std::string& argument, const std::string& name,
+                  const Value& value) {
+  const auto* const number =
+      std::find_if(std::begin(kDeviceNumbers), std::end(kDeviceNumbers),
+                   [&](const DeviceNumber& one) { return name == one.name; });
+  if (number != std::end(kDeviceNumbers)) {
+    number->set(device, number_named(*number, value()));
+  } else if (name == "--rollback") {
+    device.rollback = value();
+  } else if (argument == "--simulate") {
+    device.simulate = true;
+  } else {
+    return false;
+  }
+  device.is_set = true;
+  return true;
+}
+
 CommandLine parse(const std::vector<std::string>& arguments) {
   CommandLine line;
   bool only_operands = false;
@@ -167,7 +246,7 @@ CommandLine parse(const std::vector<std::string>& arguments) {
       line.version = true;
     } else if (argument == "--") {
       only_operands = true;
-    } else {
+    } else if (!parse_device(line.device, argument, name, value)) {
       usage_error("unknown option '" + argument + "'");
     }
   }
@@ -216,6 +295,15 @@ void verify(const CommandLine& line) {
   }
 }
 
+void plan(const CommandLine& line) {
+  plan_update(line.operands[1], line.operands[2], line.device);
+}
+
+void bundle(const CommandLine& line) {
+  const std::vector<std::string>& names = line.operands;
+  make_update(names[1], names[2], names[3], line.output, line.device);
+}
+
 struct Command {
   const char* name;
   size_t files;
@@ -231,12 +319,24 @@ constexpr Command kCommands[] = {
     {"show",   1,     3,     "one file",    "three files", show},
     {"apply",  2,     2,     "two files",   "two files",   apply},
     {"verify", 3,     3,     "three files", "three files", verify},
+    {"plan",   2,     0,     "two files",   "",            plan},
+    {"bundle", 3,     0,     "three files", "",            bundle},
 };
 // clang-format on
 
 // Ends the run unless the options go together.
 void check_options(const CommandLine& line, const std::string& command) {
-  if (command != "apply" && line.has_output) {
+  const bool for_devices = command == "plan" || command == "bundle";
+  if (for_devices ? line.ram || line.quiet || line.options.max_size ||
+                        line.options.order != ByteOrder::kFound
+                  : line.device.is_set) {
+    usage_error("'" + command + "' does not take all of these options");
+  }
+  if (command == "plan" &&
+      (line.device.rollback || line.device.simulate || line.device.signature != 0)) {
+    usage_error("'--rollback', '--signature' and '--simulate' are for 'bundle'");
+  }
+  if (command != "apply" && command != "bundle" && line.has_output) {
     usage_error("'" + command + "' writes no file");
   }
   if (command == "show" && (line.quiet || line.options.max_size)) {
@@ -270,8 +370,8 @@ void run(const CommandLine& line) {
     usage_error("'" + name + "' takes " +
                 (line.ram ? command->files_of_memory_text : command->files_text));
   }
-  if (name == "apply" && !line.has_output) {
-    usage_error("'apply' requires the option '-o'");
+  if ((name == "apply" || name == "bundle") && !line.has_output) {
+    usage_error("'" + name + "' requires the option '-o'");
   }
   command->carry_out(line);
 }

@@ -22,17 +22,16 @@ struct Frame {
   std::vector<kelvane_region> after;
 };
 
-int collect_region(void* context, const kelvane_item* item) {
-  if (item->kind == KELVANE_ITEM_REGION) {
-    Frame& frame = *static_cast<Frame*>(context);
-    (item->after != 0 ? frame.after : frame.before).push_back({item->address, item->size});
-  }
-  return 0;
-}
-
 Frame frame_of(PatchFile& patch) {
   Frame frame;
-  kelvane_apply_visit(patch.applier(), collect_region, &frame);
+  kelvane_cursor cursor;
+  kelvane_item item;
+  kelvane_cursor_start(&cursor, patch.applier());
+  while (kelvane_item_next(&cursor, &item) != 0) {
+    if (item.kind == KELVANE_ITEM_REGION) {
+      (item.after != 0 ? frame.after : frame.before).push_back({item.address, item.size});
+    }
+  }
   return frame;
 }
 
@@ -101,7 +100,8 @@ void run_patch(PatchFile& patch, const MemoryImage& old_image, TargetMemory& tar
                                  write_bytes,
                                  regions.data(),
                                  static_cast<uint32_t>(regions.size()),
-                                 KELVANE_SIZE_UNKNOWN};
+                                 KELVANE_SIZE_UNKNOWN,
+                                 0};
   const int code = kelvane_apply_run(patch.applier(), &memory, KELVANE_SKIP_NEW);
   const kelvane_applier& applier = *patch.applier();
   if (code == KELVANE_APPLY_OUTSIDE) {
@@ -122,7 +122,8 @@ void verify_new_checksum(PatchFile& patch, TargetMemory& target, Room& room) {
                                  write_bytes,
                                  regions.data(),
                                  static_cast<uint32_t>(regions.size()),
-                                 KELVANE_SIZE_UNKNOWN};
+                                 KELVANE_SIZE_UNKNOWN,
+                                 0};
   if (kelvane_apply_verify_new(patch.applier(), &memory) != KELVANE_APPLY_OK) {
     mismatch("the new contents have not the checksum that '%s' states for them",
              patch.name().c_str());

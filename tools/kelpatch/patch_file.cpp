@@ -9,6 +9,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace kelpatch {
 namespace {
@@ -128,13 +129,20 @@ PatchFile::PatchFile(const std::string& name, ByteOrder order, const KnownSizes&
       flags = KELVANE_V0_BIG_ENDIAN;
     }
   }
-  flags |= memory ? KELVANE_V0_MEMORY_MODE : 0U;
+  open(flags | (memory ? KELVANE_V0_MEMORY_MODE : 0U));
+}
+
+PatchFile::PatchFile(const std::string& name, Bytes bytes) : name_(name), bytes_(std::move(bytes)) {
+  open(0);
+}
+
+void PatchFile::open(uint32_t flags) {
   // An empty vector has no data, and an empty patch is too short, not absent.
   const uint8_t nothing = 0;
   const int code =
       kelvane_apply_open(&applier_, bytes_.empty() ? &nothing : bytes_.data(), size(), flags);
   if (code != KELVANE_APPLY_OK) {
-    fatal("patch file '%s' is damaged at offset %u: %s", name.c_str(), applier_.error_position,
+    fatal("patch file '%s' is damaged at offset %u: %s", name_.c_str(), applier_.error_position,
           kelvane_apply_text(code));
   }
 }
@@ -153,7 +161,7 @@ PatchFile::Rank PatchFile::rank(uint32_t flags, const KnownSizes& known) {
 
 int PatchFile::check_files() {
   const kelvane_region room = {0, std::max(info().old_size, info().new_size)};
-  const kelvane_memory memory = {nullptr, no_read, nullptr, &room, 1, KELVANE_SIZE_UNKNOWN};
+  const kelvane_memory memory = {nullptr, no_read, nullptr, &room, 1, KELVANE_SIZE_UNKNOWN, 0};
   return kelvane_apply_check(&applier_, &memory);
 }
 

@@ -56,8 +56,12 @@ class PatchFile {
   // damaged patch ends the run. `memory` tells that a version 0 patch is one for target memory.
   PatchFile(const std::string& name, ByteOrder order, const KnownSizes& known, bool memory = false);
 
+  // A patch in memory, of version 1, that is called `name` in words.
+  PatchFile(const std::string& name, Bytes bytes);
+
   const std::string& name() const { return name_; }
   const kelvane_patch_info& info() const { return applier_.info; }
+  const Bytes& bytes() const { return bytes_; }
   uint32_t size() const { return static_cast<uint32_t>(bytes_.size()); }
   kelvane_applier* applier() { return &applier_; }
   // What kelvane_apply_check says of a file as long as the longer of the two. Where an address is
@@ -70,6 +74,7 @@ class PatchFile {
     uint32_t merits;
     uint32_t longer_file;
   };
+  void open(uint32_t flags);
   Rank rank(uint32_t flags, const KnownSizes& known);
 
   std::string name_;

@@ -39,6 +39,7 @@ struct Total {
 
 struct Listing {
   const ShownImages& images;
+  const uint8_t* patch;
   std::array<Total, kKinds.size()> totals;
 };
 
@@ -69,20 +70,20 @@ std::string counted(uint32_t count, const char* unit) {
   return formatted("%" PRIu32 " %s%s", count, unit, count == 1 ? "" : "s");
 }
 
-std::string hexadecimal(const kelvane_item& item) {
+std::string hexadecimal(const kelvane_item& item, const uint8_t* data) {
   constexpr uint32_t kShown = 16;
   std::string text;
   for (uint32_t i = 0; i < std::min(item.data_size, kShown); ++i) {
-    text += formatted(" %02x", item.data[i]);
+    text += formatted(" %02x", data[i]);
   }
   return item.data_size > kShown ? text + " ..." : text;
 }
 
-void show_store(const ShownImages& images, const kelvane_item& item) {
-  const std::string data = hexadecimal(item);
+void show_store(const ShownImages& images, const kelvane_item& item, const uint8_t* bytes) {
+  const std::string data = hexadecimal(item, bytes);
   const std::string place = new_place(images, item.address);
   if (item.command == KELVANE_CM_SUB_ONE) {
-    std::printf("    store 0x%02x at %s\n", item.data[0], place.c_str());
+    std::printf("    store 0x%02x at %s\n", bytes[0], place.c_str());
   } else if (item.command == KELVANE_CM_SUB_COMP) {
     std::printf("    expand %s to %s at %s:%s\n", counted(item.data_size, "byte").c_str(),
                 counted(item.size, "byte").c_str(), place.c_str(), data.c_str());
@@ -92,9 +93,7 @@ void show_store(const ShownImages& images, const kelvane_item& item) {
   }
 }
 
-int show_item(void* context, const kelvane_item* shown) {
-  const kelvane_item& item = *shown;
-  Listing& listing = *static_cast<Listing*>(context);
+void show_item(Listing& listing, const kelvane_item& item) {
   const ShownImages& images = listing.images;
   Total& total = listing.totals[item.command];
   const Kind& kind = kKinds[item.command];
@@ -125,7 +124,7 @@ int show_item(void* context, const kelvane_item* shown) {
                   moved_place(images, item.address + item.value).c_str(), signed_value);
       break;
     case KELVANE_ITEM_STORE:
-      show_store(images, item);
+      show_store(images, item, listing.patch + item.data);
       break;
     case KELVANE_ITEM_FILL:
       std::printf("  fill %s at %s with 0x%02" PRIx32 "\n", counted(item.size, "byte").c_str(),
@@ -155,7 +154,6 @@ int show_item(void* context, const kelvane_item* shown) {
     ++total.changes;
     total.target_bytes += item.size;
   }
-  return 0;
 }
 
 void show_header(PatchFile& patch, ByteOrder order) {
@@ -191,9 +189,14 @@ void show_row(const char* name, const Total& total) {
 }  // namespace
 
 void show_patch(PatchFile& patch, ByteOrder order, const ShownImages& images) {
-  Listing listing = {images, {}};
+  Listing listing = {images, patch.applier()->patch.bytes, {}};
   show_header(patch, order);
-  kelvane_apply_visit(patch.applier(), show_item, &listing);
+  kelvane_cursor cursor;
+  kelvane_item item;
+  kelvane_cursor_start(&cursor, patch.applier());
+  while (kelvane_item_next(&cursor, &item) != 0) {
+    show_item(listing, item);
+  }
   std::printf("\nkind            commands     items  patch bytes  target bytes\n");
   Total all;
   all.patch_bytes = patch.info().header_size;

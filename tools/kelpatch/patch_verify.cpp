@@ -42,6 +42,15 @@ void compare_with_header(const char* which, const std::string& name, const Bytes
   }
 }
 
+bool is_same_file(const std::string& first, const std::string& second) {
+  struct stat one = {};
+  struct stat other = {};
+  return ::stat(first.c_str(), &one) == 0 && ::stat(second.c_str(), &other) == 0 &&
+         one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+}  // namespace
+
 void require_file_mode(PatchFile& patch) {
   const kelvane_patch_info& info = patch.info();
   if (info.memory_mode != 0) {
@@ -67,9 +76,8 @@ void require_file_mode(PatchFile& patch) {
   }
 }
 
-// The bytes of the new file.
-Bytes result_of(PatchFile& patch, const std::string& old_name, Bytes contents,
-                std::optional<uint32_t> told_max_size) {
+Bytes patched(PatchFile& patch, const std::string& old_name, Bytes contents,
+              std::optional<uint32_t> told_max_size) {
   const kelvane_patch_info& info = patch.info();
   compare_with_header("old", old_name, contents, patch.name(), info.old_size, info.old_checksum);
   const uint32_t max_size = told_max_size.value_or(usual_max_size(info.old_size));
@@ -80,7 +88,7 @@ Bytes result_of(PatchFile& patch, const std::string& old_name, Bytes contents,
   }
   contents.resize(std::max(info.old_size, info.new_size));
   const kelvane_region room = {0, size_of(contents)};
-  const kelvane_memory memory = {&contents, read_bytes, write_bytes, &room, 1, info.old_size};
+  const kelvane_memory memory = {&contents, read_bytes, write_bytes, &room, 1, info.old_size, 0};
   // All addresses lie inside and a vector can't fail, so only the last verification is left to.
   const int code = kelvane_apply_run(patch.applier(), &memory, KELVANE_SKIP_OLD);
   contents.resize(info.new_size);
@@ -91,15 +99,6 @@ Bytes result_of(PatchFile& patch, const std::string& old_name, Bytes contents,
   }
   return contents;
 }
-
-bool is_same_file(const std::string& first, const std::string& second) {
-  struct stat one = {};
-  struct stat other = {};
-  return ::stat(first.c_str(), &one) == 0 && ::stat(second.c_str(), &other) == 0 &&
-         one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
-
-}  // namespace
 
 uint32_t usual_max_size(uint32_t old_size) {
   constexpr uint32_t kTimes = 16;
@@ -117,7 +116,7 @@ void apply_patch(const std::string& old_name, const std::string& patch_name,
   Bytes old_file = read_input(old_name);
   PatchFile patch(patch_name, options.order, {size_of(old_file), {}});
   require_file_mode(patch);
-  output.write(result_of(patch, old_name, std::move(old_file), options.max_size));
+  output.write(patched(patch, old_name, std::move(old_file), options.max_size));
   output.keep();
 }
 
@@ -127,7 +126,7 @@ void verify_patch(const std::string& old_name, const std::string& new_name,
   const Bytes new_file = read_input(new_name);
   PatchFile patch(patch_name, options.order, {size_of(old_file), size_of(new_file)});
   require_file_mode(patch);
-  const Bytes result = result_of(patch, old_name, std::move(old_file), options.max_size);
+  const Bytes result = patched(patch, old_name, std::move(old_file), options.max_size);
   compare_with_header("new", new_name, new_file, patch_name, patch.info().new_size,
                       patch.info().new_checksum);
   // Equal checksums are not equal bytes.

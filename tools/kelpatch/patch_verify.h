@@ -20,6 +20,14 @@ struct PatchOptions {
 // damaged header must not fill a disk.
 uint32_t usual_max_size(uint32_t old_size);
 
+// Ends the run with status 2 unless the patch is one in file mode that stays inside its two files.
+void require_file_mode(PatchFile& patch);
+
+// Makes the new file in memory from `contents`, those of the old one. Ends the run as apply_patch
+// does.
+Bytes patched(PatchFile& patch, const std::string& old_name, Bytes contents,
+              std::optional<uint32_t> max_size);
+
 // Makes the new file from the old one with the patch and writes it to `new_name`, which receives it
 // whole or not at all. Ends the run with status 1 if the old file is not the one that the patch was
 // made for, or the result has not the checksum that it should have; with status 2 for a damaged

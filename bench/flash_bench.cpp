@@ -1,0 +1,207 @@
+// SPDX-License-Identifier: Apache-2.0
+// Erases and seconds of an update in flash, power-safe by pages, against the applier in file order
+// through a write buffer of one page, which is not power-safe. Prints the table of docs/device.md.
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "bundle_file.h"
+#include "page_plan.h"
+#include "patch_builder.h"
+#include "update_simulation.h"
+
+namespace kelvane {
+namespace {
+
+constexpr uint32_t kPage = 4096;
+constexpr uint32_t kSpare = 8;
+constexpr double kEraseSeconds = 0.085;
+constexpr double kProgramSeconds = 0.042;  // for a page
+constexpr uint32_t kSize = 400000;
+
+struct Pair {
+  const char* name;
+  std::string old_image;
+  std::string new_image;
+  std::string patch;
+};
+
+// A write buffer of one page: counts how often each page is written.
+struct Buffered {
+  std::string bytes;
+  std::vector<uint32_t> writes;
+  uint32_t held = UINT32_MAX;
+  bool changed = false;
+
+  void hold(uint32_t page) {
+    if (page != held) {
+      flush();
+      held = page;
+    }
+  }
+  void flush() {
+    if (changed) {
+      ++writes[held];
+      changed = false;
+    }
+  }
+  static int read(void* context, uint32_t address, uint8_t* out, uint32_t count) {
+    static_cast<Buffered*>(context)->bytes.copy(reinterpret_cast<char*>(out), count, address);
+    return 0;
+  }
+  static int write(void* context, uint32_t address, const uint8_t* in, uint32_t count) {
+    auto& self = *static_cast<Buffered*>(context);
+    for (uint32_t i = 0; i < count; ++i) {
+      self.hold((address + i) / kPage);
+      self.changed = true;
+      self.bytes[address + i] = static_cast<char>(in[i]);
+    }
+    return 0;
+  }
+};
+
+Buffered in_place(const std::string& patch, const std::string& old_image, uint32_t size,
+                  uint32_t flags, uint32_t skip) {
+  Buffered memory;
+  memory.bytes = old_image;
+  memory.bytes.resize(size, '\xFF');
+  memory.writes.resize(size / kPage + 1);
+  kelvane_applier applier;
+  const kelvane_region room = {0, size};
+  const kelvane_memory access = {
+      &memory, Buffered::read, Buffered::write, &room, 1, static_cast<uint32_t>(old_image.size()),
+      kPage};
+  int code = kelvane_apply_open(&applier, reinterpret_cast<const uint8_t*>(patch.data()),
+                                static_cast<uint32_t>(patch.size()), flags);
+  if (code == KELVANE_APPLY_OK) {
+    code = kelvane_apply_run(&applier, &access, skip);
+  }
+  if (code != KELVANE_APPLY_OK) {
+    std::printf("%s\n", kelvane_apply_text(code));
+  }
+  memory.flush();
+  return memory;
+}
+
+Pair pair_of(const char* name, const PatchBuilder& commands, const std::string& old_image,
+             uint32_t new_size) {
+  const uint32_t size = std::max(new_size, static_cast<uint32_t>(old_image.size()));
+  Pair pair = {name, old_image, "", ""};
+  pair.new_image = in_place(std::string(16, '\0') + commands.commands(), old_image, size,
+                            KELVANE_V0_MEMORY_MODE, KELVANE_SKIP_OLD | KELVANE_SKIP_NEW)
+                       .bytes.substr(0, new_size);
+  pair.patch = commands.version1(old_image, pair.new_image);
+  return pair;
+}
+
+std::string random_image(std::mt19937& random) {
+  std::string image(kSize, '\0');
+  std::generate(image.begin(), image.end(), [&] { return static_cast<char>(random() & 0xFFU); });
+  return image;
+}
+
+// Pointers everywhere, by classes, as code that moved leaves them.
+std::vector<PatchBuilder::Class> pointers(std::mt19937& random, uint32_t classes) {
+  std::vector<PatchBuilder::Class> all;
+  for (uint32_t i = 0; i < classes; ++i) {
+    PatchBuilder::Class one = {300 * (i + 1), {}};
+    const auto below = [&random](uint32_t limit) {
+      return static_cast<uint32_t>(random() % limit);
+    };
+    for (uint32_t at = 4 * below(100); at + 4 <= kSize; at += 4 * (1 + below(200))) {
+      one.addresses.push_back(at);
+    }
+    all.push_back(one);
+  }
+  return all;
+}
+
+Pair insert(std::mt19937& random) {
+  PatchBuilder commands(PatchBuilder::Order::kLittle);
+  commands.move({{1000, kSize - 1000, 300}}).substitute(1, {{1000, std::string(300, 'n')}});
+  commands.increments(pointers(random, 12));
+  return pair_of("insert", commands, random_image(random), kSize + 300);
+}
+
+Pair reorder(std::mt19937& random) {
+  // Blocks of two thirds of a page change places with their third neighbours, by way of the end.
+  PatchBuilder commands(PatchBuilder::Order::kLittle);
+  std::vector<PatchBuilder::Block> blocks;
+  const uint32_t block = 2700;
+  for (uint32_t at = 0; at + 4 * block <= kSize; at += 4 * block) {
+    blocks.push_back({at, block, kSize - at});
+    blocks.push_back({at + 3 * block, block, 0U - 3 * block});
+    blocks.push_back({kSize, block, at + 3 * block - kSize});
+  }
+  commands.move(blocks).increments(pointers(random, 12));
+  return pair_of("reorder", commands, random_image(random), kSize + block);
+}
+
+Pair grown(std::mt19937& random) {
+  PatchBuilder commands(PatchBuilder::Order::kLittle);
+  commands.move({}).increments(pointers(random, 1));
+  std::string tail = random_image(random).substr(0, 60000);
+  commands.substitute(1, {{kSize, tail}});
+  return pair_of("grown", commands, random_image(random), kSize + 60000);
+}
+
+Pair spread(std::mt19937& random) {
+  PatchBuilder commands(PatchBuilder::Order::kLittle);
+  PatchBuilder::Stores stores;
+  for (uint32_t at = 500; at + 100 < kSize; at += 30000) {
+    stores.push_back({at, std::string(40, 'c')});
+  }
+  commands.move({}).substitute(1, stores);
+  return pair_of("few changes", commands, random_image(random), kSize);
+}
+
+void show(const Pair& pair) {
+  const kelpatch::Bytes old_file(pair.old_image.begin(), pair.old_image.end());
+  const kelpatch::Bytes new_file(pair.new_image.begin(), pair.new_image.end());
+  kelpatch::PatchFile patch("patch", {pair.patch.begin(), pair.patch.end()});
+  const kelpatch::PagePlan plan = kelpatch::plan_for(patch, old_file, new_file, {kPage, 2, kSpare});
+  kelpatch::BundleParts parts;
+  parts.payload = patch.bytes();
+  const kelpatch::Bytes bundle = make_bundle(plan, parts);
+  DeviceShape shape;
+  shape.flash.page_size = kPage;
+  shape.image_pages = plan.pages;
+  shape.spare_pages = kSpare;
+  SimulatedDevice device(shape, pair.old_image, 1);
+  const int code =
+      device.run({bundle.data(), nullptr, nullptr, 0, static_cast<uint32_t>(bundle.size())});
+  uint32_t erases = 0;
+  for (const uint32_t count : device.flash().erases) {
+    erases += count;
+  }
+  const auto changed = static_cast<double>(plan.changed.size());
+  const double seconds = erases * kEraseSeconds +
+                         static_cast<double>(device.flash().programmed) / kPage * kProgramSeconds;
+  const uint32_t size =
+      static_cast<uint32_t>(std::max(pair.old_image.size(), pair.new_image.size()));
+  const Buffered plain = in_place(pair.patch, pair.old_image, size, 0, 0);
+  uint32_t writes = 0;
+  for (const uint32_t count : plain.writes) {
+    writes += count;
+  }
+  std::printf("| %s%s | %.0f of %u | %.2f | %.1f | %.1f | %u | %.1f |\n", pair.name,
+              code == KELVANE_APPLY_OK ? "" : " FAILED", changed, plan.pages, erases / changed,
+              seconds, writes / changed,
+              *std::max_element(plain.writes.begin(), plain.writes.end()),
+              writes * (kEraseSeconds + kProgramSeconds));
+}
+
+}  // namespace
+}  // namespace kelvane
+
+int main() {
+  std::mt19937 random(11);
+  for (kelvane::Pair (*const make)(std::mt19937&) :
+       {kelvane::insert, kelvane::reorder, kelvane::grown, kelvane::spread}) {
+    kelvane::show(make(random));
+  }
+  return 0;
+}

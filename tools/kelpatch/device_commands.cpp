@@ -1,0 +1,219 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "device_commands.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <numeric>
+#include <utility>
+
+#include "bundle_file.h"
+#include "output_file.h"
+#include "patch_split.h"
+#include "patch_verify.h"
+#include "update_simulation.h"
+
+namespace kelpatch {
+namespace {
+
+using kelvane::CutPlan;
+using kelvane::CutResult;
+using kelvane::DeviceShape;
+using kelvane::SimulatedDevice;
+
+std::string_view view_of(const Bytes& bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+kelvane_source source_of(const Bytes& bytes) {
+  return {bytes.data(), nullptr, nullptr, 0, static_cast<uint32_t>(bytes.size())};
+}
+
+// A way from one image to another.
+struct Update {
+  PagePlan plan;
+  Bytes payload;
+  uint32_t classes = 0;
+};
+
+uint32_t count_classes(PatchFile& patch) {
+  uint32_t count = 0;
+  kelvane_cursor cursor;
+  kelvane_item item;
+  kelvane_cursor_start(&cursor, patch.applier());
+  while (kelvane_item_next(&cursor, &item) != 0) {
+    count += item.kind == KELVANE_ITEM_CLASS ? 1 : 0;
+  }
+  return count;
+}
+
+void require_bundled(PatchFile& patch) {
+  require_file_mode(patch);
+  if (patch.info().version == 0) {
+    fatal("'%s' is of version 0, and a device takes version 1 alone", patch.name().c_str());
+  }
+}
+
+// Plans the update by the patch, its compressed stores cut at the borders of pages.
+Update update_by(PatchFile& patch, const Bytes& old_file, const Bytes& new_file,
+                 const DeviceOptions& device) {
+  PatchFile cut(patch.name(), split_at_pages(patch, device.spare.page_size));
+  return {plan_for(cut, old_file, new_file, device.spare), cut.bytes(), count_classes(cut)};
+}
+
+DeviceShape shape_of(const PagePlan& plan, const DeviceOptions& device) {
+  const uint64_t pages = uint64_t{plan.pages} + device.spare.spare + KELVANE_JOURNAL_PAGES + 1;
+  if (pages * plan.page_size > kLargestFile) {
+    fatal("a flash of %" PRIu64 " pages of %" PRIu32 " bytes is too large", pages, plan.page_size);
+  }
+  DeviceShape shape;
+  shape.flash.page_size = plan.page_size;
+  shape.flash.unit = device.unit;
+  shape.image_pages = plan.pages;
+  shape.spare_pages = device.spare.spare;
+  shape.window = device.window.value_or(plan.page_size);
+  shape.classes = device.classes;
+  return shape;
+}
+
+// Ends the run unless the model's update comes out right.
+void require_right(int code, SimulatedDevice& tried, const Bytes& new_file,
+                   const std::string& name) {
+  if (code == KELVANE_UPDATE_BAD_GEOMETRY) {
+    fatal("no device has pages of %" PRIu32 " bytes with a unit of %" PRIu32
+          " and a window of %" PRIu32,
+          tried.board().driver.page_size, tried.board().driver.unit, tried.board().work_size);
+  }
+  if (code != KELVANE_APPLY_OK ||
+      tried.image(static_cast<uint32_t>(new_file.size())) != view_of(new_file)) {
+    mismatch("an update by '%s' ends wrong: %s", name.c_str(), kelvane_update_text(code));
+  }
+}
+
+uint32_t total(const std::vector<uint32_t>& erases, uint32_t first, uint32_t count) {
+  return std::accumulate(erases.begin() + first, erases.begin() + first + count, 0U);
+}
+
+uint32_t most(const std::vector<uint32_t>& erases, uint32_t first, uint32_t count) {
+  return count == 0 ? 0 : *std::max_element(erases.begin() + first, erases.begin() + first + count);
+}
+
+void show_plan(const Update& update, const DeviceOptions& device, SimulatedDevice& tried) {
+  const PagePlan& plan = update.plan;
+  const std::vector<uint32_t>& erases = tried.flash().erases;
+  const uint32_t spare_at = 1 + plan.pages;
+  const uint32_t journal_at = spare_at + device.spare.spare;
+  const uint32_t all = total(erases, 0, journal_at + KELVANE_JOURNAL_PAGES);
+  const double program_time =
+      device.program_time.has_value() ? *device.program_time : 42.0 * plan.page_size / 4096;
+  const double seconds =
+      (all * static_cast<double>(device.erase_time) +
+       static_cast<double>(tried.flash().programmed) / plan.page_size * program_time) /
+      1000;
+  std::printf("image: %" PRIu32 " pages of %" PRIu32 " bytes, %zu of them change\n", plan.pages,
+              plan.page_size, plan.changed.size());
+  std::printf("spare pages: %" PRIu32 " needed (a ring of %" PRIu32 ", %" PRIu32
+              " slots for %zu kept pages); of %" PRIu32 " the ring takes %" PRIu32 "\n",
+              plan.spare(), plan.ring, plan.slots, plan.kept.size(), device.spare.spare,
+              device.spare.spare - plan.slots);
+  std::printf("plan: %zu bytes, patch: %zu bytes\n", plan.encoded().size(), update.payload.size());
+  std::printf("erases: %" PRIu32 " of image pages, %" PRIu32 " of spare pages, %" PRIu32
+              " of the journal, %" PRIu32 " in all\n",
+              total(erases, 1, plan.pages), total(erases, spare_at, device.spare.spare),
+              total(erases, journal_at, KELVANE_JOURNAL_PAGES), all);
+  std::printf("wear: %" PRIu32 " erases of an image page, %" PRIu32 " of a spare page, %" PRIu32
+              " of a journal page at most\n",
+              most(erases, 1, plan.pages), most(erases, spare_at, device.spare.spare),
+              most(erases, journal_at, KELVANE_JOURNAL_PAGES));
+  std::printf("memory: a window of %" PRIu32 " bytes, %" PRIu32
+              " bytes to read each increment class once (%" PRIu32 " classes)\n",
+              tried.board().work_size,
+              update.classes * static_cast<uint32_t>(sizeof(kelvane_words)), update.classes);
+  std::printf("time: %.1f seconds at %" PRIu32 " ms an erase and %.3g ms to program a page\n",
+              seconds, device.erase_time, program_time);
+}
+
+// Cuts power at the operations of an update, all of them unless there are very many.
+void simulate(const DeviceShape& shape, const Bytes& old_file, const Bytes& new_file,
+              const Bytes& bundle, const std::string& name) {
+  constexpr uint64_t kMostCuts = 2000;
+  SimulatedDevice counting(shape, view_of(old_file), 1);
+  counting.run(source_of(bundle));
+  CutPlan cuts;
+  cuts.every = counting.flash().operations() / kMostCuts + 1;
+  cuts.more = 3;
+  const CutResult result =
+      cut_everywhere(shape, view_of(old_file), view_of(new_file), source_of(bundle), cuts);
+  const std::string which = cuts.every == 1 ? "each" : "one in " + std::to_string(cuts.every);
+  std::printf("%s: power cut at %s of %" PRIu64 " operations, %" PRIu64 " cuts and %" PRIu64
+              " starts: %" PRIu64 " wrong images\n",
+              name.c_str(), which.c_str(), result.operations, result.cuts, result.starts,
+              result.wrong);
+  if (result.wrong != 0 || result.violations != 0) {
+    mismatch("an update by '%s' does not survive power loss", name.c_str());
+  }
+}
+
+// The bundle for one way, tried on the model.
+Bytes tried_bundle(PatchFile& patch, const Bytes& old_file, const Bytes& new_file,
+                   const DeviceOptions& device, Bytes back, uint32_t signature) {
+  Update update = update_by(patch, old_file, new_file, device);
+  BundleParts parts;
+  parts.payload = std::move(update.payload);
+  parts.back = std::move(back);
+  parts.signature = signature;
+  Bytes bundle = make_bundle(update.plan, parts);
+  const DeviceShape shape = shape_of(update.plan, device);
+  SimulatedDevice tried(shape, view_of(old_file), 1);
+  require_right(tried.run(source_of(bundle)), tried, new_file, patch.name());
+  if (device.simulate) {
+    simulate(shape, old_file, new_file, bundle, patch.name());
+  }
+  return bundle;
+}
+
+void require_same(const Bytes& made, const Bytes& wanted, const std::string& patch_name,
+                  const std::string& name) {
+  if (made != wanted) {
+    mismatch("'%s' does not make '%s'", patch_name.c_str(), name.c_str());
+  }
+}
+
+}  // namespace
+
+void plan_update(const std::string& patch_name, const std::string& old_name,
+                 const DeviceOptions& device) {
+  const Bytes old_file = read_input(old_name);
+  PatchFile patch(patch_name, ByteOrder::kFound, {});
+  require_bundled(patch);
+  const Bytes new_file = patched(patch, old_name, old_file, {});
+  Update update = update_by(patch, old_file, new_file, device);
+  BundleParts parts;
+  parts.payload = update.payload;
+  const Bytes bundle = make_bundle(update.plan, parts);
+  SimulatedDevice tried(shape_of(update.plan, device), view_of(old_file), 1);
+  require_right(tried.run(source_of(bundle)), tried, new_file, patch_name);
+  show_plan(update, device, tried);
+}
+
+void make_update(const std::string& patch_name, const std::string& old_name,
+                 const std::string& new_name, const std::string& bundle_name,
+                 const DeviceOptions& device) {
+  OutputFile output(bundle_name);
+  const Bytes old_file = read_input(old_name);
+  const Bytes new_file = read_input(new_name);
+  PatchFile patch(patch_name, ByteOrder::kFound, {});
+  require_bundled(patch);
+  require_same(patched(patch, old_name, old_file, {}), new_file, patch_name, new_name);
+  Bytes back;
+  if (device.rollback) {
+    PatchFile patch_back(*device.rollback, ByteOrder::kFound, {});
+    require_bundled(patch_back);
+    require_same(patched(patch_back, new_name, new_file, {}), old_file, *device.rollback, old_name);
+    back = tried_bundle(patch_back, new_file, old_file, device, {}, 0);
+  }
+  output.write(tried_bundle(patch, old_file, new_file, device, std::move(back), device.signature));
+  output.keep();
+}
+
+}  // namespace kelpatch

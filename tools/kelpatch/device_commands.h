@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "page_plan.h"
+
+namespace kelpatch {
+
+// What the command line says of a device.
+struct DeviceOptions {
+  SparePages spare;
+  uint32_t unit = 8;                     // bytes that are programmed at once
+  std::optional<uint32_t> window;        // bytes computed at a time; by default a page
+  uint32_t classes = 64;                 // increment classes that are read on
+  uint32_t erase_time = 85;              // milliseconds
+  std::optional<uint32_t> program_time;  // milliseconds for a page; by default 42 for 4096 bytes
+  std::optional<std::string> rollback;
+  uint32_t signature = 0;
+  bool simulate = false;
+  bool is_set = false;  // something was said
+};
+
+// Prints what an update of a device by the patch takes: pages, erases, wear, memory, time. Ends the
+// run with status 1 if the old file is not the one of the patch or the spare pages are too few,
+// with status 2 for a patch that no bundle can hold.
+void plan_update(const std::string& patch_name, const std::string& old_name,
+                 const DeviceOptions& device);
+
+// Writes the bundle of plan and patch to `bundle_name`, after an update by it has come out right in
+// a model of the flash. Ends the run as plan_update does, and with status 1 if the patch does not
+// make the new file, or if any update whose power was cut ends wrong.
+void make_update(const std::string& patch_name, const std::string& old_name,
+                 const std::string& new_name, const std::string& bundle_name,
+                 const DeviceOptions& device);
+
+}  // namespace kelpatch

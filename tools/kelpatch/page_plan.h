@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "applier.h"
+#include "patch_file.h"
+
+namespace kelpatch {
+
+// Pages that a device has, apart from those of the image.
+struct SparePages {
+  uint32_t page_size = 4096;
+  uint32_t ring = 2;   // one more than the pages by which contents move up
+  uint32_t spare = 8;  // of the ring and of the slots
+};
+
+// In which order a device updates its flash: the pages that change, in ascending order, and those
+// whose old contents a page far above still needs. The old contents of every page are saved ahead
+// of it, a kept page in its slot, another one in the ring.
+struct PagePlan {
+  struct Kept {
+    uint32_t page;
+    uint32_t slot;
+  };
+  uint32_t page_size = 0;
+  uint32_t pages = 0;  // of the larger image
+  uint32_t ring = 0;
+  uint32_t slots = 0;
+  std::vector<uint32_t> changed;
+  std::vector<Kept> kept;
+
+  uint32_t spare() const { return ring + slots; }
+  // As a bundle has it.
+  Bytes encoded() const;
+};
+
+// Makes the plan for a patch in file mode, which has been checked against the two images. `ring`
+// pages are at least 1. Ends the run if the images have more than 65535 pages, or if a move stands
+// behind another command.
+PagePlan plan_pages(PatchFile& patch, const Bytes& old_file, const Bytes& new_file,
+                    uint32_t page_size, uint32_t ring);
+
+// The plan for these spare pages. Ends the run if they are too few, and says what would do.
+PagePlan plan_for(PatchFile& patch, const Bytes& old_file, const Bytes& new_file,
+                  const SparePages& spare);
+
+}  // namespace kelpatch
