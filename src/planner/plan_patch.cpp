@@ -119,7 +119,8 @@ std::string fault_of_patch(const plan_images& images, const std::vector<uint8_t>
     const kelvane_region room = {0, memory.room()};
     const kelvane_memory target = {
         &memory, read_memory, write_memory,
-        &room,   1,           static_cast<uint32_t>(images.old_image.size())};
+        &room,   1,           static_cast<uint32_t>(images.old_image.size()),
+        0};
     // The bytes are compared, so their checksum needn't be.
     code = kelvane_apply_run(&applier, &target, KELVANE_SKIP_NEW);
   }
