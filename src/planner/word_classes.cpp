@@ -251,11 +251,13 @@ class class_chooser {
         before = of.value;
       }
     }
-    const size_t kept = std::min<size_t>(gains.size(), settings_.class_limit);
-    std::nth_element(gains.begin(), gains.begin() + static_cast<ptrdiff_t>(kept), gains.end());
+    if (gains.size() > settings_.class_limit) {
+      std::nth_element(gains.begin(), gains.begin() + settings_.class_limit, gains.end());
+      gains.resize(settings_.class_limit);
+    }
     std::vector<uint8_t> keep(changed_.classes.size(), 0);
-    for (size_t i = 0; i < kept; ++i) {
-      keep[gains[i].second] = 1;
+    for (const auto& [loss, place] : gains) {
+      keep[place] = 1;
     }
     for (size_t i = 0; i < changed_.classes.size(); ++i) {
       value_class& of = changed_.classes[i];

@@ -81,6 +81,7 @@ void make_patch(const Options& options) {
     ProgressLine progress(options);
     request.report = [&](const kelvane::plan_progress& now) { progress.show(now); };
     found = kelvane::search_plan(request);
+    request.report = nullptr;
   }
   const Bytes patch = kelvane::write_plan(request.images, found.planned, request.rules);
   const std::string fault = kelvane::fault_of_patch(request.images, patch, found.planned.order);
