@@ -24,10 +24,10 @@ constexpr int32_t kNoRecord = -1;
 struct state {
   int64_t shift = 0;
   uint64_t cost = 0;
-  int64_t start = 0;             // where this state was entered
-  int32_t before = kNoRecord;    // the record of the state that it was entered from
-  int32_t record = kNoRecord;    // its own, once somebody was entered from it
-  int64_t used = 0;              // the last place where it was below its bound
+  int64_t start = 0;           // where this state was entered
+  int32_t before = kNoRecord;  // the record of the state that it was entered from
+  int32_t record = kNoRecord;  // its own, once somebody was entered from it
+  int64_t used = 0;            // the last place where it was below its bound
   bool after_store = false;
 };
 
@@ -203,9 +203,9 @@ void aligner::try_string(int64_t at, int64_t place, uint64_t& best_cost) {
     // The dearest found state makes room, of equal ones the one longest out of use.
     size_t worst = fixed_states_;
     for (size_t i = fixed_states_; i + 1 < states_.size(); ++i) {
-      if (i != best_ && (states_[i].cost > states_[worst].cost ||
-                         (states_[i].cost == states_[worst].cost &&
-                          states_[i].used < states_[worst].used))) {
+      if (i != best_ &&
+          (states_[i].cost > states_[worst].cost ||
+           (states_[i].cost == states_[worst].cost && states_[i].used < states_[worst].used))) {
         worst = i;
       }
     }

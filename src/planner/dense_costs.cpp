@@ -33,8 +33,7 @@ dense_costs::dense_costs(const plan_images& images, const dense_options& options
   model_.file_map();
 }
 
-uint32_t dense_costs::difference_bits(uint32_t old_word, uint32_t new_word,
-                                      bool after_miss) const {
+uint32_t dense_costs::difference_bits(uint32_t old_word, uint32_t new_word, bool after_miss) const {
   constexpr uint32_t kUnknownBits = 15;
   if (!prices_.known()) {
     return kUnknownBits;
@@ -55,10 +54,10 @@ uint32_t dense_costs::new_code(uint32_t at) const {
 
 bool dense_costs::is_branch(uint32_t place) {
   uint32_t target = 0;
-  const uint32_t flip = decoder_.info.code_big_endian != 0                      ? 3
-                        : decoder_.info.machine == KELVANE_DENSE_THUMB ? 2 : 0;
-  return kelvane_dense_branch_target(&decoder_,
-                                     kelvane_dense_old_value(&decoder_, place, 4, flip),
+  const uint32_t flip = decoder_.info.code_big_endian != 0             ? 3
+                        : decoder_.info.machine == KELVANE_DENSE_THUMB ? 2
+                                                                       : 0;
+  return kelvane_dense_branch_target(&decoder_, kelvane_dense_old_value(&decoder_, place, 4, flip),
                                      decoder_.info.base + place, &target) != 0;
 }
 
@@ -67,9 +66,8 @@ bool dense_costs::is_branch(uint32_t place) {
 uint32_t dense_costs::half(uint32_t place, uint32_t at, bool after_miss, bool& takes_next,
                            bool& is_miss) {
   const uint32_t old_half = load_half(old_image_.data() + place, code_order_);
-  const bool starts = decoder_.info.machine == KELVANE_DENSE_THUMB
-                          ? (old_half & 0xF800U) == 0xF000U
-                          : (old_half & 3U) == 3;
+  const bool starts = decoder_.info.machine == KELVANE_DENSE_THUMB ? (old_half & 0xF800U) == 0xF000U
+                                                                   : (old_half & 3U) == 3;
   if (starts && place + 4 <= old_image_.size() && at + 4 <= new_image_.size()) {
     const uint32_t new_value = new_code(at);
     kelvane_dense_token token;
@@ -84,8 +82,8 @@ uint32_t dense_costs::half(uint32_t place, uint32_t at, bool after_miss, bool& t
       }
       uint32_t target = 0;
       is_miss = true;
-      return kelvane_dense_branch_target(&decoder_, new_value, decoder_.info.base + at,
-                                         &target) == token.form
+      return kelvane_dense_branch_target(&decoder_, new_value, decoder_.info.base + at, &target) ==
+                     token.form
                  ? 12
                  : 30;
     }
@@ -177,9 +175,8 @@ class_prices difference_prices(const plan_images& images, ByteOrder order,
   uint64_t total = 0;
   for (const dense_copy& copy : copies) {
     for (uint32_t k = (0U - copy.target) % 4; k + 4 <= copy.length; k += 4) {
-      const uint32_t difference =
-          load_word(images.new_image.data() + copy.target + k, order) -
-          load_word(images.old_image.data() + copy.source + k, order);
+      const uint32_t difference = load_word(images.new_image.data() + copy.target + k, order) -
+                                  load_word(images.old_image.data() + copy.source + k, order);
       if (difference != 0) {
         ++counts[difference];
         ++total;

@@ -64,8 +64,7 @@ class item_parse {
   void take_literal(uint32_t at) {
     const step& from = step_at(at);
     const int64_t place = at - from.shift;
-    const bool is_expected = place >= 0 &&
-                             place < static_cast<int64_t>(images_.old_image.size()) &&
+    const bool is_expected = place >= 0 && place < static_cast<int64_t>(images_.old_image.size()) &&
                              images_.old_image[static_cast<size_t>(place)] == new_byte(at);
     enter(at + 1, from.cost + (is_expected ? kExpectedLiteral : kLiteral), {}, from.shift);
   }
@@ -95,8 +94,8 @@ class item_parse {
   }
 
   uint32_t equal_bytes(std::span<const uint8_t> image, uint32_t place, uint32_t at) const {
-    const auto limit = static_cast<uint32_t>(
-        std::min<size_t>({end_ - at, kLongest, image.size() - place}));
+    const auto limit =
+        static_cast<uint32_t>(std::min<size_t>({end_ - at, kLongest, image.size() - place}));
     uint32_t length = 0;
     while (length < limit && image[place + length] == new_byte(at + length)) {
       ++length;
@@ -110,8 +109,7 @@ class item_parse {
   }
 
   void take_old(uint32_t at, uint32_t place) {
-    const uint32_t length =
-        reach_.readable(place, at, equal_bytes(images_.old_image, place, at));
+    const uint32_t length = reach_.readable(place, at, equal_bytes(images_.old_image, place, at));
     const int64_t off = static_cast<int64_t>(place) - (at - step_at(at).shift);
     const uint32_t cost =
         off == 0 ? kRepeated
@@ -123,9 +121,9 @@ class item_parse {
   void take(uint32_t at, uint32_t longest, dense_item item, uint32_t place_cost, int64_t shift) {
     constexpr uint32_t kEachLength = 32;
     const uint32_t cost = step_at(at).cost + kMatch + place_cost;
-    for (uint32_t length = 2; length <= longest;
-         length = length < kEachLength || length == longest ? length + 1
-                                                            : std::min(longest, length * 2)) {
+    for (uint32_t length = 2; length <= longest; length = length < kEachLength || length == longest
+                                                              ? length + 1
+                                                              : std::min(longest, length * 2)) {
       item.length = length;
       enter(at + length, cost + number_cost(length - 2), item, shift);
     }

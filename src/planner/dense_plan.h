@@ -55,8 +55,8 @@ struct kept_page {
 };
 
 struct dense_plan {
-  std::vector<dense_copy> copies;  // by ascending target, which do not overlap
-  std::vector<dense_item> items;   // for the bytes of no copy, in order
+  std::vector<dense_copy> copies;        // by ascending target, which do not overlap
+  std::vector<dense_item> items;         // for the bytes of no copy, in order
   std::vector<kelvane_dense_entry> map;  // some of the copies, by ascending target
 };
 

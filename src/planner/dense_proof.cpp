@@ -33,9 +33,9 @@ class device_flash {
   void begin_page(uint32_t page) {
     page_ = page;
     const auto begin = image_.begin() + static_cast<ptrdiff_t>(size_t{page} * geometry_.page_size);
-    std::copy_n(begin, geometry_.page_size,
-                ring_.begin() + static_cast<ptrdiff_t>(size_t{page % ring_pages_} *
-                                                       geometry_.page_size));
+    std::copy_n(
+        begin, geometry_.page_size,
+        ring_.begin() + static_cast<ptrdiff_t>(size_t{page % ring_pages_} * geometry_.page_size));
     for (; next_kept_ < kept_.size() && kept_[next_kept_].page <= page; ++next_kept_) {
       const kept_page& kept = kept_[next_kept_];
       if (kept.page == page && kept.slot < slots_.size()) {
@@ -101,9 +101,8 @@ class device_flash {
       return ring_.data() + page % ring_pages_ * page_size;
     }
     const auto slot = std::find(slot_page_.begin(), slot_page_.end(), page);
-    return slot == slot_page_.end()
-               ? nullptr
-               : slots_[static_cast<size_t>(slot - slot_page_.begin())].data();
+    return slot == slot_page_.end() ? nullptr
+                                    : slots_[static_cast<size_t>(slot - slot_page_.begin())].data();
   }
 
   uint32_t old_size_;
@@ -156,8 +155,7 @@ struct device {
       if (at % page_size == 0) {
         flash.begin_page(at / page_size);
       }
-      const uint32_t count =
-          std::min({kWindow, page_size - at % page_size, info.new_size - at});
+      const uint32_t count = std::min({kWindow, page_size - at % page_size, info.new_size - at});
       code = kelvane_dense_window(&decoder, at, window.data(), count);
       flash.write(at, std::span(window).first(count));
       at += count;
@@ -206,8 +204,7 @@ std::vector<uint8_t> decode_dense(std::span<const uint8_t> old_image,
   device target(old_image, largest, payload, {}, anything);
   target.run(anything.page_size);
   std::span<const uint8_t> image = target.flash.image();
-  if (target.code != KELVANE_DENSE_OK ||
-      target.info.old_checksum != checksum_of(old_image) ||
+  if (target.code != KELVANE_DENSE_OK || target.info.old_checksum != checksum_of(old_image) ||
       target.info.new_checksum != checksum_of(image.first(target.info.new_size))) {
     return {};
   }

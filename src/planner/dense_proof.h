@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-// The proof of a dense update: it is decoded in place, as a device does it, and the result compared.
+// The proof of a dense update: it is decoded in place, as a device does it, and the result
+// compared.
 
 #include <string>
 

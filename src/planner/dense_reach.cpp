@@ -96,15 +96,14 @@ std::vector<dense_copy> old_reach::readable_copies_anywhere(
     const int64_t begin = std::max<int64_t>(stretch.begin, stretch.shift);
     const int64_t end = std::min<int64_t>(stretch.end, old_size_ + stretch.shift);
     if (begin < end) {
-      copies.push_back({static_cast<uint32_t>(begin - stretch.shift),
-                        static_cast<uint32_t>(begin), static_cast<uint32_t>(end - begin)});
+      copies.push_back({static_cast<uint32_t>(begin - stretch.shift), static_cast<uint32_t>(begin),
+                        static_cast<uint32_t>(end - begin)});
     }
   }
   return copies;
 }
 
-std::vector<dense_copy> old_reach::readable_copies(
-    std::span<const shift_stretch> stretches) const {
+std::vector<dense_copy> old_reach::readable_copies(std::span<const shift_stretch> stretches) const {
   std::vector<dense_copy> copies;
   for (const dense_copy& whole : readable_copies_anywhere(stretches)) {
     bool goes_on = false;

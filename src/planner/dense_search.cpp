@@ -15,8 +15,8 @@
 namespace kelvane {
 namespace {
 
-constexpr uint32_t kLeastEntry = 24;         // bytes of a copy that goes into the map
-constexpr size_t kLargeImage = 1U << 20U;    // from here on normal effort makes fewer tries
+constexpr uint32_t kLeastEntry = 24;       // bytes of a copy that goes into the map
+constexpr size_t kLargeImage = 1U << 20U;  // from here on normal effort makes fewer tries
 constexpr uint32_t kFirstBlockBits = 60;
 
 struct try_settings {
@@ -84,7 +84,9 @@ class search {
                                    const dense_knowledge& knowledge, const try_settings& settings,
                                    std::span<const int64_t> kept_shifts) const;
   dense_plan plan_of(std::span<const shift_stretch> stretches) const;
-  void write(candidate& made) const { made.payload = write_dense(images_, made.plan, made.options); }
+  void write(candidate& made) const {
+    made.payload = write_dense(images_, made.plan, made.options);
+  }
   std::vector<shift_stretch> first_alignment();
   std::vector<dense_options> likely_options(std::vector<shift_stretch> stretches) const;
   candidate rounds(const dense_options& options, const effort_settings& settings) const;
@@ -256,8 +258,7 @@ candidate search::rounds(const dense_options& options, const effort_settings& se
       current = winner.options;
     }
     knowledge.map = winner.plan.map;
-    knowledge.prices =
-        difference_prices(images_, current.target.data_order, winner.plan.copies);
+    knowledge.prices = difference_prices(images_, current.target.data_order, winner.plan.copies);
     kept_shifts = widest_shifts(winner.stretches);
     if (is_smaller(winner, best)) {
       best = std::move(winner);

@@ -116,10 +116,10 @@ void payload_writer::write_map() {
     coder_.number(KELVANE_DENSE_M_GAP, entry.target - target);
     const uint32_t expected = kelvane_dense_free_place(&decoder_, i, source_end);
     uint32_t choice = 0;
-    while (choice < KELVANE_DENSE_PLACE_NUMBER &&
-           entry.source !=
-               (choice == 0 ? expected
-                            : kelvane_dense_free_place(&decoder_, i, left[choice - 1]))) {
+    while (
+        choice < KELVANE_DENSE_PLACE_NUMBER &&
+        entry.source !=
+            (choice == 0 ? expected : kelvane_dense_free_place(&decoder_, i, left[choice - 1]))) {
       ++choice;
     }
     coder_.tree(KELVANE_DENSE_M_PLACE, choice, 3);
@@ -251,8 +251,8 @@ void payload_writer::write_value(const kelvane_dense_token& token, uint32_t posi
   uint32_t difference = 0;
   uint32_t choice = KELVANE_DENSE_CHOICE_BYTES;
   if (told_by_difference(token, position, value, difference)) {
-    choice = static_cast<uint32_t>(
-        std::find(list, list + KELVANE_DENSE_DIFFERENCES, difference) - list);
+    choice =
+        static_cast<uint32_t>(std::find(list, list + KELVANE_DENSE_DIFFERENCES, difference) - list);
     const uint32_t magnitude = difference >> 31U != 0 ? 0U - difference : difference;
     const auto bits = static_cast<uint32_t>(std::bit_width(magnitude | 1U));
     if (choice == KELVANE_DENSE_CHOICE_DIFFERENCE && bits + 4 > byte_bits) {
@@ -260,10 +260,10 @@ void payload_writer::write_value(const kelvane_dense_token& token, uint32_t posi
     }
   } else {
     uint32_t target = 0;
-    difference = kelvane_dense_branch_target(&decoder_, value, decoder_.info.base + position,
-                                             &target) != 0
-                     ? target - token.target
-                     : 0;
+    difference =
+        kelvane_dense_branch_target(&decoder_, value, decoder_.info.base + position, &target) != 0
+            ? target - token.target
+            : 0;
   }
   coder_.tree(KELVANE_DENSE_C_CHOICE + token.kind, choice, 3);
   if (choice == KELVANE_DENSE_CHOICE_BYTES) {

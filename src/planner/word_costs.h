@@ -83,7 +83,8 @@ class word_costs {
       after_store = true;
       return store < kUnknownClassBits ? store : kUnknownClassBits;
     }
-    const uint32_t bits = prices_.bits(load_word(new_ + at, order_) - load_word(old_ + place, order_));
+    const uint32_t bits =
+        prices_.bits(load_word(new_ + at, order_) - load_word(old_ + place, order_));
     after_store = bits == 0 || bits > store;
     return after_store ? store : bits;
   }
