@@ -83,7 +83,7 @@ static inline void kelvane_dense_fill(void* at, uint8_t value, uint32_t count) {
 
 // A decision's context: its number and what else it depends on.
 static inline uint32_t kelvane_dense_context_of(uint32_t number, uint32_t rest) {
-  return number << 8 | rest;
+  return (number << 8) + rest;
 }
 
 // What it depends on in the bits of a number below its top one: its length, the bits read so far.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "dense_costs.h"
 
-#include <cmath>
+#include <bit>
 #include <map>
 
 namespace kelvane {
@@ -13,6 +13,20 @@ uint32_t differing_bytes(uint32_t first, uint32_t second) {
     count += bits % 256 != 0 ? 1 : 0;
   }
   return count;
+}
+
+// The logarithm of `number` (not 0) to base 2, in eighths: the same on every machine.
+uint32_t log2_eighths(uint64_t number) {
+  const auto whole = static_cast<uint32_t>(std::bit_width(number)) - 1;
+  uint64_t part = whole < 31 ? number << (31 - whole) : number >> (whole - 31);  // 1 is 2^31
+  uint32_t eighths = whole;
+  for (int i = 0; i < 3; ++i) {
+    part = part * part >> 31U;
+    const bool is_above = part >> 32U != 0;
+    part >>= is_above ? 1U : 0U;
+    eighths = 2 * eighths + (is_above ? 1 : 0);
+  }
+  return eighths;
 }
 
 }  // namespace
@@ -188,8 +202,9 @@ class_prices difference_prices(const plan_images& images, ByteOrder order,
     prices.clear();
     for (const auto& [difference, count] : counts) {
       if (count >= least) {
-        const double bits = std::log2(static_cast<double>(total) / count) * 1.2 + 4;
-        prices.push_back({difference, static_cast<uint32_t>(std::clamp(bits, 3.0, 30.0))});
+        // 1.2 bits for each of its information, and 4.
+        const uint32_t eighths = log2_eighths(total) - log2_eighths(count);
+        prices.push_back({difference, std::clamp(eighths * 12 / 80 + 4, 3U, 30U)});
       }
     }
   };

@@ -30,8 +30,10 @@ struct effort_settings {
 };
 
 effort_settings settings_for(dense_effort effort, size_t new_size) {
-  if (effort == dense_effort::quick) {
-    return {};
+  // The first round has no map to predict with, so one alone may miss what moved.
+  if (effort == dense_effort::quick ||
+      (effort == dense_effort::normal && new_size >= kLargeImage)) {
+    return {2, {{}}};
   }
   if (effort == dense_effort::best) {
     effort_settings settings = {3, {}};
@@ -41,9 +43,6 @@ effort_settings settings_for(dense_effort effort, size_t new_size) {
       }
     }
     return settings;
-  }
-  if (new_size >= kLargeImage) {
-    return {2, {{}}};
   }
   return {3, {{40, 16}, {60, 16}, {40, 22}, {60, 22}}};
 }

@@ -17,8 +17,8 @@
 namespace kelvane {
 
 enum class dense_effort : uint8_t {
-  quick,   // one setting, one round
-  normal,  // three rounds of four settings; of large images two rounds of one
+  quick,   // two rounds of one setting
+  normal,  // three rounds of four settings; of images of 1 MB and more as quick
   best     // three rounds of nine settings
 };
 
