@@ -27,6 +27,9 @@ file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/install)
 file(CREATE_LINK ${from_bin_to_private}/kelvane ${CMAKE_BINARY_DIR}/install/kelvane SYMBOLIC)
 install(FILES ${CMAKE_BINARY_DIR}/install/kelvane DESTINATION ${CMAKE_INSTALL_BINDIR})
 
+install(FILES completions/kelmake.bash RENAME kelmake
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+install(FILES completions/_kelmake DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/site-functions)
 install(FILES docs/kelvane.1 docs/kelpatch.1 docs/kelmake.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES README.md CHANGELOG.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN "*.md")

@@ -12,6 +12,7 @@ namespace {
 constexpr size_t kFoundStates = 28;
 constexpr size_t kKeptShifts = 12;
 constexpr int64_t kSightBytes = 64;
+constexpr int64_t kSkipBytes = 65536;  // the most that is passed over at once
 constexpr uint32_t kSeedTrialWords = 24;
 constexpr int64_t kRefusalBytes = 48;
 constexpr int64_t kIdleBytes = 1024;
@@ -19,6 +20,10 @@ constexpr uint32_t kPoorFitWords = 16;
 constexpr uint32_t kPoorFitBits = 6;   // a word
 constexpr uint32_t kPoorFitGain = 60;  // what a proposal must save over those words
 constexpr int64_t kNearShifts = 32;    // on each side, 4 bytes apart
+// Proposals are made every 32 bytes at most. In vain they are made half as often, and so on, down
+// to every 512: a border that is found too late is moved back afterwards.
+constexpr int64_t kPoorFitStep = 32;
+constexpr int64_t kLongestPoorFitStep = 512;
 constexpr int32_t kNoRecord = -1;
 
 struct state {
@@ -79,6 +84,9 @@ class aligner {
   size_t best_ = 0;
   std::vector<way_record> records_;
   std::vector<refusal> refusals_ = std::vector<refusal>(4096);
+  int64_t next_near_ = 0;
+  int64_t near_step_ = kPoorFitStep;
+  bool all_bounded_ = false;
   int64_t next_difference_ = -1;
   int64_t difference_of_ = INT64_MAX;  // the shift that next_difference_ belongs to
   int64_t last_shift_ = 0;
@@ -112,7 +120,7 @@ int32_t aligner::record_of(state& entered_from) {
   return entered_from.record;
 }
 
-// Finds the best state and bounds all others by it.
+// Finds the best state and bounds all others by it. Notes whether there was none below its bound.
 void aligner::clamp_to_best(int64_t at) {
   best_ = 0;
   for (size_t i = 1; i < states_.size(); ++i) {
@@ -122,6 +130,7 @@ void aligner::clamp_to_best(int64_t at) {
   }
   const uint64_t best_cost = states_[best_].cost;
   states_[best_].used = at;
+  all_bounded_ = true;
   for (size_t i = 0; i < states_.size(); ++i) {
     state& other = states_[i];
     if (i == best_) {
@@ -136,17 +145,18 @@ void aligner::clamp_to_best(int64_t at) {
       other.after_store = false;
     } else if (other.cost < bound) {
       other.used = at;
+      all_bounded_ = false;
     }
   }
 }
 
-// The next word that differs under the best shift, or what is kSightBytes away.
+// The next word that differs under the best shift, or what is kSkipBytes away.
 int64_t aligner::next_difference(int64_t at) {
   const int64_t shift = states_[best_].shift;
   if (difference_of_ != shift || next_difference_ < at) {
     difference_of_ = shift;
     next_difference_ = at;
-    const int64_t limit = std::min(at + kSightBytes, new_size_ & ~int64_t{3});
+    const int64_t limit = std::min(at + kSkipBytes, new_size_ & ~int64_t{3});
     while (shift != kStoredShift && next_difference_ < limit) {
       const int64_t place = next_difference_ - shift;
       if (place < 0 || place + 4 > old_size_ ||
@@ -225,8 +235,8 @@ void aligner::propose_strings(int64_t at) {
   uint64_t best_cost = UINT64_MAX;
   for (int64_t start = at; start < at + 4 && start + kSeedBytes <= new_size_; ++start) {
     // Where the best state is right already, another can't be better.
-    const int64_t best_place = start - best_shift;
-    if (best_shift != kStoredShift && best_place >= 0 && best_place + kSeedBytes <= old_size_ &&
+    const int64_t best_place = best_shift == kStoredShift ? -1 : start - best_shift;
+    if (best_place >= 0 && best_place + kSeedBytes <= old_size_ &&
         std::memcmp(old_ + best_place, new_ + start, kSeedBytes) == 0) {
       continue;
     }
@@ -263,10 +273,12 @@ void aligner::propose_strings(int64_t at) {
 // Looks for a shift under which not the words but their differences agree, if the best state fits
 // badly.
 void aligner::propose_near(int64_t at) {
+  next_near_ = at + kPoorFitStep;
   const state& best = states_[best_];
   const uint64_t best_cost =
       costs_.words(best.shift, at, kPoorFitWords, best.after_store, UINT64_MAX);
   if (best_cost <= kPoorFitWords * kPoorFitBits || states_.size() >= fixed_states_ + kFoundStates) {
+    near_step_ = kPoorFitStep;
     return;
   }
   const int64_t about = best.shift == kStoredShift ? last_shift_ : best.shift;
@@ -306,6 +318,10 @@ void aligner::propose_near(int64_t at) {
   }
   if (cheapest != kStoredShift) {
     enter(cheapest, at);
+    near_step_ = kPoorFitStep;
+  } else {
+    next_near_ = at + near_step_;
+    near_step_ = std::min(2 * near_step_, kLongestPoorFitStep);
   }
 }
 
@@ -350,10 +366,16 @@ std::vector<shift_stretch> aligner::run() {
   const int64_t words_end = new_size_ & ~int64_t{3};
   for (int64_t at = 0; at < words_end; at += 4) {
     clamp_to_best(at);
-    const bool differs_soon = next_difference(at) < std::min(at + kSightBytes, words_end);
-    if (differs_soon) {
+    const int64_t difference = next_difference(at);
+    if (all_bounded_ && difference > at + kSightBytes) {
+      // No state can change until shortly before the next difference.
+      states_[best_].after_store = false;
+      at = difference - kSightBytes - 4;
+      continue;
+    }
+    if (difference < std::min(at + kSightBytes, words_end)) {
       propose_strings(at);
-      if (at % 32 == 0) {
+      if (at >= next_near_) {
         propose_near(at);
       }
     }
@@ -390,6 +412,7 @@ std::vector<int64_t> widest_shifts(std::span<const shift_stretch> stretches) {
     }
   }
   std::vector<std::pair<uint64_t, int64_t>> by_width;
+  by_width.reserve(covered.size());
   for (const auto& [shift, width] : covered) {
     by_width.emplace_back(width, shift);
   }

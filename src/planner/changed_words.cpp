@@ -41,8 +41,9 @@ void find_classes(changed_words& changed) {
     }
     const auto count = static_cast<uint32_t>(end - begin);
     if (count >= 2) {
-      changed.classes.push_back(
-          {.value = value, .begin = static_cast<uint32_t>(changed.by_value.size()), .count = count});
+      changed.classes.push_back({.value = value,
+                                 .begin = static_cast<uint32_t>(changed.by_value.size()),
+                                 .count = count});
       for (; begin < end; ++begin) {
         const auto index = static_cast<uint32_t>(sorted[begin]);
         changed.by_value.push_back(index);
@@ -71,6 +72,12 @@ changed_words find_changed_words(const plan_images& images, const moved_image& m
   changed.image_size = size;
   const uint8_t* const old_bytes = moved.bytes.data();
   const uint8_t* const new_bytes = images.new_image.data();
+  // Counted first: the list of unlike images is long, and should not be copied to grow.
+  size_t expected = 0;
+  for (uint32_t at = 0; at + 4 <= size; at += 4) {
+    expected += std::memcmp(old_bytes + at, new_bytes + at, 4) != 0 ? 1U : 0U;
+  }
+  changed.words.reserve(expected + 1);
   for (uint32_t at = 0; at < size; at += 4) {
     const uint32_t count = std::min(4U, size - at);
     if (std::memcmp(old_bytes + at, new_bytes + at, count) == 0) {

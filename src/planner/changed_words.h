@@ -14,10 +14,10 @@
 namespace kelvane {
 
 struct changed_word {
-  uint32_t word = 0;        // address divided by 4
-  uint32_t difference = 0;  // new less old, if is_whole
-  uint32_t price = 0;       // of an increment, in bit parts
-  uint8_t mask = 0;         // bit i: byte i differs
+  uint32_t word = 0;              // address divided by 4
+  uint32_t difference = 0;        // new less old, if is_whole
+  uint32_t price = 0;             // of an increment, in bit parts
+  uint8_t mask = 0;               // bit i: byte i differs
   bool is_whole : 1 = false;      // has 4 bytes, all of them known
   bool has_twins : 1 = false;     // another word has its value
   bool is_frequent : 1 = false;   // five others have

@@ -72,17 +72,17 @@ class feedback_search {
         mark[piece] = turn;
       }
       const auto degree = [&](const std::vector<uint32_t>& edges) {
-        return static_cast<uint64_t>(
-            std::count_if(edges.begin(), edges.end(), [&](uint32_t other) {
-              return in_play_[other] != 0 && mark[other] == turn;
-            }));
+        return static_cast<uint64_t>(std::count_if(edges.begin(), edges.end(), [&](uint32_t other) {
+          return in_play_[other] != 0 && mark[other] == turn;
+        }));
       };
       uint32_t chosen = circle.front();
       uint64_t least = UINT64_MAX;
       for (const uint32_t piece : circle) {
         const uint64_t in = degree(set_.graph.ahead[piece]);
         const uint64_t out = degree(set_.graph.behind[piece]);
-        const uint64_t parts = std::max<uint64_t>(by_lesser_degree ? std::min(in, out) : in * out, 1);
+        const uint64_t parts =
+            std::max<uint64_t>(by_lesser_degree ? std::min(in, out) : in * out, 1);
         const uint64_t ratio = weights_[piece] * noise_[piece] * 16 / parts;
         if (ratio < least) {
           least = ratio;

@@ -24,8 +24,10 @@ constexpr int64_t kLeastExchangeHole = 48;
 constexpr uint64_t kLeastExchangeWeight = 60 * kWeightOfByte;
 constexpr int kMostParkings = 2;
 // Looking for a hole goes over all pending pieces. When so many have been looked at, which takes
-// images with tens of thousands of pieces in circles, what is in the way is given up unasked.
-constexpr uint64_t kMostLooks = 30000000;
+// images with thousands of pieces in circles, all that is in the way is given up.
+constexpr uint64_t kMostLooks = 4000000;
+// And when the orders of one search have looked at so many, no further one is tried.
+constexpr uint64_t kMostLooksOfAll = 4 * kMostLooks;
 
 class carrying_out {
  public:
@@ -43,6 +45,7 @@ class carrying_out {
     move_order order;
     order.blocks = joined();
     order.estimate = kBlockWeight * order.blocks.size() + given_up_;
+    order.looks = looks_;
     return order;
   }
 
@@ -86,24 +89,40 @@ class carrying_out {
     return places_.find_hole(piece, wanted);
   }
 
-  void free_one() {
-    blocked_piece blocked = cheapest_blocked();
-    if (looks_ < kMostLooks) {
-      for (const uint32_t blocker : blocked.blockers) {
-        if (get_out_of_the_way(blocker)) {
-          return;
-        }
+  void give_up(uint32_t piece) {
+    given_up_ += places_[piece].store_weight;
+    places_.give_up(piece);
+  }
+
+  bool give_up_feedback() {
+    bool any = false;
+    for (uint32_t piece = 0; piece < places_.size(); ++piece) {
+      if (places_[piece].in_feedback && places_[piece].is_pending()) {
+        give_up(piece);
+        any = true;
       }
-      if (exchange_part(blocked)) {
+    }
+    return any;
+  }
+
+  void free_one() {
+    if (looks_ >= kMostLooks && give_up_feedback()) {
+      return;
+    }
+    blocked_piece blocked = cheapest_blocked();
+    for (const uint32_t blocker : blocked.blockers) {
+      if (get_out_of_the_way(blocker)) {
         return;
       }
+    }
+    if (exchange_part(blocked)) {
+      return;
     }
     const uint32_t least = *std::min_element(
         blocked.blockers.begin(), blocked.blockers.end(), [&](uint32_t first, uint32_t second) {
           return places_[first].store_weight < places_[second].store_weight;
         });
-    given_up_ += places_[least].store_weight;
-    places_.give_up(least);
+    give_up(least);
   }
 
   // The piece whose blockers all are in the feedback set and cost least. There is one as long as
@@ -183,10 +202,13 @@ class carrying_out {
   // go first. Only what lies there is parked.
   bool exchange_part(const blocked_piece& blocked) {
     const int64_t size = find_hole(blocked.blockers.front(), INT64_MAX).size & ~int64_t{3};
-    const uint64_t least = places_[*std::min_element(
-        blocked.blockers.begin(), blocked.blockers.end(), [&](uint32_t first, uint32_t second) {
-          return places_[first].store_weight < places_[second].store_weight;
-        })].store_weight;
+    const uint64_t least =
+        places_[*std::min_element(blocked.blockers.begin(), blocked.blockers.end(),
+                                  [&](uint32_t first, uint32_t second) {
+                                    return places_[first].store_weight <
+                                           places_[second].store_weight;
+                                  })]
+            .store_weight;
     if (size < kLeastExchangeHole || least <= kLeastExchangeWeight) {
       return false;
     }
@@ -298,8 +320,7 @@ std::vector<order_try> order_tries() {
 }  // namespace
 
 move_order order_moves(const piece_set& set, const order_settings& settings) {
-  const std::vector<uint32_t> feedback =
-      feedback_pieces(set, settings.park_percent, settings.seed);
+  const std::vector<uint32_t> feedback = feedback_pieces(set, settings.park_percent, settings.seed);
   return carrying_out(set, feedback, settings.holes_end).run();
 }
 
@@ -312,6 +333,7 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
   std::map<uint32_t, lightened_stretches> lightened;
   std::map<std::pair<uint32_t, uint32_t>, piece_set> sets;
   std::optional<move_order> best;
+  uint64_t looks = 0;
   const std::vector<order_try> tries = order_tries();
   for (size_t i = 0; i < std::min<size_t>(tries.size(), settings.tries); ++i) {
     const order_try& now = tries[i];
@@ -324,12 +346,16 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
     }
     const piece_set& set = sets[cut];
     move_order order = order_moves(set, {now.park_percent, now.seed, holes_end});
+    looks += order.looks;
     if (!best || order.estimate < best->estimate) {
       best = std::move(order);
     }
     // Free of circles, or nearly: what is left to gain is not worth the time.
     const uint64_t bound = kBlockWeight * set.stretches;
     if (i == 0 && (set.circles.empty() || best->estimate < bound + kNothingToGain)) {
+      break;
+    }
+    if (looks > kMostLooksOfAll) {
       break;
     }
   }

@@ -35,8 +35,8 @@ void trim(const plan_images& images, const shift_stretch& stretch, const auto& t
 }
 
 std::vector<moving_piece> cut_circles(const std::vector<moving_piece>& pieces,
-                                    const std::vector<std::vector<uint32_t>>& circles,
-                                    int64_t piece_bytes) {
+                                      const std::vector<std::vector<uint32_t>>& circles,
+                                      int64_t piece_bytes) {
   std::vector<uint8_t> in_circle(pieces.size(), 0);
   for (const auto& circle : circles) {
     for (const uint32_t piece : circle) {
@@ -144,8 +144,7 @@ lightened_stretches give_up_bytes(const plan_images& images,
       continue;
     }
     for (uint64_t at = (stretch.begin + 3) & ~3U; at + bytes <= stretch.end; at += step) {
-      uint64_t weight =
-          parser.packed_size(images.new_image.subspan(at, bytes)) * kWeightOfByte;
+      uint64_t weight = parser.packed_size(images.new_image.subspan(at, bytes)) * kWeightOfByte;
       if (stretch.shift != 0) {
         weight += (12 + bytes * 3 / 10) * kWeightOfByte;
       }
@@ -194,9 +193,8 @@ piece_set cut_pieces(const plan_images& images, const lightened_stretches& light
   for (const auto& circle : set.circles) {
     for (const uint32_t index : circle) {
       moving_piece& piece = set.pieces[index];
-      const uint64_t packed =
-          parser.packed_size(images.new_image.subspan(static_cast<size_t>(piece.destination),
-                                                      static_cast<size_t>(piece.length)));
+      const uint64_t packed = parser.packed_size(images.new_image.subspan(
+          static_cast<size_t>(piece.destination), static_cast<size_t>(piece.length)));
       const auto plain = static_cast<uint64_t>(piece.length);
       piece.store_weight = std::min(packed * kWeightOfByte, plain * 85) + kWeightOfByte;
     }

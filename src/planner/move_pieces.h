@@ -39,7 +39,7 @@ struct piece_graph {
 struct piece_set {
   std::vector<moving_piece> pieces;
   std::vector<std::pair<int64_t, int64_t>> pinned;  // bytes that stay: begin and end
-  size_t stretches = 0;  // pieces before those in circles were cut
+  size_t stretches = 0;                             // pieces before those in circles were cut
   piece_graph graph;
   std::vector<std::vector<uint32_t>> circles;  // parts in which every piece waits for every other
   uint64_t given_up_weight = 0;                // as in lightened_stretches

@@ -22,14 +22,11 @@ uint32_t slot_of(const uint8_t* bytes) {
 
 }  // namespace
 
-optimal_parser::optimal_parser(int trials)
-    : trials_(trials), newest_(size_t{1} << kHashBits, -1) {}
+optimal_parser::optimal_parser(int trials) : trials_(trials), newest_(size_t{1} << kHashBits, -1) {}
 
-void optimal_parser::find_matches(std::span<const uint8_t> data) {
-  ring_.assign(kZeros, 0);
-  ring_.insert(ring_.end(), data.begin(), data.end());
+void optimal_parser::find_matches(size_t context, size_t size) {
   previous_.resize(ring_.size());
-  matches_.assign(data.size() + 1, {});
+  matches_.assign(size, {});
   for (const uint32_t slot : touched_) {
     newest_[slot] = -1;
   }
@@ -42,10 +39,10 @@ void optimal_parser::find_matches(std::span<const uint8_t> data) {
     }
     previous_[at] = candidate;
     newest_[slot] = static_cast<int32_t>(at);
-    if (at < kZeros) {
+    if (at < context) {
       continue;
     }
-    match& found = matches_[at - kZeros];
+    match& found = matches_[at - context];
     const size_t limit = std::min(kLongest, ring_.size() - at);
     for (int trial = 0; trial < trials_ && candidate >= 0; ++trial) {
       const auto place = static_cast<size_t>(candidate);
@@ -67,7 +64,18 @@ void optimal_parser::find_matches(std::span<const uint8_t> data) {
   }
 }
 
-void optimal_parser::choose(size_t size) {
+uint64_t optimal_parser::parse_block(std::span<const uint8_t> data, size_t begin) {
+  const size_t size = std::min(kBlockBytes, data.size() - begin);
+  const size_t context = begin == 0 ? kZeros : kRingSize;
+  if (begin == 0) {
+    ring_.assign(kZeros, 0);
+  } else {
+    const auto before = data.subspan(begin - context, context);
+    ring_.assign(before.begin(), before.end());
+  }
+  const auto block = data.subspan(begin, size);
+  ring_.insert(ring_.end(), block.begin(), block.end());
+  find_matches(context, size);
   costs_.resize(size + 1);
   costs_[size] = 0;
   for (size_t at = size; at-- > 0;) {
@@ -83,36 +91,40 @@ void optimal_parser::choose(size_t size) {
     costs_[at] = least;
     matches_[at].length = static_cast<uint16_t>(best);
   }
+  return costs_[0];
 }
 
 uint32_t optimal_parser::packed_size(std::span<const uint8_t> data) {
-  find_matches(data);
-  choose(data.size());
-  return (costs_[0] + 7) / 8;
+  uint64_t bits = 0;
+  for (size_t begin = 0; begin < data.size(); begin += kBlockBytes) {
+    bits += parse_block(data, begin);
+  }
+  return static_cast<uint32_t>((bits + 7) / 8);
 }
 
 void optimal_parser::append_packed(std::span<const uint8_t> data, std::vector<uint8_t>& packed) {
-  find_matches(data);
-  choose(data.size());
   size_t flags = 0;
   uint32_t items = 8;
-  for (size_t at = 0; at < data.size(); at += matches_[at].length) {
-    if (items == 8) {
-      flags = packed.size();
-      packed.push_back(0);
-      items = 0;
+  for (size_t begin = 0; begin < data.size(); begin += kBlockBytes) {
+    parse_block(data, begin);
+    for (size_t at = 0; at < matches_.size(); at += matches_[at].length) {
+      if (items == 8) {
+        flags = packed.size();
+        packed.push_back(0);
+        items = 0;
+      }
+      const match& chosen = matches_[at];
+      if (chosen.length == 1) {
+        packed[flags] = static_cast<uint8_t>(packed[flags] | (1U << items));
+        packed.push_back(data[begin + at]);
+      } else {
+        const size_t next = kFirstPlace + begin + at;
+        const auto place = static_cast<uint32_t>((next + kRingSize - chosen.distance) % kRingSize);
+        packed.push_back(static_cast<uint8_t>(place % 256));
+        packed.push_back(static_cast<uint8_t>((place / 16 & 0xF0U) | (chosen.length - kShortest)));
+      }
+      ++items;
     }
-    const match& chosen = matches_[at];
-    if (chosen.length == 1) {
-      packed[flags] = static_cast<uint8_t>(packed[flags] | (1U << items));
-      packed.push_back(data[at]);
-    } else {
-      const auto place = static_cast<uint32_t>((kFirstPlace + at + 2 * kRingSize - chosen.distance) %
-                                               kRingSize);
-      packed.push_back(static_cast<uint8_t>(place % 256));
-      packed.push_back(static_cast<uint8_t>((place / 16 & 0xF0U) | (chosen.length - kShortest)));
-    }
-    ++items;
   }
 }
 

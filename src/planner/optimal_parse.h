@@ -26,19 +26,25 @@ class optimal_parser {
   void append_packed(std::span<const uint8_t> data, std::vector<uint8_t>& packed);
 
  private:
-  void find_matches(std::span<const uint8_t> data);
-  void choose(size_t size);
-
   struct match {
     uint16_t length = 0;
     uint16_t distance = 0;
   };
+  // Data is taken by blocks, so that memory doesn't grow with it; no match runs over the end of
+  // one.
+  static constexpr size_t kBlockBytes = 65536;
+
+  // Finds the cheapest way through the block of `data` that begins at `begin`: matches_ then has
+  // it, with length 1 for a literal. Gives its bits.
+  uint64_t parse_block(std::span<const uint8_t> data, size_t begin);
+  void find_matches(size_t context, size_t size);
+
   int trials_;
-  std::vector<uint8_t> ring_;      // zeros, then the data
+  std::vector<uint8_t> ring_;      // what lies before the block, then the block
   std::vector<int32_t> newest_;    // by hash, the last place in ring_ with it
-  std::vector<uint32_t> touched_;  // the slots of newest_ that the last call used
+  std::vector<uint32_t> touched_;  // the slots of newest_ that the last block used
   std::vector<int32_t> previous_;  // by place, the one before of the same hash
-  std::vector<match> matches_;     // then, once chosen, length 1 for a literal
+  std::vector<match> matches_;     // by place in the block
   std::vector<uint32_t> costs_;
 };
 

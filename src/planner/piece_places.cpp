@@ -137,8 +137,8 @@ uint32_t piece_places::split(uint32_t piece, int64_t length) {
   second.current += length;
   second.destination += length;
   second.length -= length;
-  first.store_weight = first.store_weight * static_cast<uint64_t>(length) /
-                       static_cast<uint64_t>(first.length);
+  first.store_weight =
+      first.store_weight * static_cast<uint64_t>(length) / static_cast<uint64_t>(first.length);
   second.store_weight -= first.store_weight;
   first.length = length;
   pieces_.push_back(second);

@@ -66,12 +66,11 @@ class piece_places {
   // first; stops when it gives false.
   template <typename Take>
   void each_lying(const source_order& order, int64_t begin, int64_t end, const Take& take) const {
-    auto i = static_cast<size_t>(
-        std::lower_bound(order.pieces.begin(), order.pieces.end(), end,
-                         [&](uint32_t piece, int64_t limit) {
-                           return pieces_[piece].current < limit;
-                         }) -
-        order.pieces.begin());
+    auto i = static_cast<size_t>(std::lower_bound(order.pieces.begin(), order.pieces.end(), end,
+                                                  [&](uint32_t piece, int64_t limit) {
+                                                    return pieces_[piece].current < limit;
+                                                  }) -
+                                 order.pieces.begin());
     while (i-- > 0 && order.farthest[i] > begin) {
       const uint32_t piece = order.pieces[i];
       if (pieces_[piece].current_end() > begin && !take(piece)) {

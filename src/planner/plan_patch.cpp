@@ -111,16 +111,14 @@ std::vector<uint8_t> write_plan(const plan_images& images, const plan& planned,
 std::string fault_of_patch(const plan_images& images, const std::vector<uint8_t>& patch,
                            ByteOrder order) {
   kelvane_applier applier = {};
-  const uint32_t flags =
-      order == ByteOrder::big ? KELVANE_V0_BIG_ENDIAN : KELVANE_V0_LITTLE_ENDIAN;
-  int code =
-      kelvane_apply_open(&applier, patch.data(), static_cast<uint32_t>(patch.size()), flags);
+  const uint32_t flags = order == ByteOrder::big ? KELVANE_V0_BIG_ENDIAN : KELVANE_V0_LITTLE_ENDIAN;
+  int code = kelvane_apply_open(&applier, patch.data(), static_cast<uint32_t>(patch.size()), flags);
   guarded_memory memory(images);
   if (code == KELVANE_APPLY_OK) {
     const kelvane_region room = {0, memory.room()};
-    const kelvane_memory target = {&memory, read_memory,
-                                   write_memory, &room,
-                                   1,       static_cast<uint32_t>(images.old_image.size())};
+    const kelvane_memory target = {
+        &memory, read_memory, write_memory,
+        &room,   1,           static_cast<uint32_t>(images.old_image.size())};
     // The bytes are compared, so their checksum needn't be.
     code = kelvane_apply_run(&applier, &target, KELVANE_SKIP_NEW);
   }
@@ -132,8 +130,7 @@ std::string fault_of_patch(const plan_images& images, const std::vector<uint8_t>
     return "it writes outside the image";
   }
   const auto result = memory.bytes.begin() + guarded_memory::kGuardBytes;
-  const auto place =
-      std::mismatch(images.new_image.begin(), images.new_image.end(), result).first;
+  const auto place = std::mismatch(images.new_image.begin(), images.new_image.end(), result).first;
   if (place != images.new_image.end()) {
     return "its result differs from the new image at offset " +
            std::to_string(place - images.new_image.begin());

@@ -1,6 +1,7 @@
 #pragma once
 
-// From a plan to the bytes of a patch: what it costs, the patch itself, and the proof that it works.
+// From a plan to the bytes of a patch: what it costs, the patch itself, and the proof that it
+// works.
 
 #include <cstdint>
 #include <string>
@@ -37,8 +38,8 @@ plan_cost cost_of_plan(const plan_images& images, const plan& planned, const pla
 std::vector<uint8_t> write_plan(const plan_images& images, const plan& planned,
                                 const plan_rules& rules);
 
-// Carries out the patch with libapply on a copy of the old image, in place, between guard bytes, and
-// compares. Gives nothing if the result is the new image, and else what is wrong, in words.
+// Carries out the patch with libapply on a copy of the old image, in place, between guard bytes,
+// and compares. Gives nothing if the result is the new image, and else what is wrong, in words.
 std::string fault_of_patch(const plan_images& images, const std::vector<uint8_t>& patch,
                            ByteOrder order);
 

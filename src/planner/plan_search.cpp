@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "alignment.h"
+#include "changed_words.h"
 #include "make_plan.h"
 #include "move_order.h"
 #include "parallel_tasks.h"
@@ -52,13 +53,26 @@ struct tried_plan {
   bool is_made = false;
 };
 
+// The order in which more of the words that differ share their difference with several others.
+ByteOrder likelier_order(const plan_images& images, std::span<const moved_block> moves,
+                         ByteOrder guess) {
+  const moved_image moved = carry_out_moves(images, moves);
+  const auto shared = [&](ByteOrder order) {
+    const changed_words changed = find_changed_words(images, moved, order);
+    return std::count_if(changed.words.begin(), changed.words.end(),
+                         [](const changed_word& word) { return word.is_frequent; });
+  };
+  const ByteOrder other = guess == ByteOrder::big ? ByteOrder::little : ByteOrder::big;
+  return shared(other) > shared(guess) ? other : guess;
+}
+
 class plan_searcher {
  public:
   explicit plan_searcher(const plan_request& request)
       : request_(request),
         effort_(settings_of(request.effort)),
         order_(request.order.value_or(likely_order(request.images.new_image))),
-        strings_(request.images.old_image) {}
+        strings_(std::make_unique<string_seeds>(request.images.old_image)) {}
 
   found_plan run() {
     most_tries_ = effort_.rounds * static_cast<uint32_t>(alignments());
@@ -85,8 +99,7 @@ class plan_searcher {
     });
     const tried_plan* round_best = nullptr;
     for (const tried_plan& each : tried) {
-      if (each.is_made &&
-          (round_best == nullptr || each.cost.total() < round_best->cost.total())) {
+      if (each.is_made && (round_best == nullptr || each.cost.total() < round_best->cost.total())) {
         round_best = &each;
       }
     }
@@ -120,15 +133,26 @@ class plan_searcher {
   tried_plan try_alignment(size_t index, bool is_first_round) {
     alignment_settings settings;
     settings.block_bits = effort_.block_bits[index % effort_.block_bits.size()];
-    settings.stored_word_bits =
-        request_.rules.compression ? effort_.stored_word_bits[index / effort_.block_bits.size()] : 0;
+    settings.stored_word_bits = request_.rules.compression
+                                    ? effort_.stored_word_bits[index / effort_.block_bits.size()]
+                                    : 0;
     settings.kept_shifts = shifts_;
-    const alignment_input input = {request_.images, order_, &strings_, differences_.get(),
+    const alignment_input input = {request_.images, order_, strings_.get(), differences_.get(),
                                    &prices_};
     const std::vector<shift_stretch> stretches = align_images(input, settings);
-    const move_order moves = best_order(request_.images, stretches,
-                                        {effort_.order_tries, request_.rules.outer_holes});
+    if (effort_.rounds * alignments() == 1) {  // what comes needs the memory
+      strings_.reset();
+      differences_.reset();
+    }
+    const move_order moves =
+        best_order(request_.images, stretches, {effort_.order_tries, request_.rules.outer_holes});
     tried_plan best;
+    if (request_.effort == plan_effort::quick) {
+      const ByteOrder order =
+          request_.order ? *request_.order : likelier_order(request_.images, moves.blocks, order_);
+      take_cheaper(best, moves, {order, kPackedByte, kPackedEntry});
+      return best;
+    }
     take_cheaper(best, moves, {order_, kPackedByte, kPackedEntry});
     if (is_first_round && !request_.order) {
       const ByteOrder other = order_ == ByteOrder::big ? ByteOrder::little : ByteOrder::big;
@@ -142,8 +166,7 @@ class plan_searcher {
   // The plan again with other rates of compressed stores, where there is much to store.
   void try_rates(tried_plan& best, const move_order& moves) const {
     constexpr uint64_t kMuch = 1000;
-    if (!request_.rules.compression ||
-        best.cost.packed_stores + best.cost.plain_stores < kMuch) {
+    if (!request_.rules.compression || best.cost.packed_stores + best.cost.plain_stores < kMuch) {
       return;
     }
     const ByteOrder order = best.planned.order;
@@ -155,9 +178,7 @@ class plan_searcher {
       }
       return;
     }
-    if (request_.effort != plan_effort::quick) {
-      take_cheaper(best, moves, {order, 64 * kBit / 10, kPackedEntry});
-    }
+    take_cheaper(best, moves, {order, 64 * kBit / 10, kPackedEntry});
   }
 
   void take_cheaper(tried_plan& best, const move_order& moves,
@@ -174,7 +195,7 @@ class plan_searcher {
   const plan_request& request_;
   effort_settings effort_;
   ByteOrder order_;
-  string_seeds strings_;
+  std::unique_ptr<string_seeds> strings_;
   std::unique_ptr<difference_seeds> differences_;
   ByteOrder differences_order_ = ByteOrder::little;
   class_prices prices_;

@@ -2,10 +2,10 @@
 
 // The search: several plans of one pair, the cheapest of which is used.
 //
-// One plan is an alignment, an order of the moves and a choice of words. What can't be calculated is
-// tried: how dear a block is to the alignment, how dear a stored word, the byte order of the words,
-// the rate of compressed stores. A round makes the plans of all settings; the best one's classes and
-// shifts go into the alignments of the next round.
+// One plan is an alignment, an order of the moves and a choice of words. What can't be calculated
+// is tried: how dear a block is to the alignment, how dear a stored word, the byte order of the
+// words, the rate of compressed stores. A round makes the plans of all settings; the best one's
+// classes and shifts go into the alignments of the next round.
 //
 // The plans of a round are independent of each other and are made by several threads. The result
 // depends on the settings alone, never on the number of threads or on time; only a search that is

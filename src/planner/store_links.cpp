@@ -145,10 +145,10 @@ class store_linker {
     return true;
   }
 
-  // Where stores of the kind are out of reach of each other by little, links them by stores of bytes
-  // that are there already: 1 byte, for plain stores 2, or none at all if short stores are allowed.
-  // Whether a link pays depends on the ones beside it, so the cheapest way through all of them is
-  // looked for: two states, linked to the next store or not.
+  // Where stores of the kind are out of reach of each other by little, links them by stores of
+  // bytes that are there already: 1 byte, for plain stores 2, or none at all if short stores are
+  // allowed. Whether a link pays depends on the ones beside it, so the cheapest way through all of
+  // them is looked for: two states, linked to the next store or not.
   void add_links(const kind_costs& costs, std::vector<planned_store>& added) {
     std::vector<size_t> of_kind;
     for (size_t i = 0; i < stores_.size(); ++i) {

@@ -45,8 +45,8 @@ std::vector<planned_fill> find_fills(const plan_images& images, moved_image& mov
         }
       }
       if (differing >= kLeastFill) {
-        fills.push_back({static_cast<uint32_t>(first), static_cast<uint32_t>(last + 1 - first),
-                         bytes[begin]});
+        fills.push_back(
+            {static_cast<uint32_t>(first), static_cast<uint32_t>(last + 1 - first), bytes[begin]});
         std::fill(moved.bytes.begin() + static_cast<ptrdiff_t>(first),
                   moved.bytes.begin() + static_cast<ptrdiff_t>(last) + 1, bytes[begin]);
       }
@@ -75,8 +75,8 @@ idle_bytes::idle_bytes(const plan_images& images, const moved_image& moved, cons
 }
 
 void plan_stores(const plan_images& images, const moved_image& moved,
-                 std::span<const stored_run> runs, const plan_rules& rules,
-                 optimal_parser& parser, plan& planned) {
+                 std::span<const stored_run> runs, const plan_rules& rules, optimal_parser& parser,
+                 plan& planned) {
   std::vector<planned_store> linked;  // all but the compressed ones
   std::vector<planned_store> packed;
   for (const stored_run& run : runs) {
@@ -84,12 +84,15 @@ void plan_stores(const plan_images& images, const moved_image& moved,
     if (store.size == 1) {
       store.kind = store_kind::single;
     } else if (rules.compression && store.size >= kLeastPacked) {
-      const std::span<const uint8_t> data = images.new_image.subspan(store.address, store.size);
-      if (pays_packed(run, parser.packed_size(data))) {
+      const size_t begin = planned.packed.size();
+      parser.append_packed(images.new_image.subspan(store.address, store.size), planned.packed);
+      const auto packed_size = static_cast<uint32_t>(planned.packed.size() - begin);
+      if (pays_packed(run, packed_size)) {
         store.kind = store_kind::compressed;
-        store.packed_begin = static_cast<uint32_t>(planned.packed.size());
-        parser.append_packed(data, planned.packed);
-        store.packed_size = static_cast<uint32_t>(planned.packed.size()) - store.packed_begin;
+        store.packed_begin = static_cast<uint32_t>(begin);
+        store.packed_size = packed_size;
+      } else {
+        planned.packed.resize(begin);
       }
     }
     (store.kind == store_kind::compressed ? packed : linked).push_back(store);

@@ -24,7 +24,6 @@ class idle_bytes {
 
 // Turns single bytes into short plain stores where that is cheaper, and adds stores that link
 // lists. `stores`: all stores that are not compressed, by address; so they come out.
-void link_stores(bool short_stores, idle_bytes& idle,
-                 std::vector<planned_store>& stores);
+void link_stores(bool short_stores, idle_bytes& idle, std::vector<planned_store>& stores);
 
 }  // namespace kelvane

@@ -49,9 +49,11 @@ class border_search {
   }
 
   bool is_equal(int64_t shift, int64_t at) const {
+    if (shift == kStoredShift) {
+      return false;
+    }
     const int64_t place = at - shift;
-    return shift != kStoredShift && place >= 0 &&
-           place < static_cast<int64_t>(input_.images.old_image.size()) &&
+    return place >= 0 && place < static_cast<int64_t>(input_.images.old_image.size()) &&
            input_.images.old_image[static_cast<size_t>(place)] ==
                input_.images.new_image[static_cast<size_t>(at)];
   }

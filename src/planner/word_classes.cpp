@@ -148,11 +148,11 @@ class class_chooser {
     const changed_word& word = changed_.words[index];
     const store_density& density = densities_[index];
     const uint32_t entry = plain_entry(density);
-    const uint32_t alone = word.span() == 1
-                               ? single_store(density, settings_.walk.short_stores)
-                               : entry + 8 * kBit * word.span();
+    const uint32_t alone = word.span() == 1 ? single_store(density, settings_.walk.short_stores)
+                                            : entry + 8 * kBit * word.span();
     const bool stored_before = changed_.follows(index) && !changed_.words[index - 1].is_increment;
-    const bool stored_after = changed_.is_followed(index) && !changed_.words[index + 1].is_increment;
+    const bool stored_after =
+        changed_.is_followed(index) && !changed_.words[index + 1].is_increment;
     if (stored_before && stored_after) {
       return std::min(alone, kBetweenStores);
     }
@@ -299,8 +299,7 @@ std::vector<class_price> mean_prices(const plan& planned) {
   constexpr uint64_t kHeadBits = 40;
   std::vector<class_price> prices;
   for (const planned_class& of : planned.classes) {
-    const jump_counts counts =
-        count_jumps(std::span(planned.words).subspan(of.begin, of.count));
+    const jump_counts counts = count_jumps(std::span(planned.words).subspan(of.begin, of.count));
     const uint64_t bits = jump_bits(counts, prices_for(counts)) + kHeadBits;
     prices.push_back(
         {of.value, static_cast<uint32_t>(std::clamp<uint64_t>(bits / of.count, 2, 40))});

@@ -9,8 +9,8 @@
 //
 // A store is dear alone and cheap in company. Two classes whose words come in pairs (the two
 // words of a call) would therefore keep each other out: each finds the other's words stored, and
-// itself hardly worth a class. So a word beside a stored one of a frequent value counts half of that
-// store's entry, too. This alone took a pair of 400 KB images from 95 stores to 5.
+// itself hardly worth a class. So a word beside a stored one of a frequent value counts half of
+// that store's entry, too. This alone took a pair of 400 KB images from 95 stores to 5.
 //
 // Six turns; more change a few bytes.
 

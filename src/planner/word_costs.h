@@ -10,7 +10,7 @@
 
 namespace kelvane {
 
-// The words at `bytes`, as the host reads it: good for telling equal from unequal.
+// The word at `bytes`, as the host reads it: good for telling equal from unequal.
 inline uint32_t raw_word(const uint8_t* bytes) {
   uint32_t word = 0;
   std::memcpy(&word, bytes, sizeof word);

@@ -70,8 +70,8 @@ class word_walk {
   }
 
   void pass_gap(uint64_t words, trace_bits& trace) {
-    const uint32_t least = static_cast<uint32_t>(
-        std::min_element(costs_.begin(), costs_.end()) - costs_.begin());
+    const uint32_t least =
+        static_cast<uint32_t>(std::min_element(costs_.begin(), costs_.end()) - costs_.begin());
     trace.set_before_gap(least);
     costs_[outside] = costs_[least];
     costs_[in_plain] += words * 4 * kByte;
@@ -104,8 +104,8 @@ class word_walk {
     end_outside(costs_[in_packed] + settings_.packed_byte * to_last, in_packed, false);
 
     // Staying in a store takes the whole word; entering one begins at the first byte that differs.
-    const auto into = [&](walk_state state, uint64_t stay, uint64_t from_outside,
-                          walk_state other, uint64_t from_other) {
+    const auto into = [&](walk_state state, uint64_t stay, uint64_t from_outside, walk_state other,
+                          uint64_t from_other) {
       uint64_t cost = stay;
       trace.set_before(state, state);
       if (from_outside < cost) {
@@ -155,8 +155,8 @@ class word_walk {
 
   // Turns the traces into the states that were gone through, then those into runs.
   void go_back() {
-    auto state = static_cast<uint32_t>(std::min_element(costs_.begin(), costs_.end()) -
-                                       costs_.begin());
+    auto state =
+        static_cast<uint32_t>(std::min_element(costs_.begin(), costs_.end()) - costs_.begin());
     for (size_t i = changed_.words.size(); i-- > 0;) {
       const trace_bits trace(changed_.words[i].trace);
       trace_bits gone;
@@ -271,8 +271,7 @@ uint32_t single_store(const store_density& density, bool short_stores) {
   return density.plain > 0 ? std::min(alone, beside_plain) : alone;
 }
 
-std::vector<stored_run> walk_words(changed_words& changed,
-                                   std::span<const store_density> densities,
+std::vector<stored_run> walk_words(changed_words& changed, std::span<const store_density> densities,
                                    const walk_settings& settings) {
   return word_walk(changed, densities, settings).run();
 }

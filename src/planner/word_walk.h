@@ -46,8 +46,7 @@ uint32_t single_store(const store_density& density, bool short_stores);
 
 // Chooses, sets changed_word::is_increment, and gives the runs of bytes to store, ascending.
 // `densities` has one element a word, or none the first time.
-std::vector<stored_run> walk_words(changed_words& changed,
-                                   std::span<const store_density> densities,
+std::vector<stored_run> walk_words(changed_words& changed, std::span<const store_density> densities,
                                    const walk_settings& settings);
 
 // The densities of all words under these runs.

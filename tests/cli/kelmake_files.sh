@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # What can't be read or written is one message with the file and the reason, and an older patch stays.
 old_and_new
-printf older >patch
+printf older >'patch'
 mkdir folder
 run kelmake missing new -o patch
 run kelmake old missing -o patch

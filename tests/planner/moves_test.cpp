@@ -74,8 +74,7 @@ TEST(MoveOrderTest, PiecesThatChangePlacesNeedAHole) {
   EXPECT_GT(wrong_bytes(roomy, best_order(roomy.images(), roomy.stretches, {1, false})), 900U);
   EXPECT_EQ(wrong_bytes(roomy, best_order(roomy.images(), roomy.stretches, {54, true})), 0U);
   // A hole of half their size serves for a half.
-  const Rearranged tight =
-      rearranged(4000, {{1000, 1000}, {0, 1000}, {2000, 500}, {3000, 1000}});
+  const Rearranged tight = rearranged(4000, {{1000, 1000}, {0, 1000}, {2000, 500}, {3000, 1000}});
   const move_order order = best_order(tight.images(), tight.stretches, {54, true});
   EXPECT_LE(wrong_bytes(tight, order), 500U);
 }

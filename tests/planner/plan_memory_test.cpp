@@ -15,7 +15,8 @@ std::atomic<int64_t> requests_left = -1;  // 0: the next one is refused; below 0
 
 }  // namespace
 
-// Not inlined: the compiler takes one of a pair that it sees and one that it doesn't for a mismatch.
+// Not inlined: the compiler takes one of a pair that it sees and one that it doesn't for a
+// mismatch.
 [[gnu::noinline]] void* operator new(size_t size) {
   if (requests_left >= 0 && requests_left-- == 0) {
     throw std::bad_alloc();

@@ -58,11 +58,11 @@ TEST(ClassCostTest, IsWhatTheStreamTakes) {
 
 TEST(OptimalParseTest, ExpandsToTheDataAndIsNeverLargerThanTheFirstMatch) {
   Random random(2);
-  optimal_parser parser;
+  optimal_parser parser(4096);  // looks everywhere
   lzss_encoder encoder;
-  for (int round = 0; round < 120; ++round) {
-    const Bytes zeros(5000, 0);
-    const size_t size = 1 + random.below(6000);
+  for (int round = 0; round < 80; ++round) {
+    const Bytes zeros(70000, 0);
+    const size_t size = 1 + random.below(round % 30 == 1 ? 150000 : 6000);
     Bytes data;
     switch (round % 4) {
       case 0:
@@ -86,7 +86,8 @@ TEST(OptimalParseTest, ExpandsToTheDataAndIsNeverLargerThanTheFirstMatch) {
         expand_bounded(expanded.data(), expanded.size(), packed.data(), packed.size());
     ASSERT_EQ(result.end, ExpandEnd::complete);
     EXPECT_EQ(expanded, data);
-    EXPECT_LE(packed.size(), encoder.encoded(data).size());
+    // A block may cut a match at its end.
+    EXPECT_LE(packed.size(), encoder.encoded(data).size() + 3 * (data.size() / 65536));
   }
 }
 

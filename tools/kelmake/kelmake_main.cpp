@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <new>
 
+#include "indgen_message.h"
+#include "indgeninit.h"
 #include "kelmake_options.h"
 #include "kelmake_run.h"
 #include "patch_file.h"
@@ -10,7 +12,12 @@
 namespace kelmake {
 namespace {
 
+// Thrown where the libraries below would end the process. They have told why.
+struct EndedBelow {};
+
 void run(const std::vector<std::string>& arguments) {
+  kelvane::gen_changeprogname("kelmake");
+  kelvane::gen_exit = [](int32_t /*status*/) { throw EndedBelow(); };
   const Options options = parse_options(arguments);
   if (options.help || options.version) {
     std::fputs(options.help ? kHelp : "kelmake " KELMAKE_VERSION "\n", stdout);
@@ -22,22 +29,28 @@ void run(const std::vector<std::string>& arguments) {
   }
 }
 
+int status_of_run(const std::vector<std::string>& arguments) {
+  try {
+    run(arguments);
+    return kWritten;
+  } catch (const UsageError& error) {
+    std::fprintf(stderr, "kelmake: %s\n", error.message.c_str());
+    return kUsage;
+  } catch (const kelpatch::Failure& failure) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "kelmake: %s\n", failure.message.c_str());
+    return kTrouble;
+  } catch (const EndedBelow&) {
+    return kTrouble;
+  } catch (const std::bad_alloc&) {
+    std::fputs("kelmake: fatal: out of memory\n", stderr);
+    return kTrouble;
+  }
+}
+
 }  // namespace
 }  // namespace kelmake
 
 int main(int argc, char** argv) {
-  try {
-    kelmake::run({argv + (argc > 0 ? 1 : 0), argv + argc});
-    return kelmake::kWritten;
-  } catch (const kelmake::UsageError& error) {
-    std::fprintf(stderr, "kelmake: %s\n", error.message.c_str());
-    return kelmake::kUsage;
-  } catch (const kelpatch::Failure& failure) {
-    std::fflush(stdout);
-    std::fprintf(stderr, "kelmake: %s\n", failure.message.c_str());
-    return kelmake::kTrouble;
-  } catch (const std::bad_alloc&) {
-    std::fputs("kelmake: fatal: out of memory\n", stderr);
-    return kelmake::kTrouble;
-  }
+  return kelmake::status_of_run({argv + (argc > 0 ? 1 : 0), argv + argc});
 }

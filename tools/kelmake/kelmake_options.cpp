@@ -47,9 +47,9 @@ Value value_named(const std::array<Named<Value>, count>& table, const char* what
 
 template <typename Value, size_t count>
 const char* name_in(const std::array<Named<Value>, count>& table, Value value) {
-  return std::find_if(table.begin(), table.end(), [&](const Named<Value>& row) {
-           return row.value == value;
-         })->name;
+  return std::find_if(table.begin(), table.end(),
+                      [&](const Named<Value>& row) { return row.value == value; })
+      ->name;
 }
 
 // A number from `least` to `most`, written with digits only.
@@ -79,9 +79,9 @@ const char kHelp[] =
     "\n"
     "  -o, --output PATCH   the file to write\n"
     "  --effort LEVEL       quick, normal (the default) or best\n"
-    "  --time SECONDS       begins no further try after so long; the patch then\n"
+    "  --time SECONDS       begins no further plan after so long; the patch then\n"
     "                       depends on the speed of the machine\n"
-    "  --jobs N             tries at the same time; by default the processors. The\n"
+    "  --jobs N             plans at the same time; by default the processors. The\n"
     "                       patch is the same for any number\n"
     "  --profile NAME       any: for every applier of this format;\n"
     "                       wide: with more than 20 classes of increments (the default);\n"

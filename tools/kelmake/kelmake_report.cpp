@@ -51,6 +51,12 @@ double percent_of(uint64_t part, uint64_t whole) {
   return whole == 0 ? 0 : 100.0 * static_cast<double>(part) / static_cast<double>(whole);
 }
 
+bool is_worth_it(const Outcome& outcome) {
+  const uint64_t size = outcome.found.cost.total();
+  return size < outcome.new_size / 10 * 9 &&
+         (outcome.packed_new_size == 0 || size < outcome.packed_new_size);
+}
+
 // A sentence for a patch that is of little use; empty for others.
 std::string advice(const Outcome& outcome) {
   const uint64_t size = outcome.found.cost.total();
@@ -60,12 +66,12 @@ std::string advice(const Outcome& outcome) {
   if (outcome.new_size == 0) {
     return "The new file is empty: the patch only says so.\n";
   }
-  if (size >= outcome.packed_new_size) {
-    return formatted(
-        "The patch is not worth it: the new file alone, compressed, takes %" PRIu64 " bytes.\n",
-        outcome.packed_new_size);
+  if (outcome.packed_new_size != 0 && size >= outcome.packed_new_size) {
+    return formatted("The patch is not worth it: the new file alone, compressed, takes %" PRIu64
+                     " bytes.\n",
+                     outcome.packed_new_size);
   }
-  if (size >= outcome.new_size / 10 * 9) {
+  if (!is_worth_it(outcome)) {
     return "The patch is not worth it: it is nearly as large as the new file.\n";
   }
   return {};
@@ -102,7 +108,8 @@ std::string text_of_outcome(const Outcome& outcome) {
   std::string text = formatted("patch: %s, %s", outcome.options.patch_name.c_str(),
                                counted(found.cost.total(), "byte").c_str());
   if (outcome.new_size > 0) {
-    text += formatted(", %.1f %% of the new file", percent_of(found.cost.total(), outcome.new_size));
+    text +=
+        formatted(", %.1f %% of the new file", percent_of(found.cost.total(), outcome.new_size));
   }
   text += formatted(", %s\n", name_of(found.planned.order));
   for (const Part& part : parts_of(found)) {
@@ -113,9 +120,8 @@ std::string text_of_outcome(const Outcome& outcome) {
     text += *part.unit == '\0' ? "\n" : ", " + counted(part.count, part.unit) + "\n";
   }
   if (found.was_stopped) {
-    text += formatted(
-        "The time was over after %s: another run may give another patch.\n",
-        counted(found.tries, "try").c_str());
+    text += formatted("The time was over after %s: another run may give another patch.\n",
+                      counted(found.tries, "plan").c_str());
   }
   return text + advice(outcome);
 }
@@ -133,19 +139,19 @@ std::string json_of_outcome(const Outcome& outcome) {
   file("patch", options.patch_name, found.cost.total());
   text += formatted(
       "  \"mode\": \"file\",\n  \"format\": %d,\n  \"profile\": \"%s\",\n  \"effort\": \"%s\",\n"
-      "  \"byte_order\": \"%s\",\n  \"compressed_new_size\": %" PRIu64 ",\n  \"parts\": {\n",
+      "  \"byte_order\": \"%s\",\n  \"worth_it\": %s,\n  \"parts\": {\n",
       options.format, name_of(options.profile), name_of(options.effort),
-      name_of(found.planned.order), outcome.packed_new_size);
+      name_of(found.planned.order), is_worth_it(outcome) ? "true" : "false");
   const std::array<Part, 7> parts = parts_of(found);
   for (const Part& part : parts) {
     text += formatted("    \"%s\": {\"bytes\": %" PRIu64 ", \"count\": %" PRIu64 "}%s\n",
                       part.json_name, part.bytes, part.count, &part == &parts.back() ? "" : ",");
   }
-  text += formatted(
-      "  },\n  \"classes\": %zu,\n  \"tries\": %" PRIu32 ",\n  \"stopped\": %s,\n"
-      "  \"seconds\": %.2f\n}\n",
-      found.planned.classes.size(), found.tries, found.was_stopped ? "true" : "false",
-      outcome.seconds);
+  text += formatted("  },\n  \"classes\": %zu,\n  \"tries\": %" PRIu32
+                    ",\n  \"stopped\": %s,\n"
+                    "  \"seconds\": %.2f\n}\n",
+                    found.planned.classes.size(), found.tries, found.was_stopped ? "true" : "false",
+                    outcome.seconds);
   return text;
 }
 
@@ -169,7 +175,7 @@ void ProgressLine::show(const kelvane::plan_progress& progress) {
     left = std::clamp(*options_.seconds - passed, 0.0, left);
   }
   const std::string line =
-      formatted("try %" PRIu32 " of %" PRIu32 ", best so far %" PRIu64 " bytes, %.0f s left",
+      formatted("plan %" PRIu32 " of %" PRIu32 ", best so far %" PRIu64 " bytes, %.0f s left",
                 progress.tries, progress.most_tries, progress.best_size, left);
   std::fprintf(stderr, "\r%-*s", static_cast<int>(shown_), line.c_str());
   std::fflush(stderr);

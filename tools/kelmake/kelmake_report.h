@@ -15,7 +15,8 @@ struct Outcome {
   uint64_t old_size = 0;
   uint64_t new_size = 0;
   bool equal_files = false;
-  // The new image alone in the compressed form of this format.
+  // The new file alone in the compressed form of this format, or 0 where the patch is smaller in any
+  // case.
   uint64_t packed_new_size = 0;
   const kelvane::found_plan& found;
   double seconds = 0;

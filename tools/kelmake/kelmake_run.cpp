@@ -34,6 +34,12 @@ void probe_output(const std::string& name) {
   const kelpatch::OutputFile probe(name);
 }
 
+// What the file takes compressed; 0 if that is more than `patch_size` in any case, for 18 bytes
+// take 17 bits at best.
+uint64_t packed_size_if_near(const Bytes& file, uint64_t patch_size) {
+  return patch_size * 9 < file.size() ? 0 : kelvane::optimal_parser().packed_size(file);
+}
+
 void write_file(const std::string& name, const Bytes& bytes) {
   kelpatch::OutputFile output(name);
   output.write(bytes);
@@ -77,8 +83,7 @@ void make_patch(const Options& options) {
     found = kelvane::search_plan(request);
   }
   const Bytes patch = kelvane::write_plan(request.images, found.planned, request.rules);
-  const std::string fault =
-      kelvane::fault_of_patch(request.images, patch, found.planned.order);
+  const std::string fault = kelvane::fault_of_patch(request.images, patch, found.planned.order);
   if (!fault.empty()) {
     fatal("internal: the patch from '%s' to '%s' does not hold: %s", options.old_name.c_str(),
           options.new_name.c_str(), fault.c_str());
@@ -90,7 +95,7 @@ void make_patch(const Options& options) {
       .old_size = old_file.size(),
       .new_size = new_file.size(),
       .equal_files = old_file == new_file,
-      .packed_new_size = kelvane::optimal_parser().packed_size(new_file),
+      .packed_new_size = packed_size_if_near(new_file, patch.size()),
       .found = found,
       .seconds = std::chrono::duration<double>(steady_clock::now() - start).count()};
   if (!options.report_name.empty()) {
