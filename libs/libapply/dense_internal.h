@@ -30,7 +30,7 @@ enum kelvane_dense_context {
   KELVANE_DENSE_C_MASK,             // trees: bytes that change, of 2 and (one further) of 4
   KELVANE_DENSE_C_CHOICE = 17,      // trees by kind: one of the last differences, or how it is told
   KELVANE_DENSE_C_DIFFERENCE = 27,  // signed numbers by kind
-  KELVANE_DENSE_C_PREDICTED = 132,  // flags by class and outcomes, 64 for a class
+  KELVANE_DENSE_C_PREDICTED = 192,  // flags by class and outcomes, 64 for a class
   KELVANE_DENSE_M_GAP = 1,          // number: target from the end of the last one
   KELVANE_DENSE_M_PLACE,            // tree: source, see kelvane_dense_read_map
   KELVANE_DENSE_M_SOURCE,           // signed number: source from where it was expected
@@ -174,9 +174,12 @@ void kelvane_dense_file_entry(kelvane_dense_decoder* decoder, uint32_t number);
 // The first old place from `place` on that no entry filed so far (`count`) has.
 uint32_t kelvane_dense_free_place(const kelvane_dense_decoder* decoder, uint32_t count,
                                   uint32_t place);
-// How far it is from `place` to the next source above it; 0 if there is none.
-uint32_t kelvane_dense_hole_at(const kelvane_dense_decoder* decoder, uint32_t count,
-                               uint32_t place);
+// What an entry with its source at `place` and its target at `target` is likely to be as long as:
+// up to the next source above or, if there is none, to where the first of the images ends. 0 if
+// there is no room. `*context` is that of the flag which tells whether it is: by what ends it, and
+// whether the source was `expected`.
+uint32_t kelvane_dense_hole_at(const kelvane_dense_decoder* decoder, uint32_t count, uint32_t place,
+                               uint32_t target, int expected, uint32_t* context);
 // Whether an address lies in the old image, or just behind it.
 int kelvane_dense_is_inside(const kelvane_dense_decoder* decoder, uint32_t address);
 // Where what was at `address` of the old image is in the new one.

@@ -45,10 +45,17 @@ static uint32_t entries_up_to(const kelvane_dense_decoder* decoder, uint32_t cou
   return low;
 }
 
-uint32_t kelvane_dense_hole_at(const kelvane_dense_decoder* decoder, uint32_t count,
-                               uint32_t place) {
+uint32_t kelvane_dense_hole_at(const kelvane_dense_decoder* decoder, uint32_t count, uint32_t place,
+                               uint32_t target, int expected, uint32_t* context) {
   const uint32_t next = entries_up_to(decoder, count, place);
-  return next < count ? decoder->entries[decoder->by_source[next]].source - place : 0;
+  const uint32_t room = decoder->info.new_size - target;
+  if (next < count) {
+    *context = kelvane_dense_context_of(KELVANE_DENSE_M_WHOLE, expected ? 1 : 0);
+    return decoder->entries[decoder->by_source[next]].source - place;
+  }
+  const uint32_t rest = place < decoder->info.old_size ? decoder->info.old_size - place : 0;
+  *context = kelvane_dense_context_of(KELVANE_DENSE_M_WHOLE, rest == room ? 3 : 2);
+  return rest < room ? rest : room;
 }
 
 // A source is told by where it was to be expected: where the last one ended (0), or where one was
@@ -77,13 +84,18 @@ int kelvane_dense_read_map(kelvane_dense_decoder* decoder) {
       }
       left[0] = expected;
     }
-    uint32_t length = kelvane_dense_hole_at(decoder, i, source);
-    if (length == 0 || !kelvane_dense_read_flag(
-                           decoder, kelvane_dense_context_of(KELVANE_DENSE_M_WHOLE, choice == 0))) {
+    const uint32_t room = decoder->info.new_size - target;
+    if (gap >= room) {
+      kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_PAYLOAD);
+      break;
+    }
+    uint32_t context;
+    uint32_t length =
+        kelvane_dense_hole_at(decoder, i, source, target + gap, choice == 0, &context);
+    if (length == 0 || !kelvane_dense_read_flag(decoder, context)) {
       length = kelvane_dense_read_number(decoder, KELVANE_DENSE_M_LENGTH) + 1;
     }
-    const uint32_t room = decoder->info.new_size - target;
-    if (gap >= room || length > room - gap || source > decoder->info.old_size ||
+    if (length > room - gap || source > decoder->info.old_size ||
         length > decoder->info.old_size - source) {
       kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_PAYLOAD);
     }

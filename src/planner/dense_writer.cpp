@@ -131,10 +131,11 @@ void payload_writer::write_map() {
       std::copy_backward(left.begin(), left.begin() + last, left.begin() + last + 1);
       left[0] = expected;
     }
-    const uint32_t hole = kelvane_dense_hole_at(&decoder_, i, entry.source);
+    uint32_t context = 0;
+    const uint32_t hole = kelvane_dense_hole_at(&decoder_, i, entry.source, entry.target,
+                                                choice == 0 ? 1 : 0, &context);
     if (hole != 0) {
-      coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_M_WHOLE, choice == 0 ? 1 : 0),
-                  entry.length == hole);
+      coder_.flag(context, entry.length == hole);
     }
     if (entry.length != hole) {
       coder_.number(KELVANE_DENSE_M_LENGTH, entry.length - 1);

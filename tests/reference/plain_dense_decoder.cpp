@@ -261,16 +261,22 @@ class PlainDecoder {
       if (where != 0) {
         left.push_front(expected);
       }
-      uint32_t hole = 0;
+      require(gap < new_size_ - target);
+      entry.target = target + gap;
+      const uint32_t room = new_size_ - entry.target;
+      const auto rest =
+          static_cast<uint32_t>(entry.source < old_.size() ? old_.size() - entry.source : 0);
+      uint32_t hole = std::min(rest, room);
+      uint32_t which = rest == room ? 3 : 2;
       for (const Entry& other : entries_) {
-        if (other.source > entry.source && (hole == 0 || other.source - entry.source < hole)) {
+        if (other.source > entry.source && (which > 1 || other.source - entry.source < hole)) {
           hole = other.source - entry.source;
+          which = where == 0 ? 1 : 0;
         }
       }
-      entry.length = hole != 0 && flag(4, where == 0 ? 1 : 0) != 0 ? hole : number(5) + 1;
-      require(gap < new_size_ - target && entry.length <= new_size_ - target - gap);
+      entry.length = hole != 0 && flag(4, which) != 0 ? hole : number(5) + 1;
+      require(entry.length <= room);
       require(entry.source <= old_.size() && entry.length <= old_.size() - entry.source);
-      entry.target = target + gap;
       target = entry.target + entry.length;
       source_end = entry.source + entry.length;
       entries_.push_back(entry);
@@ -835,7 +841,7 @@ class PlainDecoder {
     return token.length;
   }
 
-  static constexpr uint32_t kPredictedContext = 132;
+  static constexpr uint32_t kPredictedContext = 192;
 
   std::span<const uint8_t> old_;
   std::span<const uint8_t> payload_;
