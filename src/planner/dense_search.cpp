@@ -15,7 +15,7 @@
 namespace kelvane {
 namespace {
 
-constexpr uint32_t kLeastEntry = 24;       // bytes of a copy that goes into the map
+constexpr uint32_t kLeastEntry = 12;       // bytes of a copy that goes into the map
 constexpr size_t kLargeImage = 1U << 20U;  // from here on normal effort makes fewer tries
 constexpr uint32_t kFirstBlockBits = 60;
 
