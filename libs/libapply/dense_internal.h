@@ -30,7 +30,7 @@ enum kelvane_dense_context {
   KELVANE_DENSE_C_MASK,             // trees: bytes that change, of 2 and (one further) of 4
   KELVANE_DENSE_C_CHOICE = 17,      // trees by kind: one of the last differences, or how it is told
   KELVANE_DENSE_C_DIFFERENCE = 27,  // signed numbers by kind
-  KELVANE_DENSE_C_PREDICTED = 192,  // flags by class and outcomes, 64 for a class
+  KELVANE_DENSE_C_PREDICTED = 213,  // flags by class and outcomes, 64 for a class
   KELVANE_DENSE_M_GAP = 1,          // number: target from the end of the last one
   KELVANE_DENSE_M_PLACE,            // tree: source, see kelvane_dense_read_map
   KELVANE_DENSE_M_SOURCE,           // signed number: source from where it was expected

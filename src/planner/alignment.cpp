@@ -375,7 +375,7 @@ std::vector<shift_stretch> aligner::run() {
     }
     if (difference < std::min(at + kSightBytes, words_end)) {
       propose_strings(at);
-      if (at >= next_near_) {
+      if (settings_.proposes_on_grid ? at % kPoorFitStep == 0 : at >= next_near_) {
         propose_near(at);
       }
     }

@@ -52,6 +52,9 @@ struct alignment_settings {
   uint32_t stored_word_bits = 40;
   uint32_t enter_stored_bits = 70;  // address and size of a compressed store
   uint32_t enter_zero_bits = 2;     // going over to shift 0, which needs no block
+  // Proposals where the best state fits badly are made at every multiple of 32 bytes, in vain or
+  // not: slower, and it finds tables that else are missed.
+  bool proposes_on_grid = false;
   // Shifts to keep alive throughout: shift 0 not among them, 12 at most.
   std::vector<int64_t> kept_shifts;
 };

@@ -115,6 +115,7 @@ std::vector<shift_stretch> search::align(const dense_options& options,
   alignment_settings alignment;
   alignment.block_bits = settings.block_bits;
   alignment.stored_word_bits = settings.stored_word_bits;
+  alignment.proposes_on_grid = true;
   alignment.enter_stored_bits = 20;
   alignment.enter_zero_bits = settings.block_bits;
   alignment.kept_shifts.assign(kept_shifts.begin(), kept_shifts.end());

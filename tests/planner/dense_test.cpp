@@ -60,13 +60,13 @@ const MachineCase kMachineCases[] = {
   {"thumb",      {KELVANE_DENSE_THUMB,   kLittle, kLittle, 0x08004000}, 142},
   {"thumb_be",   {KELVANE_DENSE_THUMB,   kBig,    kBig,    0x00100000}, 135},
   {"thumb_be8",  {KELVANE_DENSE_THUMB,   kLittle, kBig,    0x00100000}, 133},
-  {"arm",        {KELVANE_DENSE_ARM,     kLittle, kLittle, 0x00010000}, 155},
+  {"arm",        {KELVANE_DENSE_ARM,     kLittle, kLittle, 0x00010000}, 156},
   {"arm_be8",    {KELVANE_DENSE_ARM,     kLittle, kBig,    0x00010000}, 157},
   {"powerpc",    {KELVANE_DENSE_POWERPC, kBig,    kBig,    0x00FF8000}, 163},
-  {"powerpc_le", {KELVANE_DENSE_POWERPC, kLittle, kLittle, 0x10000000}, 162},
+  {"powerpc_le", {KELVANE_DENSE_POWERPC, kLittle, kLittle, 0x10000000}, 163},
   {"mips",       {KELVANE_DENSE_MIPS,    kBig,    kBig,    0x9FC00000}, 158},
-  {"mips_le",    {KELVANE_DENSE_MIPS,    kLittle, kLittle, 0x80000000}, 161},
-  {"riscv",      {KELVANE_DENSE_RISCV,   kLittle, kLittle, 0x20400000}, 198},
+  {"mips_le",    {KELVANE_DENSE_MIPS,    kLittle, kLittle, 0x80000000}, 162},
+  {"riscv",      {KELVANE_DENSE_RISCV,   kLittle, kLittle, 0x20400000}, 199},
 };
 // clang-format on
 

@@ -841,7 +841,7 @@ class PlainDecoder {
     return token.length;
   }
 
-  static constexpr uint32_t kPredictedContext = 192;
+  static constexpr uint32_t kPredictedContext = 213;
 
   std::span<const uint8_t> old_;
   std::span<const uint8_t> payload_;
