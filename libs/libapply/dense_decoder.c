@@ -114,8 +114,12 @@ int kelvane_dense_open(kelvane_dense_decoder* decoder, const kelvane_dense_input
   if (code == KELVANE_DENSE_OK && decoder->info.map_entries > map_size / 14u) {
     code = KELVANE_DENSE_NO_ROOM;
   }
-  decoder->entries = (kelvane_dense_entry*)map;
-  decoder->by_source = (uint16_t*)(void*)(decoder->entries + decoder->info.map_entries);
+  decoder->entries = 0;
+  decoder->by_source = 0;
+  if (code == KELVANE_DENSE_OK && decoder->info.map_entries != 0) {
+    decoder->entries = (kelvane_dense_entry*)map;
+    decoder->by_source = (uint16_t*)(void*)(decoder->entries + decoder->info.map_entries);
+  }
   *info = decoder->info;
   return code;
 }

@@ -187,6 +187,15 @@ uint32_t kelvane_dense_moved(const kelvane_dense_decoder* decoder, uint32_t addr
 
 // ---- References
 
+// With one machine built in, the tests of the others fall away.
+#define KELVANE_DENSE_IS(decoder, MACHINE) \
+  (KELVANE_DENSE_WITH_##MACHINE && (decoder)->info.machine == KELVANE_DENSE_##MACHINE)
+
+static inline uint32_t kelvane_dense_sign_extended(uint32_t value, unsigned bits) {
+  const uint32_t sign = 1u << (bits - 1);
+  return ((value & (2 * sign - 1)) ^ sign) - sign;
+}
+
 // Old bytes as a value of `length` bytes.
 uint32_t kelvane_dense_old_value(kelvane_dense_decoder* decoder, uint32_t address, uint32_t length,
                                  uint32_t flip);

@@ -11,17 +11,8 @@
 #define LOOK_AHEAD_COUNT 12u   // and instructions
 #define PAIR_AHEAD 40u         // bytes behind a MOVW in which its MOVT is looked for
 
-// With one machine built in, the tests of the others fall away.
-#define IS(decoder, MACHINE) \
-  (KELVANE_DENSE_WITH_##MACHINE && (decoder)->info.machine == KELVANE_DENSE_##MACHINE)
-
-static uint32_t sign_extended(uint32_t value, unsigned bits) {
-  const uint32_t sign = 1u << (bits - 1);
-  return ((value & (2 * sign - 1)) ^ sign) - sign;
-}
-
 static uint32_t code_flip(const kelvane_dense_decoder* decoder) {
-  return decoder->info.code_big_endian ? 3 : IS(decoder, THUMB) ? 2 : 0;
+  return decoder->info.code_big_endian ? 3 : KELVANE_DENSE_IS(decoder, THUMB) ? 2 : 0;
 }
 
 uint32_t kelvane_dense_old_value(kelvane_dense_decoder* decoder, uint32_t address, uint32_t length,
@@ -73,115 +64,6 @@ static void find_target(const kelvane_dense_decoder* decoder, kelvane_dense_toke
 
 // ---- Branches and calls
 
-static int thumb_target(uint32_t instruction, uint32_t place, uint32_t* target) {
-  const uint32_t first = instruction >> 16;
-  const uint32_t second = instruction & 0xFFFFu;
-  const uint32_t sign = first >> 10 & 1u;
-  if ((first & 0xF800u) != 0xF000u) {
-    return 0;
-  }
-  if ((second & 0xD000u) == 0x8000u) {  // B.W with a condition
-    if ((first & 0x380u) == 0x380u) {
-      return 0;
-    }
-    const uint32_t field = sign << 20 | (second >> 11 & 1u) << 19 | (second >> 13 & 1u) << 18 |
-                           (first & 63u) << 12 | (second & 0x7FFu) << 1;
-    *target = place + 4 + sign_extended(field, 21);
-    return 2;
-  }
-  if (!(second & 0x8000u)) {
-    return 0;
-  }
-  const uint32_t field = sign << 24 | (1 ^ (second >> 13 & 1u) ^ sign) << 23 |
-                         (1 ^ (second >> 11 & 1u) ^ sign) << 22 | (first & 0x3FFu) << 12 |
-                         (second & 0x7FFu) << 1;
-  const int exchanges = (second & 0x5000u) == 0x4000u;
-  *target = (exchanges ? place & ~3u : place) + 4 + sign_extended(field, 25);
-  return 1;
-}
-
-static uint32_t thumb_to(uint32_t instruction, uint32_t place, uint32_t target, int form) {
-  const int exchanges = form == 1 && (instruction & 0x5000u) == 0x4000u;
-  const uint32_t field = target - 4 - (exchanges ? place & ~3u : place);
-  const uint32_t sign = field >> 31;
-  if (form == 2) {
-    return (instruction & 0xFBC0D000u) | sign << 26 | (field >> 12 & 63u) << 16 |
-           (field >> 18 & 1u) << 13 | (field >> 19 & 1u) << 11 | (field >> 1 & 0x7FFu);
-  }
-  return (instruction & 0xF800D000u) | sign << 26 | (field >> 12 & 0x3FFu) << 16 |
-         (1 ^ (field >> 23 & 1u) ^ sign) << 13 | (1 ^ (field >> 22 & 1u) ^ sign) << 11 |
-         (field >> 1 & 0x7FFu);
-}
-
-static int riscv_target(uint32_t instruction, uint32_t place, uint32_t* target) {
-  if ((instruction & 0x7Fu) == 0x6Fu) {  // JAL
-    const uint32_t field = (instruction >> 31) << 20 | (instruction >> 12 & 0xFFu) << 12 |
-                           (instruction >> 20 & 1u) << 11 | (instruction >> 21 & 0x3FFu) << 1;
-    *target = place + sign_extended(field, 21);
-    return 1;
-  }
-  if ((instruction & 0x7Fu) == 0x63u) {  // BEQ and so on
-    const uint32_t field = (instruction >> 31) << 12 | (instruction >> 7 & 1u) << 11 |
-                           (instruction >> 25 & 0x3Fu) << 5 | (instruction >> 8 & 15u) << 1;
-    *target = place + sign_extended(field, 13);
-    return 2;
-  }
-  return 0;
-}
-
-static uint32_t riscv_to(uint32_t instruction, uint32_t field, int form) {
-  if (form == 1) {
-    return (instruction & 0xFFFu) | (field >> 20 & 1u) << 31 | (field >> 1 & 0x3FFu) << 21 |
-           (field >> 11 & 1u) << 20 | (field >> 12 & 0xFFu) << 12;
-  }
-  return (instruction & 0x01FFF07Fu) | (field >> 12 & 1u) << 31 | (field >> 5 & 0x3Fu) << 25 |
-         (field >> 1 & 15u) << 8 | (field >> 11 & 1u) << 7;
-}
-
-int kelvane_dense_branch_target(const kelvane_dense_decoder* decoder, uint32_t instruction,
-                                uint32_t place, uint32_t* target) {
-  if (IS(decoder, THUMB)) {
-    return thumb_target(instruction, place, target);
-  }
-  if (IS(decoder, ARM) && (instruction & 0x0E000000u) == 0x0A000000u) {
-    *target = place + 8 + sign_extended(instruction << 2, 26);
-    return 1;
-  }
-  if (IS(decoder, POWERPC) && !(instruction & 2u)) {
-    if (instruction >> 26 == 18) {
-      *target = place + sign_extended(instruction & 0x3FFFFFCu, 26);
-      return 1;
-    }
-    if (instruction >> 26 == 16) {
-      *target = place + sign_extended(instruction & 0xFFFCu, 16);
-      return 2;
-    }
-  }
-  if (IS(decoder, MIPS) && instruction >> 27 == 1) {
-    *target = (decoder->info.base & 0xF0000000u) | (instruction & 0x3FFFFFFu) << 2;
-    return 1;
-  }
-  return IS(decoder, RISCV) ? riscv_target(instruction, place, target) : 0;
-}
-
-uint32_t kelvane_dense_branch_to(const kelvane_dense_decoder* decoder, uint32_t instruction,
-                                 uint32_t place, uint32_t target, int form) {
-  if (IS(decoder, THUMB)) {
-    return thumb_to(instruction, place, target, form);
-  }
-  if (IS(decoder, ARM)) {
-    return (instruction & 0xFF000000u) | ((target - place - 8) >> 2 & 0xFFFFFFu);
-  }
-  if (IS(decoder, POWERPC)) {
-    const uint32_t field = form == 1 ? 0x3FFFFFCu : 0xFFFCu;
-    return (instruction & ~field) | ((target - place) & field);
-  }
-  if (IS(decoder, MIPS)) {
-    return (instruction & 0xFC000000u) | (target >> 2 & 0x3FFFFFFu);
-  }
-  return IS(decoder, RISCV) ? riscv_to(instruction, target - place, form) : instruction;
-}
-
 static int take_branch(kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t source,
                        uint32_t position, kelvane_dense_token* token) {
   const uint32_t base = decoder->info.base;
@@ -204,22 +86,23 @@ static int take_branch(kelvane_dense_decoder* decoder, uint32_t instruction, uin
 
 static uint32_t move_half(const kelvane_dense_decoder* decoder, uint32_t instruction) {
   const uint32_t top = instruction >> 4 & 0xF000u;
-  return IS(decoder, THUMB) ? top | (instruction >> 15 & 0x800u) | (instruction >> 4 & 0x700u) |
-                                  (instruction & 0xFFu)
-                            : top | (instruction & 0xFFFu);
+  return KELVANE_DENSE_IS(decoder, THUMB) ? top | (instruction >> 15 & 0x800u) |
+                                                (instruction >> 4 & 0x700u) | (instruction & 0xFFu)
+                                          : top | (instruction & 0xFFFu);
 }
 
 static uint32_t move_with(const kelvane_dense_decoder* decoder, uint32_t instruction,
                           uint32_t half) {
   const uint32_t top = (half & 0xF000u) << 4;
-  return IS(decoder, THUMB) ? (instruction & 0xFBF08F00u) | top | (half & 0x800u) << 15 |
-                                  (half & 0x700u) << 4 | (half & 0xFFu)
-                            : (instruction & 0xFFF0F000u) | top | (half & 0xFFFu);
+  return KELVANE_DENSE_IS(decoder, THUMB)
+             ? (instruction & 0xFBF08F00u) | top | (half & 0x800u) << 15 | (half & 0x700u) << 4 |
+                   (half & 0xFFu)
+             : (instruction & 0xFFF0F000u) | top | (half & 0xFFFu);
 }
 
 // Gives 1 for MOVW, 2 for MOVT.
 static int move_kind(const kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t* target) {
-  if (IS(decoder, THUMB)) {
+  if (KELVANE_DENSE_IS(decoder, THUMB)) {
     const uint32_t opcode = instruction & 0xFBF08000u;
     *target = instruction >> 8 & 15u;
     return opcode == 0xF2400000u ? 1 : opcode == 0xF2C00000u ? 2 : 0;
@@ -239,7 +122,7 @@ static int take_move(kelvane_dense_decoder* decoder, uint32_t instruction, uint3
   }
   const uint32_t half = move_half(decoder, instruction);
   if (kind == 1) {
-    const uint32_t step = IS(decoder, THUMB) ? 2 : 4;
+    const uint32_t step = KELVANE_DENSE_IS(decoder, THUMB) ? 2 : 4;
     const uint32_t limit = left < PAIR_AHEAD ? left : PAIR_AHEAD;
     registers[number] = KELVANE_DENSE_UNKNOWN;
     for (uint32_t k = 4; k + 4 <= limit; k += step) {
@@ -274,7 +157,7 @@ static int take_move(kelvane_dense_decoder* decoder, uint32_t instruction, uint3
 
 // The register that an instruction loads with an upper half.
 static uint32_t upper_register(const kelvane_dense_decoder* decoder, uint32_t instruction) {
-  if (IS(decoder, RISCV)) {
+  if (KELVANE_DENSE_IS(decoder, RISCV)) {
     const uint32_t opcode = instruction & 0x7Fu;
     const uint32_t number = instruction >> 7 & 31u;
     return (opcode == 0x37u || opcode == 0x17u) && number != 0 ? number : NO_REGISTER;
@@ -282,7 +165,7 @@ static uint32_t upper_register(const kelvane_dense_decoder* decoder, uint32_t in
   if (instruction >> 26 != 15) {
     return NO_REGISTER;
   }
-  if (IS(decoder, MIPS)) {
+  if (KELVANE_DENSE_IS(decoder, MIPS)) {
     return instruction >> 16 & 31u;
   }
   return (instruction >> 16 & 31u) == 0 ? instruction >> 21 & 31u : NO_REGISTER;
@@ -291,7 +174,7 @@ static uint32_t upper_register(const kelvane_dense_decoder* decoder, uint32_t in
 // What it loads, at target address `place`.
 static uint32_t upper_value(const kelvane_dense_decoder* decoder, uint32_t instruction,
                             uint32_t place) {
-  if (!IS(decoder, RISCV)) {
+  if (!KELVANE_DENSE_IS(decoder, RISCV)) {
     return instruction << 16;
   }
   return (instruction & 0xFFFFF000u) + ((instruction & 0x7Fu) == 0x17u ? place : 0);
@@ -306,7 +189,7 @@ static int lower_form_of(const kelvane_dense_decoder* decoder, uint32_t instruct
   const uint32_t opcode = instruction >> 26;
   const uint32_t first = instruction >> 21 & 31u;
   const uint32_t second = instruction >> 16 & 31u;
-  if (IS(decoder, RISCV)) {
+  if (KELVANE_DENSE_IS(decoder, RISCV)) {
     const uint32_t low = instruction & 0x7Fu;
     const int is_store = low == 0x23u || low == 0x27u;
     const int is_addition = (low == 0x13u || low == 0x1Bu) && !(instruction & 0x7000u);
@@ -317,7 +200,7 @@ static int lower_form_of(const kelvane_dense_decoder* decoder, uint32_t instruct
            : is_addition || is_load || low == 0x07u ? LOWER_SIGNED
                                                     : NOT_LOWER;
   }
-  if (IS(decoder, MIPS)) {
+  if (KELVANE_DENSE_IS(decoder, MIPS)) {
     *from = first;
     *loaded = opcode < 40 ? second : NO_REGISTER;
     return opcode == 13 ? LOWER_UNSIGNED : opcode == 9 || opcode >= 32 ? LOWER_SIGNED : NOT_LOWER;
@@ -333,17 +216,19 @@ static int lower_form_of(const kelvane_dense_decoder* decoder, uint32_t instruct
 }
 
 static uint32_t lower_value(const kelvane_dense_decoder* decoder, uint32_t instruction, int form) {
-  if (IS(decoder, RISCV)) {
-    return sign_extended(form == LOWER_STORE ? (instruction >> 25) << 5 | (instruction >> 7 & 31u)
-                                             : instruction >> 20,
-                         12);
+  if (KELVANE_DENSE_IS(decoder, RISCV)) {
+    return kelvane_dense_sign_extended(form == LOWER_STORE
+                                           ? (instruction >> 25) << 5 | (instruction >> 7 & 31u)
+                                           : instruction >> 20,
+                                       12);
   }
-  return form == LOWER_UNSIGNED ? instruction & 0xFFFFu : sign_extended(instruction, 16);
+  return form == LOWER_UNSIGNED ? instruction & 0xFFFFu
+                                : kelvane_dense_sign_extended(instruction, 16);
 }
 
 static uint32_t with_lower(const kelvane_dense_decoder* decoder, uint32_t instruction, int form,
                            uint32_t target, uint32_t upper) {
-  if (!IS(decoder, RISCV)) {
+  if (!KELVANE_DENSE_IS(decoder, RISCV)) {
     return (instruction & 0xFFFF0000u) | (target & 0xFFFFu);
   }
   const uint32_t field = target - upper;
@@ -354,7 +239,7 @@ static uint32_t with_lower(const kelvane_dense_decoder* decoder, uint32_t instru
 
 static uint32_t with_upper(const kelvane_dense_decoder* decoder, uint32_t instruction, int form,
                            uint32_t target, uint32_t place) {
-  if (IS(decoder, RISCV)) {
+  if (KELVANE_DENSE_IS(decoder, RISCV)) {
     const uint32_t value = target - ((instruction & 0x7Fu) == 0x17u ? place : 0);
     return (instruction & 0xFFFu) | ((value + 0x800u) & 0xFFFFF000u);
   }
@@ -373,7 +258,7 @@ static int take_upper(kelvane_dense_decoder* decoder, uint32_t number, uint32_t 
     const uint32_t other = old_code(decoder, source + at);
     uint32_t from;
     uint32_t loaded;
-    if (IS(decoder, RISCV) && (other & 3u) != 3) {
+    if (KELVANE_DENSE_IS(decoder, RISCV) && (other & 3u) != 3) {
       at += 2;
       continue;
     }
@@ -416,7 +301,8 @@ static int take_lower(kelvane_dense_decoder* decoder, kelvane_dense_token* token
 }
 
 static int has_halves(const kelvane_dense_decoder* decoder) {
-  return IS(decoder, POWERPC) || IS(decoder, MIPS) || IS(decoder, RISCV);
+  return KELVANE_DENSE_IS(decoder, POWERPC) || KELVANE_DENSE_IS(decoder, MIPS) ||
+         KELVANE_DENSE_IS(decoder, RISCV);
 }
 
 static int take_half_address(kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t source,
@@ -488,7 +374,8 @@ static void take_half(kelvane_dense_decoder* decoder, uint32_t source, uint32_t 
   token->old_value = kelvane_dense_old_value(decoder, source, 2, token->flip);
   token->predicted = token->old_value;
   const uint32_t opcode = token->old_value & 0xF800u;
-  if (IS(decoder, THUMB) && (opcode == 0x4800u || opcode == 0xA000u)) {  // LDR literal, ADR
+  if (KELVANE_DENSE_IS(decoder, THUMB) &&
+      (opcode == 0x4800u || opcode == 0xA000u)) {  // LDR literal, ADR
     token->kind = KELVANE_DENSE_POOL;
     token->address = decoder->info.base + ((source + 4) & ~3u) + (token->old_value & 0xFFu) * 4;
     find_target(decoder, token);
@@ -511,8 +398,8 @@ static void take_half(kelvane_dense_decoder* decoder, uint32_t source, uint32_t 
 static void classify_halves(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
                             uint32_t left, kelvane_dense_token* token) {
   const int is_word_place = left >= 4 && !((source | position) & 3u);
-  const int is_tail = IS(decoder, RISCV) && decoder->state.model.tail == source;
-  if (left >= 4 && IS(decoder, THUMB)) {
+  const int is_tail = KELVANE_DENSE_IS(decoder, RISCV) && decoder->state.model.tail == source;
+  if (left >= 4 && KELVANE_DENSE_IS(decoder, THUMB)) {
     const uint32_t instruction = old_code(decoder, source);
     if (take_move(decoder, instruction, source, left, token) ||
         take_branch(decoder, instruction, source, position, token)) {
@@ -526,7 +413,7 @@ static void classify_halves(kelvane_dense_decoder* decoder, uint32_t source, uin
       return;
     }
   }
-  if (left >= 4 && IS(decoder, RISCV) && !is_tail) {
+  if (left >= 4 && KELVANE_DENSE_IS(decoder, RISCV) && !is_tail) {
     const uint32_t instruction = old_code(decoder, source);
     if ((instruction & 3u) == 3) {
       if (take_branch(decoder, instruction, source, position, token) ||
@@ -559,7 +446,7 @@ static void classify_words(kelvane_dense_decoder* decoder, uint32_t source, uint
     const uint32_t instruction = decoder->info.code_big_endian == decoder->info.data_big_endian
                                      ? token->old_value
                                      : old_code(decoder, source);
-    if ((IS(decoder, ARM) && take_move(decoder, instruction, source, left, token)) ||
+    if ((KELVANE_DENSE_IS(decoder, ARM) && take_move(decoder, instruction, source, left, token)) ||
         take_branch(decoder, instruction, source, position, token) ||
         (has_halves(decoder) &&
          take_half_address(decoder, instruction, source, position, left, token))) {
@@ -578,7 +465,8 @@ void kelvane_dense_classify(kelvane_dense_decoder* decoder, uint32_t source, uin
   token->learned = 0;
   token->length = 4;
   token->kind = KELVANE_DENSE_WORD;
-  if ((IS(decoder, THUMB) || IS(decoder, RISCV)) && left >= 2 && !(unaligned & 1u)) {
+  if ((KELVANE_DENSE_IS(decoder, THUMB) || KELVANE_DENSE_IS(decoder, RISCV)) && left >= 2 &&
+      !(unaligned & 1u)) {
     classify_halves(decoder, source, position, left, token);
   } else if (left >= 4 && !(unaligned & 3u)) {
     classify_words(decoder, source, position, left, token);

@@ -244,7 +244,7 @@ void payload_writer::write_value(const kelvane_dense_token& token, uint32_t posi
   uint32_t mask = 0;
   uint32_t byte_bits = 4;  // about what changed bytes take
   for (uint32_t k = 0; k < token.length; ++k) {
-    if (((value ^ token.old_value) >> 8 * (k ^ token.flip) & 0xFFU) != 0) {
+    if (((value ^ token.old_value) >> 8 * (k ^ token.flip)) % 256 != 0) {
       mask |= 1U << k;
       byte_bits += 7;
     }
