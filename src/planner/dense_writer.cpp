@@ -216,7 +216,7 @@ void payload_writer::write_items(uint32_t end) {
 uint32_t payload_writer::new_value(uint32_t position, const kelvane_dense_token& token) const {
   uint32_t value = 0;
   for (uint32_t k = 0; k < token.length; ++k) {
-    value |= static_cast<uint32_t>(images_.new_image[position + k]) << 8 * (k ^ token.flip);
+    value += uint32_t{images_.new_image[position + k]} << 8 * (k ^ token.flip);
   }
   return value;
 }
