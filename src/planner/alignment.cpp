@@ -9,8 +9,6 @@
 namespace kelvane {
 namespace {
 
-constexpr uint32_t kEnterZeroBits = 2;     // shift 0 needs no block
-constexpr uint32_t kEnterStoredBits = 70;  // address and size of a compressed store
 constexpr size_t kFoundStates = 28;
 constexpr size_t kKeptShifts = 12;
 constexpr int64_t kSightBytes = 64;
@@ -57,7 +55,9 @@ class aligner {
 
  private:
   uint64_t entry_bits(int64_t shift) const {
-    return shift == 0 ? kEnterZeroBits : shift == kStoredShift ? kEnterStoredBits : block_bits_;
+    return shift == 0              ? settings_.enter_zero_bits
+           : shift == kStoredShift ? settings_.enter_stored_bits
+                                   : settings_.block_bits;
   }
   int32_t record_of(state& entered_from);
   void clamp_to_best(int64_t at);
@@ -78,7 +78,7 @@ class aligner {
   const uint8_t* new_;
   int64_t old_size_;
   int64_t new_size_;
-  uint32_t block_bits_;
+  const alignment_settings& settings_;
   std::vector<state> states_;
   size_t fixed_states_ = 0;
   size_t best_ = 0;
@@ -101,13 +101,13 @@ aligner::aligner(const alignment_input& input, const alignment_settings& setting
       new_(input.images.new_image.data()),
       old_size_(static_cast<int64_t>(input.images.old_image.size())),
       new_size_(static_cast<int64_t>(input.images.new_image.size())),
-      block_bits_(settings.block_bits) {
+      settings_(settings) {
   states_.push_back({});
   if (settings.stored_word_bits != 0) {
-    states_.push_back({.shift = kStoredShift, .cost = kEnterStoredBits});
+    states_.push_back({.shift = kStoredShift, .cost = settings.enter_stored_bits});
   }
   for (const int64_t shift : settings.kept_shifts) {
-    states_.push_back({.shift = shift, .cost = block_bits_});
+    states_.push_back({.shift = shift, .cost = settings.block_bits});
   }
   fixed_states_ = states_.size();
 }
@@ -375,7 +375,7 @@ std::vector<shift_stretch> aligner::run() {
     }
     if (difference < std::min(at + kSightBytes, words_end)) {
       propose_strings(at);
-      if (at >= next_near_) {
+      if (settings_.proposes_on_grid ? at % kPoorFitStep == 0 : at >= next_near_) {
         propose_near(at);
       }
     }

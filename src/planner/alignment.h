@@ -47,11 +47,31 @@ struct alignment_settings {
   // Going over to another shift: 110 is a block of 12 bytes and a bit. Where blocks are in each
   // other's way they cost more than their bytes, and 240 is better.
   uint32_t block_bits = 240;
-  // A stored word, and going over to storing. 0: there is no such state, for a format without
+  // A stored word. 0: there is no such state, for a format without
   // compression, where words are stored one by one.
   uint32_t stored_word_bits = 40;
+  uint32_t enter_stored_bits = 70;  // address and size of a compressed store
+  uint32_t enter_zero_bits = 2;     // going over to shift 0, which needs no block
+  // Proposals where the best state fits badly are made at every multiple of 32 bytes, in vain or
+  // not: slower, and it finds tables that else are missed.
+  bool proposes_on_grid = false;
   // Shifts to keep alive throughout: shift 0 not among them, 12 at most.
   std::vector<int64_t> kept_shifts;
+};
+
+// Costs of another format, in place of those of a patch.
+class word_pricing {
+ public:
+  virtual ~word_pricing() = default;
+  // Bits of the word at `at` of the new image, which has 4 bytes there, if it comes from `place`,
+  // which may lie outside the old image. `after_miss` tells whether the word before was not
+  // foreseen, and is set to whether this one was not.
+  virtual uint32_t word(int64_t place, int64_t at, bool& after_miss) = 0;
+
+ protected:
+  word_pricing() = default;
+  word_pricing(const word_pricing&) = default;
+  word_pricing& operator=(const word_pricing&) = default;
 };
 
 // What the alignment looks at; all of it stays the caller's.
@@ -60,7 +80,8 @@ struct alignment_input {
   ByteOrder order = ByteOrder::kLittle;
   const string_seeds* strings = nullptr;
   const difference_seeds* differences = nullptr;
-  const class_prices* prices = nullptr;
+  const class_prices* prices = nullptr;  // not used with a pricing of its own
+  word_pricing* pricing = nullptr;       // null: as in a patch
 };
 
 // Gives stretches that follow each other, from 0 to the end of the new image; neighbours differ in

@@ -33,6 +33,7 @@ class word_costs {
         new_size_(static_cast<int64_t>(input.images.new_image.size())),
         order_(input.order),
         prices_(*input.prices),
+        pricing_(input.pricing),
         stored_word_bits_(stored_word_bits) {}
 
   // Of the word at `at` of the new image, which has 4 bytes there. `after_store` tells whether the
@@ -43,6 +44,9 @@ class word_costs {
       return stored_word_bits_;
     }
     const int64_t place = at - shift;
+    if (pricing_ != nullptr) {
+      return pricing_->word(place, at, after_store);
+    }
     if (place < 0 || place + 4 > old_size_) {
       after_store = true;
       return kOutsideBits;
@@ -91,6 +95,7 @@ class word_costs {
   int64_t new_size_;
   ByteOrder order_;
   const class_prices& prices_;
+  word_pricing* pricing_;
   uint32_t stored_word_bits_;
 };
 

@@ -1,0 +1,411 @@
+// SPDX-License-Identifier: Apache-2.0
+// The way through a payload: header, map, then commands, each some literals and a copy.
+
+#include "dense_decoder.h"
+
+#include "dense_internal.h"
+
+#define VERSION 1u
+#define LARGEST_IMAGE 0x7FFFFFFFu
+
+// ---- The header
+
+typedef struct header_reader {
+  const kelvane_dense_input* input;
+  uint32_t position;
+  int failed;
+} header_reader;
+
+static uint32_t header_byte(header_reader* reader) {
+  uint8_t byte = 0;
+  if (reader->position >= reader->input->payload_size) {
+    reader->failed = reader->failed != 0 ? reader->failed : KELVANE_DENSE_BAD_HEADER;
+  } else if (reader->failed == 0) {
+    reader->failed =
+        reader->input->read_payload(reader->input->context, reader->position, &byte, 1);
+  }
+  reader->position++;
+  return byte;
+}
+
+static uint32_t header_word(header_reader* reader) {
+  uint32_t word = 0;
+  for (unsigned i = 0; i < 4; ++i) {
+    word |= header_byte(reader) << 8 * i;
+  }
+  return word;
+}
+
+// Seven bits a byte, the least first; bit 7 says that more follow.
+static uint32_t header_number(header_reader* reader) {
+  uint32_t number = 0;
+  for (unsigned shift = 0; shift < 35; shift += 7) {
+    const uint32_t byte = header_byte(reader);
+    if (shift == 28 && byte > 15) {
+      break;
+    }
+    number |= (byte & 127u) << shift;
+    if (byte < 128) {
+      return number;
+    }
+  }
+  reader->failed = reader->failed != 0 ? reader->failed : KELVANE_DENSE_BAD_HEADER;
+  return 0;
+}
+
+static int has_machine(uint32_t machine) {
+  switch (machine) {
+    case KELVANE_DENSE_NONE:
+      return 1;
+    case KELVANE_DENSE_THUMB:
+      return KELVANE_DENSE_WITH_THUMB;
+    case KELVANE_DENSE_ARM:
+      return KELVANE_DENSE_WITH_ARM;
+    case KELVANE_DENSE_POWERPC:
+      return KELVANE_DENSE_WITH_POWERPC;
+    case KELVANE_DENSE_MIPS:
+      return KELVANE_DENSE_WITH_MIPS;
+    case KELVANE_DENSE_RISCV:
+      return KELVANE_DENSE_WITH_RISCV;
+    default:
+      return 0;
+  }
+}
+
+static int read_header(const kelvane_dense_input* input, kelvane_dense_info* info) {
+  header_reader reader = {input, 0, 0};
+  const uint32_t largest = input->largest_image != 0 ? input->largest_image : LARGEST_IMAGE;
+  const uint32_t kind = header_byte(&reader);
+  const uint32_t target = header_byte(&reader);
+  info->model = kind >> 4 & 3u;
+  info->reads_new = kind >> 6 & 1u;
+  info->differences = (uint8_t)(kind >> 7);
+  info->machine = target & 7u;
+  info->code_big_endian = target >> 3 & 1u;
+  info->data_big_endian = target >> 4 & 1u;
+  info->old_checksum = header_word(&reader);
+  info->new_checksum = header_word(&reader);
+  info->new_size = header_number(&reader);
+  const uint32_t change = header_number(&reader);
+  info->old_size = info->new_size + (change >> 1 ^ (0u - (change & 1u)));
+  const uint32_t base = header_number(&reader);
+  info->base = base << 4 * (target >> 5);
+  info->map_entries = header_number(&reader);
+  info->header_size = reader.position;
+  if (reader.failed != 0) {
+    return reader.failed;
+  }
+  if ((kind & 15u) != VERSION || info->model > 1 || info->machine >= KELVANE_DENSE_MACHINES ||
+      info->base >> 4 * (target >> 5) != base || info->map_entries > 0xFFFFu) {
+    return KELVANE_DENSE_BAD_HEADER;
+  }
+  if (info->new_size > largest || info->old_size > largest ||
+      info->model > KELVANE_DENSE_LARGEST_MODEL) {
+    return KELVANE_DENSE_NO_ROOM;
+  }
+  return has_machine(info->machine) ? KELVANE_DENSE_OK : KELVANE_DENSE_NO_MACHINE;
+}
+
+int kelvane_dense_open(kelvane_dense_decoder* decoder, const kelvane_dense_input* input, void* map,
+                       uint32_t map_size, kelvane_dense_info* info) {
+  decoder->state.failed = KELVANE_DENSE_BAD_ARGUMENT;
+  decoder->input = input;
+  int code = read_header(input, &decoder->info);
+  if (code == KELVANE_DENSE_OK && decoder->info.map_entries > map_size / 14u) {
+    code = KELVANE_DENSE_NO_ROOM;
+  }
+  decoder->entries = 0;
+  decoder->by_source = 0;
+  if (code == KELVANE_DENSE_OK && decoder->info.map_entries != 0) {
+    decoder->entries = (kelvane_dense_entry*)map;
+    decoder->by_source = (uint16_t*)(void*)(decoder->entries + decoder->info.map_entries);
+  }
+  *info = decoder->info;
+  return code;
+}
+
+static int read_map(kelvane_dense_decoder* decoder) {
+  for (uint32_t i = 0; i < KELVANE_DENSE_MAP_COUNTERS; ++i) {
+    decoder->map_counters[i] = KELVANE_DENSE_EVEN;
+  }
+  decoder->entry_count = 0;
+  kelvane_dense_start_coder(decoder);
+  return kelvane_dense_read_map(decoder);
+}
+
+int kelvane_dense_restart(kelvane_dense_decoder* decoder) {
+  kelvane_dense_fill(&decoder->state, 0, sizeof decoder->state);
+  kelvane_dense_reset_model(decoder);
+  return read_map(decoder);
+}
+
+int kelvane_dense_resume(kelvane_dense_decoder* decoder) {
+  const kelvane_dense_coder coder = decoder->state.coder;
+  const int code = read_map(decoder);
+  decoder->state.coder = coder;
+  return code;
+}
+
+// ---- Commands
+
+// The part of a source that is told, not in the map.
+static uint32_t read_source(kelvane_dense_decoder* decoder, uint32_t target) {
+  kelvane_dense_state* state = &decoder->state;
+  const uint32_t choice = kelvane_dense_read_tree(decoder, KELVANE_DENSE_C_SHIFT, 2);
+  return choice < 3
+             ? target - state->model.shifts[choice]
+             : state->source_end + kelvane_dense_read_signed(decoder, KELVANE_DENSE_C_SOURCE);
+}
+
+void kelvane_dense_note_shift(kelvane_dense_model* model, uint32_t shift) {
+  uint32_t k = model->shifts[0] == shift ? 0 : model->shifts[1] == shift ? 1 : 2;
+  for (; k != 0; --k) {
+    model->shifts[k] = model->shifts[k - 1];
+  }
+  model->shifts[0] = shift;
+  model->match_shift = shift;
+}
+
+static void read_command(kelvane_dense_decoder* decoder) {
+  kelvane_dense_state* state = &decoder->state;
+  const uint32_t room = decoder->info.new_size - state->position;
+  uint32_t literals;
+  uint32_t length;
+  uint32_t source = 0;
+  while (state->next_entry < decoder->entry_count &&
+         decoder->entries[state->next_entry].target < state->position) {
+    state->next_entry++;
+  }
+  const kelvane_dense_entry* entry =
+      state->next_entry < decoder->entry_count ? &decoder->entries[state->next_entry] : 0;
+  if (entry != 0 &&
+      kelvane_dense_read_flag(decoder, kelvane_dense_context_of(KELVANE_DENSE_C_ENTRY, 0))) {
+    literals = entry->target - state->position;
+    length = entry->length;
+    source = entry->source;
+  } else {
+    literals = kelvane_dense_read_number(decoder, KELVANE_DENSE_C_LITERALS);
+    length = kelvane_dense_read_number(decoder, KELVANE_DENSE_C_COPY);
+    if (length != 0) {
+      source = read_source(decoder, state->position + literals);
+    }
+  }
+  // No command is empty, and only the last one has no copy.
+  if (literals > room || length > room - literals || (length == 0 && literals != room) ||
+      source > decoder->info.old_size || length > decoder->info.old_size - source) {
+    kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_PAYLOAD);
+    return;
+  }
+  state->literals_end = state->position + literals;
+  state->copy_end = state->literals_end + length;
+  state->source = source;
+}
+
+static void begin_copy(kelvane_dense_state* state) {
+  kelvane_dense_note_shift(&state->model, state->position - state->source);
+  state->source_end = state->source + (state->copy_end - state->position);
+}
+
+static void read_match(kelvane_dense_decoder* decoder) {
+  kelvane_dense_state* state = &decoder->state;
+  kelvane_dense_model* model = &state->model;
+  const uint32_t room = state->literals_end - state->position;
+  const unsigned is_new =
+      kelvane_dense_read_flag(decoder, kelvane_dense_context_of(KELVANE_DENSE_C_MATCH_NEW, 0));
+  const uint32_t rest = kelvane_dense_read_number(decoder, KELVANE_DENSE_C_OLD_LENGTH + is_new);
+  uint32_t from;
+  int is_right = room >= 2 && rest <= room - 2;
+  if (is_new) {
+    uint32_t distance = model->match_distance;
+    if (!kelvane_dense_read_flag(decoder,
+                                 kelvane_dense_context_of(KELVANE_DENSE_C_SAME_DISTANCE, 0))) {
+      distance = kelvane_dense_read_number(decoder, KELVANE_DENSE_C_DISTANCE) + 1;
+    }
+    model->match_distance = distance;
+    from = state->position - distance;
+    is_right = is_right && distance != 0 && distance <= state->position &&
+               decoder->info.reads_new && decoder->input->read_new != 0;
+  } else {
+    from = state->position - model->match_shift;
+    if (!kelvane_dense_read_flag(decoder,
+                                 kelvane_dense_context_of(KELVANE_DENSE_C_SAME_SHIFT, 0))) {
+      from += kelvane_dense_read_signed(decoder, KELVANE_DENSE_C_PLACE);
+    }
+    model->match_shift = state->position - from;
+    is_right =
+        is_right && from <= decoder->info.old_size && rest + 2 <= decoder->info.old_size - from;
+  }
+  if (!is_right) {
+    kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_PAYLOAD);
+    return;
+  }
+  state->match_is_new = (uint8_t)is_new;
+  state->match_from = from;
+  state->match_left = rest + 2;
+}
+
+// ---- Tokens
+
+// Not as predicted: one of the last differences, another one, or the bytes that change.
+static uint32_t read_value(kelvane_dense_decoder* decoder, const kelvane_dense_token* token,
+                           uint32_t position) {
+  const uint32_t place = decoder->info.base + position;
+  uint32_t* const list = decoder->state.model.differences[kelvane_dense_list(token)];
+  const uint32_t choice = kelvane_dense_read_tree(decoder, KELVANE_DENSE_C_CHOICE + token->kind, 3);
+  uint32_t difference;
+  uint32_t value;
+  if (choice == KELVANE_DENSE_CHOICE_BYTES) {
+    const uint32_t mask = kelvane_dense_read_tree(
+        decoder, KELVANE_DENSE_C_MASK + (token->length == 4 ? 1u : 0u), token->length);
+    value = token->old_value;
+    for (uint32_t k = 0; k < token->length; ++k) {
+      if (mask >> k & 1u) {
+        const uint32_t shift = 8 * (k ^ token->flip);
+        value &= ~(0xFFu << shift);
+        value |= (uint32_t)kelvane_dense_read_literal(decoder, position + k) << shift;
+      }
+    }
+    difference = kelvane_dense_difference(token, value);
+    if (token->kind == KELVANE_DENSE_BRANCH) {
+      uint32_t target;
+      difference =
+          kelvane_dense_branch_target(decoder, value, place, &target) ? target - token->target : 0;
+    }
+  } else {
+    difference = choice == KELVANE_DENSE_CHOICE_DIFFERENCE
+                     ? kelvane_dense_read_signed(decoder, KELVANE_DENSE_C_DIFFERENCE + token->kind)
+                     : list[choice];
+    value = token->kind == KELVANE_DENSE_BRANCH
+                ? kelvane_dense_branch_to(decoder, token->old_value, place,
+                                          token->target + difference, token->form)
+                : token->predicted + difference;
+    if (token->length == 2) {
+      value &= 0xFFFFu;
+    }
+  }
+  kelvane_dense_note_difference(list, choice, difference);
+  return value;
+}
+
+void kelvane_dense_note_difference(uint32_t* list, uint32_t choice, uint32_t difference) {
+  if (difference == 0) {
+    return;
+  }
+  for (uint32_t k = choice < KELVANE_DENSE_DIFFERENCES ? choice : KELVANE_DENSE_DIFFERENCES - 1;
+       k != 0; --k) {
+    list[k] = list[k - 1];
+  }
+  list[0] = difference;
+}
+
+static void read_token(kelvane_dense_decoder* decoder) {
+  kelvane_dense_state* state = &decoder->state;
+  kelvane_dense_token token;
+  kelvane_dense_classify(decoder, state->source, state->position, state->copy_end - state->position,
+                         &token);
+  uint32_t value = token.predicted;
+  const unsigned hit =
+      kelvane_dense_read_flag(decoder, kelvane_dense_predicted_context(decoder, &token));
+  if (!hit) {
+    if (token.predicted != token.old_value &&
+        kelvane_dense_read_flag(decoder, kelvane_dense_context_of(KELVANE_DENSE_C_UNCHANGED,
+                                                                  kelvane_dense_class(&token)))) {
+      value = token.old_value;
+    } else if (token.kind == KELVANE_DENSE_BYTE) {
+      value = kelvane_dense_read_literal(decoder, state->position);
+    } else {
+      value = read_value(decoder, &token, state->position);
+    }
+  }
+  kelvane_dense_note(decoder, &token, decoder->info.base + state->position, value, hit);
+  for (uint32_t k = 0; k < token.length; ++k) {
+    state->pending[k] = (uint8_t)(value >> 8 * (k ^ token.flip));
+  }
+  state->pending_count = token.length;
+  state->source += token.length;
+}
+
+// ---- Windows
+
+static uint32_t least(uint32_t first, uint32_t second) {
+  return first < second ? first : second;
+}
+
+static void copy_match(kelvane_dense_decoder* decoder, uint32_t window, uint8_t* bytes,
+                       uint32_t count) {
+  kelvane_dense_state* state = &decoder->state;
+  const kelvane_dense_input* input = decoder->input;
+  uint32_t part = least(count, state->match_left);
+  uint8_t* const out = bytes + (state->position - window);
+  int code = 0;
+  if (!state->match_is_new) {
+    code = input->read_old(input->context, state->match_from, out, part);
+  } else if (state->match_from < window) {
+    part = least(part, window - state->match_from);
+    code = input->read_new(input->context, state->match_from, out, part);
+  } else {
+    for (uint32_t i = 0; i < part; ++i) {
+      out[i] = bytes[state->match_from - window + i];
+    }
+  }
+  if (code != 0) {
+    kelvane_dense_fail(decoder, code);
+  }
+  state->match_left -= part;
+  state->match_from += part;
+  state->position += part;
+}
+
+static void read_literal_or_match(kelvane_dense_decoder* decoder, uint8_t* out) {
+  kelvane_dense_state* state = &decoder->state;
+  const unsigned is_match = kelvane_dense_read_flag(
+      decoder, kelvane_dense_context_of(KELVANE_DENSE_C_MATCH, state->model.matches));
+  state->model.matches = (uint8_t)(((uint32_t)state->model.matches << 1 | is_match) & 7u);
+  if (is_match) {
+    read_match(decoder);
+  } else {
+    *out = kelvane_dense_read_literal(decoder, state->position);
+    state->position++;
+  }
+}
+
+static void take_pending(kelvane_dense_state* state, uint8_t* out) {
+  *out = state->pending[0];
+  state->pending[0] = state->pending[1];
+  state->pending[1] = state->pending[2];
+  state->pending[2] = state->pending[3];
+  state->pending_count--;
+  state->position++;
+}
+
+int kelvane_dense_window(kelvane_dense_decoder* decoder, uint32_t address, uint8_t* bytes,
+                         uint32_t count) {
+  kelvane_dense_state* state = &decoder->state;
+  const uint32_t end = least(decoder->info.new_size, address + count);
+  if (address + count < address ||
+      (address != state->position && state->position != decoder->info.new_size)) {
+    kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_ARGUMENT);
+  }
+  while (state->failed == 0 && state->position < end) {
+    uint8_t* const out = bytes + (state->position - address);
+    if (state->pending_count != 0) {
+      take_pending(state, out);
+    } else if (state->match_left != 0) {
+      copy_match(decoder, address, bytes, end - state->position);
+    } else if (state->position < state->literals_end) {
+      read_literal_or_match(decoder, out);
+    } else if (state->position < state->copy_end) {
+      if (state->position == state->literals_end) {
+        begin_copy(state);
+      }
+      read_token(decoder);
+    } else {
+      read_command(decoder);
+    }
+  }
+  if (state->failed == 0 && address + count > end) {
+    const uint32_t filled = address < end ? end - address : 0;
+    kelvane_dense_fill(bytes + filled, 0xFF, count - filled);
+  }
+  return state->failed;
+}

@@ -1,0 +1,253 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+// What the units of the dense decoder share with each other, and with whoever writes a payload: the
+// counters, the contexts and the prediction of references have to be the same on both sides.
+
+#include "dense_decoder.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// A decision's context is its number here, in bits 8 and up, and what it depends on, below. The map
+// has counters and numbers of its own.
+enum kelvane_dense_context {
+  KELVANE_DENSE_C_ENTRY = 1,   // flag: the next entry of the map comes next
+  KELVANE_DENSE_C_LITERALS,    // number: literals ahead of a copy
+  KELVANE_DENSE_C_COPY,        // number: bytes copied
+  KELVANE_DENSE_C_SHIFT,       // tree: one of the last shifts, or another source
+  KELVANE_DENSE_C_SOURCE,      // signed number: from the end of the last source
+  KELVANE_DENSE_C_MATCH,       // flag by the last three: a match comes next
+  KELVANE_DENSE_C_MATCH_NEW,   // flag: from the new image
+  KELVANE_DENSE_C_OLD_LENGTH,  // numbers: length of a match
+  KELVANE_DENSE_C_NEW_LENGTH,
+  KELVANE_DENSE_C_SAME_DISTANCE,    // flag
+  KELVANE_DENSE_C_DISTANCE,         // number
+  KELVANE_DENSE_C_SAME_SHIFT,       // flag
+  KELVANE_DENSE_C_PLACE,            // signed number: from where the shift points
+  KELVANE_DENSE_C_UNCHANGED,        // flag by the token's class: the old value stays
+  KELVANE_DENSE_C_MASK,             // trees: bytes that change, of 2 and (one further) of 4
+  KELVANE_DENSE_C_CHOICE = 17,      // trees by kind: one of the last differences, or how it is told
+  KELVANE_DENSE_C_DIFFERENCE = 27,  // signed numbers by kind
+  KELVANE_DENSE_C_PREDICTED = 213,  // flags by class and outcomes, 64 for a class
+  KELVANE_DENSE_M_GAP = 1,          // number: target from the end of the last one
+  KELVANE_DENSE_M_PLACE,            // tree: source, see kelvane_dense_read_map
+  KELVANE_DENSE_M_SOURCE,           // signed number: source from where it was expected
+  KELVANE_DENSE_M_WHOLE,            // flag: as long as the hole
+  KELVANE_DENSE_M_LENGTH            // number
+};
+
+// The choices behind "not as predicted": 0 to 5 are the last differences.
+#define KELVANE_DENSE_DIFFERENCES 6u
+#define KELVANE_DENSE_CHOICE_DIFFERENCE 6u
+#define KELVANE_DENSE_CHOICE_BYTES 7u
+
+// The choices of a source in the map: 1 to 6 are the last places left.
+#define KELVANE_DENSE_PLACES 6u
+#define KELVANE_DENSE_PLACE_NUMBER 7u
+
+enum kelvane_dense_kind {
+  KELVANE_DENSE_BYTE,
+  KELVANE_DENSE_HALF,
+  KELVANE_DENSE_WORD,
+  KELVANE_DENSE_ADDRESS,  // a word that is an address in the old image
+  KELVANE_DENSE_BRANCH,   // an instruction with a target
+  KELVANE_DENSE_POOL,     // one that reads a pool of constants nearby
+  KELVANE_DENSE_UPPER,    // one with the upper half of an address
+  KELVANE_DENSE_LOWER,
+  KELVANE_DENSE_DISTANCE,  // a word that is the distance between two places
+  KELVANE_DENSE_KINDS
+};
+
+// A piece of copied bytes that is predicted whole. Values of `length` bytes; the byte at place k of
+// memory holds the 8 bits from bit 8 * (k ^ flip) on.
+typedef struct kelvane_dense_token {
+  uint32_t old_value;
+  uint32_t predicted;
+  uint32_t address;  // what the old value refers to, in target addresses
+  uint32_t target;   // what the new one is expected to refer to
+  uint8_t kind;
+  uint8_t length;
+  uint8_t flip;
+  uint8_t form;     // which field of an instruction, or which register
+  uint8_t learned;  // predicted from what was learned, not by the map
+} kelvane_dense_token;
+
+static inline void kelvane_dense_fill(void* at, uint8_t value, uint32_t count) {
+  uint8_t* const bytes = (uint8_t*)at;
+  for (uint32_t i = 0; i < count; ++i) {
+    bytes[i] = value;
+  }
+}
+
+// A decision's context: its number and what else it depends on.
+static inline uint32_t kelvane_dense_context_of(uint32_t number, uint32_t rest) {
+  return (number << 8) + rest;
+}
+
+// What it depends on in the bits of a number below its top one: its length, the bits read so far.
+static inline uint32_t kelvane_dense_bit_context(uint32_t length, uint32_t number) {
+  return 32 + 4 * length + number;
+}
+
+// ---- Counters: probability of 1 and how often it was asked
+
+// Flags: 22 bits of probability above 10 bits of count, 127 at most.
+static inline uint32_t* kelvane_dense_flag_counter(kelvane_dense_decoder* decoder,
+                                                   uint32_t context) {
+  uint32_t hash = context * 0x9E3779B1u;
+  hash ^= hash >> 15;
+  return decoder->in_map ? &decoder->map_counters[hash >> 24]
+                         : &decoder->state.model.flags[hash >> (23 - decoder->info.model)];
+}
+
+static inline uint32_t kelvane_dense_clamped(uint32_t probability) {
+  return probability < 16 ? 16 : probability > 65520 ? 65520 : probability;
+}
+
+static inline uint32_t kelvane_dense_flag_probability(uint32_t counter) {
+  return kelvane_dense_clamped(counter >> 16);
+}
+
+static inline uint32_t kelvane_dense_flag_after(uint32_t counter, unsigned bit) {
+  const uint32_t count = counter & 1023u;
+  uint32_t probability = counter >> 10;
+  if (bit) {
+    probability += (0x3FFFFFu - probability) / (count + 2);
+  } else {
+    probability -= probability / (count + 2);
+  }
+  return probability << 10 | (count + (count < 127));
+}
+
+// Literals: 12 bits of probability above 4 bits of count, 15 at most.
+static inline uint16_t* kelvane_dense_literal_counter(kelvane_dense_decoder* decoder,
+                                                      uint32_t position, uint32_t node) {
+  return &decoder->state.model
+              .literals[((position & 3u) << 8 | node) & ((512u << decoder->info.model) - 1)];
+}
+
+static inline uint32_t kelvane_dense_literal_probability(uint32_t counter) {
+  return kelvane_dense_clamped(counter & 0xFFF0u);
+}
+
+static inline uint16_t kelvane_dense_literal_after(uint32_t counter, unsigned bit) {
+  const uint32_t count = counter & 15u;
+  uint32_t probability = counter >> 4;
+  if (bit) {
+    probability += (4095u - probability) * 2 / (2 * count + 3);
+  } else {
+    probability -= probability * 2 / (2 * count + 3);
+  }
+  return (uint16_t)(probability << 4 | (count + (count < 15)));
+}
+
+// The part of `range` that stands for 1.
+static inline uint32_t kelvane_dense_bound(uint32_t range, uint32_t probability) {
+  return (range >> 16) * probability + ((range & 0xFFFFu) * probability >> 16);
+}
+
+// A counter that knows nothing, and a register whose contents are not known.
+#define KELVANE_DENSE_EVEN 0x80000000u
+#define KELVANE_DENSE_UNKNOWN 1u
+
+// Puts the model to where a pass begins.
+void kelvane_dense_reset_model(kelvane_dense_decoder* decoder);
+
+// ---- Reading
+
+void kelvane_dense_start_coder(kelvane_dense_decoder* decoder);
+unsigned kelvane_dense_read_flag(kelvane_dense_decoder* decoder, uint32_t context);
+uint32_t kelvane_dense_read_tree(kelvane_dense_decoder* decoder, uint32_t id, unsigned bits);
+uint32_t kelvane_dense_read_number(kelvane_dense_decoder* decoder, uint32_t id);
+uint32_t kelvane_dense_read_signed(kelvane_dense_decoder* decoder, uint32_t id);
+uint8_t kelvane_dense_read_literal(kelvane_dense_decoder* decoder, uint32_t position);
+// Keeps the first failure.
+void kelvane_dense_fail(kelvane_dense_decoder* decoder, int code);
+
+// ---- The map
+
+int kelvane_dense_read_map(kelvane_dense_decoder* decoder);
+// Files entry `number` in the order of sources; entries below it are filed.
+void kelvane_dense_file_entry(kelvane_dense_decoder* decoder, uint32_t number);
+// The first old place from `place` on that no entry filed so far (`count`) has.
+uint32_t kelvane_dense_free_place(const kelvane_dense_decoder* decoder, uint32_t count,
+                                  uint32_t place);
+// What an entry with its source at `place` and its target at `target` is likely to be as long as:
+// up to the next source above or, if there is none, to where the first of the images ends. 0 if
+// there is no room. `*context` is that of the flag which tells whether it is: by what ends it, and
+// whether the source was `expected`.
+uint32_t kelvane_dense_hole_at(const kelvane_dense_decoder* decoder, uint32_t count, uint32_t place,
+                               uint32_t target, int expected, uint32_t* context);
+// Whether an address lies in the old image, or just behind it.
+int kelvane_dense_is_inside(const kelvane_dense_decoder* decoder, uint32_t address);
+// Where what was at `address` of the old image is in the new one.
+uint32_t kelvane_dense_moved(const kelvane_dense_decoder* decoder, uint32_t address);
+
+// ---- References
+
+// With one machine built in, the tests of the others fall away.
+#define KELVANE_DENSE_IS(decoder, MACHINE) \
+  (KELVANE_DENSE_WITH_##MACHINE && (decoder)->info.machine == KELVANE_DENSE_##MACHINE)
+
+static inline uint32_t kelvane_dense_sign_extended(uint32_t value, unsigned bits) {
+  const uint32_t sign = 1u << (bits - 1);
+  return ((value & (2 * sign - 1)) ^ sign) - sign;
+}
+
+// Old bytes as a value of `length` bytes.
+uint32_t kelvane_dense_old_value(kelvane_dense_decoder* decoder, uint32_t address, uint32_t length,
+                                 uint32_t flip);
+// The token of the old bytes at `source`, which go to `position`; `left` bytes of the copy remain.
+// It does not look beyond them.
+void kelvane_dense_classify(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
+                            uint32_t left, kelvane_dense_token* token);
+// The target of an instruction at target address `place`: gives its form, 0 for none.
+int kelvane_dense_branch_target(const kelvane_dense_decoder* decoder, uint32_t instruction,
+                                uint32_t place, uint32_t* target);
+// The instruction with another target.
+uint32_t kelvane_dense_branch_to(const kelvane_dense_decoder* decoder, uint32_t instruction,
+                                 uint32_t place, uint32_t target, int form);
+// The token turned out to be `value`: remembers what follows from that. `place` is the target
+// address of the new bytes, `hit` whether `value` was predicted.
+void kelvane_dense_note(kelvane_dense_decoder* decoder, const kelvane_dense_token* token,
+                        uint32_t place, uint32_t value, unsigned hit);
+// Moves a difference to the front of its list, from `choice` or, if that is none of the list, from
+// outside.
+void kelvane_dense_note_difference(uint32_t* list, uint32_t choice, uint32_t difference);
+
+// Moves a shift to the front of the last ones; matches begin from it.
+void kelvane_dense_note_shift(kelvane_dense_model* model, uint32_t shift);
+
+// What a token's flags depend on.
+static inline uint32_t kelvane_dense_class(const kelvane_dense_token* token) {
+  return token->kind * 4u + (token->predicted != token->old_value ? 2u : 0u) + token->learned;
+}
+
+static inline uint32_t kelvane_dense_predicted_context(const kelvane_dense_decoder* decoder,
+                                                       const kelvane_dense_token* token) {
+  const kelvane_dense_model* model = &decoder->state.model;
+  return kelvane_dense_context_of(KELVANE_DENSE_C_PREDICTED,
+                                  kelvane_dense_class(token) << 6 |
+                                      (model->outcomes_of[token->kind] & 3u) << 3 |
+                                      (model->outcomes & 7u));
+}
+
+// Which list of differences a token uses.
+static inline uint32_t kelvane_dense_list(const kelvane_dense_token* token) {
+  const int is_reference = token->kind == KELVANE_DENSE_ADDRESS ||
+                           token->kind == KELVANE_DENSE_BRANCH ||
+                           token->kind == KELVANE_DENSE_DISTANCE;
+  return is_reference ? 2 : token->length == 2 ? 1 : 0;
+}
+
+// A difference as it stands in the lists: of halves, with its sign.
+static inline uint32_t kelvane_dense_difference(const kelvane_dense_token* token, uint32_t value) {
+  const uint32_t difference = value - token->predicted;
+  return token->length == 2 ? ((difference & 0xFFFFu) ^ 0x8000u) - 0x8000u : difference;
+}
+
+#ifdef __cplusplus
+}
+#endif

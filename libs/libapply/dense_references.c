@@ -1,0 +1,531 @@
+// SPDX-License-Identifier: Apache-2.0
+// What copied bytes refer to, and what they are to become: addresses in data, and the fields of
+// instructions that hold one, by machine. An address is first looked up in what was learned (values
+// that were put right before), then in the map.
+
+#include "dense_internal.h"
+
+#define HALF_MARK 0xA5A50000u  // tells a learned half from a word
+#define NEAR_VALUE 64u         // smaller values are no distances between places
+#define LOOK_AHEAD 64u         // bytes behind an upper half in which its lower half is looked for
+#define LOOK_AHEAD_COUNT 12u   // and instructions
+#define PAIR_AHEAD 40u         // bytes behind a MOVW in which its MOVT is looked for
+
+static uint32_t code_flip(const kelvane_dense_decoder* decoder) {
+  return decoder->info.code_big_endian ? 3 : KELVANE_DENSE_IS(decoder, THUMB) ? 2 : 0;
+}
+
+uint32_t kelvane_dense_old_value(kelvane_dense_decoder* decoder, uint32_t address, uint32_t length,
+                                 uint32_t flip) {
+  uint8_t bytes[4] = {0};
+  const int code = decoder->input->read_old(decoder->input->context, address, bytes, length);
+  if (code != 0) {
+    kelvane_dense_fail(decoder, code);
+  }
+  uint32_t value = 0;
+  for (uint32_t k = 0; k < length; ++k) {
+    value |= (uint32_t)bytes[k] << 8 * (k ^ flip);
+  }
+  return value;
+}
+
+// An instruction of 32 bits.
+static uint32_t old_code(kelvane_dense_decoder* decoder, uint32_t address) {
+  return kelvane_dense_old_value(decoder, address, 4, code_flip(decoder));
+}
+
+// ---- What was learned
+
+static uint32_t learned_slot(const kelvane_dense_decoder* decoder, uint32_t from) {
+  uint32_t hash = from * 0x9E3779B1u;
+  hash ^= hash >> 15;
+  return hash >> (27 - decoder->info.model);
+}
+
+static void learn(kelvane_dense_decoder* decoder, uint32_t from, uint32_t to) {
+  const uint32_t slot = learned_slot(decoder, from);
+  decoder->state.model.learned_from[slot] = from;
+  decoder->state.model.learned_to[slot] = to;
+}
+
+static int is_learned(const kelvane_dense_decoder* decoder, uint32_t from, uint32_t* to) {
+  const uint32_t slot = learned_slot(decoder, from);
+  *to = decoder->state.model.learned_to[slot];
+  return decoder->state.model.learned_from[slot] == from;
+}
+
+// Sets where the token's address is expected to be.
+static void find_target(const kelvane_dense_decoder* decoder, kelvane_dense_token* token) {
+  token->learned = (uint8_t)is_learned(decoder, token->address, &token->target);
+  if (!token->learned) {
+    token->target = kelvane_dense_moved(decoder, token->address);
+  }
+}
+
+// ---- Branches and calls
+
+static int take_branch(kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t source,
+                       uint32_t position, kelvane_dense_token* token) {
+  const uint32_t base = decoder->info.base;
+  const int form =
+      kelvane_dense_branch_target(decoder, instruction, base + source, &token->address);
+  if (form == 0 || !kelvane_dense_is_inside(decoder, token->address)) {
+    return 0;
+  }
+  token->kind = KELVANE_DENSE_BRANCH;
+  token->form = (uint8_t)form;
+  token->old_value = instruction;
+  token->flip = (uint8_t)code_flip(decoder);
+  find_target(decoder, token);
+  token->predicted =
+      kelvane_dense_branch_to(decoder, instruction, base + position, token->target, form);
+  return 1;
+}
+
+// ---- MOVW and MOVT: each holds a half; the lower one comes first
+
+static uint32_t move_half(const kelvane_dense_decoder* decoder, uint32_t instruction) {
+  const uint32_t top = instruction >> 4 & 0xF000u;
+  return KELVANE_DENSE_IS(decoder, THUMB) ? top | (instruction >> 15 & 0x800u) |
+                                                (instruction >> 4 & 0x700u) | (instruction & 0xFFu)
+                                          : top | (instruction & 0xFFFu);
+}
+
+static uint32_t move_with(const kelvane_dense_decoder* decoder, uint32_t instruction,
+                          uint32_t half) {
+  const uint32_t top = (half & 0xF000u) << 4;
+  return KELVANE_DENSE_IS(decoder, THUMB)
+             ? (instruction & 0xFBF08F00u) | top | (half & 0x800u) << 15 | (half & 0x700u) << 4 |
+                   (half & 0xFFu)
+             : (instruction & 0xFFF0F000u) | top | (half & 0xFFFu);
+}
+
+// Gives 1 for MOVW, 2 for MOVT.
+static int move_kind(const kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t* target) {
+  if (KELVANE_DENSE_IS(decoder, THUMB)) {
+    const uint32_t opcode = instruction & 0xFBF08000u;
+    *target = instruction >> 8 & 15u;
+    return opcode == 0xF2400000u ? 1 : opcode == 0xF2C00000u ? 2 : 0;
+  }
+  const uint32_t opcode = instruction & 0x0FF00000u;
+  *target = instruction >> 12 & 15u;
+  return opcode == 0x03000000u ? 1 : opcode == 0x03400000u ? 2 : 0;
+}
+
+static int take_move(kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t source,
+                     uint32_t left, kelvane_dense_token* token) {
+  uint32_t* const registers = decoder->state.model.old_registers;
+  uint32_t number;
+  const int kind = move_kind(decoder, instruction, &number);
+  if (kind == 0) {
+    return 0;
+  }
+  const uint32_t half = move_half(decoder, instruction);
+  if (kind == 1) {
+    const uint32_t step = KELVANE_DENSE_IS(decoder, THUMB) ? 2 : 4;
+    const uint32_t limit = left < PAIR_AHEAD ? left : PAIR_AHEAD;
+    registers[number] = KELVANE_DENSE_UNKNOWN;
+    for (uint32_t k = 4; k + 4 <= limit; k += step) {
+      const uint32_t other = old_code(decoder, source + k);
+      uint32_t other_number;
+      if (move_kind(decoder, other, &other_number) == 2 && other_number == number) {
+        registers[number] = move_half(decoder, other) << 16 | half;
+        token->kind = KELVANE_DENSE_LOWER;
+        break;
+      }
+    }
+    if (token->kind != KELVANE_DENSE_LOWER) {
+      return 0;
+    }
+  } else if (registers[number] == KELVANE_DENSE_UNKNOWN || registers[number] >> 16 != half) {
+    return 0;
+  } else {
+    token->kind = KELVANE_DENSE_UPPER;
+  }
+  token->address = registers[number];
+  token->old_value = instruction;
+  token->flip = (uint8_t)code_flip(decoder);
+  find_target(decoder, token);
+  token->predicted =
+      move_with(decoder, instruction, kind == 1 ? token->target : token->target >> 16);
+  return 1;
+}
+
+// ---- Upper and lower halves of machines whose lower halves are fields of loads, stores, additions
+
+#define NO_REGISTER 32u
+
+// The register that an instruction loads with an upper half.
+static uint32_t upper_register(const kelvane_dense_decoder* decoder, uint32_t instruction) {
+  if (KELVANE_DENSE_IS(decoder, RISCV)) {
+    const uint32_t opcode = instruction & 0x7Fu;
+    const uint32_t number = instruction >> 7 & 31u;
+    return (opcode == 0x37u || opcode == 0x17u) && number != 0 ? number : NO_REGISTER;
+  }
+  if (instruction >> 26 != 15) {
+    return NO_REGISTER;
+  }
+  if (KELVANE_DENSE_IS(decoder, MIPS)) {
+    return instruction >> 16 & 31u;
+  }
+  return (instruction >> 16 & 31u) == 0 ? instruction >> 21 & 31u : NO_REGISTER;
+}
+
+// What it loads, at target address `place`.
+static uint32_t upper_value(const kelvane_dense_decoder* decoder, uint32_t instruction,
+                            uint32_t place) {
+  if (!KELVANE_DENSE_IS(decoder, RISCV)) {
+    return instruction << 16;
+  }
+  return (instruction & 0xFFFFF000u) + ((instruction & 0x7Fu) == 0x17u ? place : 0);
+}
+
+enum lower_form { NOT_LOWER, LOWER_SIGNED, LOWER_UNSIGNED, LOWER_STORE };
+
+// Whether an instruction adds a lower half to register `*from`; `*loaded` is the register that it
+// overwrites, or NO_REGISTER.
+static int lower_form_of(const kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t* from,
+                         uint32_t* loaded) {
+  const uint32_t opcode = instruction >> 26;
+  const uint32_t first = instruction >> 21 & 31u;
+  const uint32_t second = instruction >> 16 & 31u;
+  if (KELVANE_DENSE_IS(decoder, RISCV)) {
+    const uint32_t low = instruction & 0x7Fu;
+    const int is_store = low == 0x23u || low == 0x27u;
+    const int is_addition = (low == 0x13u || low == 0x1Bu) && !(instruction & 0x7000u);
+    const int is_load = low == 0x03u || low == 0x67u;
+    *from = instruction >> 15 & 31u;
+    *loaded = is_addition || is_load ? instruction >> 7 & 31u : NO_REGISTER;
+    return is_store                                 ? LOWER_STORE
+           : is_addition || is_load || low == 0x07u ? LOWER_SIGNED
+                                                    : NOT_LOWER;
+  }
+  if (KELVANE_DENSE_IS(decoder, MIPS)) {
+    *from = first;
+    *loaded = opcode < 40 ? second : NO_REGISTER;
+    return opcode == 13 ? LOWER_UNSIGNED : opcode == 9 || opcode >= 32 ? LOWER_SIGNED : NOT_LOWER;
+  }
+  if (opcode == 24) {
+    *from = first;
+    *loaded = second;
+    return LOWER_UNSIGNED;
+  }
+  *from = second;
+  *loaded = opcode < 36 || (opcode >= 40 && opcode < 44) ? first : NO_REGISTER;
+  return opcode == 14 || (opcode >= 32 && opcode < 56) ? LOWER_SIGNED : NOT_LOWER;
+}
+
+static uint32_t lower_value(const kelvane_dense_decoder* decoder, uint32_t instruction, int form) {
+  if (KELVANE_DENSE_IS(decoder, RISCV)) {
+    return kelvane_dense_sign_extended(form == LOWER_STORE
+                                           ? (instruction >> 25) << 5 | (instruction >> 7 & 31u)
+                                           : instruction >> 20,
+                                       12);
+  }
+  return form == LOWER_UNSIGNED ? instruction & 0xFFFFu
+                                : kelvane_dense_sign_extended(instruction, 16);
+}
+
+static uint32_t with_lower(const kelvane_dense_decoder* decoder, uint32_t instruction, int form,
+                           uint32_t target, uint32_t upper) {
+  if (!KELVANE_DENSE_IS(decoder, RISCV)) {
+    return (instruction & 0xFFFF0000u) | (target & 0xFFFFu);
+  }
+  const uint32_t field = target - upper;
+  return form == LOWER_STORE
+             ? (instruction & 0x01FFF07Fu) | (field >> 5 & 127u) << 25 | (field & 31u) << 7
+             : (instruction & 0x000FFFFFu) | field << 20;
+}
+
+static uint32_t with_upper(const kelvane_dense_decoder* decoder, uint32_t instruction, int form,
+                           uint32_t target, uint32_t place) {
+  if (KELVANE_DENSE_IS(decoder, RISCV)) {
+    const uint32_t value = target - ((instruction & 0x7Fu) == 0x17u ? place : 0);
+    return (instruction & 0xFFFu) | ((value + 0x800u) & 0xFFFFF000u);
+  }
+  return (instruction & 0xFFFF0000u) | (target + (form == LOWER_UNSIGNED ? 0 : 0x8000u)) >> 16;
+}
+
+// The lower half that belongs to an upper one says which address is meant.
+static int take_upper(kelvane_dense_decoder* decoder, uint32_t number, uint32_t source,
+                      uint32_t position, uint32_t left, kelvane_dense_token* token) {
+  const uint32_t base = decoder->info.base;
+  const uint32_t limit = left < LOOK_AHEAD ? left : LOOK_AHEAD;
+  const uint32_t value = upper_value(decoder, token->old_value, base + source);
+  decoder->state.model.old_registers[number] = value;
+  uint32_t at = 4;
+  for (uint32_t i = 0; i < LOOK_AHEAD_COUNT && at + 4 <= limit; ++i) {
+    const uint32_t other = old_code(decoder, source + at);
+    uint32_t from;
+    uint32_t loaded;
+    if (KELVANE_DENSE_IS(decoder, RISCV) && (other & 3u) != 3) {
+      at += 2;
+      continue;
+    }
+    const int form = lower_form_of(decoder, other, &from, &loaded);
+    if (form != NOT_LOWER && from == number) {
+      token->kind = KELVANE_DENSE_UPPER;
+      token->address = value + lower_value(decoder, other, form);
+      find_target(decoder, token);
+      token->predicted =
+          with_upper(decoder, token->old_value, form, token->target, base + position);
+      return 1;
+    }
+    at += 4;
+  }
+  return 0;
+}
+
+static int take_lower(kelvane_dense_decoder* decoder, kelvane_dense_token* token) {
+  uint32_t* const registers = decoder->state.model.old_registers;
+  uint32_t from;
+  uint32_t loaded;
+  const int form = lower_form_of(decoder, token->old_value, &from, &loaded);
+  if (form == NOT_LOWER) {
+    return 0;
+  }
+  const uint32_t upper = registers[from];
+  if (loaded != NO_REGISTER) {
+    registers[loaded] = KELVANE_DENSE_UNKNOWN;
+  }
+  if (upper == KELVANE_DENSE_UNKNOWN) {
+    return 0;
+  }
+  token->kind = KELVANE_DENSE_LOWER;
+  token->form = (uint8_t)from;
+  token->address = upper + lower_value(decoder, token->old_value, form);
+  find_target(decoder, token);
+  token->predicted = with_lower(decoder, token->old_value, form, token->target,
+                                decoder->state.model.new_registers[from]);
+  return 1;
+}
+
+static int has_halves(const kelvane_dense_decoder* decoder) {
+  return KELVANE_DENSE_IS(decoder, POWERPC) || KELVANE_DENSE_IS(decoder, MIPS) ||
+         KELVANE_DENSE_IS(decoder, RISCV);
+}
+
+static int take_half_address(kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t source,
+                             uint32_t position, uint32_t left, kelvane_dense_token* token) {
+  const uint32_t kept_value = token->old_value;
+  const uint8_t kept_flip = token->flip;
+  const uint32_t number = upper_register(decoder, instruction);
+  token->old_value = instruction;
+  token->flip = (uint8_t)code_flip(decoder);
+  if (number != NO_REGISTER ? take_upper(decoder, number, source, position, left, token)
+                            : take_lower(decoder, token)) {
+    return 1;
+  }
+  token->old_value = kept_value;
+  token->flip = kept_flip;
+  return 0;
+}
+
+// ---- Words, halves, bytes
+
+static int take_distance(const kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
+                         kelvane_dense_token* token) {
+  const uint32_t address = decoder->info.base + source + token->old_value;
+  if (!decoder->info.differences || token->old_value + NEAR_VALUE < 2 * NEAR_VALUE ||
+      !kelvane_dense_is_inside(decoder, address)) {
+    return 0;
+  }
+  const uint32_t predicted =
+      token->old_value + (kelvane_dense_moved(decoder, address) - address) - (position - source);
+  if (predicted == token->old_value) {
+    return 0;
+  }
+  token->kind = KELVANE_DENSE_DISTANCE;
+  token->predicted = predicted;
+  return 1;
+}
+
+// A word of data: an address, one that was put right before, or a distance.
+static int take_address(const kelvane_dense_decoder* decoder, kelvane_dense_token* token) {
+  if (!kelvane_dense_is_inside(decoder, token->old_value)) {
+    return 0;
+  }
+  token->kind = KELVANE_DENSE_ADDRESS;
+  token->address = token->old_value;
+  find_target(decoder, token);
+  token->predicted = token->target;
+  return 1;
+}
+
+static int take_learned_word(const kelvane_dense_decoder* decoder, kelvane_dense_token* token) {
+  token->kind = KELVANE_DENSE_WORD;
+  token->learned = (uint8_t)is_learned(decoder, token->old_value, &token->predicted);
+  if (!token->learned) {
+    token->predicted = token->old_value;
+  }
+  return token->learned;
+}
+
+static int take_other_word(const kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
+                           kelvane_dense_token* token) {
+  return take_learned_word(decoder, token) || take_distance(decoder, source, position, token);
+}
+
+static void take_half(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
+                      kelvane_dense_token* token) {
+  token->kind = KELVANE_DENSE_HALF;
+  token->length = 2;
+  token->flip = decoder->info.code_big_endian;
+  token->old_value = kelvane_dense_old_value(decoder, source, 2, token->flip);
+  token->predicted = token->old_value;
+  const uint32_t opcode = token->old_value & 0xF800u;
+  if (KELVANE_DENSE_IS(decoder, THUMB) &&
+      (opcode == 0x4800u || opcode == 0xA000u)) {  // LDR literal, ADR
+    token->kind = KELVANE_DENSE_POOL;
+    token->address = decoder->info.base + ((source + 4) & ~3u) + (token->old_value & 0xFFu) * 4;
+    find_target(decoder, token);
+    token->learned = 0;
+    const uint32_t words = (token->target - decoder->info.base - ((position + 4) & ~3u)) >> 2;
+    if (words < 256) {
+      token->predicted = (token->old_value & 0xFF00u) | words;
+    }
+    return;
+  }
+  uint32_t predicted;
+  if (is_learned(decoder, token->old_value | HALF_MARK, &predicted)) {
+    token->learned = 1;
+    token->predicted = predicted & 0xFFFFu;
+  }
+}
+
+// Machines whose instructions begin at any half: an instruction of 32 bits that refers to
+// something, a word of data, a half.
+static void classify_halves(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
+                            uint32_t left, kelvane_dense_token* token) {
+  const int is_word_place = left >= 4 && !((source | position) & 3u);
+  const int is_tail = KELVANE_DENSE_IS(decoder, RISCV) && decoder->state.model.tail == source;
+  if (left >= 4 && KELVANE_DENSE_IS(decoder, THUMB)) {
+    const uint32_t instruction = old_code(decoder, source);
+    if (take_move(decoder, instruction, source, left, token) ||
+        take_branch(decoder, instruction, source, position, token)) {
+      return;
+    }
+  }
+  if (is_word_place) {
+    token->flip = decoder->info.data_big_endian ? 3 : 0;
+    token->old_value = kelvane_dense_old_value(decoder, source, 4, token->flip);
+    if (take_address(decoder, token)) {
+      return;
+    }
+  }
+  if (left >= 4 && KELVANE_DENSE_IS(decoder, RISCV) && !is_tail) {
+    const uint32_t instruction = old_code(decoder, source);
+    if ((instruction & 3u) == 3) {
+      if (take_branch(decoder, instruction, source, position, token) ||
+          take_half_address(decoder, instruction, source, position, left, token)) {
+        return;
+      }
+      if (upper_register(decoder, instruction) != NO_REGISTER) {
+        token->old_value = instruction;
+        token->flip = (uint8_t)code_flip(decoder);
+        take_learned_word(decoder, token);
+        return;
+      }
+      decoder->state.model.tail = source + 2;
+    }
+  }
+  if (is_word_place && take_other_word(decoder, source, position, token)) {
+    return;
+  }
+  take_half(decoder, source, position, token);
+}
+
+static void classify_words(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
+                           uint32_t left, kelvane_dense_token* token) {
+  token->flip = decoder->info.data_big_endian ? 3 : 0;
+  token->old_value = kelvane_dense_old_value(decoder, source, 4, token->flip);
+  if (take_address(decoder, token)) {
+    return;
+  }
+  if (decoder->info.machine != KELVANE_DENSE_NONE) {
+    const uint32_t instruction = decoder->info.code_big_endian == decoder->info.data_big_endian
+                                     ? token->old_value
+                                     : old_code(decoder, source);
+    if ((KELVANE_DENSE_IS(decoder, ARM) && take_move(decoder, instruction, source, left, token)) ||
+        take_branch(decoder, instruction, source, position, token) ||
+        (has_halves(decoder) &&
+         take_half_address(decoder, instruction, source, position, left, token))) {
+      return;
+    }
+  }
+  take_other_word(decoder, source, position, token);
+}
+
+void kelvane_dense_classify(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
+                            uint32_t left, kelvane_dense_token* token) {
+  const uint32_t unaligned = source | position;
+  token->address = 0;
+  token->target = 0;
+  token->form = 0;
+  token->learned = 0;
+  token->length = 4;
+  token->kind = KELVANE_DENSE_WORD;
+  if ((KELVANE_DENSE_IS(decoder, THUMB) || KELVANE_DENSE_IS(decoder, RISCV)) && left >= 2 &&
+      !(unaligned & 1u)) {
+    classify_halves(decoder, source, position, left, token);
+  } else if (left >= 4 && !(unaligned & 3u)) {
+    classify_words(decoder, source, position, left, token);
+  } else {
+    token->kind = KELVANE_DENSE_BYTE;
+    token->length = 1;
+    token->flip = 0;
+    token->old_value = kelvane_dense_old_value(decoder, source, 1, 0);
+    token->predicted = token->old_value;
+  }
+}
+
+// What follows from a value that was not predicted.
+static void learn_from_miss(kelvane_dense_decoder* decoder, const kelvane_dense_token* token,
+                            uint32_t place, uint32_t value) {
+  uint32_t target;
+  uint32_t from;
+  uint32_t loaded;
+  switch (token->kind) {
+    case KELVANE_DENSE_ADDRESS:
+    case KELVANE_DENSE_WORD:
+      learn(decoder, token->old_value, value);
+      break;
+    case KELVANE_DENSE_HALF:
+      learn(decoder, token->old_value | HALF_MARK, value);
+      break;
+    case KELVANE_DENSE_BRANCH:
+      if (kelvane_dense_branch_target(decoder, value, place, &target)) {
+        learn(decoder, token->address, target);
+      }
+      break;
+    case KELVANE_DENSE_LOWER:
+      if (has_halves(decoder)) {
+        target =
+            decoder->state.model.new_registers[token->form] +
+            lower_value(decoder, value, lower_form_of(decoder, token->old_value, &from, &loaded));
+      } else {
+        target = (token->target & 0xFFFF0000u) | move_half(decoder, value);
+      }
+      learn(decoder, token->address, target);
+      break;
+    default:
+      break;
+  }
+}
+
+void kelvane_dense_note(kelvane_dense_decoder* decoder, const kelvane_dense_token* token,
+                        uint32_t place, uint32_t value, unsigned hit) {
+  kelvane_dense_model* const model = &decoder->state.model;
+  uint8_t* const outcomes = &model->outcomes_of[token->kind];
+  *outcomes = (uint8_t)((uint32_t)*outcomes << 1 | !hit);
+  model->outcomes = (uint8_t)((uint32_t)model->outcomes << 1 | !hit);
+  if (!hit) {
+    learn_from_miss(decoder, token, place, value);
+  }
+  if (has_halves(decoder) && token->length == 4) {
+    const uint32_t number = upper_register(decoder, token->old_value);
+    if (number != NO_REGISTER) {
+      model->new_registers[number] = upper_value(decoder, value, place);
+    }
+  }
+}

@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "dense_coder.h"
+
+#include <bit>
+
+#include "dense_internal.h"
+
+namespace kelvane {
+
+void dense_coder::shift() {
+  const auto carry = static_cast<uint32_t>(low_ >> 32U);
+  if (static_cast<uint32_t>(low_) < 0xFF000000U || carry != 0) {
+    put(held_ + carry);
+    for (; held_count_ > 1; --held_count_) {
+      put(0xFF + carry);
+    }
+    held_count_ = 0;
+    held_ = static_cast<uint32_t>(low_ >> 24U) & 0xFFU;
+  }
+  ++held_count_;
+  low_ = (low_ & 0xFFFFFFU) << 8U;
+}
+
+void dense_coder::bit(bool is_one, uint32_t bound) {
+  if (is_one) {
+    range_ = bound;
+  } else {
+    low_ += bound;
+    range_ -= bound;
+  }
+  while (range_ < 0x1000000U) {
+    range_ <<= 8U;
+    shift();
+  }
+}
+
+void dense_coder::flag(uint32_t context, bool is_one) {
+  uint32_t& counter = *kelvane_dense_flag_counter(&decoder_, context);
+  bit(is_one, kelvane_dense_bound(range_, kelvane_dense_flag_probability(counter)));
+  counter = kelvane_dense_flag_after(counter, is_one ? 1 : 0);
+}
+
+void dense_coder::tree(uint32_t id, uint32_t value, uint32_t bits) {
+  uint32_t node = 1;
+  for (uint32_t i = bits; i-- != 0;) {
+    const uint32_t one = value >> i & 1U;
+    flag(kelvane_dense_context_of(id, node), one != 0);
+    node = node * 2 + one;
+  }
+}
+
+void dense_coder::number(uint32_t id, uint32_t value) {
+  const uint32_t coded = value + 1;
+  const auto length = static_cast<uint32_t>(std::bit_width(coded)) - 1;
+  for (uint32_t i = 0; i < length; ++i) {
+    flag(kelvane_dense_context_of(id, i), true);
+  }
+  if (length < 31) {
+    flag(kelvane_dense_context_of(id, length), false);
+  }
+  uint32_t so_far = 1;
+  for (uint32_t i = 0; i < length; ++i) {
+    const uint32_t one = coded >> (length - 1 - i) & 1U;
+    if (i < 2) {
+      flag(kelvane_dense_context_of(id, kelvane_dense_bit_context(length, so_far)), one != 0);
+    } else {
+      bit(one != 0, range_ >> 1U);
+    }
+    so_far = so_far * 2 + one;
+  }
+}
+
+void dense_coder::signed_number(uint32_t id, uint32_t value) {
+  number(id, value << 1U ^ (0U - (value >> 31U)));
+}
+
+void dense_coder::literal(uint32_t position, uint8_t byte) {
+  uint32_t node = 1;
+  for (uint32_t i = 8; i-- != 0;) {
+    const uint32_t one = static_cast<uint32_t>(byte) >> i & 1U;
+    uint16_t& counter = *kelvane_dense_literal_counter(&decoder_, position, node);
+    bit(one != 0, kelvane_dense_bound(range_, kelvane_dense_literal_probability(counter)));
+    counter = kelvane_dense_literal_after(counter, one);
+    node = node * 2 + one;
+  }
+}
+
+// Any number in the last range will do: the one with most zeros at its end.
+void dense_coder::finish() {
+  const uint64_t high = low_ + range_ - 1;
+  for (uint32_t zeros = 32; zeros-- != 0;) {
+    const uint64_t rounded = high >> zeros << zeros;
+    if (rounded >= low_) {
+      low_ = rounded;
+      break;
+    }
+  }
+  for (int i = 0; i < 5; ++i) {
+    shift();
+  }
+  while (!payload_.empty() && payload_.back() == 0) {
+    payload_.pop_back();
+  }
+}
+
+}  // namespace kelvane

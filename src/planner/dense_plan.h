@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+// A dense update as a value: what is copied, what is stored, and which old pages are kept for it.
+//
+// The device computes the new image in one pass in ascending order, page by page, in the place of
+// the old one. An old byte can be read while a page is written if its own page has not been written
+// yet, is one of the last pages of the ring, or is kept in a slot until its last reader is done.
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "alignment.h"
+#include "dense_decoder.h"
+
+namespace kelvane {
+
+// What the device has to keep old pages in.
+struct flash_geometry {
+  uint32_t page_size = 4096;
+  // The pages of the ring: while page p is written, the old contents of the pages above
+  // p - ring_pages are there. 0: every old byte can be read at any time.
+  uint32_t ring_pages = 8;
+  uint32_t slots = 8;  // pages besides
+};
+
+// What the images are made for.
+struct dense_target {
+  uint8_t machine = KELVANE_DENSE_NONE;
+  ByteOrder code_order = ByteOrder::kLittle;
+  ByteOrder data_order = ByteOrder::kLittle;
+  uint32_t base = 0;  // the target address of the first byte
+};
+
+// `length` bytes at `source` of the old image become, but for what is put right, those at `target`.
+struct dense_copy {
+  uint32_t source = 0;
+  uint32_t target = 0;
+  uint32_t length = 0;
+};
+
+// What lies between copies: a byte, or bytes that are somewhere already.
+struct dense_item {
+  uint32_t length = 0;  // 0: the next byte of the new image
+  uint32_t from = 0;
+  bool is_new = false;  // from the new image, not from the old one
+};
+
+// The old page `page` lies in `slot` from when it is saved until page `last_use` has been written.
+struct kept_page {
+  uint32_t page = 0;
+  uint32_t slot = 0;
+  uint32_t last_use = 0;
+};
+
+struct dense_plan {
+  std::vector<dense_copy> copies;        // by ascending target, which do not overlap
+  std::vector<dense_item> items;         // for the bytes of no copy, in order
+  std::vector<kelvane_dense_entry> map;  // some of the copies, by ascending target
+};
+
+struct dense_options {
+  dense_target target;
+  uint8_t model = 1;        // 0 takes half the memory
+  bool differences = true;  // predict distances between two places
+  bool reads_new = true;    // take matches into the new image
+};
+
+}  // namespace kelvane

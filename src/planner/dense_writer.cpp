@@ -1,0 +1,337 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "dense_writer.h"
+
+#include <array>
+#include <bit>
+
+#include "dense_coder.h"
+#include "dense_model.h"
+
+namespace kelvane {
+namespace {
+
+constexpr uint32_t kVersion = 1;
+
+class header_writer {
+ public:
+  explicit header_writer(std::vector<uint8_t>& payload) : payload_(payload) {}
+  void byte(uint32_t value) { payload_.push_back(static_cast<uint8_t>(value)); }
+  void word(uint32_t value) {
+    std::array<uint8_t, 4> bytes = {};
+    store_word(bytes.data(), value, ByteOrder::kLittle);
+    payload_.insert(payload_.end(), bytes.begin(), bytes.end());
+  }
+  void number(uint32_t value) {
+    for (; value >= 128; value >>= 7U) {
+      byte(value % 128 + 128);
+    }
+    byte(value);
+  }
+
+ private:
+  std::vector<uint8_t>& payload_;
+};
+
+uint32_t checksum_of(std::span<const uint8_t> image) {
+  return kelvane_dense_checksum(0, image.data(), static_cast<uint32_t>(image.size()));
+}
+
+class payload_writer {
+ public:
+  payload_writer(const plan_images& images, const dense_plan& plan, const dense_options& options)
+      : images_(images),
+        plan_(plan),
+        options_(options),
+        model_(images.old_image, static_cast<uint32_t>(images.new_image.size()), options, plan.map),
+        decoder_(model_.decoder()),
+        coder_(decoder_, coded_) {}
+
+  std::vector<uint8_t> write() {
+    write_header();
+    write_map();
+    write_commands();
+    coder_.finish();
+    payload_.insert(payload_.end(), coded_.begin(), coded_.end());
+    return std::move(payload_);
+  }
+
+ private:
+  void write_header();
+  void write_map();
+  void write_commands();
+  void write_command(uint32_t literals, const dense_copy& copy);
+  void write_items(uint32_t end);
+  void write_match(const dense_item& item);
+  void write_copy(const dense_copy& copy);
+  uint32_t write_token(uint32_t source, uint32_t position, uint32_t left);
+  void write_value(const kelvane_dense_token& token, uint32_t position, uint32_t value);
+  uint32_t new_value(uint32_t position, const kelvane_dense_token& token) const;
+  bool told_by_difference(const kelvane_dense_token& token, uint32_t position, uint32_t value,
+                          uint32_t& difference) const;
+  uint32_t new_size() const { return decoder_.info.new_size; }
+
+  const plan_images& images_;
+  const dense_plan& plan_;
+  const dense_options& options_;
+  dense_model model_;
+  kelvane_dense_decoder& decoder_;
+  std::vector<uint8_t> payload_;
+  std::vector<uint8_t> coded_;
+  dense_coder coder_;
+  std::vector<dense_item>::const_iterator item_;
+  uint32_t position_ = 0;
+  uint32_t source_end_ = 0;
+  size_t next_entry_ = 0;
+};
+
+void payload_writer::write_header() {
+  const uint32_t base = options_.target.base;
+  const uint32_t nibbles =
+      base == 0 ? 0 : std::min(7U, static_cast<uint32_t>(std::countr_zero(base)) / 4);
+  const kelvane_dense_info& info = decoder_.info;
+  header_writer header(payload_);
+  header.byte(kVersion | static_cast<uint32_t>(info.model) << 4U |
+              static_cast<uint32_t>(info.reads_new) << 6U |
+              static_cast<uint32_t>(info.differences) << 7U);
+  header.byte(info.machine | static_cast<uint32_t>(info.code_big_endian) << 3U |
+              static_cast<uint32_t>(info.data_big_endian) << 4U | nibbles << 5U);
+  header.word(checksum_of(images_.old_image));
+  header.word(checksum_of(images_.new_image));
+  header.number(info.new_size);
+  const uint32_t change = info.old_size - info.new_size;
+  header.number(change << 1U ^ (0U - (change >> 31U)));
+  header.number(base >> 4 * nibbles);
+  header.number(static_cast<uint32_t>(plan_.map.size()));
+}
+
+// A source as one of the places where it was to be expected, if it is; see
+// kelvane_dense_read_map.
+void payload_writer::write_map() {
+  std::array<uint32_t, KELVANE_DENSE_PLACES> left = {};
+  uint32_t target = 0;
+  uint32_t source_end = 0;
+  decoder_.in_map = 1;
+  for (uint32_t i = 0; i < plan_.map.size(); ++i) {
+    const kelvane_dense_entry& entry = plan_.map[i];
+    coder_.number(KELVANE_DENSE_M_GAP, entry.target - target);
+    const uint32_t expected = kelvane_dense_free_place(&decoder_, i, source_end);
+    uint32_t choice = 0;
+    while (
+        choice < KELVANE_DENSE_PLACE_NUMBER &&
+        entry.source !=
+            (choice == 0 ? expected : kelvane_dense_free_place(&decoder_, i, left[choice - 1]))) {
+      ++choice;
+    }
+    coder_.tree(KELVANE_DENSE_M_PLACE, choice, 3);
+    if (choice == KELVANE_DENSE_PLACE_NUMBER) {
+      coder_.signed_number(KELVANE_DENSE_M_SOURCE, entry.source - expected);
+    }
+    if (choice != 0) {
+      const size_t last = std::min(choice, KELVANE_DENSE_PLACES) - 1;
+      std::copy_backward(left.begin(), left.begin() + last, left.begin() + last + 1);
+      left[0] = expected;
+    }
+    uint32_t context = 0;
+    const uint32_t hole = kelvane_dense_hole_at(&decoder_, i, entry.source, entry.target,
+                                                choice == 0 ? 1 : 0, &context);
+    if (hole != 0) {
+      coder_.flag(context, entry.length == hole);
+    }
+    if (entry.length != hole) {
+      coder_.number(KELVANE_DENSE_M_LENGTH, entry.length - 1);
+    }
+    target = entry.target + entry.length;
+    source_end = entry.source + entry.length;
+    kelvane_dense_file_entry(&decoder_, i);
+    decoder_.entry_count = i + 1;
+  }
+  decoder_.in_map = 0;
+}
+
+void payload_writer::write_command(uint32_t literals, const dense_copy& copy) {
+  while (next_entry_ < plan_.map.size() && plan_.map[next_entry_].target < position_) {
+    ++next_entry_;
+  }
+  if (next_entry_ < plan_.map.size()) {
+    const kelvane_dense_entry& entry = plan_.map[next_entry_];
+    const bool is_next = entry.target == position_ + literals && entry.source == copy.source &&
+                         entry.length == copy.length;
+    coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_C_ENTRY, 0), is_next);
+    if (is_next) {
+      return;
+    }
+  }
+  coder_.number(KELVANE_DENSE_C_LITERALS, literals);
+  coder_.number(KELVANE_DENSE_C_COPY, copy.length);
+  if (copy.length == 0) {
+    return;
+  }
+  const uint32_t shift = position_ + literals - copy.source;
+  const uint32_t* const shifts = decoder_.state.model.shifts;
+  const auto choice = static_cast<uint32_t>(std::find(shifts, shifts + 3, shift) - shifts);
+  coder_.tree(KELVANE_DENSE_C_SHIFT, choice, 2);
+  if (choice == 3) {
+    coder_.signed_number(KELVANE_DENSE_C_SOURCE, copy.source - source_end_);
+  }
+}
+
+void payload_writer::write_match(const dense_item& item) {
+  kelvane_dense_model& model = decoder_.state.model;
+  coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_C_MATCH_NEW, 0), item.is_new);
+  coder_.number(KELVANE_DENSE_C_OLD_LENGTH + (item.is_new ? 1U : 0U), item.length - 2);
+  if (item.is_new) {
+    const uint32_t distance = position_ - item.from;
+    const bool is_same = distance == model.match_distance;
+    coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_C_SAME_DISTANCE, 0), is_same);
+    if (!is_same) {
+      coder_.number(KELVANE_DENSE_C_DISTANCE, distance - 1);
+    }
+    model.match_distance = distance;
+  } else {
+    const uint32_t expected = position_ - model.match_shift;
+    coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_C_SAME_SHIFT, 0), item.from == expected);
+    if (item.from != expected) {
+      coder_.signed_number(KELVANE_DENSE_C_PLACE, item.from - expected);
+    }
+    model.match_shift = position_ - item.from;
+  }
+}
+
+void payload_writer::write_items(uint32_t end) {
+  uint8_t& matches = decoder_.state.model.matches;
+  for (; position_ < end; ++item_) {
+    const bool is_match = item_->length != 0;
+    coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_C_MATCH, matches), is_match);
+    matches = static_cast<uint8_t>((matches * 2U + (is_match ? 1U : 0U)) & 7U);
+    if (is_match) {
+      write_match(*item_);
+      position_ += item_->length;
+    } else {
+      coder_.literal(position_, images_.new_image[position_]);
+      ++position_;
+    }
+  }
+}
+
+uint32_t payload_writer::new_value(uint32_t position, const kelvane_dense_token& token) const {
+  uint32_t value = 0;
+  for (uint32_t k = 0; k < token.length; ++k) {
+    value += uint32_t{images_.new_image[position + k]} << 8 * (k ^ token.flip);
+  }
+  return value;
+}
+
+// Whether the value comes out if its difference from the prediction is told; of a branch, that of
+// its target.
+bool payload_writer::told_by_difference(const kelvane_dense_token& token, uint32_t position,
+                                        uint32_t value, uint32_t& difference) const {
+  if (token.kind != KELVANE_DENSE_BRANCH) {
+    difference = kelvane_dense_difference(&token, value);
+    return true;
+  }
+  const uint32_t place = decoder_.info.base + position;
+  uint32_t target = 0;
+  if (kelvane_dense_branch_target(&decoder_, value, place, &target) != token.form) {
+    return false;
+  }
+  difference = target - token.target;
+  return kelvane_dense_branch_to(&decoder_, token.old_value, place, target, token.form) == value;
+}
+
+void payload_writer::write_value(const kelvane_dense_token& token, uint32_t position,
+                                 uint32_t value) {
+  uint32_t* const list = decoder_.state.model.differences[kelvane_dense_list(&token)];
+  uint32_t mask = 0;
+  uint32_t byte_bits = 4;  // about what changed bytes take
+  for (uint32_t k = 0; k < token.length; ++k) {
+    if (((value ^ token.old_value) >> 8 * (k ^ token.flip)) % 256 != 0) {
+      mask |= 1U << k;
+      byte_bits += 7;
+    }
+  }
+  uint32_t difference = 0;
+  uint32_t choice = KELVANE_DENSE_CHOICE_BYTES;
+  if (told_by_difference(token, position, value, difference)) {
+    choice =
+        static_cast<uint32_t>(std::find(list, list + KELVANE_DENSE_DIFFERENCES, difference) - list);
+    const uint32_t magnitude = difference >> 31U != 0 ? 0U - difference : difference;
+    const auto bits = static_cast<uint32_t>(std::bit_width(magnitude | 1U));
+    if (choice == KELVANE_DENSE_CHOICE_DIFFERENCE && bits + 4 > byte_bits) {
+      choice = KELVANE_DENSE_CHOICE_BYTES;
+    }
+  } else {
+    uint32_t target = 0;
+    difference =
+        kelvane_dense_branch_target(&decoder_, value, decoder_.info.base + position, &target) != 0
+            ? target - token.target
+            : 0;
+  }
+  coder_.tree(KELVANE_DENSE_C_CHOICE + token.kind, choice, 3);
+  if (choice == KELVANE_DENSE_CHOICE_BYTES) {
+    coder_.tree(KELVANE_DENSE_C_MASK + (token.length == 4 ? 1U : 0U), mask, token.length);
+    for (uint32_t k = 0; k < token.length; ++k) {
+      if ((mask >> k & 1U) != 0) {
+        coder_.literal(position + k, images_.new_image[position + k]);
+      }
+    }
+  } else if (choice == KELVANE_DENSE_CHOICE_DIFFERENCE) {
+    coder_.signed_number(KELVANE_DENSE_C_DIFFERENCE + token.kind, difference);
+  }
+  kelvane_dense_note_difference(list, choice, difference);
+}
+
+uint32_t payload_writer::write_token(uint32_t source, uint32_t position, uint32_t left) {
+  kelvane_dense_token token;
+  kelvane_dense_classify(&decoder_, source, position, left, &token);
+  const uint32_t value = new_value(position, token);
+  const bool is_hit = value == token.predicted;
+  coder_.flag(kelvane_dense_predicted_context(&decoder_, &token), is_hit);
+  if (!is_hit) {
+    const bool stays = value == token.old_value;
+    if (token.predicted != token.old_value) {
+      coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_C_UNCHANGED, kelvane_dense_class(&token)),
+                  stays);
+    }
+    if (token.predicted != token.old_value && stays) {
+      // The flag has told it.
+    } else if (token.kind == KELVANE_DENSE_BYTE) {
+      coder_.literal(position, images_.new_image[position]);
+    } else {
+      write_value(token, position, value);
+    }
+  }
+  kelvane_dense_note(&decoder_, &token, decoder_.info.base + position, value, is_hit ? 1 : 0);
+  return token.length;
+}
+
+void payload_writer::write_copy(const dense_copy& copy) {
+  kelvane_dense_note_shift(&decoder_.state.model, copy.target - copy.source);
+  source_end_ = copy.source + copy.length;
+  uint32_t done = 0;
+  while (done < copy.length) {
+    done += write_token(copy.source + done, copy.target + done, copy.length - done);
+  }
+  position_ += copy.length;
+}
+
+void payload_writer::write_commands() {
+  item_ = plan_.items.begin();
+  for (const dense_copy& copy : plan_.copies) {
+    write_command(copy.target - position_, copy);
+    write_items(copy.target);
+    write_copy(copy);
+  }
+  if (position_ != new_size()) {
+    write_command(new_size() - position_, {});
+    write_items(new_size());
+  }
+}
+
+}  // namespace
+
+std::vector<uint8_t> write_dense(const plan_images& images, const dense_plan& plan,
+                                 const dense_options& options) {
+  return payload_writer(images, plan, options).write();
+}
+
+}  // namespace kelvane

@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+// Writes a plan as a dense payload; docs/dense-format.md has the format. The counters and the
+// prediction of references are those of the decoder, so that both know the same at every byte.
+
+#include <vector>
+
+#include "dense_plan.h"
+#include "plan.h"
+
+namespace kelvane {
+
+// The payload. `plan` covers the new image, and its map has 65535 entries at most.
+std::vector<uint8_t> write_dense(const plan_images& images, const dense_plan& plan,
+                                 const dense_options& options);
+
+}  // namespace kelvane

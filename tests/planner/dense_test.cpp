@@ -1,0 +1,380 @@
+// SPDX-License-Identifier: Apache-2.0
+// Dense updates: made, decoded in place, decoded a second time by the plain decoder, and damaged.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+
+#include "dense_coder.h"
+#include "dense_matches.h"
+#include "dense_model.h"
+#include "dense_proof.h"
+#include "dense_search.h"
+#include "dense_writer.h"
+#include "image_pair.h"
+#include "linked_program.h"
+#include "plain_dense_decoder.h"
+
+namespace kelvane {
+namespace {
+
+constexpr ByteOrder kLittle = ByteOrder::kLittle;
+constexpr ByteOrder kBig = ByteOrder::kBig;
+constexpr uint32_t kLargest = 1U << 20U;
+
+uint32_t pairs_of_a_kind() {
+  const char* const wanted = std::getenv("KELVANE_ROUNDS");
+  return wanted != nullptr ? static_cast<uint32_t>(std::atoi(wanted)) : KELVANE_PAIRS_OF_A_KIND;
+}
+
+dense_request request_for(const ImagePair& pair) {
+  dense_request request;
+  request.images = {pair.old_image, pair.new_image};
+  request.effort = dense_effort::quick;
+  return request;
+}
+
+// A program of some 12 KB, and the same with a function more and two in each other's place.
+ImagePair program_pair(const dense_target& target) {
+  Random random(77);
+  LinkedProgram program(110, random);
+  ImagePair pair;
+  pair.old_image = program.link(target);
+  program.insert(31, random);
+  program.swap(50, 52);
+  pair.new_image = program.link(target);
+  return pair;
+}
+
+struct MachineCase {
+  const char* name;
+  dense_target target;
+  uint32_t bytes;  // of the payload, kept on purpose: a larger one needs a reason
+};
+
+// clang-format off
+const MachineCase kMachineCases[] = {
+  {"none",       {KELVANE_DENSE_NONE,    kLittle, kLittle, 0x00010000}, 184},
+  {"thumb",      {KELVANE_DENSE_THUMB,   kLittle, kLittle, 0x08004000}, 142},
+  {"thumb_be",   {KELVANE_DENSE_THUMB,   kBig,    kBig,    0x00100000}, 135},
+  {"thumb_be8",  {KELVANE_DENSE_THUMB,   kLittle, kBig,    0x00100000}, 133},
+  {"arm",        {KELVANE_DENSE_ARM,     kLittle, kLittle, 0x00010000}, 156},
+  {"arm_be8",    {KELVANE_DENSE_ARM,     kLittle, kBig,    0x00010000}, 157},
+  {"powerpc",    {KELVANE_DENSE_POWERPC, kBig,    kBig,    0x00FF8000}, 163},
+  {"powerpc_le", {KELVANE_DENSE_POWERPC, kLittle, kLittle, 0x10000000}, 163},
+  {"mips",       {KELVANE_DENSE_MIPS,    kBig,    kBig,    0x9FC00000}, 158},
+  {"mips_le",    {KELVANE_DENSE_MIPS,    kLittle, kLittle, 0x80000000}, 162},
+  {"riscv",      {KELVANE_DENSE_RISCV,   kLittle, kLittle, 0x20400000}, 199},
+};
+// clang-format on
+
+class DenseMachineTest : public testing::TestWithParam<MachineCase> {};
+
+TEST_P(DenseMachineTest, AnInsertAndASwapCostWhatTheLedgerSays) {
+  const ImagePair pair = program_pair(GetParam().target);
+  dense_request request = request_for(pair);
+  request.effort = dense_effort::normal;
+  request.target = GetParam().target;
+  request.base_is_known = true;
+  request.geometry = {1024, 2, 4};
+  const dense_update update = search_dense(request);
+  EXPECT_EQ(plain_dense_decode(pair.old_image, update.payload, kLargest), pair.new_image);
+  EXPECT_EQ(update.payload.size(), GetParam().bytes) << "of " << pair.new_image.size();
+}
+
+TEST_P(DenseMachineTest, MachineAndBaseAreFoundFromTheImages) {
+  if (GetParam().target.machine == KELVANE_DENSE_NONE) {
+    return;  // addresses alone: any machine serves
+  }
+  const ImagePair pair = program_pair(GetParam().target);
+  const dense_update update = search_dense(request_for(pair));
+  EXPECT_EQ(update.options.target.machine, GetParam().target.machine);
+  EXPECT_EQ(update.options.target.code_order, GetParam().target.code_order);
+  EXPECT_EQ(update.options.target.data_order, GetParam().target.data_order);
+  EXPECT_EQ(update.options.target.base, GetParam().target.base);
+}
+
+INSTANTIATE_TEST_SUITE_P(Machines, DenseMachineTest, testing::ValuesIn(kMachineCases),
+                         [](const auto& machine) { return machine.param.name; });
+
+// Branches whose field takes every value, in steps that leave no bit out.
+struct BranchCase {
+  uint8_t machine;
+  uint32_t instruction;  // with an empty field
+  uint32_t field;        // its bits
+  int form;
+};
+
+// clang-format off
+const BranchCase kBranchCases[] = {
+  {KELVANE_DENSE_THUMB,   0xF000D000, 0x07FF2FFF, 1},  // BL
+  {KELVANE_DENSE_THUMB,   0xF0009000, 0x07FF2FFF, 1},  // B.W
+  {KELVANE_DENSE_THUMB,   0xF000C000, 0x07FF2FFE, 1},  // BLX
+  {KELVANE_DENSE_THUMB,   0xF0408000, 0x043F2FFF, 2},  // BNE.W
+  {KELVANE_DENSE_ARM,     0xEB000000, 0x00FFFFFF, 1},
+  {KELVANE_DENSE_POWERPC, 0x48000001, 0x03FFFFFC, 1},
+  {KELVANE_DENSE_POWERPC, 0x41820000, 0x0000FFFC, 2},
+  {KELVANE_DENSE_MIPS,    0x0C000000, 0x03FFFFFF, 1},
+  {KELVANE_DENSE_RISCV,   0x000000EF, 0xFFFFF000, 1},
+  {KELVANE_DENSE_RISCV,   0x00A50063, 0xFE000F80, 2},
+};
+// clang-format on
+
+TEST(DenseReferencesTest, ABranchToItsOwnTargetIsTheSameInstruction) {
+  for (const BranchCase& branch : kBranchCases) {
+    dense_options options;
+    options.target.machine = branch.machine;
+    options.target.base = 0x10000000;
+    dense_model model({}, 0, options, {});
+    for (const uint32_t place : {0x10000000U, 0x10000002U, 0x13FFFFFCU}) {
+      // Every value of the field: the next one of a number whose bits are those of the mask.
+      uint32_t bits = 0;
+      uint32_t wrong = 0;
+      do {
+        const uint32_t instruction = branch.instruction | bits;
+        uint32_t target = 0;
+        const int form = kelvane_dense_branch_target(&model.decoder(), instruction, place, &target);
+        wrong += form != branch.form || kelvane_dense_branch_to(&model.decoder(), instruction,
+                                                                place, target, form) != instruction
+                     ? 1
+                     : 0;
+        bits = (bits - branch.field) & branch.field;
+      } while (bits != 0);
+      EXPECT_EQ(wrong, 0U) << std::hex << branch.instruction << " at " << place;
+    }
+  }
+}
+
+// A decoder whose reads are checked, run in windows of any size and moved to a fresh one now and
+// then, with nothing but its state. `wrote` is what came out before it ended.
+struct CheckedRun {
+  CheckedRun(std::span<const uint8_t> old_bytes, std::span<const uint8_t> payload_bytes,
+             Random& random)
+      : old_image(old_bytes), payload(payload_bytes) {
+    const kelvane_dense_input input = {
+        this, static_cast<uint32_t>(payload.size()), read_payload, read_old, read_new, kLargest};
+    std::vector<uint32_t> map(0xFFFF * 14 / 4 + 1);
+    auto decoder = std::make_unique<kelvane_dense_decoder>();
+    kelvane_dense_info info = {};
+    code = kelvane_dense_open(decoder.get(), &input, map.data(),
+                              static_cast<uint32_t>(map.size() * 4), &info);
+    if (code == KELVANE_DENSE_OK && info.old_size != old_image.size()) {
+      code = KELVANE_DENSE_BAD_HEADER;
+    }
+    if (code == KELVANE_DENSE_OK) {
+      code = kelvane_dense_restart(decoder.get());
+    }
+    std::vector<uint8_t> window(700);
+    while (code == KELVANE_DENSE_OK && wrote.size() < info.new_size) {
+      if (random.below(8) == 0) {
+        auto other = std::make_unique<kelvane_dense_decoder>();
+        std::fill(map.begin(), map.end(), 0xDEADBEEF);
+        EXPECT_EQ(kelvane_dense_open(other.get(), &input, map.data(),
+                                     static_cast<uint32_t>(map.size() * 4), &info),
+                  KELVANE_DENSE_OK);
+        other->state = decoder->state;
+        EXPECT_EQ(kelvane_dense_resume(other.get()), KELVANE_DENSE_OK);
+        decoder = std::move(other);
+      }
+      const uint32_t count = std::min<uint32_t>(
+          1 + random.below(window.size()), info.new_size - static_cast<uint32_t>(wrote.size()));
+      code = kelvane_dense_window(decoder.get(), static_cast<uint32_t>(wrote.size()), window.data(),
+                                  count);
+      if (code == KELVANE_DENSE_OK) {
+        wrote.insert(wrote.end(), window.begin(), window.begin() + count);
+      }
+    }
+  }
+
+  static int copy(std::span<const uint8_t> from, uint32_t at, uint8_t* bytes, uint32_t count) {
+    EXPECT_NE(count, 0U);
+    if (at > from.size() || count > from.size() - at) {
+      ADD_FAILURE() << "read outside: " << count << " bytes at " << at << " of " << from.size();
+      return 1;
+    }
+    std::copy_n(from.begin() + at, count, bytes);
+    return 0;
+  }
+  static int read_payload(void* context, uint32_t at, uint8_t* bytes, uint32_t count) {
+    return copy(static_cast<CheckedRun*>(context)->payload, at, bytes, count);
+  }
+  static int read_old(void* context, uint32_t at, uint8_t* bytes, uint32_t count) {
+    return copy(static_cast<CheckedRun*>(context)->old_image, at, bytes, count);
+  }
+  static int read_new(void* context, uint32_t at, uint8_t* bytes, uint32_t count) {
+    return copy(static_cast<CheckedRun*>(context)->wrote, at, bytes, count);
+  }
+
+  std::span<const uint8_t> old_image;
+  std::span<const uint8_t> payload;
+  Bytes wrote;
+  int code = 0;
+};
+
+// Both decoders take it with the same result, or both refuse it.
+void expect_agreement(std::span<const uint8_t> old_image, std::span<const uint8_t> payload,
+                      Random& random) {
+  const CheckedRun run(old_image, payload, random);
+  const std::optional<Bytes> plain = plain_dense_decode(old_image, payload, kLargest);
+  ASSERT_EQ(run.code == KELVANE_DENSE_OK, plain.has_value()) << run.code;
+  if (plain) {
+    ASSERT_EQ(run.wrote, *plain);
+  }
+}
+
+dense_request any_request(const ImagePair& pair, Random& random) {
+  dense_request request = request_for(pair);
+  request.geometry.page_size = 64U << random.below(4);
+  request.geometry.ring_pages = random.below(5);
+  request.geometry.slots = random.below(4);
+  request.model = static_cast<uint8_t>(random.below(2));
+  request.reads_new = random.below(2) == 0;
+  request.map_limit = random.below(3) == 0 ? random.below(4) : 2048;
+  if (random.below(8) != 0) {
+    request.target =
+        dense_target{static_cast<uint8_t>(random.below(KELVANE_DENSE_MACHINES)),
+                     byte_order_of(random.below(2) == 0), byte_order_of(random.below(2) == 0), 0};
+  }
+  return request;
+}
+
+class DenseRoundTripTest : public testing::TestWithParam<PairKind> {};
+
+// search_dense throws if an update reads what the device has not kept, or is wrong otherwise.
+TEST_P(DenseRoundTripTest, AnUpdateServesItsDeviceAndBothDecodersAgree) {
+  for (uint32_t seed = 1; seed <= pairs_of_a_kind(); ++seed) {
+    Random random(seed * 64 + static_cast<uint32_t>(GetParam()));
+    const ImagePair pair = make_pair_of(GetParam(), random);
+    const dense_request request = any_request(pair, random);
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    const dense_update update = search_dense(request);
+    const CheckedRun run(pair.old_image, update.payload, random);
+    ASSERT_EQ(run.code, KELVANE_DENSE_OK);
+    ASSERT_EQ(run.wrote, pair.new_image);
+    ASSERT_EQ(plain_dense_decode(pair.old_image, update.payload, kLargest), pair.new_image);
+    for (const kept_page& kept : update.kept) {
+      ASSERT_LT(kept.slot, request.geometry.slots);
+    }
+    Bytes damaged = update.payload;
+    damaged[random.below(damaged.size())] ^= static_cast<uint8_t>(1 + random.below(255));
+    expect_agreement(pair.old_image, damaged, random);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, DenseRoundTripTest, testing::ValuesIn(kAllPairKinds),
+                         [](const auto& kind) { return name_of(kind.param); });
+
+TEST(DenseProofTest, AReadThatTheDeviceHasNotKeptIsAFault) {
+  const ImagePair pair = program_pair(kMachineCases[1].target);
+  dense_request request = request_for(pair);
+  request.target = kMachineCases[1].target;
+  request.geometry = {256, 0, 0};
+  const dense_update update = search_dense(request);
+  EXPECT_EQ(fault_of_dense(request.images, update.payload, {}, request.geometry), "");
+  EXPECT_EQ(fault_of_dense(request.images, update.payload, {}, {256, 1, 0}),
+            "it reads what the device has not kept");
+  ImagePair other = pair;
+  other.new_image.back() ^= 1;
+  EXPECT_EQ(
+      fault_of_dense({other.old_image, other.new_image}, update.payload, {}, request.geometry),
+      "its checksums are not those of the images");
+}
+
+TEST(DenseSearchTest, TheNumberOfJobsChangesNoByte) {
+  const ImagePair pair = program_pair(kMachineCases[6].target);
+  dense_request request = request_for(pair);
+  request.effort = dense_effort::normal;
+  const Bytes payload = search_dense(request).payload;
+  for (const uint32_t jobs : {2U, 5U}) {
+    request.jobs = jobs;
+    EXPECT_EQ(search_dense(request).payload, payload) << jobs;
+  }
+}
+
+// Every byte of small updates changed in six ways, and every length.
+TEST(DenseHostileTest, DamagedPayloadsAreRefusedOrDecodedInsideTheImages) {
+  for (const size_t i : {1U, 5U, 6U, 8U, 10U}) {
+    const dense_target& target = kMachineCases[i].target;
+    Random random(5);
+    LinkedProgram program(12, random);
+    const Bytes old_image = program.link(target);
+    program.insert(4, random);
+    program.swap(8, 10);
+    const Bytes new_image = program.link(target);
+    ImagePair pair = {old_image, new_image};
+    dense_request request = request_for(pair);
+    request.target = target;
+    const Bytes payload = search_dense(request).payload;
+    for (size_t at = 0; at < payload.size(); ++at) {
+      SCOPED_TRACE(at);
+      for (const int change : {0x01, 0x80, 0xFF, 0x10, 0x5A}) {
+        Bytes damaged = payload;
+        damaged[at] ^= static_cast<uint8_t>(change);
+        expect_agreement(old_image, damaged, random);
+      }
+      Bytes zeroed = payload;
+      zeroed[at] = 0;
+      expect_agreement(old_image, zeroed, random);
+      expect_agreement(old_image, std::span(payload).first(at), random);
+    }
+  }
+}
+
+TEST(DenseDecoderTest, AWindowOutOfTurnAndALargerModelOrMapAreRefused) {
+  const ImagePair pair = program_pair(kMachineCases[1].target);
+  dense_request request = request_for(pair);
+  request.target = kMachineCases[1].target;
+  const Bytes payload = search_dense(request).payload;
+  Random random(1);
+  CheckedRun memory(pair.old_image, payload, random);
+  kelvane_dense_input input = {&memory,
+                               static_cast<uint32_t>(payload.size()),
+                               CheckedRun::read_payload,
+                               CheckedRun::read_old,
+                               CheckedRun::read_new,
+                               0};
+  auto decoder = std::make_unique<kelvane_dense_decoder>();
+  kelvane_dense_info info = {};
+  std::vector<uint32_t> map(1000);
+  EXPECT_EQ(kelvane_dense_open(decoder.get(), &input, nullptr, 0, &info), KELVANE_DENSE_NO_ROOM);
+  EXPECT_EQ(info.new_size, pair.new_image.size());
+  uint8_t bytes[16] = {};
+  EXPECT_EQ(kelvane_dense_window(decoder.get(), 0, bytes, 16), KELVANE_DENSE_BAD_ARGUMENT);
+  EXPECT_EQ(kelvane_dense_open(decoder.get(), &input, map.data(), 4000, &info), KELVANE_DENSE_OK);
+  EXPECT_EQ(kelvane_dense_restart(decoder.get()), KELVANE_DENSE_OK);
+  EXPECT_EQ(kelvane_dense_window(decoder.get(), 4, bytes, 12), KELVANE_DENSE_BAD_ARGUMENT);
+  EXPECT_EQ(kelvane_dense_window(decoder.get(), 0, bytes, 16), KELVANE_DENSE_BAD_ARGUMENT);
+  input.largest_image = 100;
+  EXPECT_EQ(kelvane_dense_open(decoder.get(), &input, map.data(), 4000, &info),
+            KELVANE_DENSE_NO_ROOM);
+}
+
+// The worked payload of docs/dense-format.md.
+TEST(DenseFormatTest, TheWorkedPayloadIsWhatTheFormatPageShows) {
+  Bytes old_image;
+  Bytes new_image;
+  for (const uint32_t word : {0x11U, 0x1008U, 0x22U, 0x1004U, 0x33U, 0x1010U}) {
+    append_word(old_image, word, false);
+  }
+  for (const uint32_t word : {0x11U, 0x100CU, 0x55U, 0x22U, 0x1004U, 0x34U, 0x1014U}) {
+    append_word(new_image, word, false);
+  }
+  dense_plan plan;
+  plan.copies = {{0, 0, 8}, {8, 12, 16}};
+  plan.map = {{0, 0, 8}, {8, 12, 16}};
+  plan.items.resize(4);
+  dense_options options;
+  options.target.base = 0x1000;
+  options.model = 0;
+  options.reads_new = false;
+  options.differences = false;
+  const Bytes payload = write_dense({old_image, new_image}, plan, options);
+  EXPECT_EQ(plain_dense_decode(old_image, payload, kLargest), new_image);
+  EXPECT_EQ(payload, (Bytes{0x01, 0x60, 0x59, 0x3C, 0x04, 0xA9, 0x30, 0x3B, 0xE2, 0x21, 0x1C,
+                            0x07, 0x01, 0x02, 0xF8, 0xF1, 0xA6, 0x0D, 0x34, 0x97, 0xB0, 0x3C}));
+}
+
+}  // namespace
+}  // namespace kelvane
