@@ -87,7 +87,7 @@ class search {
     made.payload = write_dense(images_, made.plan, made.options);
   }
   std::vector<shift_stretch> first_alignment();
-  std::vector<dense_options> likely_options(std::vector<shift_stretch> stretches) const;
+  std::vector<dense_options> likely_options(std::span<const shift_stretch> stretches) const;
   candidate rounds(const dense_options& options, const effort_settings& settings) const;
   void try_other_base(candidate& best) const;
   void try_without_differences(candidate& best) const;
@@ -174,7 +174,7 @@ std::vector<shift_stretch> search::first_alignment() {
 }
 
 // The best of each machine whose payload is not half as large again as the smallest.
-std::vector<dense_options> search::likely_options(std::vector<shift_stretch> stretches) const {
+std::vector<dense_options> search::likely_options(std::span<const shift_stretch> stretches) const {
   struct guess {
     candidate made;
     size_t size = 0;
