@@ -295,21 +295,19 @@ constexpr uint64_t kNothingToGain = 40 * kWeightOfByte;
 
 // The settings that are tried, the first ones first: most of the gain is in the first ten.
 struct order_try {
-  uint32_t piece_bytes;
-  uint32_t sacrifice_bytes;
+  bool cut_long;
+  uint32_t sacrificed_parts;
   uint32_t park_percent;
   uint32_t seed;
 };
-
-constexpr uint32_t kWhole = 0x40000000;
 
 std::vector<order_try> order_tries() {
   std::vector<order_try> tries;
   for (const uint32_t seed : {12345U, 777U, 4242U}) {
     for (const uint32_t park_percent : {40U, 15U, 100U}) {
-      for (const uint32_t piece_bytes : {1024U, kWhole}) {
-        for (const uint32_t sacrifice_bytes : {0U, 1024U, 2048U}) {
-          tries.push_back({piece_bytes, sacrifice_bytes, park_percent, seed});
+      for (const bool cut_long : {true, false}) {
+        for (const uint32_t sacrificed_parts : {0U, 1U, 2U}) {
+          tries.push_back({cut_long, sacrificed_parts, park_percent, seed});
         }
       }
     }
@@ -331,20 +329,23 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
   const int64_t holes_end =
       settings.outer_holes ? std::max(old_size, new_size) : std::min(old_size, new_size);
   std::map<uint32_t, lightened_stretches> lightened;
-  std::map<std::pair<uint32_t, uint32_t>, piece_set> sets;
+  std::map<std::pair<uint32_t, bool>, piece_set> sets;
+  uint32_t part_bytes = 0;  // known from the first set, which sacrifices none
   std::optional<move_order> best;
   uint64_t looks = 0;
   const std::vector<order_try> tries = order_tries();
   for (size_t i = 0; i < std::min<size_t>(tries.size(), settings.tries); ++i) {
     const order_try& now = tries[i];
-    if (!lightened.contains(now.sacrifice_bytes)) {
-      lightened[now.sacrifice_bytes] = give_up_bytes(images, stretches, now.sacrifice_bytes);
+    const uint32_t parts = now.sacrificed_parts;
+    if (!lightened.contains(parts)) {
+      lightened[parts] = give_up_bytes(images, stretches, parts * part_bytes);
     }
-    const std::pair cut = {now.sacrifice_bytes, now.piece_bytes};
+    const std::pair cut = {parts, now.cut_long};
     if (!sets.contains(cut)) {
-      sets[cut] = cut_pieces(images, lightened[now.sacrifice_bytes], now.piece_bytes);
+      sets[cut] = cut_pieces(images, lightened[parts], now.cut_long);
     }
     const piece_set& set = sets[cut];
+    part_bytes = i == 0 ? set.part_bytes : part_bytes;
     move_order order = order_moves(set, {now.park_percent, now.seed, holes_end});
     looks += order.looks;
     if (!best || order.estimate < best->estimate) {
