@@ -26,8 +26,9 @@ constexpr int kMostParkings = 2;
 // Looking for a hole goes over all pending pieces. When so many have been looked at, which takes
 // images with thousands of pieces in circles, all that is in the way is given up.
 constexpr uint64_t kMostLooks = 4000000;
-// And when the orders of one search have looked at so many, no further one is tried.
-constexpr uint64_t kMostLooksOfAll = 4 * kMostLooks;
+// And when the orders of one search have looked at so many for each so many tries, and once more,
+// no further one is tried: images that take so many looks gain nothing from another order.
+constexpr uint64_t kTriesOfLooks = 16;
 
 class carrying_out {
  public:
@@ -82,6 +83,11 @@ class carrying_out {
     }
     park(piece, found.begin);
     return true;
+  }
+
+  uint32_t split(uint32_t piece, int64_t length) {
+    looks_ += places_.size();
+    return places_.split(piece, length);
   }
 
   hole find_hole(uint32_t piece, int64_t wanted) {
@@ -194,7 +200,7 @@ class carrying_out {
         kLeastSplitWeight) {
       return false;
     }
-    places_.split(piece, part);
+    split(piece, part);
     return park_in_hole(piece);
   }
 
@@ -234,15 +240,15 @@ class carrying_out {
       return false;
     }
     if (length < waiting.length) {
-      places_.split(blocked.piece, goes_up ? waiting.length - length : length);
+      split(blocked.piece, goes_up ? waiting.length - length : length);
     }
     bool parked = false;
     for (uint32_t piece : lying) {
       if (places_[piece].current < begin) {
-        piece = places_.split(piece, begin - places_[piece].current);
+        piece = split(piece, begin - places_[piece].current);
       }
       if (places_[piece].current_end() > end) {
-        places_.split(piece, end - places_[piece].current);
+        split(piece, end - places_[piece].current);
       }
       parked = park_in_hole(piece) || parked;
     }
@@ -333,6 +339,7 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
   uint32_t part_bytes = 0;  // known from the first set, which sacrifices none
   std::optional<move_order> best;
   uint64_t looks = 0;
+  const uint64_t most_looks = kMostLooks * (1 + settings.tries / kTriesOfLooks);
   const std::vector<order_try> tries = order_tries();
   for (size_t i = 0; i < std::min<size_t>(tries.size(), settings.tries); ++i) {
     const order_try& now = tries[i];
@@ -356,7 +363,7 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
     if (i == 0 && (set.circles.empty() || best->estimate < bound + kNothingToGain)) {
       break;
     }
-    if (looks > kMostLooksOfAll) {
+    if (looks > most_looks) {
       break;
     }
   }

@@ -57,14 +57,15 @@ struct lightened_stretches {
 lightened_stretches give_up_bytes(const plan_images& images,
                                   std::span<const shift_stretch> stretches, uint32_t bytes);
 
-// Pieces in circles are cut to parts of this many bytes, or of more where the circles are large: see
-// part_bytes in move_pieces.cpp.
+// Pieces in circles are cut to parts of this many bytes, or of more where the circles are large:
+// see part_bytes in move_pieces.cpp.
 inline constexpr uint32_t kLeastPart = 1024;
 
 // Cuts stretches to what the old image has, trims ends that differ, leaves out what is shorter than
 // a block costs, and finds the circles. With `cut_long`, pieces in circles that are twice as long
-// as the set's part_bytes are cut to about this length. Where more than a few million pairs of pieces are in each other's
-// way, which takes made-up images, short pieces are left out until they are fewer.
+// as the set's part_bytes are cut to about this length. Where more than a few million pairs of
+// pieces are in each other's way, which takes made-up images, short pieces are left out until they
+// are fewer.
 piece_set cut_pieces(const plan_images& images, const lightened_stretches& lightened,
                      bool cut_long);
 

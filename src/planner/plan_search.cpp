@@ -76,20 +76,22 @@ class tried_plans {
     }
   }
 
-  // Not for several threads. Keeps the plans in the order of their making.
+  // Not for several threads. Keeps the cheapest plans; of equal ones those made first.
   void keep(std::vector<tried_plan>& round) {
     for (tried_plan& each : round) {
       if (each.is_made) {
         kept_.push_back(std::move(each));
       }
     }
-  }
-
-  // The cheapest plan that holds; of equal ones the one made first.
-  found_plan best() {
     std::stable_sort(kept_.begin(), kept_.end(), [](const auto& first, const auto& second) {
       return first.cost.total() < second.cost.total();
     });
+    kept_.erase(kept_.begin() + static_cast<ptrdiff_t>(std::min(kept_.size(), kMostKept)),
+                kept_.end());
+  }
+
+  // The cheapest plan that holds.
+  found_plan best() {
     std::string first_fault;
     size_t chosen = 0;
     for (size_t i = 0; i < kept_.size() && request_.fault_of; ++i) {
@@ -106,6 +108,9 @@ class tried_plans {
   }
 
  private:
+  // Plans of unlike images are as large as they are; a few are enough to fall back on.
+  static constexpr size_t kMostKept = 3;
+
   const plan_request& request_;
   std::vector<tried_plan> kept_;
   std::mutex mutex_;  // for what follows
@@ -190,9 +195,8 @@ class plan_searcher {
   tried_plan try_alignment(size_t index, bool is_first_round) {
     alignment_settings settings;
     settings.block_bits = effort_.block_bits[index % effort_.block_bits.size()];
-    settings.stored_word_bits = rules_.compression
-                                    ? effort_.stored_word_bits[index / effort_.block_bits.size()]
-                                    : 0;
+    settings.stored_word_bits =
+        rules_.compression ? effort_.stored_word_bits[index / effort_.block_bits.size()] : 0;
     settings.kept_shifts = shifts_;
     const alignment_input input = {request_.images, order_, strings_.get(), differences_.get(),
                                    &prices_};
@@ -258,7 +262,7 @@ class plan_searcher {
   std::unique_ptr<difference_seeds> differences_;
   ByteOrder differences_order_ = ByteOrder::kLittle;
   std::optional<std::vector<class_price>> mean_prices_;  // not known in the first round
-  class_prices prices_;  // of them
+  class_prices prices_;                                  // of them
   std::vector<int64_t> shifts_;
 };
 

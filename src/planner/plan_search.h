@@ -49,7 +49,7 @@ struct plan_request {
   // once. May be empty.
   std::function<bool()> is_over;
   // Gives what is wrong with a plan, or nothing. Asked about the cheapest plan once all are made,
-  // and about the next one as long as it finds fault. May be empty, which finds none.
+  // and about the next one as long as it finds fault, three in all. May be empty, which finds none.
   std::function<std::string(const plan&)> fault_of;
 };
 
