@@ -99,6 +99,7 @@ TEST(MoveOrderTest, EveryOrderIsAsGoodAsItsEstimate) {
   for (uint32_t seed = 1; seed <= 40; ++seed) {
     Random random(seed);
     std::vector<Piece> pieces;
+    pieces.reserve(40);
     for (int i = 0; i < 40; ++i) {
       pieces.push_back({random.below(300) * 40, 12 + random.below(600)});
     }
