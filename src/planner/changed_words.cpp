@@ -24,14 +24,49 @@ bool is_known_whole(const moved_image& moved, uint32_t address) {
           moved.is_known(address + 3));
 }
 
-void find_classes(changed_words& changed) {
+// Tells values that may come twice from those that come once, so that only the former are sorted:
+// on unlike images nearly all come once, and sorting them took half as much memory as the words.
+class repeated_values {
+ public:
+  explicit repeated_values(const changed_words& changed) {
+    while (bits_ < kMostBits && (size_t{1} << bits_) < changed.words.size() * 8) {
+      ++bits_;
+    }
+    once_.resize(size_t{1} << bits_);
+    twice_.resize(size_t{1} << bits_);
+    for (const changed_word& word : changed.words) {
+      if (word.is_whole) {
+        const size_t slot = slot_of(word.difference);
+        twice_[slot] = twice_[slot] || once_[slot];
+        once_[slot] = true;
+      }
+    }
+  }
+  bool may_contain(uint32_t value) const { return twice_[slot_of(value)]; }
+
+ private:
+  static constexpr uint32_t kMostBits = 26;
+  size_t slot_of(uint32_t value) const { return (value * 2654435761U) >> (32U - bits_); }
+  uint32_t bits_ = 8;
+  std::vector<bool> once_;
+  std::vector<bool> twice_;
+};
+
+std::vector<uint64_t> sorted_values(const changed_words& changed) {
+  const repeated_values repeated(changed);
   std::vector<uint64_t> sorted;
   for (size_t i = 0; i < changed.words.size(); ++i) {
-    if (changed.words[i].is_whole) {
-      sorted.push_back((uint64_t{changed.words[i].difference} << 32U) + i);
+    const changed_word& word = changed.words[i];
+    if (word.is_whole && repeated.may_contain(word.difference)) {
+      sorted.push_back((uint64_t{word.difference} << 32U) + i);
     }
   }
   std::sort(sorted.begin(), sorted.end());
+  return sorted;
+}
+
+void find_classes(changed_words& changed) {
+  const std::vector<uint64_t> sorted = sorted_values(changed);
   const auto value_of = [](uint64_t entry) { return static_cast<uint32_t>(entry >> 32U); };
   for (size_t begin = 0; begin < sorted.size();) {
     const uint32_t value = value_of(sorted[begin]);

@@ -12,6 +12,8 @@ namespace kelvane {
 struct class_price {
   uint32_t value = 0;
   uint32_t bits = 0;  // the mean of a word of this class, 1 and more
+
+  bool operator==(const class_price&) const = default;
 };
 
 class class_prices {

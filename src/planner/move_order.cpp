@@ -26,8 +26,9 @@ constexpr int kMostParkings = 2;
 // Looking for a hole goes over all pending pieces. When so many have been looked at, which takes
 // images with thousands of pieces in circles, all that is in the way is given up.
 constexpr uint64_t kMostLooks = 4000000;
-// And when the orders of one search have looked at so many, no further one is tried.
-constexpr uint64_t kMostLooksOfAll = 4 * kMostLooks;
+// And when the orders of one search have looked at so many for each so many tries, and once more,
+// no further one is tried: images that take so many looks gain nothing from another order.
+constexpr uint64_t kTriesOfLooks = 16;
 
 class carrying_out {
  public:
@@ -82,6 +83,11 @@ class carrying_out {
     }
     park(piece, found.begin);
     return true;
+  }
+
+  uint32_t split(uint32_t piece, int64_t length) {
+    looks_ += places_.size();
+    return places_.split(piece, length);
   }
 
   hole find_hole(uint32_t piece, int64_t wanted) {
@@ -194,7 +200,7 @@ class carrying_out {
         kLeastSplitWeight) {
       return false;
     }
-    places_.split(piece, part);
+    split(piece, part);
     return park_in_hole(piece);
   }
 
@@ -234,15 +240,15 @@ class carrying_out {
       return false;
     }
     if (length < waiting.length) {
-      places_.split(blocked.piece, goes_up ? waiting.length - length : length);
+      split(blocked.piece, goes_up ? waiting.length - length : length);
     }
     bool parked = false;
     for (uint32_t piece : lying) {
       if (places_[piece].current < begin) {
-        piece = places_.split(piece, begin - places_[piece].current);
+        piece = split(piece, begin - places_[piece].current);
       }
       if (places_[piece].current_end() > end) {
-        places_.split(piece, end - places_[piece].current);
+        split(piece, end - places_[piece].current);
       }
       parked = park_in_hole(piece) || parked;
     }
@@ -295,21 +301,19 @@ constexpr uint64_t kNothingToGain = 40 * kWeightOfByte;
 
 // The settings that are tried, the first ones first: most of the gain is in the first ten.
 struct order_try {
-  uint32_t piece_bytes;
-  uint32_t sacrifice_bytes;
+  bool cut_long;
+  uint32_t sacrificed_parts;
   uint32_t park_percent;
   uint32_t seed;
 };
-
-constexpr uint32_t kWhole = 0x40000000;
 
 std::vector<order_try> order_tries() {
   std::vector<order_try> tries;
   for (const uint32_t seed : {12345U, 777U, 4242U}) {
     for (const uint32_t park_percent : {40U, 15U, 100U}) {
-      for (const uint32_t piece_bytes : {1024U, kWhole}) {
-        for (const uint32_t sacrifice_bytes : {0U, 1024U, 2048U}) {
-          tries.push_back({piece_bytes, sacrifice_bytes, park_percent, seed});
+      for (const bool cut_long : {true, false}) {
+        for (const uint32_t sacrificed_parts : {0U, 1U, 2U}) {
+          tries.push_back({cut_long, sacrificed_parts, park_percent, seed});
         }
       }
     }
@@ -331,20 +335,24 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
   const int64_t holes_end =
       settings.outer_holes ? std::max(old_size, new_size) : std::min(old_size, new_size);
   std::map<uint32_t, lightened_stretches> lightened;
-  std::map<std::pair<uint32_t, uint32_t>, piece_set> sets;
+  std::map<std::pair<uint32_t, bool>, piece_set> sets;
+  uint32_t part_bytes = 0;  // known from the first set, which sacrifices none
   std::optional<move_order> best;
   uint64_t looks = 0;
+  const uint64_t most_looks = kMostLooks * (1 + settings.tries / kTriesOfLooks);
   const std::vector<order_try> tries = order_tries();
   for (size_t i = 0; i < std::min<size_t>(tries.size(), settings.tries); ++i) {
     const order_try& now = tries[i];
-    if (!lightened.contains(now.sacrifice_bytes)) {
-      lightened[now.sacrifice_bytes] = give_up_bytes(images, stretches, now.sacrifice_bytes);
+    const uint32_t parts = now.sacrificed_parts;
+    if (!lightened.contains(parts)) {
+      lightened[parts] = give_up_bytes(images, stretches, parts * part_bytes);
     }
-    const std::pair cut = {now.sacrifice_bytes, now.piece_bytes};
+    const std::pair cut = {parts, now.cut_long};
     if (!sets.contains(cut)) {
-      sets[cut] = cut_pieces(images, lightened[now.sacrifice_bytes], now.piece_bytes);
+      sets[cut] = cut_pieces(images, lightened[parts], now.cut_long);
     }
     const piece_set& set = sets[cut];
+    part_bytes = i == 0 ? set.part_bytes : part_bytes;
     move_order order = order_moves(set, {now.park_percent, now.seed, holes_end});
     looks += order.looks;
     if (!best || order.estimate < best->estimate) {
@@ -355,7 +363,7 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
     if (i == 0 && (set.circles.empty() || best->estimate < bound + kNothingToGain)) {
       break;
     }
-    if (looks > kMostLooksOfAll) {
+    if (looks > most_looks) {
       break;
     }
   }

@@ -13,6 +13,12 @@ constexpr int64_t kShortestPiece = 12;
 constexpr size_t kMostEdges = 4000000;
 // For estimates of compressed sizes.
 constexpr int kEstimateTrials = 12;
+// The bytes that are compressed for the estimates of one set of pieces; of more, every piece gives
+// a sample.
+constexpr int64_t kMostSampled = int64_t{1} << 20U;
+constexpr int64_t kLeastSample = 256;
+// Circles of fewer bytes are cut to kLeastPart: a thousand parts are carried out in no time.
+constexpr uint64_t kLargeCircles = uint64_t{1} << 20U;
 
 // Calls take(begin, end) for what is left of a stretch when its ends that differ are trimmed.
 void trim(const plan_images& images, const shift_stretch& stretch, const auto& take) {
@@ -60,6 +66,53 @@ std::vector<moving_piece> cut_circles(const std::vector<moving_piece>& pieces,
     }
   }
   return cut;
+}
+
+// The bytes of pieces in circles that are long enough to be cut.
+uint64_t bytes_to_cut(const piece_set& set) {
+  uint64_t bytes = 0;
+  for (const auto& circle : set.circles) {
+    for (const uint32_t piece : circle) {
+      const auto length = static_cast<uint64_t>(set.pieces[piece].length);
+      bytes += length >= 2 * uint64_t{kLeastPart} ? length : 0;
+    }
+  }
+  return bytes;
+}
+
+// Two blocks that change places by parts take one part that is given up and three moves of 12 bytes
+// for every two parts: of T bytes by parts of p that is p + 18 T / p, least where p * p is 18 T. So
+// the number of parts, and with it the time, grows as the root of the size.
+uint32_t part_bytes(uint64_t bytes) {
+  uint64_t part = kLeastPart;
+  while (bytes > kLargeCircles && part * part < 18 * bytes) {
+    part += 256;
+  }
+  return static_cast<uint32_t>(part);
+}
+
+void weigh_circles(const plan_images& images, piece_set& set) {
+  int64_t all = 0;
+  for (const auto& circle : set.circles) {
+    for (const uint32_t index : circle) {
+      all += set.pieces[index].length;
+    }
+  }
+  optimal_parser parser(kEstimateTrials);
+  for (const auto& circle : set.circles) {
+    for (const uint32_t index : circle) {
+      moving_piece& piece = set.pieces[index];
+      int64_t sample = piece.length;
+      if (all > kMostSampled) {
+        sample = std::min(sample, std::max(kLeastSample, sample * kMostSampled / all));
+      }
+      const uint64_t packed = parser.packed_size(images.new_image.subspan(
+          static_cast<size_t>(piece.destination), static_cast<size_t>(sample)));
+      const auto plain = static_cast<uint64_t>(piece.length);
+      const uint64_t weight = packed * kWeightOfByte * plain / static_cast<uint64_t>(sample);
+      piece.store_weight = std::min(weight, plain * 85) + kWeightOfByte;
+    }
+  }
 }
 
 std::vector<uint32_t> all_of(const std::vector<moving_piece>& pieces) {
@@ -132,10 +185,11 @@ lightened_stretches give_up_bytes(const plan_images& images,
   if (bytes == 0) {
     return result;
   }
-  constexpr size_t kSamples = 512;
+  constexpr size_t kMostSamples = 512;
+  const size_t samples = std::clamp<size_t>(size_t{kMostSampled} / bytes, 1, kMostSamples);
   optimal_parser parser(kEstimateTrials);
   const auto step = static_cast<uint32_t>(
-      std::max<size_t>(bytes / 2, images.new_image.size() / kSamples) & ~size_t{3});
+      std::max<size_t>(bytes / 2, images.new_image.size() / samples) & ~size_t{3});
   std::optional<std::pair<size_t, uint32_t>> best;
   uint64_t least = UINT64_MAX;
   for (size_t i = 0; i < stretches.size(); ++i) {
@@ -166,7 +220,7 @@ lightened_stretches give_up_bytes(const plan_images& images,
 }
 
 piece_set cut_pieces(const plan_images& images, const lightened_stretches& lightened,
-                     uint32_t piece_bytes) {
+                     bool cut_long) {
   piece_set set;
   set.given_up_weight = lightened.given_up_weight;
   for (const shift_stretch& stretch : lightened.stretches) {
@@ -184,21 +238,13 @@ piece_set cut_pieces(const plan_images& images, const lightened_stretches& light
   find_conflicts(set);
   set.stretches = set.pieces.size();
   set.circles = all_circles(set);
-  if (!set.circles.empty()) {
-    set.pieces = cut_circles(set.pieces, set.circles, piece_bytes);
+  set.part_bytes = part_bytes(bytes_to_cut(set));
+  if (cut_long && !set.circles.empty()) {
+    set.pieces = cut_circles(set.pieces, set.circles, set.part_bytes);
     find_conflicts(set);
     set.circles = all_circles(set);
   }
-  optimal_parser parser(kEstimateTrials);
-  for (const auto& circle : set.circles) {
-    for (const uint32_t index : circle) {
-      moving_piece& piece = set.pieces[index];
-      const uint64_t packed = parser.packed_size(images.new_image.subspan(
-          static_cast<size_t>(piece.destination), static_cast<size_t>(piece.length)));
-      const auto plain = static_cast<uint64_t>(piece.length);
-      piece.store_weight = std::min(packed * kWeightOfByte, plain * 85) + kWeightOfByte;
-    }
-  }
+  weigh_circles(images, set);
   return set;
 }
 

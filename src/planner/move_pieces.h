@@ -43,6 +43,7 @@ struct piece_set {
   piece_graph graph;
   std::vector<std::vector<uint32_t>> circles;  // parts in which every piece waits for every other
   uint64_t given_up_weight = 0;                // as in lightened_stretches
+  uint32_t part_bytes = 0;                     // what circles of these pieces are best cut to
 };
 
 // Stretches of which some bytes are given up beforehand, with what storing them costs. They make a
@@ -56,12 +57,17 @@ struct lightened_stretches {
 lightened_stretches give_up_bytes(const plan_images& images,
                                   std::span<const shift_stretch> stretches, uint32_t bytes);
 
+// Pieces in circles are cut to parts of this many bytes, or of more where the circles are large:
+// see part_bytes in move_pieces.cpp.
+inline constexpr uint32_t kLeastPart = 1024;
+
 // Cuts stretches to what the old image has, trims ends that differ, leaves out what is shorter than
-// a block costs, and finds the circles. Pieces in circles that are twice as long as `piece_bytes`
-// are cut to about this length. Where more than a few million pairs of pieces are in each other's
-// way, which takes made-up images, short pieces are left out until they are fewer.
+// a block costs, and finds the circles. With `cut_long`, pieces in circles that are twice as long
+// as the set's part_bytes are cut to about this length. Where more than a few million pairs of
+// pieces are in each other's way, which takes made-up images, short pieces are left out until they
+// are fewer.
 piece_set cut_pieces(const plan_images& images, const lightened_stretches& lightened,
-                     uint32_t piece_bytes);
+                     bool cut_long);
 
 // The pieces to park or give up, so that the rest can go in some order. `park_percent` is what
 // parking a piece is taken to cost, as a part of its length; `seed` starts the random numbers that

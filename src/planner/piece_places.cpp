@@ -210,25 +210,38 @@ std::vector<uint8_t> piece_places::needed_before(uint32_t piece) const {
 // marks.
 std::vector<std::pair<int64_t, int64_t>> piece_places::taken_memory(
     const std::vector<uint8_t>* needed) const {
-  std::vector<std::pair<int64_t, int64_t>> taken = pinned_;
-  for (size_t i = 0; i < pieces_.size(); ++i) {
-    const placed_piece& piece = pieces_[i];
+  // Destinations are kept in order; only the places at hand have to be sorted.
+  std::vector<std::pair<int64_t, int64_t>> going = pinned_;
+  const auto pinned = static_cast<ptrdiff_t>(going.size());
+  for (const uint32_t index : by_destination_) {
+    const placed_piece& piece = pieces_[index];
+    if (piece.place == piece_place::home ||
+        (piece.is_pending() && (needed == nullptr || (*needed)[index] != 0))) {
+      going.emplace_back(piece.destination, piece.destination_end());
+    }
+  }
+  std::inplace_merge(going.begin(), going.begin() + pinned, going.end());
+  std::vector<std::pair<int64_t, int64_t>> taken;
+  taken.reserve(going.size() + pending_ + 1);
+  for (const placed_piece& piece : pieces_) {
     if (piece.is_pending()) {
       taken.emplace_back(piece.current, piece.current_end());
     }
-    if (piece.place == piece_place::home ||
-        (piece.is_pending() && (needed == nullptr || (*needed)[i] != 0))) {
-      taken.emplace_back(piece.destination, piece.destination_end());
-    }
   }
   std::sort(taken.begin(), taken.end());
+  const auto lying = static_cast<ptrdiff_t>(taken.size());
+  taken.insert(taken.end(), going.begin(), going.end());
+  std::inplace_merge(taken.begin(), taken.begin() + lying, taken.end());
   return taken;
 }
 
 hole piece_places::find_hole(uint32_t piece, int64_t wanted) const {
-  const std::vector<uint8_t> needed = needed_before(piece);
+  std::vector<uint8_t> needed;  // only if no hole is free of all
   hole largest;
   for (const bool soft : {false, true}) {
+    if (soft) {
+      needed = needed_before(piece);
+    }
     std::vector<std::pair<int64_t, int64_t>> taken = taken_memory(soft ? &needed : nullptr);
     taken.emplace_back(holes_end_, holes_end_);
     hole smallest = {0, INT64_MAX};

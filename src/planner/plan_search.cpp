@@ -53,6 +53,74 @@ struct tried_plan {
   bool is_made = false;
 };
 
+// The plans of both rules, and what is asked and told meanwhile. Shared by the threads.
+class tried_plans {
+ public:
+  tried_plans(const plan_request& request, uint32_t most_tries)
+      : request_(request), most_tries_(most_tries) {}
+
+  bool is_over() {
+    const std::lock_guard<std::mutex> hold(mutex_);
+    was_stopped_ = was_stopped_ || (started_ > 0 && request_.is_over && request_.is_over());
+    ++started_;
+    return was_stopped_;
+  }
+  bool was_stopped() const { return was_stopped_; }
+
+  void note(const tried_plan& made) {
+    const std::lock_guard<std::mutex> hold(mutex_);
+    ++tries_;
+    least_ = std::min(least_, made.cost.total());
+    if (request_.report) {
+      request_.report({tries_, most_tries_, least_});
+    }
+  }
+
+  // Not for several threads. Keeps the cheapest plans; of equal ones those made first.
+  void keep(std::vector<tried_plan>& round) {
+    for (tried_plan& each : round) {
+      if (each.is_made) {
+        kept_.push_back(std::move(each));
+      }
+    }
+    std::stable_sort(kept_.begin(), kept_.end(), [](const auto& first, const auto& second) {
+      return first.cost.total() < second.cost.total();
+    });
+    kept_.erase(kept_.begin() + static_cast<ptrdiff_t>(std::min(kept_.size(), kMostKept)),
+                kept_.end());
+  }
+
+  // The cheapest plan that holds.
+  found_plan best() {
+    std::string first_fault;
+    size_t chosen = 0;
+    for (size_t i = 0; i < kept_.size() && request_.fault_of; ++i) {
+      std::string fault = request_.fault_of(kept_[i].planned);
+      if (fault.empty()) {
+        chosen = i;
+        first_fault.clear();
+        break;
+      }
+      first_fault = i == 0 ? std::move(fault) : first_fault;
+    }
+    return {std::move(kept_[chosen].planned), kept_[chosen].cost, tries_, was_stopped_,
+            std::move(first_fault)};
+  }
+
+ private:
+  // Plans of unlike images are as large as they are; a few are enough to fall back on.
+  static constexpr size_t kMostKept = 3;
+
+  const plan_request& request_;
+  std::vector<tried_plan> kept_;
+  std::mutex mutex_;  // for what follows
+  uint32_t tries_ = 0;
+  uint32_t most_tries_ = 0;
+  uint32_t started_ = 0;
+  uint64_t least_ = UINT64_MAX;
+  bool was_stopped_ = false;
+};
+
 // The order in which more of the words that differ share their difference with several others.
 ByteOrder likelier_order(const plan_images& images, std::span<const moved_block> moves,
                          ByteOrder guess) {
@@ -66,35 +134,42 @@ ByteOrder likelier_order(const plan_images& images, std::span<const moved_block>
   return shared(other) > shared(guess) ? other : guess;
 }
 
+size_t alignments_of(const effort_settings& effort) {
+  return effort.block_bits.size() * effort.stored_word_bits.size();
+}
+
 class plan_searcher {
  public:
-  explicit plan_searcher(const plan_request& request)
+  plan_searcher(const plan_request& request, const plan_rules& rules, tried_plans& tried)
       : request_(request),
+        rules_(rules),
+        tried_(tried),
         effort_(settings_of(request.effort)),
         order_(request.order.value_or(likely_order(request.images.new_image))),
         strings_(std::make_unique<string_seeds>(request.images.old_image)) {}
 
-  found_plan run() {
-    most_tries_ = effort_.rounds * static_cast<uint32_t>(alignments());
-    for (uint32_t round = 0; round < effort_.rounds && !was_stopped_; ++round) {
-      go_round(round);
+  void run() {
+    for (uint32_t round = 0; round < effort_.rounds && !tried_.was_stopped(); ++round) {
+      if (!go_round(round)) {
+        return;
+      }
     }
-    return {std::move(best_.planned), best_.cost, tries_, was_stopped_};
   }
 
  private:
-  size_t alignments() const { return effort_.block_bits.size() * effort_.stored_word_bits.size(); }
+  size_t alignments() const { return alignments_of(effort_); }
 
-  void go_round(uint32_t round) {
+  // Whether another round may give anything else.
+  bool go_round(uint32_t round) {
     if (differences_ == nullptr || differences_order_ != order_) {
       differences_ = std::make_unique<difference_seeds>(request_.images.old_image, order_);
       differences_order_ = order_;
     }
     std::vector<tried_plan> tried(alignments());
     run_tasks(tried.size(), request_.jobs, [&](size_t index) {
-      if (!is_over()) {
+      if (!tried_.is_over()) {
         tried[index] = try_alignment(index, round == 0);
-        note(tried[index]);
+        tried_.note(tried[index]);
       }
     });
     const tried_plan* round_best = nullptr;
@@ -103,39 +178,25 @@ class plan_searcher {
         round_best = &each;
       }
     }
-    if (round_best == nullptr) {
-      return;
+    bool is_new = false;
+    if (round_best != nullptr) {
+      std::vector<class_price> prices = mean_prices(round_best->planned);
+      is_new = order_ != round_best->planned.order || shifts_ != round_best->shifts ||
+               mean_prices_ != prices;
+      order_ = round_best->planned.order;
+      shifts_ = round_best->shifts;
+      mean_prices_ = std::move(prices);
+      prices_ = class_prices(*mean_prices_);
     }
-    order_ = round_best->planned.order;
-    shifts_ = round_best->shifts;
-    prices_ = class_prices(mean_prices(round_best->planned));
-    if (!best_.is_made || round_best->cost.total() < best_.cost.total()) {
-      best_ = *round_best;
-    }
-  }
-
-  bool is_over() {
-    const std::lock_guard<std::mutex> hold(mutex_);
-    was_stopped_ = was_stopped_ || (started_ > 0 && request_.is_over && request_.is_over());
-    ++started_;
-    return was_stopped_;
-  }
-
-  void note(const tried_plan& made) {
-    const std::lock_guard<std::mutex> hold(mutex_);
-    ++tries_;
-    least_ = std::min(least_, made.cost.total());
-    if (request_.report) {
-      request_.report({tries_, most_tries_, least_});
-    }
+    tried_.keep(tried);
+    return is_new;
   }
 
   tried_plan try_alignment(size_t index, bool is_first_round) {
     alignment_settings settings;
     settings.block_bits = effort_.block_bits[index % effort_.block_bits.size()];
-    settings.stored_word_bits = request_.rules.compression
-                                    ? effort_.stored_word_bits[index / effort_.block_bits.size()]
-                                    : 0;
+    settings.stored_word_bits =
+        rules_.compression ? effort_.stored_word_bits[index / effort_.block_bits.size()] : 0;
     settings.kept_shifts = shifts_;
     const alignment_input input = {request_.images, order_, strings_.get(), differences_.get(),
                                    &prices_};
@@ -145,7 +206,7 @@ class plan_searcher {
       differences_.reset();
     }
     const move_order moves =
-        best_order(request_.images, stretches, {effort_.order_tries, request_.rules.outer_holes});
+        best_order(request_.images, stretches, {effort_.order_tries, rules_.outer_holes});
     tried_plan best;
     if (request_.effort == plan_effort::quick) {
       const ByteOrder order =
@@ -166,7 +227,7 @@ class plan_searcher {
   // The plan again with other rates of compressed stores, where there is much to store.
   void try_rates(tried_plan& best, const move_order& moves) const {
     constexpr uint64_t kMuch = 1000;
-    if (!request_.rules.compression || best.cost.packed_stores + best.cost.plain_stores < kMuch) {
+    if (!rules_.compression || best.cost.packed_stores + best.cost.plain_stores < kMuch) {
       return;
     }
     const ByteOrder order = best.planned.order;
@@ -184,8 +245,8 @@ class plan_searcher {
   void take_cheaper(tried_plan& best, const move_order& moves,
                     const plan_settings& settings) const {
     tried_plan made;
-    made.planned = make_plan(request_.images, moves.blocks, request_.rules, settings);
-    made.cost = cost_of_plan(request_.images, made.planned, request_.rules);
+    made.planned = make_plan(request_.images, moves.blocks, rules_, settings);
+    made.cost = cost_of_plan(request_.images, made.planned, rules_);
     made.is_made = true;
     if (!best.is_made || made.cost.total() < best.cost.total()) {
       best = std::move(made);
@@ -193,21 +254,16 @@ class plan_searcher {
   }
 
   const plan_request& request_;
+  const plan_rules& rules_;
+  tried_plans& tried_;
   effort_settings effort_;
   ByteOrder order_;
   std::unique_ptr<string_seeds> strings_;
   std::unique_ptr<difference_seeds> differences_;
   ByteOrder differences_order_ = ByteOrder::kLittle;
-  class_prices prices_;
+  std::optional<std::vector<class_price>> mean_prices_;  // not known in the first round
+  class_prices prices_;                                  // of them
   std::vector<int64_t> shifts_;
-  tried_plan best_;
-
-  std::mutex mutex_;  // for what follows
-  uint32_t tries_ = 0;
-  uint32_t most_tries_ = 0;
-  uint32_t started_ = 0;
-  uint64_t least_ = UINT64_MAX;
-  bool was_stopped_ = false;
 };
 
 }  // namespace
@@ -228,7 +284,14 @@ ByteOrder likely_order(std::span<const uint8_t> image) {
 }
 
 found_plan search_plan(const plan_request& request) {
-  return plan_searcher(request).run();
+  const effort_settings effort = settings_of(request.effort);
+  const auto tries = effort.rounds * static_cast<uint32_t>(alignments_of(effort));
+  tried_plans tried(request, request.narrower_rules ? 2 * tries : tries);
+  plan_searcher(request, request.rules, tried).run();
+  if (request.narrower_rules && !tried.was_stopped()) {
+    plan_searcher(request, *request.narrower_rules, tried).run();
+  }
+  return tried.best();
 }
 
 }  // namespace kelvane

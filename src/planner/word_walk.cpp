@@ -283,7 +283,11 @@ std::vector<store_density> measure_density(const changed_words& changed,
   std::vector<store_density> densities;
   densities.reserve(changed.words.size());
   for (const changed_word& word : changed.words) {
-    densities.push_back({plain.others_near(word.word), single.others_near(word.word), true});
+    store_density density;
+    density.plain = plain.others_near(word.word) & 3U;
+    density.single = single.others_near(word.word) & 3U;
+    density.is_known = true;
+    densities.push_back(density);
   }
   return densities;
 }

@@ -21,9 +21,9 @@ namespace kelvane {
 // the word itself and those in the words beside it don't count. A lonely store pays for a whole
 // entry in the absolute list, one of a pair for half a list, and one of many for two bytes.
 struct store_density {
-  uint8_t plain = 2;
-  uint8_t single = 2;
-  bool is_known = false;  // not before stores have been chosen once
+  uint8_t plain : 2 = 2;
+  uint8_t single : 2 = 2;
+  bool is_known : 1 = false;  // not before stores have been chosen once
 };
 
 struct stored_run {

@@ -79,10 +79,27 @@ TEST(MoveOrderTest, PiecesThatChangePlacesNeedAHole) {
   EXPECT_LE(wrong_bytes(tight, order), 500U);
 }
 
+// Cut to 1024 bytes, which small circles are, 8 MB took more looks than there are; all was stored.
+TEST(MoveOrderTest, LargeBlocksChangePlacesByPartsThatGrowWithTheirSize) {
+  constexpr uint32_t kMega = uint32_t{1} << 20U;
+  const Rearranged small = rearranged(kMega / 2, {{kMega / 4, kMega / 4}, {0, kMega / 4}});
+  const Rearranged large = rearranged(8 * kMega, {{4 * kMega, 4 * kMega}, {0, 4 * kMega}});
+  for (const uint32_t tries : {1U, 12U}) {
+    const move_order few = best_order(small.images(), small.stretches, {tries, false});
+    EXPECT_LE(wrong_bytes(small, few), 4096U);
+    EXPECT_LE(few.blocks.size(), 800U);
+    const move_order many = best_order(large.images(), large.stretches, {tries, false});
+    EXPECT_LE(wrong_bytes(large, many), 16384U);
+    EXPECT_LE(many.blocks.size(), 1200U);
+    EXPECT_LE(many.looks, 2000000U);
+  }
+}
+
 TEST(MoveOrderTest, EveryOrderIsAsGoodAsItsEstimate) {
   for (uint32_t seed = 1; seed <= 40; ++seed) {
     Random random(seed);
     std::vector<Piece> pieces;
+    pieces.reserve(40);
     for (int i = 0; i < 40; ++i) {
       pieces.push_back({random.below(300) * 40, 12 + random.below(600)});
     }

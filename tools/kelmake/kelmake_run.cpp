@@ -68,6 +68,9 @@ void make_patch(const Options& options) {
   kelvane::plan_request request;
   request.images = {old_file, new_file};
   request.rules = kelvane::rules_for(options.profile, options.format);
+  if (options.profile == kelvane::patch_profile::libapply) {
+    request.narrower_rules = kelvane::rules_for(kelvane::patch_profile::wide, options.format);
+  }
   request.effort = options.effort;
   request.order = options.order;
   request.jobs = options.jobs;
@@ -76,6 +79,11 @@ void make_patch(const Options& options) {
       return steady_clock::now() - start >= limit;
     };
   }
+  Bytes patch;  // of the plan that was asked about last
+  request.fault_of = [&](const kelvane::plan& planned) {
+    patch = kelvane::write_plan(request.images, planned, request.rules);
+    return kelvane::fault_of_patch(request.images, patch, planned.order);
+  };
   kelvane::found_plan found;
   {
     ProgressLine progress(options);
@@ -83,11 +91,9 @@ void make_patch(const Options& options) {
     found = kelvane::search_plan(request);
     request.report = nullptr;
   }
-  const Bytes patch = kelvane::write_plan(request.images, found.planned, request.rules);
-  const std::string fault = kelvane::fault_of_patch(request.images, patch, found.planned.order);
-  if (!fault.empty()) {
+  if (!found.fault.empty()) {
     fatal("internal: the patch from '%s' to '%s' does not hold: %s", options.old_name.c_str(),
-          options.new_name.c_str(), fault.c_str());
+          options.new_name.c_str(), found.fault.c_str());
   }
   write_file(options.patch_name, patch);
 
