@@ -54,22 +54,13 @@ static uint32_t header_number(header_reader* reader) {
 }
 
 static int has_machine(uint32_t machine) {
-  switch (machine) {
-    case KELVANE_DENSE_NONE:
-      return 1;
-    case KELVANE_DENSE_THUMB:
-      return KELVANE_DENSE_WITH_THUMB;
-    case KELVANE_DENSE_ARM:
-      return KELVANE_DENSE_WITH_ARM;
-    case KELVANE_DENSE_POWERPC:
-      return KELVANE_DENSE_WITH_POWERPC;
-    case KELVANE_DENSE_MIPS:
-      return KELVANE_DENSE_WITH_MIPS;
-    case KELVANE_DENSE_RISCV:
-      return KELVANE_DENSE_WITH_RISCV;
-    default:
-      return 0;
-  }
+  const uint32_t built_in = 1u << KELVANE_DENSE_NONE |
+                            (uint32_t)KELVANE_DENSE_WITH_THUMB << KELVANE_DENSE_THUMB |
+                            (uint32_t)KELVANE_DENSE_WITH_ARM << KELVANE_DENSE_ARM |
+                            (uint32_t)KELVANE_DENSE_WITH_POWERPC << KELVANE_DENSE_POWERPC |
+                            (uint32_t)KELVANE_DENSE_WITH_MIPS << KELVANE_DENSE_MIPS |
+                            (uint32_t)KELVANE_DENSE_WITH_RISCV << KELVANE_DENSE_RISCV;
+  return machine < KELVANE_DENSE_MACHINES && (built_in >> machine & 1u) != 0;
 }
 
 static int read_header(const kelvane_dense_input* input, kelvane_dense_info* info) {
