@@ -27,7 +27,7 @@ constexpr uint32_t kStateSize = offsetof(Chain, input);
 // The next byte of the new image; each old byte changes all that follow. `recent` is a new byte of
 // a while ago.
 uint8_t chained(Chain& chain, uint8_t old, uint8_t recent) {
-  const uint32_t slot = chain.next++ % sizeof chain.history;
+  const size_t slot = chain.next++ % sizeof chain.history;
   chain.mix = chain.mix * 33 + old + chain.history[slot];
   chain.history[slot] = static_cast<uint8_t>(chain.mix >> 9);
   return static_cast<uint8_t>((old ^ (chain.mix >> 16)) + recent);
