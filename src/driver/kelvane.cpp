@@ -10,13 +10,13 @@
 #include "command_lists.h"
 #include "debug_print.h"
 #include "diffshared.h"
+#include "driver_reset.h"
 #include "elf32.h"
 #include "engine_settings.h"
 #include "exit_status.h"
 #include "indgen_memory.h"
 #include "indgen_message.h"
 #include "indzip.h"
-#include "kelvane_internal.h"
 #include "motion.h"
 
 namespace kelvane {

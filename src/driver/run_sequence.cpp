@@ -3,6 +3,7 @@
 #include "color_format.h"
 #include "diffout.h"
 #include "diffshared.h"
+#include "driver_reset.h"
 #include "engine_settings.h"
 #include "exit_status.h"
 #include "image.h"
@@ -12,7 +13,6 @@
 #include "load.h"
 #include "load_internal.h"
 #include "options.h"
-#include "run_sequence_internal.h"
 #include "symbol_list.h"
 
 namespace kelvane {

@@ -2,11 +2,10 @@
 
 #include "color_reset.h"
 #include "debug_print.h"
-#include "kelvane_internal.h"
+#include "driver_reset.h"
 #include "objects_reset.h"
 #include "options.h"
 #include "patch_buffer.h"
-#include "run_sequence_internal.h"
 #include "shared_reset.h"
 #include "st_reset.h"
 

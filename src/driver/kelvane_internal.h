@@ -1,8 +1,0 @@
-#pragma once
-
-namespace kelvane {
-
-// Forgets the lists of the run.
-void reset_kelvane();
-
-}  // namespace kelvane
