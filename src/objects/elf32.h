@@ -25,6 +25,13 @@ inline constexpr uint8_t ELFCLASS64 = 2;
 inline constexpr uint8_t ELFDATA2LSB = 1;
 inline constexpr uint8_t ELFDATA2MSB = 2;
 
+// Machines, and the flag of an ARM file whose code is little-endian beside big-endian data.
+inline constexpr uint16_t EM_MIPS = 8;
+inline constexpr uint16_t EM_PPC = 20;
+inline constexpr uint16_t EM_ARM = 40;
+inline constexpr uint16_t EM_RISCV = 243;
+inline constexpr uint32_t EF_ARM_BE8 = 0x00800000;
+
 struct file_header {
   uint8_t e_ident[kIdentificationSize];
   uint16_t e_type;
@@ -52,6 +59,9 @@ struct program_header {
   uint32_t p_flags;
   uint32_t p_align;
 };
+
+inline constexpr uint32_t PT_LOAD = 1;
+inline constexpr uint32_t PF_X = 1;  // bit of p_flags: executable
 
 struct section_header {
   uint32_t sh_name;  // index of the name in the section name table

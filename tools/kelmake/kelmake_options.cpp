@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <string_view>
 #include <thread>
+
+#include "dense_decoder.h"
 
 namespace kelmake {
 namespace {
@@ -33,6 +36,16 @@ constexpr std::array<Named<plan_effort>, 3> kEfforts = {{
     {"normal", plan_effort::normal},
     {"best", plan_effort::best},
 }};
+
+constexpr std::array<Named<uint8_t>, KELVANE_DENSE_MACHINES> kMachines = {{
+    {"none", KELVANE_DENSE_NONE},
+    {"thumb", KELVANE_DENSE_THUMB},
+    {"arm", KELVANE_DENSE_ARM},
+    {"powerpc", KELVANE_DENSE_POWERPC},
+    {"mips", KELVANE_DENSE_MIPS},
+    {"riscv", KELVANE_DENSE_RISCV},
+}};
+constexpr std::array<Named<uint8_t>, 2> kModels = {{{"small", 0}, {"large", 1}}};
 
 template <typename Value, size_t count>
 Value value_named(const std::array<Named<Value>, count>& table, const char* what,
@@ -69,10 +82,72 @@ uint32_t default_jobs() {
   return std::clamp(std::thread::hardware_concurrency(), 1U, 64U);
 }
 
+uint32_t page_size_of(const std::string& option, const std::string& word) {
+  const uint32_t size = number_of(option, word, 64, 1U << 24U);
+  if (!std::has_single_bit(size)) {
+    usage_error("option '" + option + "' takes a power of two, not '" + word + "'");
+  }
+  return size;
+}
+
+uint32_t address_of(const std::string& option, const std::string& word) {
+  uint32_t address = 0;
+  const size_t digits = word.starts_with("0x") || word.starts_with("0X") ? 2 : 0;
+  const char* const end = word.data() + word.size();
+  const auto [stop, error] = std::from_chars(word.data() + digits, end, address, 16);
+  if (error != std::errc() || stop != end) {
+    usage_error("option '" + option + "' takes a hexadecimal address, not '" + word + "'");
+  }
+  return address;
+}
+
+// Takes an option of updates; gives false for any other.
+template <typename GetValue>
+bool take_update_option(UpdateOptions& update, const std::string& argument, const std::string& name,
+                        const GetValue& value) {
+  constexpr uint32_t kMostPages = 65535;
+  if (name == "--page") {
+    update.page_size = page_size_of(name, value());
+  } else if (name == "--ring") {
+    update.ring = number_of(name, value(), 1, kMostPages);
+  } else if (name == "--spare") {
+    update.spare = number_of(name, value(), 1, kMostPages);
+  } else if (name == "--checkpoint") {
+    update.checkpoint = number_of(name, value(), 1, kMostPages);
+  } else if (name == "--model") {
+    update.model = value_named(kModels, "model", value());
+  } else if (name == "--machine") {
+    update.machine = value_named(kMachines, "machine", value());
+  } else if (name == "--base") {
+    update.base = address_of(name, value());
+  } else if (argument == "--rehearse") {
+    update.rehearse = true;
+  } else if (argument == "--simulate") {
+    update.simulate = true;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+// Ends the run for options that are not for what is made.
+void check_together(const std::vector<std::string>& names, bool bundle) {
+  for (const std::string& name : names) {
+    const bool is_for_patches = name == "--format" || name == "--profile" || name == "--time";
+    if (bundle && is_for_patches) {
+      usage_error("option '" + name + "' does not go with '--bundle'");
+    }
+    if (!bundle && !is_for_patches) {
+      usage_error("option '" + name + "' goes with '--bundle' only");
+    }
+  }
+}
+
 }  // namespace
 
 const char* help_text() {
   return "usage: kelmake [options] OLD NEW -o PATCH\n"
+         "       kelmake --bundle [options] OLD NEW -o UPDATE\n"
          "\n"
          "Writes the smallest patch that it finds from the file OLD to the file NEW. The\n"
          "patch is applied in memory and compared with NEW before it is written.\n"
@@ -94,6 +169,23 @@ const char* help_text() {
          "  --help               prints this text\n"
          "  --version            prints the version\n"
          "\n"
+         "With --bundle it writes an update of a device in flash, as small as it can be made\n"
+         "for a device that has these pages. It is tried on a model of the flash before it is\n"
+         "written. Where OLD and NEW are ELF files, what they load is the image.\n"
+         "\n"
+         "  --page BYTES         of an erase page, 4096 by default\n"
+         "  --ring PAGES         how many pages back old contents can be read, 8 by default\n"
+         "  --spare PAGES        all spare pages; by default those that 8 slots take besides\n"
+         "                       the ring and the checkpoints\n"
+         "  --checkpoint PAGES   pages that change from one checkpoint to the next; 8\n"
+         "  --rehearse           lets the device compute the whole new image before it\n"
+         "                       erases anything; the update may be larger\n"
+         "  --model NAME         small: half the memory on the device; large (the default)\n"
+         "  --machine NAME       none, thumb, arm, powerpc, mips or riscv\n"
+         "  --base ADDRESS       hexadecimal address of the first byte; both are found\n"
+         "                       unless they are told\n"
+         "  --simulate           cuts power at every operation, in the model\n"
+         "\n"
          "Exit status: 0 if the patch was written, 1 for trouble, 2 for wrong usage.\n";
 }
 
@@ -103,6 +195,12 @@ const char* name_of(patch_profile profile) {
 const char* name_of(plan_effort effort) {
   return name_in(kEfforts, effort);
 }
+const char* name_of_machine(uint8_t machine) {
+  return name_in(kMachines, machine);
+}
+const char* name_of_model(uint8_t model) {
+  return name_in(kModels, model);
+}
 const char* name_of(ByteOrder order) {
   return order == ByteOrder::kBig ? "big-endian" : "little-endian";
 }
@@ -111,6 +209,7 @@ Options parse_options(const std::vector<std::string>& arguments) {
   Options options;
   options.jobs = default_jobs();
   std::vector<std::string> operands;
+  std::vector<std::string> told;  // options for patches or for updates alone
   bool only_operands = false;
   for (size_t i = 0; i < arguments.size(); ++i) {
     const std::string& argument = arguments[i];
@@ -136,12 +235,15 @@ Options parse_options(const std::vector<std::string>& arguments) {
       options.effort = value_named(kEfforts, "effort", value());
     } else if (name == "--time") {
       options.seconds = number_of(name, value(), 1, 1000000);
+      told.push_back(name);
     } else if (name == "--jobs") {
       options.jobs = number_of(name, value(), 1, 1024);
     } else if (name == "--profile") {
       options.profile = value_named(kProfiles, "profile", value());
+      told.push_back(name);
     } else if (name == "--format") {
       options.format = static_cast<uint8_t>(number_of(name, value(), 0, 1));
+      told.push_back(name);
     } else if (name == "--report") {
       options.report_name = value();
     } else if (argument == "--big-endian") {
@@ -154,8 +256,12 @@ Options parse_options(const std::vector<std::string>& arguments) {
       options.help = true;
     } else if (argument == "--version") {
       options.version = true;
+    } else if (argument == "--bundle") {
+      options.bundle = true;
     } else if (argument == "--") {
       only_operands = true;
+    } else if (take_update_option(options.update, argument, name, value)) {
+      told.push_back(name);
     } else {
       usage_error("unknown option '" + argument + "'");
     }
@@ -163,11 +269,13 @@ Options parse_options(const std::vector<std::string>& arguments) {
   if (options.help || options.version) {
     return options;
   }
+  check_together(told, options.bundle);
   if (operands.size() != 2) {
     usage_error("two files are to be compared");
   }
   if (options.patch_name.empty()) {
-    usage_error("the option '-o' has to name the patch");
+    usage_error(options.bundle ? "the option '-o' has to name the update"
+                               : "the option '-o' has to name the patch");
   }
   options.old_name = operands[0];
   options.new_name = operands[1];

@@ -20,6 +20,19 @@ struct UsageError {
   std::string message;
 };
 
+// What the command line says of a device, for an update.
+struct UpdateOptions {
+  uint32_t page_size = 4096;
+  uint32_t ring = 8;               // how many pages back old bytes can be read, this one included
+  std::optional<uint32_t> spare;   // all spare pages; by default those that 8 slots take
+  uint32_t checkpoint = 8;         // pages that change from one checkpoint to the next
+  bool rehearse = false;           // the device is to know the new image ahead of the first erase
+  uint8_t model = 1;               // 0 takes half the memory
+  std::optional<uint8_t> machine;  // as kelvane_dense_machine has them
+  std::optional<uint32_t> base;    // the target address of the first byte
+  bool simulate = false;
+};
+
 struct Options {
   std::string old_name;
   std::string new_name;
@@ -31,6 +44,8 @@ struct Options {
   std::optional<kelvane::ByteOrder> order;  // both are tried by default
   std::optional<uint32_t> seconds;          // no limit by default
   uint32_t jobs = 1;
+  bool bundle = false;  // an update of a device and no patch
+  UpdateOptions update;
   bool quiet = false;
   bool help = false;
   bool version = false;
@@ -47,5 +62,7 @@ const char* help_text();
 const char* name_of(kelvane::patch_profile profile);
 const char* name_of(kelvane::plan_effort effort);
 const char* name_of(kelvane::ByteOrder order);
+const char* name_of_machine(uint8_t machine);
+const char* name_of_model(uint8_t model);
 
 }  // namespace kelmake
