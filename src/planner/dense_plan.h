@@ -4,8 +4,10 @@
 // A dense update as a value: what is copied, what is stored, and which old pages are kept for it.
 //
 // The device computes the new image in one pass in ascending order, page by page, in the place of
-// the old one. An old byte can be read while a page is written if its own page has not been written
-// yet, is one of the last pages of the ring, or is kept in a slot until its last reader is done.
+// the old one, and writes the pages that change. An old byte can be read while a page is written if
+// its own page does not change, has not been written yet, is one of the last pages of the ring, or
+// is kept in a slot until its last reader is done. A device that takes checkpoints may have to
+// compute pages again that it has written since the last one.
 
 #include <cstdint>
 #include <optional>
@@ -23,6 +25,9 @@ struct flash_geometry {
   // p - ring_pages are there. 0: every old byte can be read at any time.
   uint32_t ring_pages = 8;
   uint32_t slots = 8;  // pages besides
+  // Pages that change from one checkpoint to the next: whatever one of them reads has to be there
+  // until the last of them is written. 0: no checkpoints.
+  uint32_t checkpoint = 0;
 };
 
 // What the images are made for.
@@ -47,7 +52,8 @@ struct dense_item {
   bool is_new = false;  // from the new image, not from the old one
 };
 
-// The old page `page` lies in `slot` from when it is saved until page `last_use` has been written.
+// The old page `page`, which changes, lies in `slot` from when it is saved until page `last_use`
+// has been written.
 struct kept_page {
   uint32_t page = 0;
   uint32_t slot = 0;
@@ -64,7 +70,7 @@ struct dense_options {
   dense_target target;
   uint8_t model = 1;        // 0 takes half the memory
   bool differences = true;  // predict distances between two places
-  bool reads_new = true;    // take matches into the new image
+  bool reads_new = true;    // there are matches into the new image
 };
 
 }  // namespace kelvane

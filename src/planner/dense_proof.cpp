@@ -9,127 +9,134 @@ namespace {
 constexpr int kRefused = 1;
 constexpr uint32_t kMapEntryBytes = 14;
 
-// The flash of a device, and what an update keeps beside it.
+constexpr uint32_t kNone = 0xFFFFFFFF;
+
+// The pages of a device while an update runs: which old ones can still be read.
 class device_flash {
  public:
-  device_flash(std::span<const uint8_t> old_image, uint32_t new_size,
-               std::span<const uint8_t> payload, std::span<const kept_page> kept,
-               const flash_geometry& geometry)
-      : old_size_(static_cast<uint32_t>(old_image.size())),
+  // With a geometry whose ring has no pages, all of them, always.
+  device_flash(const plan_images& images, std::span<const uint8_t> payload,
+               std::span<const kept_page> kept, const flash_geometry& geometry)
+      : images_(images),
         payload_(payload),
         kept_(kept),
         geometry_(geometry),
-        image_(old_image.begin(), old_image.end()) {
-    const uint32_t page_size = geometry.page_size;
-    const uint32_t pages = std::max(old_size_, new_size) / page_size + 1;
-    image_.resize(size_t{pages} * page_size, 0xFF);
-    ring_pages_ = geometry.ring_pages == 0 ? pages : std::min(geometry.ring_pages, pages);
-    ring_.resize(size_t{ring_pages_} * page_size);
-    slots_.resize(geometry.slots);
-    slot_page_.assign(geometry.slots, kNoPage);
-  }
-
-  // Saves the page that is written next.
-  void begin_page(uint32_t page) {
-    page_ = page;
-    const auto begin = image_.begin() + static_cast<ptrdiff_t>(size_t{page} * geometry_.page_size);
-    std::copy_n(
-        begin, geometry_.page_size,
-        ring_.begin() + static_cast<ptrdiff_t>(size_t{page % ring_pages_} * geometry_.page_size));
-    for (; next_kept_ < kept_.size() && kept_[next_kept_].page <= page; ++next_kept_) {
-      const kept_page& kept = kept_[next_kept_];
-      if (kept.page == page && kept.slot < slots_.size()) {
-        slots_[kept.slot].assign(begin, begin + geometry_.page_size);
-        slot_page_[kept.slot] = page;
+        slot_of_(pages_of(std::max(images.old_image.size(), images.new_image.size())), kNone),
+        changes_(slot_of_.size()),
+        slot_page_(geometry.slots, kNone) {
+    for (uint32_t page = 0; page < pages_of(images.new_image.size()); ++page) {
+      const size_t at = size_t{page} * geometry.page_size;
+      const auto after = part_of(images.new_image, at, geometry.page_size);
+      const auto before = part_of(images.old_image, at, after.size());
+      if (!std::equal(after.begin(), after.end(), before.begin(), before.end())) {
+        changes_[page] = true;
+        changed_.push_back(page);
+      }
+    }
+    for (const kept_page& each : kept) {
+      if (each.page < slot_of_.size()) {
+        slot_of_[each.page] = each.slot;
       }
     }
   }
 
-  void write(uint32_t address, std::span<const uint8_t> bytes) {
-    std::copy(bytes.begin(), bytes.end(), image_.begin() + address);
-    written_ = address + static_cast<uint32_t>(bytes.size());
+  // A page is computed. With checkpoints the last page that changes ahead of the next one is at
+  // hand, since all pages since the last checkpoint may have to be computed again.
+  void begin_page(uint32_t page) {
+    at_hand_ = page;
+    if (geometry_.checkpoint != 0) {
+      while (page >= group_end_ && group_ < changed_.size()) {
+        group_ = std::min<size_t>(changed_.size(), group_ + geometry_.checkpoint);
+        group_end_ = changed_[group_ - 1] + 1;
+      }
+      at_hand_ = std::max(page + 1, group_end_) - 1;
+    }
+    for (; next_kept_ < kept_.size() && kept_[next_kept_].page <= at_hand_; ++next_kept_) {
+      if (kept_[next_kept_].slot < slot_page_.size()) {
+        slot_page_[kept_[next_kept_].slot] = kept_[next_kept_].page;
+      }
+    }
+  }
+
+  void write(std::span<const uint8_t> bytes) {
+    image_.insert(image_.end(), bytes.begin(), bytes.end());
   }
 
   std::span<const uint8_t> image() const { return image_; }
 
   static int read_payload(void* context, uint32_t position, uint8_t* bytes, uint32_t count) {
-    const auto& self = *static_cast<const device_flash*>(context);
-    if (position > self.payload_.size() || count > self.payload_.size() - position) {
-      return kRefused;
-    }
-    std::copy_n(self.payload_.begin() + position, count, bytes);
-    return 0;
+    return copy(static_cast<const device_flash*>(context)->payload_, position, bytes, count);
   }
 
   static int read_old(void* context, uint32_t address, uint8_t* bytes, uint32_t count) {
     const auto& self = *static_cast<const device_flash*>(context);
-    if (address > self.old_size_ || count > self.old_size_ - address) {
-      return kRefused;
-    }
-    while (count != 0) {
-      const uint32_t offset = address % self.geometry_.page_size;
-      const uint32_t part = std::min(count, self.geometry_.page_size - offset);
-      const uint8_t* const page = self.old_page(address / self.geometry_.page_size);
-      if (page == nullptr) {
-        return kRefused;
+    if (self.geometry_.ring_pages != 0) {
+      const uint32_t page_size = self.geometry_.page_size;
+      for (uint32_t page = address / page_size; page <= (address + count - 1) / page_size; ++page) {
+        if (!self.has_old_page(page)) {
+          return kRefused;
+        }
       }
-      bytes = std::copy_n(page + offset, part, bytes);
-      address += part;
-      count -= part;
     }
-    return 0;
+    return copy(self.images_.old_image, address, bytes, count);
   }
 
   static int read_new(void* context, uint32_t address, uint8_t* bytes, uint32_t count) {
-    const auto& self = *static_cast<const device_flash*>(context);
-    if (address > self.written_ || count > self.written_ - address) {
-      return kRefused;
-    }
-    std::copy_n(self.image_.begin() + address, count, bytes);
-    return 0;
+    return copy(static_cast<const device_flash*>(context)->image_, address, bytes, count);
   }
 
  private:
-  static constexpr uint32_t kNoPage = 0xFFFFFFFF;
+  size_t pages_of(size_t size) const { return size / geometry_.page_size + 1; }
 
-  const uint8_t* old_page(uint32_t page) const {
-    const size_t page_size = geometry_.page_size;
-    if (page > page_) {
-      return image_.data() + page * page_size;
-    }
-    if (page_ - page < ring_pages_) {
-      return ring_.data() + page % ring_pages_ * page_size;
-    }
-    const auto slot = std::find(slot_page_.begin(), slot_page_.end(), page);
-    return slot == slot_page_.end() ? nullptr
-                                    : slots_[static_cast<size_t>(slot - slot_page_.begin())].data();
+  static std::span<const uint8_t> part_of(std::span<const uint8_t> image, size_t at, size_t size) {
+    at = std::min(at, image.size());
+    return image.subspan(at, std::min(size, image.size() - at));
   }
 
-  uint32_t old_size_;
+  static int copy(std::span<const uint8_t> from, uint32_t address, uint8_t* bytes, uint32_t count) {
+    if (address > from.size() || count > from.size() - address) {
+      return kRefused;
+    }
+    std::copy_n(from.begin() + address, count, bytes);
+    return 0;
+  }
+
+  // A kept page is in its slot and nowhere else.
+  bool has_old_page(uint32_t page) const {
+    if (page > at_hand_ || !changes_[page]) {
+      return true;
+    }
+    const uint32_t slot = slot_of_[page];
+    return slot == kNone ? at_hand_ - page < geometry_.ring_pages
+                         : slot < slot_page_.size() && slot_page_[slot] == page;
+  }
+
+  plan_images images_;
   std::span<const uint8_t> payload_;
   std::span<const kept_page> kept_;
   const flash_geometry& geometry_;
-  std::vector<uint8_t> image_;
-  std::vector<uint8_t> ring_;
-  uint32_t ring_pages_ = 0;
-  std::vector<std::vector<uint8_t>> slots_;
+  std::vector<uint32_t> slot_of_;
+  std::vector<bool> changes_;
+  std::vector<uint32_t> changed_;
   std::vector<uint32_t> slot_page_;
+  std::vector<uint8_t> image_;  // the new one, as far as it is
   size_t next_kept_ = 0;
-  uint32_t page_ = 0;
-  uint32_t written_ = 0;
+  size_t group_ = 0;  // changed pages up to the end of the group at hand
+  uint32_t group_end_ = 0;
+  uint32_t at_hand_ = 0;
 };
 
 // An open decoder of a payload on such a device.
 struct device {
-  device(std::span<const uint8_t> old_image, uint32_t new_size, std::span<const uint8_t> payload,
+  device(const plan_images& images, uint32_t largest, std::span<const uint8_t> payload,
          std::span<const kept_page> kept, const flash_geometry& geometry)
-      : flash(old_image, new_size, payload, kept, geometry),
+      : flash(images, payload, kept, geometry),
         input{&flash,
               static_cast<uint32_t>(payload.size()),
               device_flash::read_payload,
               device_flash::read_old,
               device_flash::read_new,
-              std::max(static_cast<uint32_t>(old_image.size()), new_size)} {
+              std::max(static_cast<uint32_t>(images.old_image.size()), largest)} {
     code = kelvane_dense_open(&decoder, &input, nullptr, 0, &info);
     if (code == KELVANE_DENSE_NO_ROOM && info.new_size <= input.largest_image &&
         info.old_size <= input.largest_image) {
@@ -137,7 +144,7 @@ struct device {
       code = kelvane_dense_open(&decoder, &input, map.data(),
                                 static_cast<uint32_t>(map.size() * sizeof(uint32_t)), &info);
     }
-    if (code == KELVANE_DENSE_OK && info.old_size != old_image.size()) {
+    if (code == KELVANE_DENSE_OK && info.old_size != images.old_image.size()) {
       code = KELVANE_DENSE_BAD_HEADER;
     }
     if (code == KELVANE_DENSE_OK) {
@@ -157,7 +164,7 @@ struct device {
       }
       const uint32_t count = std::min({kWindow, page_size - at % page_size, info.new_size - at});
       code = kelvane_dense_window(&decoder, at, window.data(), count);
-      flash.write(at, std::span(window).first(count));
+      flash.write(std::span(window).first(count));
       at += count;
     }
   }
@@ -178,8 +185,7 @@ uint32_t checksum_of(std::span<const uint8_t> image) {
 
 std::string fault_of_dense(const plan_images& images, std::span<const uint8_t> payload,
                            std::span<const kept_page> kept, const flash_geometry& geometry) {
-  const auto new_size = static_cast<uint32_t>(images.new_image.size());
-  device target(images.old_image, new_size, payload, kept, geometry);
+  device target(images, static_cast<uint32_t>(images.new_image.size()), payload, kept, geometry);
   target.run(geometry.page_size);
   if (target.code != KELVANE_DENSE_OK) {
     return target.code == kRefused ? "it reads what the device has not kept"
@@ -190,8 +196,7 @@ std::string fault_of_dense(const plan_images& images, std::span<const uint8_t> p
     return "its checksums are not those of the images";
   }
   const auto image = target.flash.image();
-  if (target.info.new_size != new_size ||
-      !std::equal(images.new_image.begin(), images.new_image.end(), image.begin())) {
+  if (!std::equal(images.new_image.begin(), images.new_image.end(), image.begin(), image.end())) {
     return "it makes another image";
   }
   return {};
@@ -201,14 +206,13 @@ std::vector<uint8_t> decode_dense(std::span<const uint8_t> old_image,
                                   std::span<const uint8_t> payload, uint32_t largest) {
   flash_geometry anything;
   anything.ring_pages = 0;
-  device target(old_image, largest, payload, {}, anything);
+  device target({old_image, {}}, largest, payload, {}, anything);
   target.run(anything.page_size);
-  std::span<const uint8_t> image = target.flash.image();
+  const std::span<const uint8_t> image = target.flash.image();
   if (target.code != KELVANE_DENSE_OK || target.info.old_checksum != checksum_of(old_image) ||
-      target.info.new_checksum != checksum_of(image.first(target.info.new_size))) {
+      target.info.new_checksum != checksum_of(image)) {
     return {};
   }
-  image = image.first(target.info.new_size);
   return {image.begin(), image.end()};
 }
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-// The proof of a dense update: it is decoded in place, as a device does it, and the result
-// compared.
+// The proof of a dense update: it is decoded by the rule by which a device finds old pages, and the
+// result compared.
 
 #include <string>
 
@@ -12,8 +12,9 @@
 namespace kelvane {
 
 // What is wrong with an update, in words; empty if it turns the old image into the new one. Old
-// bytes are read from pages not yet written, from the ring, and from `kept` pages in their slots;
-// any other read is a fault.
+// bytes are read from pages that do not change, that are not yet written, from the ring, and from
+// `kept` pages in their slots; any other read is a fault, be it in a pass without a loss of power
+// or in what is computed again after one.
 std::string fault_of_dense(const plan_images& images, std::span<const uint8_t> payload,
                            std::span<const kept_page> kept, const flash_geometry& geometry);
 

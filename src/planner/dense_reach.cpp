@@ -25,8 +25,39 @@ void for_pages(uint32_t page_size, uint32_t place, uint32_t at, uint32_t length,
 
 }  // namespace
 
-old_reach::old_reach(const flash_geometry& geometry, uint32_t old_size, uint32_t new_size)
-    : geometry_(geometry), old_size_(old_size), new_size_(new_size) {}
+device_pages::device_pages(const plan_images& images, const flash_geometry& geometry)
+    : geometry_(geometry) {
+  const auto& [old_image, new_image] = images;
+  for (size_t at = 0; at < new_image.size(); at += geometry.page_size) {
+    const size_t size = std::min<size_t>(geometry.page_size, new_image.size() - at);
+    changes_.push_back(at + size > old_image.size() ||
+                       !std::equal(new_image.begin() + static_cast<ptrdiff_t>(at),
+                                   new_image.begin() + static_cast<ptrdiff_t>(at + size),
+                                   old_image.begin() + static_cast<ptrdiff_t>(at)));
+    at_hand_.push_back(static_cast<uint32_t>(at_hand_.size()));
+  }
+  size_t begin = 0;
+  uint32_t count = 0;
+  for (size_t page = 0; page < changes_.size() && geometry.checkpoint != 0; ++page) {
+    count += changes_[page] ? 1 : 0;
+    // The last changed pages are a group of less. Behind them nothing is computed.
+    if (count == geometry.checkpoint || page + 1 == changes_.size()) {
+      size_t last = page;
+      while (last > begin && !changes_[last]) {
+        --last;
+      }
+      std::fill(at_hand_.begin() + static_cast<ptrdiff_t>(begin),
+                at_hand_.begin() + static_cast<ptrdiff_t>(last), static_cast<uint32_t>(last));
+      begin = page + 1;
+      count = 0;
+    }
+  }
+}
+
+old_reach::old_reach(const plan_images& images, const flash_geometry& geometry)
+    : pages_(images, geometry),
+      old_size_(static_cast<uint32_t>(images.old_image.size())),
+      new_size_(static_cast<uint32_t>(images.new_image.size())) {}
 
 uint32_t old_reach::readable(int64_t place, uint32_t at, uint32_t length) const {
   if (place < 0 || place >= old_size_) {
@@ -34,12 +65,12 @@ uint32_t old_reach::readable(int64_t place, uint32_t at, uint32_t length) const 
   }
   const auto first = static_cast<uint32_t>(place);
   length = std::min(length, old_size_ - first);
-  if (geometry_.ring_pages == 0) {
+  if (pages_.geometry().ring_pages == 0) {
     return length;
   }
   uint32_t fits = 0;
   bool is_cut = false;
-  for_pages(geometry_.page_size, first, at, length,
+  for_pages(pages_.geometry().page_size, first, at, length,
             [&](uint32_t page, uint32_t for_page, uint32_t piece) {
               is_cut = is_cut || !page_is_readable(page, for_page);
               fits += is_cut ? 0 : piece;
@@ -48,11 +79,12 @@ uint32_t old_reach::readable(int64_t place, uint32_t at, uint32_t length) const 
 }
 
 void old_reach::choose_kept(std::span<const shift_stretch> stretches) {
-  const uint32_t page_size = geometry_.page_size;
+  const flash_geometry& geometry = pages_.geometry();
+  const uint32_t page_size = geometry.page_size;
   const uint32_t old_pages = old_size_ / page_size + 1;
   const uint32_t new_pages = new_size_ / page_size + 1;
   last_use_.assign(old_pages, 0);
-  if (geometry_.ring_pages == 0 || geometry_.slots == 0) {
+  if (geometry.ring_pages == 0 || geometry.slots == 0) {
     return;
   }
   std::vector<uint32_t> gain(old_pages, 0);
@@ -62,7 +94,7 @@ void old_reach::choose_kept(std::span<const shift_stretch> stretches) {
               [&](uint32_t page, uint32_t for_page, uint32_t piece) {
                 if (!page_is_readable(page, for_page)) {
                   gain[page] += piece;
-                  last[page] = std::max(last[page], for_page);
+                  last[page] = std::max(last[page], pages_.at_hand(for_page));
                 }
               });
   }
@@ -77,7 +109,7 @@ void old_reach::choose_kept(std::span<const shift_stretch> stretches) {
     }
     const auto begin = used.begin() + page;
     const auto end = used.begin() + last[page] + 1;
-    if (std::any_of(begin, end, [&](uint32_t slots) { return slots >= geometry_.slots; })) {
+    if (std::any_of(begin, end, [&](uint32_t slots) { return slots >= geometry.slots; })) {
       continue;
     }
     std::for_each(begin, end, [](uint32_t& slots) { ++slots; });
@@ -108,7 +140,7 @@ std::vector<dense_copy> old_reach::readable_copies(std::span<const shift_stretch
   for (const dense_copy& whole : readable_copies_anywhere(stretches)) {
     bool goes_on = false;
     uint32_t done = 0;
-    for_pages(geometry_.page_size, whole.source, whole.target, whole.length,
+    for_pages(pages_.geometry().page_size, whole.source, whole.target, whole.length,
               [&](uint32_t page, uint32_t for_page, uint32_t piece) {
                 const bool is_readable = page_is_readable(page, for_page);
                 if (is_readable && goes_on) {
@@ -123,18 +155,15 @@ std::vector<dense_copy> old_reach::readable_copies(std::span<const shift_stretch
   return copies;
 }
 
-std::vector<kept_page> pages_to_keep(const dense_plan& plan, const flash_geometry& geometry) {
+std::vector<kept_page> pages_to_keep(const dense_plan& plan, const device_pages& pages) {
   std::vector<kept_page> kept;
-  if (geometry.ring_pages == 0) {
-    return kept;
-  }
   std::vector<uint32_t> last_use;
   const auto note = [&](uint32_t place, uint32_t at, uint32_t length) {
-    for_pages(geometry.page_size, place, at, length,
+    for_pages(pages.geometry().page_size, place, at, length,
               [&](uint32_t page, uint32_t for_page, uint32_t) {
-                if (page + geometry.ring_pages <= for_page) {
+                if (!pages.is_at_hand(page, for_page)) {
                   last_use.resize(std::max<size_t>(last_use.size(), page + size_t{1}));
-                  last_use[page] = std::max(last_use[page], for_page);
+                  last_use[page] = std::max(last_use[page], pages.at_hand(for_page));
                 }
               });
   };

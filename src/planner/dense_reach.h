@@ -7,12 +7,40 @@
 #include <vector>
 
 #include "dense_plan.h"
+#include "plan.h"
 
 namespace kelvane {
 
+// The pages of the new image as a device goes through them.
+class device_pages {
+ public:
+  device_pages(const plan_images& images, const flash_geometry& geometry);
+
+  const flash_geometry& geometry() const { return geometry_; }
+  // Whether the new bytes of a page are others than the old ones there. A page behind the end of
+  // the new image stays.
+  bool changes(uint32_t page) const { return page < changes_.size() && changes_[page]; }
+  // The page that is taken to be written while a page (of the new image) is computed: with
+  // checkpoints the last one that changes ahead of the next checkpoint, since after a loss of power
+  // all since the last one is computed again.
+  uint32_t at_hand(uint32_t page) const { return at_hand_[page]; }
+  // Whether the old contents of a page are where they were, or in the ring, then.
+  bool is_at_hand(uint32_t old_page, uint32_t page) const {
+    return geometry_.ring_pages == 0 || old_page + geometry_.ring_pages > at_hand(page) ||
+           !changes(old_page);
+  }
+
+ private:
+  flash_geometry geometry_;
+  std::vector<bool> changes_;
+  std::vector<uint32_t> at_hand_;
+};
+
 class old_reach {
  public:
-  old_reach(const flash_geometry& geometry, uint32_t old_size, uint32_t new_size);
+  old_reach(const plan_images& images, const flash_geometry& geometry);
+
+  const device_pages& pages() const { return pages_; }
 
   // How many of `length` old bytes from `place` on can be read if each is read for the new byte at
   // the same distance from `at`, before the first that can't or lies outside the old image. What
@@ -29,11 +57,11 @@ class old_reach {
  private:
   std::vector<dense_copy> readable_copies_anywhere(std::span<const shift_stretch> stretches) const;
   bool page_is_readable(uint32_t page, uint32_t for_page) const {
-    return geometry_.ring_pages == 0 || page + geometry_.ring_pages > for_page ||
-           (page < last_use_.size() && last_use_[page] >= for_page);
+    return pages_.is_at_hand(page, for_page) ||
+           (page < last_use_.size() && last_use_[page] >= pages_.at_hand(for_page));
   }
 
-  flash_geometry geometry_;
+  device_pages pages_;
   uint32_t old_size_;
   uint32_t new_size_;
   std::vector<uint32_t> last_use_;  // by page, 0 for one that is not kept
@@ -41,6 +69,6 @@ class old_reach {
 
 // The pages that a plan needs kept, with their slots: by ascending page. A plan that keeps to an
 // old_reach needs no more slots than the geometry has.
-std::vector<kept_page> pages_to_keep(const dense_plan& plan, const flash_geometry& geometry);
+std::vector<kept_page> pages_to_keep(const dense_plan& plan, const device_pages& pages);
 
 }  // namespace kelvane

@@ -66,7 +66,7 @@ class search {
   explicit search(const dense_request& request)
       : request_(request),
         images_(request.images),
-        reach_(request.geometry, size_of(images_.old_image), size_of(images_.new_image)),
+        reach_(images_, request.geometry),
         strings_(images_.old_image),
         chains_(images_) {}
 
@@ -82,7 +82,7 @@ class search {
   std::vector<shift_stretch> align(const dense_options& options, const difference_seeds& seeds,
                                    const dense_knowledge& knowledge, const try_settings& settings,
                                    std::span<const int64_t> kept_shifts) const;
-  dense_plan plan_of(std::span<const shift_stretch> stretches) const;
+  dense_plan plan_of(std::span<const shift_stretch> stretches, bool reads_new) const;
   void write(candidate& made) const {
     made.payload = write_dense(images_, made.plan, made.options);
   }
@@ -91,6 +91,7 @@ class search {
   candidate rounds(const dense_options& options, const effort_settings& settings) const;
   void try_other_base(candidate& best) const;
   void try_without_differences(candidate& best) const;
+  void try_without_new(candidate& best) const;
 
   const dense_request& request_;
   const plan_images& images_;
@@ -122,17 +123,17 @@ std::vector<shift_stretch> search::align(const dense_options& options,
   return align_images(input, alignment);
 }
 
-dense_plan search::plan_of(std::span<const shift_stretch> stretches) const {
+dense_plan search::plan_of(std::span<const shift_stretch> stretches, bool reads_new) const {
   dense_plan plan;
   plan.copies = reach_.readable_copies(stretches);
   uint32_t at = 0;
   int64_t shift = 0;
   for (const dense_copy& copy : plan.copies) {
-    append_items(images_, chains_, reach_, request_.reads_new, at, copy.target, shift, plan.items);
+    append_items(images_, chains_, reach_, reads_new, at, copy.target, shift, plan.items);
     at = copy.target + copy.length;
     shift = static_cast<int64_t>(copy.target) - copy.source;
   }
-  append_items(images_, chains_, reach_, request_.reads_new, at, size_of(images_.new_image), shift,
+  append_items(images_, chains_, reach_, reads_new, at, size_of(images_.new_image), shift,
                plan.items);
   std::vector<dense_copy> longest;
   for (const dense_copy& copy : plan.copies) {
@@ -163,7 +164,7 @@ std::vector<shift_stretch> search::first_alignment() {
   const difference_seeds seeds(images_.old_image, ByteOrder::kLittle);
   const try_settings settings = {kFirstBlockBits, 16};
   old_reach restricted = reach_;
-  reach_ = old_reach(anything, size_of(images_.old_image), size_of(images_.new_image));
+  reach_ = old_reach(images_, anything);
   std::vector<shift_stretch> stretches = align(plain, seeds, {}, settings, {});
   reach_ = restricted;
   if (request_.geometry.ring_pages == 0) {
@@ -192,7 +193,7 @@ std::vector<dense_options> search::likely_options(std::span<const shift_stretch>
       }
     }
   }
-  const dense_plan plan = plan_of(stretches);
+  const dense_plan plan = plan_of(stretches, request_.reads_new);
   std::vector<size_t> sizes(all.size());
   run_tasks(all.size(), request_.jobs, [&](size_t i) {
     all[i].target.base = likely_base(images_, plan.copies, all[i].target);
@@ -238,6 +239,18 @@ void search::try_without_differences(candidate& best) const {
   }
 }
 
+// Without matches into the new image the device can compute it before it writes any: taken where it
+// costs nothing.
+void search::try_without_new(candidate& best) const {
+  candidate other = best;
+  other.options.reads_new = false;
+  other.plan = plan_of(best.stretches, false);
+  write(other);
+  if (!is_smaller(best, other)) {
+    best = std::move(other);
+  }
+}
+
 candidate search::rounds(const dense_options& options, const effort_settings& settings) const {
   const difference_seeds seeds(images_.old_image, options.target.data_order);
   candidate best;
@@ -249,7 +262,7 @@ candidate search::rounds(const dense_options& options, const effort_settings& se
     run_tasks(made.size(), request_.jobs, [&](size_t i) {
       made[i].options = current;
       made[i].stretches = align(current, seeds, knowledge, settings.tries[i], kept_shifts);
-      made[i].plan = plan_of(made[i].stretches);
+      made[i].plan = plan_of(made[i].stretches, current.reads_new);
       write(made[i]);
     });
     candidate& winner = *std::min_element(made.begin(), made.end(), is_smaller);
@@ -288,8 +301,9 @@ dense_update search::run() {
     }
   }
   try_without_differences(best);
+  try_without_new(best);
   dense_update update;
-  update.kept = pages_to_keep(best.plan, request_.geometry);
+  update.kept = pages_to_keep(best.plan, reach_.pages());
   update.payload = std::move(best.payload);
   update.options = best.options;
   update.copies = static_cast<uint32_t>(best.plan.copies.size());

@@ -9,8 +9,6 @@
 // differences of the best plan so far. The tries of a round are made by several threads; which
 // payload wins depends on sizes alone, so the number of threads changes no byte.
 
-#include <functional>
-
 #include "dense_plan.h"
 #include "plan.h"
 
@@ -28,7 +26,9 @@ struct dense_request {
   std::optional<dense_target> target;  // else found by size
   bool base_is_known = false;          // that of `target`
   uint8_t model = 1;
-  bool reads_new = true;  // false: the device can compute the new image before it writes any
+  // false: no matches into the new image, so that the device can compute it before it writes any.
+  // They are left out all the same where that costs no byte; see dense_update::options.
+  bool reads_new = true;
   uint32_t map_limit = 2048;
   dense_effort effort = dense_effort::normal;
   uint32_t jobs = 1;
