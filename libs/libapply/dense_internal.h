@@ -47,7 +47,7 @@ enum kelvane_dense_context {
 #define KELVANE_DENSE_PLACES 6u
 #define KELVANE_DENSE_PLACE_NUMBER 7u
 
-enum kelvane_dense_kind {
+enum kelvane_dense_token_kind {
   KELVANE_DENSE_BYTE,
   KELVANE_DENSE_HALF,
   KELVANE_DENSE_WORD,

@@ -40,28 +40,50 @@ uint32_t kelvane_update_home(const kelvane_update* update, uint32_t page) {
   return update->flash->image + (page << update->shift);
 }
 
+static void fill_blank(uint8_t* bytes, uint32_t count) {
+  uint32_t i;
+  for (i = 0; i < count; ++i) {
+    bytes[i] = 0xFF;
+  }
+}
+
+int kelvane_update_read_image(kelvane_update* update, uint32_t address, uint8_t* bytes,
+                              uint32_t count) {
+  if (kelvane_plan_has(update, address >> update->shift)) {
+    return kelvane_update_read(update, update->flash->image + address, bytes, count);
+  }
+  fill_blank(bytes, count);
+  return KELVANE_APPLY_OK;
+}
+
+// How many of the bytes lie in the page of the first.
+static uint32_t within_page(const kelvane_update* update, uint32_t address, uint32_t count) {
+  const uint32_t size = update->flash->driver.page_size;
+  return smaller(count, size - (address & (size - 1)));
+}
+
 // ---- What a payload reads -----------------------------------------------------------------------
 
 int kelvane_update_old_image(void* context, uint32_t address, uint8_t* bytes, uint32_t count) {
-  const kelvane_update* const update = (const kelvane_update*)context;
-  const uint32_t size = update->flash->driver.page_size;
+  kelvane_update* const update = (kelvane_update*)context;
   while (count > 0) {
     const uint32_t page = address >> update->shift;
-    const uint32_t in_page = address & (size - 1);
-    const uint32_t step = smaller(count, size - in_page);
+    const uint32_t step = within_page(update, address, count);
     uint32_t place;
     int code;
     if (page >= update->flash->image_pages) {
       return KELVANE_APPLY_OUTSIDE;
     }
     place = kelvane_plan_old(update, page);
-    if (place == PAGE_GONE) {
-      return KELVANE_UPDATE_BAD_PLAN;
+    if (update->plan_lost != KELVANE_APPLY_OK || place == PAGE_GONE) {
+      return update->plan_lost != KELVANE_APPLY_OK ? update->plan_lost : KELVANE_UPDATE_BAD_PLAN;
     }
     // A rehearsal asks whether the page would be there, and reads it where it still lies.
-    code = kelvane_update_read(
-        update, (update->rehearsing ? kelvane_update_home(update, page) : place) + in_page, bytes,
-        step);
+    code = update->rehearsing || place == PAGE_BLANK
+               ? kelvane_update_read_image(update, address, bytes, step)
+               : kelvane_update_read(
+                     update, place + (address & (update->flash->driver.page_size - 1)), bytes,
+                     step);
     if (code != KELVANE_APPLY_OK) {
       return code;
     }
@@ -73,11 +95,24 @@ int kelvane_update_old_image(void* context, uint32_t address, uint8_t* bytes, ui
 }
 
 int kelvane_update_new_image(void* context, uint32_t address, uint8_t* bytes, uint32_t count) {
-  const kelvane_update* const update = (const kelvane_update*)context;
-  if (update->rehearsing || address > update->decoded || count > update->decoded - address) {
+  kelvane_update* const update = (kelvane_update*)context;
+  int code = KELVANE_APPLY_OK;
+  if (update->images.reads_new == 0 || address > update->decoded ||
+      count > update->decoded - address) {
     return KELVANE_APPLY_OUTSIDE;
   }
-  return kelvane_update_read(update, update->flash->image + address, bytes, count);
+  while (count > 0 && code == KELVANE_APPLY_OK) {
+    const uint32_t step = within_page(update, address, count);
+    if (update->rehearsing) {
+      fill_blank(bytes, step);
+    } else {
+      code = kelvane_update_read_image(update, address, bytes, step);
+    }
+    address += step;
+    bytes += step;
+    count -= step;
+  }
+  return code;
 }
 
 // ---- Steps --------------------------------------------------------------------------------------
@@ -88,7 +123,10 @@ static int save_page(kelvane_update* update) {
   const uint32_t from = kelvane_update_home(update, update->page);
   const uint32_t into = kelvane_plan_saved(update, update->page);
   uint32_t at;
-  int code = into == PAGE_GONE ? KELVANE_UPDATE_BAD_PLAN : erase_flash(update, into);
+  int code = into == PAGE_GONE ? KELVANE_UPDATE_BAD_PLAN : update->plan_lost;
+  if (code == KELVANE_APPLY_OK) {
+    code = erase_flash(update, into);
+  }
   for (at = 0; at < flash->driver.page_size && code == KELVANE_APPLY_OK; at += flash->work_size) {
     code = kelvane_update_read(update, from + at, flash->work, flash->work_size);
     if (code == KELVANE_APPLY_OK) {
@@ -177,12 +215,10 @@ static enum step_kind take_step(kelvane_update* update, uint32_t k, uint32_t* gr
     ++*group;
   }
   if (update->every > 0 && k == 2 * update->every) {
-    kelvane_plan_at(update, kelvane_plan_page(update, index + update->every - 1));
-    update->writing = 1;
+    kelvane_plan_at(update, kelvane_plan_page(update, index + update->every - 1), 1);
     return CHECKPOINT;
   }
-  kelvane_plan_at(update, kelvane_plan_page(update, index + (k >> 1)));
-  update->writing = k & 1u;
+  kelvane_plan_at(update, kelvane_plan_page(update, index + (k >> 1)), k & 1u);
   return update->writing ? WRITE : SAVE;
 }
 
@@ -223,6 +259,7 @@ static int begin_or_resume(kelvane_update* update) {
 
 static int do_step(kelvane_update* update) {
   kelvane_journal* const journal = &update->journal;
+  enum step_kind step;
   uint32_t group;
   int code;
   if (!journal->writable) {
@@ -235,7 +272,11 @@ static int do_step(kelvane_update* update) {
                ? code_of_journal(kelvane_journal_record(journal, KELVANE_JOURNAL_FINISHED))
                : code;
   }
-  switch (take_step(update, journal->value, &group)) {
+  step = take_step(update, journal->value, &group);
+  if (update->plan_lost != KELVANE_APPLY_OK) {
+    return update->plan_lost;
+  }
+  switch (step) {
     case SAVE:
       code = save_page(update);
       break;
@@ -255,9 +296,9 @@ static int do_step(kelvane_update* update) {
 
 int kelvane_update_step(kelvane_update* update) {
   if (update->code == KELVANE_UPDATE_MORE) {
-    update->code = (uint32_t)do_step(update);
+    update->code = (uint8_t)do_step(update);
   }
-  return (int)update->code;
+  return update->code;
 }
 
 uint32_t kelvane_update_done(const kelvane_update* update) {
@@ -289,6 +330,9 @@ const char* kelvane_update_text(int code) {
       "the plan of the bundle does not keep what is needed",
       "the patch is of version 0 or for target memory",
       "the patch moves behind another command",
+      "the payload of the bundle is damaged, or of another version",
+      "the payload is for a machine that the device does not know",
+      "the payload needs more memory than the device gives",
       "an update by another bundle is unfinished",
       "the flash failed",
   };

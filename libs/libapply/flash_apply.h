@@ -44,6 +44,9 @@ enum kelvane_update_code {
   KELVANE_UPDATE_BAD_PLAN,       // a page is not kept as long as it is needed
   KELVANE_UPDATE_UNSUPPORTED,    // a patch of version 0, or one of memory mode
   KELVANE_UPDATE_MOVE_BEHIND,    // a patch with a move behind another command
+  KELVANE_UPDATE_BAD_PAYLOAD,    // a dense payload of another version, or one that is not sound
+  KELVANE_UPDATE_NO_MACHINE,     // a dense payload for a machine that was left out
+  KELVANE_UPDATE_NO_MEMORY,      // the payload needs more than state_size of kelvane_flash
   KELVANE_UPDATE_OTHER_UPDATE,   // one by another bundle is unfinished
   // An erase or a program failed, or a read of the image.
   KELVANE_UPDATE_FLASH_FAILED,
@@ -71,19 +74,38 @@ typedef struct kelvane_flash {
   void (*alive)(void* context);
 } kelvane_flash;
 
+// A list in the plan: where it begins, and how many entries it has.
+typedef struct kelvane_plan_list {
+  uint32_t at;
+  uint32_t count;
+} kelvane_plan_list;
+
+// The stretch of pages at hand in such a list.
+typedef struct kelvane_plan_stretch {
+  uint32_t next;    // where the one behind it is in the plan
+  uint32_t left;    // stretches behind it
+  uint32_t first;   // page
+  uint32_t pages;
+  uint32_t before;  // pages of the stretches ahead
+} kelvane_plan_stretch;
+
 // An update. `error` is for the caller to read: the address in the image of a page that could not
 // be computed.
 typedef struct kelvane_update {
   const kelvane_flash* flash;
   const kelvane_payload_kind* kind;
   kelvane_source plan;
+  kelvane_plan_list runs;  // of pages that change
+  kelvane_plan_list kept;
+  kelvane_plan_list ranges;  // none: all pages
+  kelvane_plan_stretch run;
   kelvane_payload_input input;
   kelvane_payload_images images;
   kelvane_journal journal;
   uint32_t identity;
   uint32_t error;
-  uint32_t run_count;
-  uint32_t kept_count;
+  uint32_t new_pages;  // of the new image
+  uint32_t slots;
   uint32_t ring;     // pages of the ring, which may be more than the plan counts on
   uint32_t changed;  // pages
   uint32_t steps;
@@ -91,12 +113,16 @@ typedef struct kelvane_update {
   uint32_t every;   // changed pages from one checkpoint to the next, or 0
   uint32_t states;  // address of the first checkpoint
   uint32_t state_pages;
-  uint32_t page;       // the page of the step
-  uint32_t ring_base;  // the last page from here down that lies at the start of the ring
-  uint32_t decoded;    // a payload with a state: the window that comes next
-  uint32_t code;       // of the last operation
-  uint8_t shift;       // of a page
-  uint8_t writing;     // the step writes its page
+  uint32_t page;        // the page of the step
+  uint32_t ring_base;   // the last page from here down that lies at the start of the ring
+  uint32_t found_page;  // the old page looked up last in this step, and where it is
+  uint32_t found_place;
+  uint32_t decoded;   // a payload with a state: the window that comes next
+  uint8_t plan_lost;  // a code, once the plan could not be read
+  uint8_t code;       // of the last operation
+  uint8_t shift;      // of a page
+  uint8_t all_change;
+  uint8_t writing;  // the step writes its page
   uint8_t rehearsing;
 } kelvane_update;
 

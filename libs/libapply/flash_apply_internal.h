@@ -11,26 +11,30 @@
 extern "C" {
 #endif
 
-// For an address: the old contents of the page are gone.
+// For an address: the old contents of the page are gone; the page lies in no range.
 #define PAGE_GONE 0xFFFFFFFFu
+#define PAGE_BLANK 0xFFFFFFFEu
 
-// Checks the structure of the plan and counts its pages. Gives a code.
-int kelvane_plan_open(kelvane_update* update, uint32_t slots);
+// Checks the plan and counts its pages and slots. The payload has been opened. Gives a code.
+int kelvane_plan_open(kelvane_update* update);
+
+// Whether the page lies in a range. Others are left alone: they read as erased.
+int kelvane_plan_has(kelvane_update* update, uint32_t page);
 
 // The page that changes as number `index`.
-uint32_t kelvane_plan_page(const kelvane_update* update, uint32_t index);
+uint32_t kelvane_plan_page(kelvane_update* update, uint32_t index);
 
-// The page at hand becomes `page`.
-void kelvane_plan_at(kelvane_update* update, uint32_t page);
+// The page at hand becomes `page`, which is being written, or else saved.
+void kelvane_plan_at(kelvane_update* update, uint32_t page, int writing);
 
 // Whether the plan changes the page.
-int kelvane_plan_changes(const kelvane_update* update, uint32_t page);
+int kelvane_plan_changes(kelvane_update* update, uint32_t page);
 
 // Where a page that changes is saved, if what was saved up to the page at hand leaves it there.
-uint32_t kelvane_plan_saved(const kelvane_update* update, uint32_t page);
+uint32_t kelvane_plan_saved(kelvane_update* update, uint32_t page);
 
 // Where the old contents of a page are to be read in this step.
-uint32_t kelvane_plan_old(const kelvane_update* update, uint32_t page);
+uint32_t kelvane_plan_old(kelvane_update* update, uint32_t page);
 
 // Tells the board that the update goes on; takes the update, as a callback.
 void kelvane_update_alive(void* update);
@@ -38,6 +42,10 @@ void kelvane_update_alive(void* update);
 // Reads flash. Gives a code.
 int kelvane_update_read(const kelvane_update* update, uint32_t address, uint8_t* bytes,
                         uint32_t count);
+
+// Reads bytes of one page of the image as they are now. Gives a code.
+int kelvane_update_read_image(kelvane_update* update, uint32_t address, uint8_t* bytes,
+                              uint32_t count);
 
 // The address of a page of the image.
 uint32_t kelvane_update_home(const kelvane_update* update, uint32_t page);

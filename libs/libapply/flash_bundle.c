@@ -1,15 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "flash_bundle.h"
 
-static const uint8_t magic[4] = {'K', 'E', 'L', 'B'};
-
-static uint32_t half_at(const uint8_t* bytes) {
-  return bytes[0] | (uint32_t)bytes[1] << 8;
-}
-
-static uint32_t word_at(const uint8_t* bytes) {
-  return half_at(bytes) | half_at(bytes + 2) << 16;
-}
+enum { LARGEST_COUNT = 0xFFFF };  // of pages
 
 uint32_t kelvane_crc32(uint32_t crc, const uint8_t* bytes, uint32_t count) {
   uint32_t i;
@@ -24,10 +16,57 @@ uint32_t kelvane_crc32(uint32_t crc, const uint8_t* bytes, uint32_t count) {
   return ~crc;
 }
 
-// Cuts off the next `size` bytes of the summed ones; gives 1 if there are not as many.
-static int take_part(const kelvane_bundle* bundle, uint32_t* position, uint32_t size,
+int kelvane_bundle_number(const kelvane_source* source, uint32_t* position, uint32_t* value) {
+  uint32_t shift = 0;
+  uint8_t byte;
+  *value = 0;
+  do {
+    if (*position >= source->size) {
+      return KELVANE_BUNDLE_SIZES;
+    }
+    if (kelvane_source_read(source, *position, &byte, 1) != 0) {
+      return KELVANE_BUNDLE_FETCH;
+    }
+    if ((shift == 28 && byte > 15) || (shift > 0 && byte == 0)) {
+      return KELVANE_BUNDLE_SIZES;
+    }
+    *value |= (byte & 127u) << shift;
+    shift += 7;
+    ++*position;
+  } while (byte > 127);
+  return KELVANE_BUNDLE_OK;
+}
+
+// What the numbers of the header say.
+enum number { RING, CHECKPOINT, PAYLOAD, PLAN, BACK, SIGNATURE, NUMBERS };
+
+// Reads those that are there; the others are 0, and a size that is told is not.
+static int read_numbers(const kelvane_source* source, uint32_t has, uint32_t* position,
+                        uint32_t* numbers) {
+  uint32_t i;
+  for (i = 0; i < NUMBERS; ++i) {
+    int code = KELVANE_BUNDLE_OK;
+    numbers[i] = 0;
+    if (i < PLAN || (has & (uint32_t)KELVANE_BUNDLE_HAS_PLAN << (i - PLAN)) != 0) {
+      code = kelvane_bundle_number(source, position, &numbers[i]);
+    }
+    if (code == KELVANE_BUNDLE_OK && i >= PLAN && numbers[i] == 0 &&
+        (has & (uint32_t)KELVANE_BUNDLE_HAS_PLAN << (i - PLAN)) != 0) {
+      code = KELVANE_BUNDLE_SIZES;
+    }
+    if (code != KELVANE_BUNDLE_OK) {
+      return code;
+    }
+  }
+  return numbers[RING] <= LARGEST_COUNT && numbers[CHECKPOINT] <= LARGEST_COUNT
+             ? KELVANE_BUNDLE_OK
+             : KELVANE_BUNDLE_SIZES;
+}
+
+// Cuts off the next `size` bytes; gives 1 if there are not as many.
+static int take_part(const kelvane_source* source, uint32_t* position, uint32_t size,
                      kelvane_source* part) {
-  if (kelvane_source_part(&bundle->summed, *position, size, part) != 0) {
+  if (kelvane_source_part(source, *position, size, part) != 0) {
     return 1;
   }
   *position += size;
@@ -35,40 +74,42 @@ static int take_part(const kelvane_bundle* bundle, uint32_t* position, uint32_t 
 }
 
 int kelvane_bundle_read(kelvane_bundle* bundle, const kelvane_source* source) {
-  uint8_t header[KELVANE_BUNDLE_HEADER_SIZE];
-  uint32_t position = KELVANE_BUNDLE_HEADER_SIZE;
-  uint32_t size;
+  uint8_t fixed[KELVANE_BUNDLE_FIXED_SIZE];
+  uint32_t numbers[NUMBERS];
+  uint32_t position = KELVANE_BUNDLE_FIXED_SIZE;
   uint32_t i;
-  if (source->size < KELVANE_BUNDLE_HEADER_SIZE) {
+  int code;
+  if (source->size < KELVANE_BUNDLE_FIXED_SIZE) {
     return KELVANE_BUNDLE_NONE;
   }
-  if (kelvane_source_read(source, 0, header, KELVANE_BUNDLE_HEADER_SIZE) != 0) {
+  if (kelvane_source_read(source, 0, fixed, KELVANE_BUNDLE_FIXED_SIZE) != 0) {
     return KELVANE_BUNDLE_FETCH;
   }
-  for (i = 0; i < sizeof magic; ++i) {
-    if (header[i] != magic[i]) {
-      return KELVANE_BUNDLE_NONE;
-    }
+  if (fixed[0] != 'K' || fixed[1] != 'B') {
+    return KELVANE_BUNDLE_NONE;
   }
-  if (half_at(header + 4) != KELVANE_BUNDLE_VERSION) {
+  if ((fixed[6] & 15u) != KELVANE_BUNDLE_VERSION) {
     return KELVANE_BUNDLE_VERSIONS;
   }
-  bundle->kind = header[6];
-  bundle->checkpoint = header[7];
-  bundle->checksum = word_at(header + 8);
-  size = word_at(header + 12);
-  bundle->page_size = word_at(header + 20);
-  bundle->ring = (uint16_t)half_at(header + 24);
-  bundle->slots = (uint16_t)half_at(header + 26);
-  bundle->state_size = word_at(header + 40);
-  if (kelvane_source_part(source, 0, size, &bundle->summed) != 0 ||
-      kelvane_source_part(source, size, word_at(header + 16), &bundle->signature) != 0 ||
-      take_part(bundle, &position, word_at(header + 28), &bundle->plan) != 0 ||
-      take_part(bundle, &position, word_at(header + 32), &bundle->payload) != 0 ||
-      take_part(bundle, &position, word_at(header + 36), &bundle->back) != 0 || position != size) {
-    return KELVANE_BUNDLE_SIZES;
+  code = read_numbers(source, fixed[7], &position, numbers);
+  if (code != KELVANE_BUNDLE_OK) {
+    return code;
   }
-  return KELVANE_BUNDLE_OK;
+  bundle->checksum = 0;
+  for (i = 0; i < 4; ++i) {
+    bundle->checksum |= (uint32_t)fixed[KELVANE_BUNDLE_CHECKSUM_AT + i] << (8 * i);
+  }
+  bundle->kind = (uint8_t)(fixed[6] >> 4);
+  bundle->page_size = (uint32_t)1 << (fixed[7] & 31u);
+  bundle->ring = (uint16_t)numbers[RING];
+  bundle->checkpoint = (uint16_t)numbers[CHECKPOINT];
+  return take_part(source, &position, numbers[PLAN], &bundle->plan) != 0 ||
+                 take_part(source, &position, numbers[PAYLOAD], &bundle->payload) != 0 ||
+                 take_part(source, &position, numbers[BACK], &bundle->back) != 0 ||
+                 kelvane_source_part(source, 0, position, &bundle->summed) != 0 ||
+                 kelvane_source_part(source, position, numbers[SIGNATURE], &bundle->signature) != 0
+             ? KELVANE_BUNDLE_SIZES
+             : KELVANE_BUNDLE_OK;
 }
 
 int kelvane_bundle_check(const kelvane_bundle* bundle, uint8_t* work, uint32_t work_size,

@@ -14,46 +14,49 @@
 extern "C" {
 #endif
 
-// The header, little-endian:
-//   0  4  magic "KELB"           20  4  page size              36  4  size of the bundle back, or 0
-//   4  2  version, 1             24  2  pages of the ring      40  4  bytes of a checkpoint, or 0
-//   6  1  kind of payload        26  2  slots
-//   7  1  pages a checkpoint     28  4  size of the plan
-//   8  4  checksum               32  4  size of the payload
-//  12  4  size up to the signature
-//  16  4  bytes of the signature
-// The plan, halves: count of runs of pages that change, {first page, pages} of each, ascending;
-// count of kept pages, {page, slot} of each, ascending.
+// The header:
+//   0  2  magic "KB"
+//   2  4  checksum of all that follows, little-endian
+//   6  1  bits 0 to 3: version, 1; bits 4 to 7: kind of payload
+//   7  1  bits 0 to 4: page size, as a power of two; KELVANE_BUNDLE_HAS_...
+//   8     numbers: pages of the ring; changed pages from one checkpoint to the next, or 0; size of
+//         the payload; and of plan, bundle back and signature, each if there is one
 enum {
-  KELVANE_BUNDLE_HEADER_SIZE = 44,
+  KELVANE_BUNDLE_FIXED_SIZE = 8,  // of the header, ahead of its numbers
+  KELVANE_BUNDLE_CHECKSUM_AT = 2,
+  KELVANE_BUNDLE_SUMMED_FROM = 6,  // what stands ahead is compared, or is the checksum
   KELVANE_BUNDLE_VERSION = 1,
-  KELVANE_BUNDLE_SUMMED_FROM = 12  // what stands ahead is compared, or is the checksum
+  KELVANE_BUNDLE_HAS_PLAN = 1 << 5,  // none: all pages of the new image change, and none is kept
+  KELVANE_BUNDLE_HAS_BACK = 1 << 6,
+  KELVANE_BUNDLE_HAS_SIGNATURE = 1 << 7
 };
 
 // What the header says. The parts refer to the source that it was read from.
 typedef struct kelvane_bundle {
   kelvane_source summed;     // all under the checksum, which is what a signature has to cover
   kelvane_source signature;  // behind it
-  kelvane_source plan;
+  kelvane_source plan;       // size 0 where there is none
   kelvane_source payload;
   kelvane_source back;  // the bundle that leads back; size 0 where there is none
   uint32_t page_size;
   uint32_t checksum;
-  uint32_t state_size;  // bytes of a checkpoint
   uint16_t ring;
-  uint16_t slots;
+  uint16_t checkpoint;  // changed pages from one checkpoint to the next, or 0
   uint8_t kind;
-  uint8_t checkpoint;  // changed pages from one checkpoint to the next, or 0
 } kelvane_bundle;
 
 enum kelvane_bundle_code {
   KELVANE_BUNDLE_OK = 0,
   KELVANE_BUNDLE_NONE,      // too short for a header, or no bundle
   KELVANE_BUNDLE_VERSIONS,  // of another version
-  KELVANE_BUNDLE_SIZES,     // shorter than it says, or its parts don't make it up
+  KELVANE_BUNDLE_SIZES,     // shorter than it says, or a number that no writer makes
   KELVANE_BUNDLE_CHECKSUM,
   KELVANE_BUNDLE_FETCH
 };
+
+// Reads a number of header or plan: seven bits a byte, the least first, bit 7 set in all but the
+// last. What does not fit 32 bits or has more bytes than it needs gives KELVANE_BUNDLE_SIZES.
+int kelvane_bundle_number(const kelvane_source* source, uint32_t* position, uint32_t* value);
 
 // Reads the header and cuts the bundle into its parts. The checksum is not looked at.
 int kelvane_bundle_read(kelvane_bundle* bundle, const kelvane_source* source);

@@ -21,7 +21,7 @@ static int verify(kelvane_update* update, uint32_t size, uint32_t checksum, int 
   uint32_t sum = 0;
   uint32_t at;
   for (at = 0; at < size; at += flash->work_size) {
-    const int code = kelvane_update_read(update, flash->image + at, flash->work, flash->work_size);
+    const int code = kelvane_update_read_image(update, at, flash->work, flash->work_size);
     if (code != KELVANE_APPLY_OK) {
       return code;
     }
@@ -38,13 +38,15 @@ int kelvane_update_verify_new(kelvane_update* update) {
 
 // The last page whose steps are done ahead of the next checkpoint: with it at hand, the windows of
 // all pages since the last one may be computed again.
-static uint32_t last_of_group(const kelvane_update* update, uint32_t group) {
+static uint32_t last_of_group(kelvane_update* update, uint32_t group) {
   const uint32_t behind = smaller(update->changed, (group + 1) * update->every);
   return kelvane_plan_page(update, (update->every == 0 ? update->changed : behind) - 1);
 }
 
 // Computes the image that the update would leave: the pages of the plan new, the others as they
-// are. The page at hand is the one with which the least is left of the old ones.
+// are. The page at hand is the one with which the least is left of the old ones. Where the payload
+// asks for new bytes, every byte that it reads is held against the plan all the same, but what it
+// makes is not known.
 static int rehearse(kelvane_update* update) {
   const kelvane_flash* const flash = update->flash;
   const uint32_t size = update->images.new_size;
@@ -55,7 +57,6 @@ static int rehearse(kelvane_update* update) {
   uint32_t page;
   uint32_t left = update->changed;
   int code = update->kind->restart(flash->state);
-  update->writing = 1;
   for (page = 0; page < pages && code == KELVANE_APPLY_OK; ++page) {
     const uint32_t start = page << update->shift;
     const int changes = kelvane_plan_changes(update, page);
@@ -63,10 +64,10 @@ static int rehearse(kelvane_update* update) {
     if (!changes && start >= size) {
       continue;
     }
-    kelvane_plan_at(update, page);
+    kelvane_plan_at(update, page, 1);
     if (sequential && left > 0) {
       group += page > last_of_group(update, group);
-      kelvane_plan_at(update, last_of_group(update, group));
+      kelvane_plan_at(update, last_of_group(update, group), 1);
     }
     for (at = start; at < start + flash->driver.page_size && code == KELVANE_APPLY_OK;
          at += flash->work_size) {
@@ -74,7 +75,7 @@ static int rehearse(kelvane_update* update) {
         code = kelvane_update_compute(update, at);
       }
       if (!changes && code == KELVANE_APPLY_OK) {
-        code = kelvane_update_read(update, flash->image + at, flash->work, flash->work_size);
+        code = kelvane_update_read_image(update, at, flash->work, flash->work_size);
       }
       if (at < size) {
         sum = add_window(update, sum, at, size);
@@ -82,8 +83,13 @@ static int rehearse(kelvane_update* update) {
     }
     left -= changes ? 1 : 0;
   }
-  return code == KELVANE_APPLY_OK && sum != update->images.new_checksum ? KELVANE_APPLY_NEW_CHECKSUM
-                                                                        : code;
+  if (code == KELVANE_APPLY_OK) {
+    code = update->plan_lost;
+  }
+  return code == KELVANE_APPLY_OK && update->images.reads_new == 0 &&
+                 sum != update->images.new_checksum
+             ? KELVANE_APPLY_NEW_CHECKSUM
+             : code;
 }
 
 // ---- Opening ------------------------------------------------------------------------------------
@@ -136,22 +142,26 @@ static int check_bundle(kelvane_update* update, const kelvane_bundle* bundle) {
 // is the ring.
 static int share_out(kelvane_update* update, const kelvane_bundle* bundle) {
   const kelvane_flash* const flash = update->flash;
-  const uint32_t size = flash->driver.page_size;
   const uint32_t unit = flash->driver.unit;
   const uint32_t state_size = update->kind->state_size;
-  uint32_t taken = bundle->slots;
+  uint32_t taken;
   update->state_pages = state_size == 0 ? 0 : ((state_size - 1) >> update->shift) + 1;
-  if (bundle->state_size != state_size || (bundle->checkpoint != 0) != (state_size != 0) ||
-      ((state_size + unit - 1) & ~(unit - 1)) > flash->state_size) {
+  if ((bundle->checkpoint != 0) != (state_size != 0)) {
     return KELVANE_UPDATE_OTHER_KIND;
   }
-  taken += 2 * update->state_pages;
-  if (bundle->page_size != size || bundle->ring == 0 || taken > flash->spare_pages ||
+  if (((state_size + unit - 1) & ~(unit - 1)) > flash->state_size) {
+    return KELVANE_UPDATE_NO_MEMORY;
+  }
+  if (update->slots > flash->spare_pages) {
+    return KELVANE_UPDATE_OTHER_FLASH;
+  }
+  taken = update->slots + 2 * update->state_pages;
+  if (bundle->ring == 0 || taken > flash->spare_pages ||
       bundle->ring > flash->spare_pages - taken) {
     return KELVANE_UPDATE_OTHER_FLASH;
   }
   update->ring = flash->spare_pages - taken;
-  update->states = flash->spare + ((update->ring + bundle->slots) << update->shift);
+  update->states = flash->spare + ((update->ring + update->slots) << update->shift);
   return KELVANE_APPLY_OK;
 }
 
@@ -175,6 +185,9 @@ static int open_payload(kelvane_update* update, const kelvane_bundle* bundle) {
   if (*kind == NULL) {
     return KELVANE_UPDATE_OTHER_KIND;
   }
+  if (bundle->page_size != flash->driver.page_size) {
+    return KELVANE_UPDATE_OTHER_FLASH;
+  }
   update->kind = *kind;
   update->plan = bundle->plan;
   update->input.payload = bundle->payload;
@@ -183,20 +196,23 @@ static int open_payload(kelvane_update* update, const kelvane_bundle* bundle) {
   update->input.old_image = kelvane_update_old_image;
   update->input.new_image = kelvane_update_new_image;
   update->input.alive = kelvane_update_alive;
-  code = share_out(update, bundle);
+  update->images.reads_new = 0;
+  code = update->kind->open(flash->state, flash->state_size, &update->input, &update->images);
+  if (code == KELVANE_APPLY_OK && (update->images.old_size > update->input.image_size ||
+                                   update->images.new_size > update->input.image_size)) {
+    code = KELVANE_APPLY_NO_ROOM;
+  }
   if (code == KELVANE_APPLY_OK) {
-    code = kelvane_plan_open(update, bundle->slots);
+    update->new_pages =
+        update->images.new_size == 0 ? 0 : ((update->images.new_size - 1) >> update->shift) + 1;
+    code = kelvane_plan_open(update);
+  }
+  if (code == KELVANE_APPLY_OK) {
+    code = share_out(update, bundle);
   }
   if (code == KELVANE_APPLY_OK) {
     count_steps(update, bundle);
     code = update->steps < KELVANE_JOURNAL_FINISHED ? KELVANE_APPLY_OK : KELVANE_UPDATE_BAD_PLAN;
-  }
-  if (code == KELVANE_APPLY_OK) {
-    code = update->kind->open(flash->state, flash->state_size, &update->input, &update->images);
-  }
-  if (code == KELVANE_APPLY_OK && (update->images.old_size > update->input.image_size ||
-                                   update->images.new_size > update->input.image_size)) {
-    code = KELVANE_APPLY_NO_ROOM;
   }
   return code;
 }
@@ -240,7 +256,7 @@ enum kelvane_update_state kelvane_update_state(const kelvane_flash* flash,
 static int check_before(kelvane_update* update) {
   int code = verify(update, update->images.old_size, update->images.old_checksum,
                     KELVANE_APPLY_OLD_CHECKSUM);
-  if (code == KELVANE_APPLY_OK && update->kind->rehearse != NULL) {
+  if (code == KELVANE_APPLY_OK) {
     update->rehearsing = 1;
     code = rehearse(update);
     update->rehearsing = 0;
@@ -294,11 +310,13 @@ int kelvane_update_open(kelvane_update* update, const kelvane_flash* flash,
   update->flash = flash;
   update->error = 0;
   update->ring_base = 0;
+  update->found_page = PAGE_GONE;
+  update->plan_lost = KELVANE_APPLY_OK;
   update->decoded = 0;
   update->rehearsing = 0;
   update->steps = 0;
   update->done = 0;
   code = open_update(update, bundle);
-  update->code = (uint32_t)code;
+  update->code = (uint8_t)code;
   return code;
 }

@@ -41,8 +41,8 @@ typedef struct kelvane_payload_input {
   // Bytes of the old image. A range outside the image's pages, or one that the plan did not keep,
   // gives a code.
   int (*old_image)(void* update, uint32_t address, uint8_t* bytes, uint32_t count);
-  // Bytes of the new image below the window at hand. Only where windows are written: a rehearsal
-  // gives a code.
+  // Bytes of the new image below the window at hand. A rehearsal does not have them: it gives 0xFF
+  // for each to a payload that says `reads_new`, and a code to others.
   int (*new_image)(void* update, uint32_t address, uint8_t* bytes, uint32_t count);
   // Tells the board that the work goes on; to be called now and then in whatever takes long.
   void (*alive)(void* update);
@@ -54,6 +54,10 @@ typedef struct kelvane_payload_images {
   uint32_t new_size;
   uint32_t old_checksum;
   uint32_t new_checksum;
+  // The payload may ask for bytes of the new image. A rehearsal then sees which bytes it reads and
+  // that it is sound, but not what it makes; so none of what it reads, nor how far it goes, may
+  // depend on these bytes. 0 unless open says so.
+  uint32_t reads_new;
 } kelvane_payload_images;
 
 // A kind of payload. `state` is memory of the caller's, aligned for any type, of `size` bytes.
@@ -70,8 +74,7 @@ typedef struct kelvane_payload_kind {
   // be null where state_size is 0.
   int (*resume)(void* state);
   // As window, before anything has been written: it serves the check that the new image comes out
-  // right and that the plan keeps every byte that is read. Null for a kind that can't compute the
-  // new image without writing it, whose `open` then has to check its payload by other means.
+  // right and that the plan keeps every byte that is read.
   int (*rehearse)(void* state, uint32_t address, uint8_t* bytes, uint32_t count);
   // Computes `count` bytes of the new image from `address` on, all of them in one page, also those
   // behind the end of the image in its last page.

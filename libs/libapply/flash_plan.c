@@ -1,83 +1,212 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "flash_apply_internal.h"
 
-// The plan is read where it lies. A pair of halves is an entry of it; what can't be fetched is a
-// page that the image does not have.
-typedef struct pair {
-  uint32_t first;
-  uint32_t second;
-} pair;
+// The plan is read where it lies. What could not be fetched once the plan was opened is told by
+// `plan_lost`, for what comes of it must not be used.
 
-enum { PAIR_SIZE = 4, HALF_SIZE = 2 };
-
-static pair pair_at(const kelvane_update* update, uint32_t position) {
-  uint8_t bytes[PAIR_SIZE] = {0xFF, 0xFF, 0xFF, 0xFF};
-  pair entry;
-  if (kelvane_source_read(&update->plan, position, bytes, PAIR_SIZE) != 0) {
-    bytes[0] = bytes[1] = 0xFF;
+static uint32_t number_at(kelvane_update* update, uint32_t* position) {
+  uint32_t value;
+  const int code = kelvane_bundle_number(&update->plan, position, &value);
+  if (code != KELVANE_BUNDLE_OK) {
+    update->plan_lost = code == KELVANE_BUNDLE_FETCH ? KELVANE_APPLY_FETCH_FAILED
+                                                     : KELVANE_UPDATE_BAD_PLAN;
+    value = 0;
   }
-  entry.first = bytes[0] | (uint32_t)bytes[1] << 8;
-  entry.second = bytes[2] | (uint32_t)bytes[3] << 8;
-  return entry;
+  return value;
 }
 
-static pair run_at(const kelvane_update* update, uint32_t index) {
-  return pair_at(update, HALF_SIZE + PAIR_SIZE * index);
+// ---- Stretches of pages -------------------------------------------------------------------------
+
+// Takes the next stretch of a list: pages from the end of the last one (behind the first stretch
+// one less, for there are some between them), pages less 1.
+static void next_stretch(kelvane_update* update, kelvane_plan_stretch* at) {
+  const uint32_t gap = number_at(update, &at->next);
+  at->before += at->pages;
+  at->first += at->pages + gap + (at->pages > 0);
+  at->pages = number_at(update, &at->next) + 1;
+  --at->left;
 }
 
-static pair kept_at(const kelvane_update* update, uint32_t index) {
-  return pair_at(update, 2 * HALF_SIZE + PAIR_SIZE * (update->run_count + index));
+static kelvane_plan_stretch start_of(const kelvane_plan_list* list) {
+  const kelvane_plan_stretch start = {list->at, list->count, 0, 0, 0};
+  return start;
 }
 
-static int read_half(const kelvane_update* update, uint32_t position, uint32_t* value) {
-  uint8_t bytes[HALF_SIZE];
-  if (kelvane_source_read(&update->plan, position, bytes, HALF_SIZE) != 0) {
-    return 1;
+// The stretch at hand of those whose pages all change, as far as the new image goes.
+static void cut_to_new_image(const kelvane_update* update, kelvane_plan_stretch* at) {
+  if (at->first + at->pages > update->new_pages) {
+    at->pages = at->first < update->new_pages ? update->new_pages - at->first : 0;
+    at->left = 0;
   }
-  *value = bytes[0] | (uint32_t)bytes[1] << 8;
-  return 0;
 }
 
-int kelvane_plan_open(kelvane_update* update, uint32_t slots) {
-  uint32_t next = 0;
+static void next_run(kelvane_update* update) {
+  next_stretch(update, &update->run);
+  if (update->all_change) {
+    cut_to_new_image(update, &update->run);
+  }
+}
+
+static void first_run(kelvane_update* update) {
+  if (update->all_change && update->ranges.count == 0) {
+    update->run.left = 0;
+    update->run.first = 0;
+    update->run.pages = update->new_pages;
+    update->run.before = 0;
+    return;
+  }
+  update->run = start_of(update->all_change ? &update->ranges : &update->runs);
+  if (update->run.left > 0) {
+    next_run(update);
+  }
+}
+
+int kelvane_plan_has(kelvane_update* update, uint32_t page) {
+  kelvane_plan_stretch range = start_of(&update->ranges);
+  while (range.left > 0) {
+    next_stretch(update, &range);
+    if (page < range.first + range.pages) {
+      return page >= range.first;
+    }
+  }
+  return update->ranges.count == 0;
+}
+
+// ---- Opening ------------------------------------------------------------------------------------
+
+// Checks a list of stretches and goes behind it. Gives a code.
+static int open_stretches(kelvane_update* update, uint32_t* position, kelvane_plan_list* list) {
+  const uint32_t pages = update->flash->image_pages;
+  kelvane_plan_stretch at;
+  list->at = *position;
+  at = start_of(list);
+  while (at.left > 0) {
+    uint32_t peek = at.next;
+    const uint32_t gap = number_at(update, &peek);
+    const uint32_t count = number_at(update, &peek);
+    if (update->plan_lost != KELVANE_APPLY_OK) {
+      return update->plan_lost;
+    }
+    if (gap >= pages || count >= pages) {
+      return KELVANE_UPDATE_BAD_PLAN;
+    }
+    next_stretch(update, &at);
+    if (at.first + at.pages > pages) {
+      return KELVANE_UPDATE_BAD_PLAN;
+    }
+  }
+  *position = at.next;
+  return KELVANE_APPLY_OK;
+}
+
+static int open_kept(kelvane_update* update, uint32_t* position) {
+  uint32_t page = 0;
   uint32_t i;
-  update->changed = 0;
-  if (read_half(update, 0, &update->run_count) != 0 ||
-      read_half(update, HALF_SIZE + PAIR_SIZE * update->run_count, &update->kept_count) != 0 ||
-      update->plan.size != 2 * HALF_SIZE + PAIR_SIZE * (update->run_count + update->kept_count)) {
-    return KELVANE_UPDATE_BAD_PLAN;
-  }
-  for (i = 0; i < update->run_count; ++i) {
-    const pair run = run_at(update, i);
-    if (run.second == 0 || run.first < next ||
-        run.first + run.second > update->flash->image_pages) {
+  update->slots = update->kept.count > 0 ? number_at(update, position) : 0;
+  update->kept.at = *position;
+  for (i = 0; i < update->kept.count; ++i) {
+    const uint32_t gap = number_at(update, position);
+    const uint32_t slot = number_at(update, position);
+    if (update->plan_lost != KELVANE_APPLY_OK) {
+      return update->plan_lost;
+    }
+    page += gap;
+    if (gap >= update->flash->image_pages || page >= update->flash->image_pages ||
+        slot >= update->slots) {
       return KELVANE_UPDATE_BAD_PLAN;
     }
-    next = run.first + run.second;
-    update->changed += run.second;
-  }
-  next = 0;
-  for (i = 0; i < update->kept_count; ++i) {
-    const pair kept = kept_at(update, i);
-    if (kept.first < next || kept.second >= slots) {
-      return KELVANE_UPDATE_BAD_PLAN;
-    }
-    next = kept.first + 1;
+    ++page;
   }
   return KELVANE_APPLY_OK;
 }
 
-uint32_t kelvane_plan_page(const kelvane_update* update, uint32_t index) {
-  uint32_t i = 0;
-  pair run = run_at(update, 0);
-  while (index >= run.second && i < update->run_count) {
-    index -= run.second;
-    run = run_at(update, ++i);
+// Every page that changes or is kept has to lie in a range.
+static int check_ranges(kelvane_update* update) {
+  uint32_t position = update->kept.at;
+  uint32_t page = 0;
+  uint32_t i;
+  if (update->ranges.count == 0) {
+    return KELVANE_APPLY_OK;
   }
-  return run.first + index;
+  for (i = 0; i < update->kept.count; ++i, ++page) {
+    page += number_at(update, &position);
+    number_at(update, &position);
+    if (!kelvane_plan_has(update, page)) {
+      return KELVANE_UPDATE_BAD_PLAN;
+    }
+  }
+  first_run(update);
+  for (;;) {
+    for (i = 0; i < update->run.pages; ++i) {
+      if (!kelvane_plan_has(update, update->run.first + i)) {
+        return KELVANE_UPDATE_BAD_PLAN;
+      }
+    }
+    if (update->run.left == 0) {
+      return KELVANE_APPLY_OK;
+    }
+    next_run(update);
+  }
 }
 
-void kelvane_plan_at(kelvane_update* update, uint32_t page) {
+int kelvane_plan_open(kelvane_update* update) {
+  const uint32_t size = update->plan.size;
+  uint32_t position = 0;
+  uint32_t count = size == 0 ? 0 : number_at(update, &position);
+  int code;
+  update->all_change = count == 0;
+  update->runs.count = count == 0 ? 0 : count - 1;
+  code = open_stretches(update, &position, &update->runs);
+  update->kept.count = 0;
+  if (code == KELVANE_APPLY_OK) {
+    update->kept.count = position < size ? number_at(update, &position) : 0;
+    code = open_kept(update, &position);
+  }
+  update->ranges.count = 0;
+  if (code == KELVANE_APPLY_OK) {
+    update->ranges.count = position < size ? number_at(update, &position) : 0;
+    code = open_stretches(update, &position, &update->ranges);
+  }
+  if (code == KELVANE_APPLY_OK && position != size) {
+    code = KELVANE_UPDATE_BAD_PLAN;
+  }
+  if (code == KELVANE_APPLY_OK) {
+    code = check_ranges(update);
+  }
+  if (code == KELVANE_APPLY_OK) {
+    first_run(update);
+    while (update->run.left > 0) {
+      next_run(update);
+    }
+    update->changed = update->run.before + update->run.pages;
+    code = update->plan_lost;
+  }
+  return code;
+}
+
+// ---- Pages --------------------------------------------------------------------------------------
+
+uint32_t kelvane_plan_page(kelvane_update* update, uint32_t index) {
+  if (index < update->run.before) {
+    first_run(update);
+  }
+  while (index - update->run.before >= update->run.pages && update->run.left > 0) {
+    next_run(update);
+  }
+  return update->run.first + (index - update->run.before);
+}
+
+int kelvane_plan_changes(kelvane_update* update, uint32_t page) {
+  if (page < update->run.first) {
+    first_run(update);
+  }
+  while (page >= update->run.first + update->run.pages && update->run.left > 0) {
+    next_run(update);
+  }
+  return page - update->run.first < update->run.pages;
+}
+
+void kelvane_plan_at(kelvane_update* update, uint32_t page, int writing) {
   if (page < update->ring_base) {
     update->ring_base = 0;
   }
@@ -85,30 +214,25 @@ void kelvane_plan_at(kelvane_update* update, uint32_t page) {
     update->ring_base += update->ring;
   }
   update->page = page;
+  update->writing = (uint8_t)writing;
+  update->found_page = PAGE_GONE;
 }
 
-int kelvane_plan_changes(const kelvane_update* update, uint32_t page) {
-  uint32_t i;
-  for (i = 0; i < update->run_count; ++i) {
-    const pair run = run_at(update, i);
-    if (page - run.first < run.second) {
-      return 1;
-    }
-  }
-  return 0;
-}
-
-uint32_t kelvane_plan_saved(const kelvane_update* update, uint32_t page) {
+uint32_t kelvane_plan_saved(kelvane_update* update, uint32_t page) {
   uint32_t place = PAGE_GONE;
+  uint32_t position = update->kept.at;
+  uint32_t kept = 0;
   uint32_t i;
-  for (i = 0; i < update->kept_count; ++i) {
-    const pair kept = kept_at(update, i);
-    if (kept.first > update->page) {
+  for (i = 0; i < update->kept.count; ++i, ++kept) {
+    uint32_t slot;
+    kept += number_at(update, &position);
+    slot = number_at(update, &position);
+    if (kept > update->page) {
       break;
     }
-    if (kept.first == page) {
-      place = update->ring + kept.second;
-    } else if (place == update->ring + kept.second) {
+    if (kept == page) {
+      place = update->ring + slot;
+    } else if (place == update->ring + slot) {
       return PAGE_GONE;  // another page has taken the slot
     }
   }
@@ -122,9 +246,20 @@ uint32_t kelvane_plan_saved(const kelvane_update* update, uint32_t page) {
   return update->flash->spare + (place << update->shift);
 }
 
-uint32_t kelvane_plan_old(const kelvane_update* update, uint32_t page) {
+static uint32_t find_old(kelvane_update* update, uint32_t page) {
+  if (!kelvane_plan_has(update, page)) {
+    return PAGE_BLANK;
+  }
   return page > update->page || (page == update->page && !update->writing) ||
                  !kelvane_plan_changes(update, page)
              ? update->flash->image + (page << update->shift)
              : kelvane_plan_saved(update, page);
+}
+
+uint32_t kelvane_plan_old(kelvane_update* update, uint32_t page) {
+  if (page != update->found_page) {
+    update->found_place = find_old(update, page);
+    update->found_page = page;
+  }
+  return update->found_place;
 }

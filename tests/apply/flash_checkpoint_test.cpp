@@ -91,10 +91,10 @@ int reading_window(void* state, uint32_t address, uint8_t* bytes, uint32_t count
 const kelvane_payload_kind kPlain = {
     KELVANE_PAYLOAD_DENSE, kStateSize,   open_chain,   restart_chain,
     resume_chain,          plain_window, plain_window, kelvane_apply_checksum};
-// Can't be rehearsed, for it reads what it has written.
+// Reads what it has written.
 const kelvane_payload_kind kReading = {
-    KELVANE_PAYLOAD_DENSE, kStateSize, open_chain,     restart_chain,
-    resume_chain,          nullptr,    reading_window, kelvane_apply_checksum};
+    KELVANE_PAYLOAD_DENSE, kStateSize,     open_chain,     restart_chain,
+    resume_chain,          reading_window, reading_window, kelvane_apply_checksum};
 
 constexpr uint32_t kPage = 256;
 
@@ -115,33 +115,25 @@ std::string chained_image(const std::string& old_image, uint32_t size, bool read
 }
 
 struct Case {
-  uint8_t checkpoint;
+  uint32_t checkpoint;
   bool reads_new;
   uint32_t skipped;  // a page that turns out not to change; 0 for none
 };
 
-Bundled chain_bundle(const std::string& old_image, const std::string& new_image, uint8_t checkpoint,
-                     uint32_t ring) {
+Bundled chain_bundle(const std::string& old_image, const std::string& new_image,
+                     uint32_t checkpoint, uint32_t ring, bool reads_new) {
   kelvane_payload_images images = {static_cast<uint32_t>(old_image.size()),
                                    static_cast<uint32_t>(new_image.size()),
-                                   patch_checksum(old_image), patch_checksum(new_image)};
+                                   patch_checksum(old_image), patch_checksum(new_image), reads_new};
   kelpatch::BundleParts parts;
   parts.kind = KELVANE_PAYLOAD_DENSE;
   parts.checkpoint = checkpoint;
-  parts.state_size = kStateSize;
   parts.payload.resize(sizeof images);
   std::memcpy(parts.payload.data(), &images, sizeof images);
   Bundled bundle;
-  bundle.plan.page_size = kPage;
-  bundle.plan.pages = static_cast<uint32_t>((new_image.size() + kPage - 1) / kPage);
+  bundle.plan =
+      kelpatch::plan_changes(bytes_of(old_image), bytes_of(new_image), kPage, {}, "chain");
   bundle.plan.ring = ring;
-  for (uint32_t page = 0; page < bundle.plan.pages; ++page) {
-    const uint32_t at = page * kPage;
-    if (old_image.compare(std::min<size_t>(at, old_image.size()), kPage, new_image, at, kPage) !=
-        0) {
-      bundle.plan.changed.push_back(page);
-    }
-  }
   bundle.bytes = make_bundle(bundle.plan, parts);
   return bundle;
 }
@@ -175,7 +167,7 @@ TEST(FlashCheckpoint, AnUpdateCutAtAnyOperationGoesOnFromTheLastCheckpoint) {
       new_image = chained_image(old_image, 12 * kPage - 17, reads_new, 64);
     }
     const Bundled bundle =
-        chain_bundle(old_image, new_image, checkpoint, 2U + std::min<uint32_t>(checkpoint, 11));
+        chain_bundle(old_image, new_image, checkpoint, 2 + std::min(checkpoint, 11U), reads_new);
     ASSERT_EQ(bundle.plan.changed.size(), skipped != 0 ? 11u : 12u);
     const kelvane_payload_kind* const kinds[] = {&kelvane_patch_kind,
                                                  reads_new ? &kReading : &kPlain, nullptr};
@@ -192,14 +184,16 @@ TEST(FlashCheckpoint, AnUpdateCutAtAnyOperationGoesOnFromTheLastCheckpoint) {
 TEST(FlashCheckpoint, ARingThatIsTooShortForTheCheckpointsIsRefused) {
   std::minstd_rand random(9);
   const std::string old_image = random_bytes(random, 9 * kPage);
-  const std::string new_image = chained_image(old_image, 9 * kPage, false, 64);
-  const kelvane_payload_kind* const kinds[] = {&kPlain, nullptr};
-  for (const auto& [ring, code] : {std::pair<uint32_t, int>{4, KELVANE_APPLY_OK},
-                                   std::pair<uint32_t, int>{3, KELVANE_UPDATE_BAD_PLAN}}) {
-    const Bundled bundle = chain_bundle(old_image, new_image, 3, ring);
-    SimulatedDevice device(shape_for(bundle, kinds), old_image, 1);
-    EXPECT_EQ(device.run(bundle.source()), code);
-    EXPECT_EQ(device.flash().operations() == 0, ring == 3);
+  for (const bool reads_new : {false, true}) {
+    const std::string new_image = chained_image(old_image, 9 * kPage, reads_new, 64);
+    const kelvane_payload_kind* const kinds[] = {reads_new ? &kReading : &kPlain, nullptr};
+    for (const uint32_t ring : {3U, 4U}) {
+      const Bundled bundle = chain_bundle(old_image, new_image, 3, ring, reads_new);
+      SimulatedDevice device(shape_for(bundle, kinds), old_image, 1);
+      EXPECT_EQ(device.run(bundle.source()),
+                ring == 3 ? int{KELVANE_UPDATE_BAD_PLAN} : int{KELVANE_APPLY_OK});
+      EXPECT_EQ(device.flash().operations() == 0, ring == 3);
+    }
   }
 }
 

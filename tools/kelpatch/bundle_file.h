@@ -9,9 +9,8 @@ namespace kelpatch {
 // What a bundle is made of.
 struct BundleParts {
   uint8_t kind = KELVANE_PAYLOAD_PATCH;
-  uint8_t checkpoint =
-      0;  // changed pages from one checkpoint to the next; 0: the payload has no state
-  uint32_t state_size = 0;  // bytes of a checkpoint
+  // Changed pages from one checkpoint to the next; 0: the payload has no state.
+  uint32_t checkpoint = 0;
   Bytes payload;
   Bytes back;              // a bundle that leads back, or nothing
   uint32_t signature = 0;  // bytes that stay free for one

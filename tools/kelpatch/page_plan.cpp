@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <numeric>
+#include <utility>
 
 namespace kelpatch {
 namespace {
@@ -59,9 +60,31 @@ bool changes(const Bytes& old_file, const Bytes& new_file, uint64_t start, uint3
   return !std::equal(after.begin, after.end, before.begin, before.end);
 }
 
-void put_half(Bytes& bytes, size_t value) {
-  bytes.push_back(static_cast<uint8_t>(value & 0xFFU));
-  bytes.push_back(static_cast<uint8_t>(value >> 8U));
+bool is_blank(const Bytes& file, uint64_t start, uint32_t page_size) {
+  const Part part = part_of(file, start, page_size);
+  return std::all_of(part.begin, part.end, [](uint8_t byte) { return byte == 0xFF; });
+}
+
+// Stretches as a plan has them: pages between them (behind the first one less), pages less 1.
+void put_stretches(Bytes& bytes, const std::vector<PageRange>& stretches) {
+  uint32_t next = 0;
+  for (const PageRange& one : stretches) {
+    put_number(bytes, one.first - next);
+    put_number(bytes, one.pages - 1);
+    next = one.first + one.pages + 1;
+  }
+}
+
+std::vector<PageRange> runs_of(const std::vector<uint32_t>& pages) {
+  std::vector<PageRange> runs;
+  for (const uint32_t page : pages) {
+    if (!runs.empty() && runs.back().first + runs.back().pages == page) {
+      ++runs.back().pages;
+    } else {
+      runs.push_back({page, 1});
+    }
+  }
+  return runs;
 }
 
 // The last changed page that reads each page, as long as that page itself is written ahead of it.
@@ -107,45 +130,85 @@ void keep_pages(PagePlan& plan, const std::vector<uint32_t>& last) {
 
 }  // namespace
 
+void put_number(Bytes& bytes, uint32_t number) {
+  for (; number > 127; number >>= 7U) {
+    bytes.push_back(static_cast<uint8_t>(0x80U | (number & 127U)));
+  }
+  bytes.push_back(static_cast<uint8_t>(number));
+}
+
+bool PagePlan::has(uint32_t page) const {
+  return ranges.empty() || std::any_of(ranges.begin(), ranges.end(), [page](const PageRange& one) {
+           return page - one.first < one.pages;
+         });
+}
+
 Bytes PagePlan::encoded() const {
-  std::vector<std::pair<uint32_t, uint32_t>> runs;
-  for (const uint32_t page : changed) {
-    if (!runs.empty() && runs.back().first + runs.back().second == page) {
-      ++runs.back().second;
-    } else {
-      runs.emplace_back(page, 1);
+  std::vector<uint32_t> all;
+  for (uint32_t page = 0; page < new_pages; ++page) {
+    if (has(page)) {
+      all.push_back(page);
     }
   }
-  Bytes bytes;
-  put_half(bytes, runs.size());
-  for (const auto& [first, count] : runs) {
-    put_half(bytes, first);
-    put_half(bytes, count);
+  const bool all_change = new_pages != 0 && changed == all;
+  if (all_change && kept.empty() && ranges.empty()) {
+    return {};
   }
-  put_half(bytes, kept.size());
+  const std::vector<PageRange> runs =
+      all_change ? std::vector<PageRange>{} : runs_of(changed);
+  Bytes bytes;
+  put_number(bytes, all_change ? 0 : static_cast<uint32_t>(runs.size()) + 1);
+  put_stretches(bytes, runs);
+  if (kept.empty() && ranges.empty()) {
+    return bytes;
+  }
+  put_number(bytes, static_cast<uint32_t>(kept.size()));
+  if (!kept.empty()) {
+    put_number(bytes, slots);
+  }
+  uint32_t next = 0;
   for (const Kept& one : kept) {
-    put_half(bytes, one.page);
-    put_half(bytes, one.slot);
+    put_number(bytes, one.page - next);
+    put_number(bytes, one.slot);
+    next = one.page + 1;
+  }
+  if (!ranges.empty()) {
+    put_number(bytes, static_cast<uint32_t>(ranges.size()));
+    put_stretches(bytes, ranges);
   }
   return bytes;
 }
 
-PagePlan plan_pages(PatchFile& patch, const Bytes& old_file, const Bytes& new_file,
-                    uint32_t page_size, uint32_t ring) {
+PagePlan plan_changes(const Bytes& old_file, const Bytes& new_file, uint32_t page_size,
+                      std::vector<PageRange> ranges, const std::string& name) {
   PagePlan plan;
   const uint64_t size = std::max(old_file.size(), new_file.size());
   const uint64_t pages = (size + page_size - 1) / page_size;
   if (pages > kMostPages || pages * page_size > kLargestFile) {
-    fatal("'%s' is for images of more than %" PRIu32 " pages", patch.name().c_str(), kMostPages);
+    fatal("'%s' is for images of more than %" PRIu32 " pages", name.c_str(), kMostPages);
   }
   plan.page_size = page_size;
   plan.pages = static_cast<uint32_t>(pages);
-  plan.ring = ring;
+  plan.new_pages = static_cast<uint32_t>((new_file.size() + page_size - 1) / page_size);
+  plan.ranges = std::move(ranges);
   for (uint32_t page = 0; page < plan.pages; ++page) {
-    if (changes(old_file, new_file, uint64_t{page} * page_size, page_size)) {
+    const uint64_t start = uint64_t{page} * page_size;
+    if (!plan.has(page)) {
+      if (!is_blank(old_file, start, page_size) || !is_blank(new_file, start, page_size)) {
+        mismatch("'%s' has bytes at offset %" PRIu64 ", which lies in no range", name.c_str(),
+                 start);
+      }
+    } else if (changes(old_file, new_file, start, page_size)) {
       plan.changed.push_back(page);
     }
   }
+  return plan;
+}
+
+PagePlan plan_pages(PatchFile& patch, const Bytes& old_file, const Bytes& new_file,
+                    uint32_t page_size, uint32_t ring) {
+  PagePlan plan = plan_changes(old_file, new_file, page_size, {}, patch.name());
+  plan.ring = ring;
   const std::vector<uint32_t> origin = origins(patch, plan.pages * page_size);
   keep_pages(plan, last_readers(origin, plan.changed, plan.pages, page_size));
   return plan;

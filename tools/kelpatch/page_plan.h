@@ -17,6 +17,12 @@ struct SparePages {
   uint32_t spare = 8;  // of the ring and of the slots
 };
 
+// Pages that follow each other.
+struct PageRange {
+  uint32_t first;
+  uint32_t pages;
+};
+
 // In which order a device updates its flash: the pages that change, in ascending order, and those
 // whose old contents a page far above still needs. The old contents of every page are saved ahead
 // of it, a kept page in its slot, another one in the ring.
@@ -26,16 +32,30 @@ struct PagePlan {
     uint32_t slot;
   };
   uint32_t page_size = 0;
-  uint32_t pages = 0;  // of the larger image
+  uint32_t pages = 0;      // of the larger image
+  uint32_t new_pages = 0;  // of the new image
   uint32_t ring = 0;
   uint32_t slots = 0;
   std::vector<uint32_t> changed;
   std::vector<Kept> kept;
+  // The pages that are the update's own, with others between the ranges; none: all pages. A device
+  // takes others for erased ones and leaves them alone.
+  std::vector<PageRange> ranges;
 
   uint32_t spare() const { return ring + slots; }
-  // As a bundle has it.
+  bool has(uint32_t page) const;
+  // As a bundle has it: empty if all pages of the new image change and nothing else is to be said.
   Bytes encoded() const;
 };
+
+// Adds a number as a bundle has it, see flash_bundle.h.
+void put_number(Bytes& bytes, uint32_t number);
+
+// A plan that tells the pages that change, in these ranges, and the sizes. Ends the run if the
+// images have more than 65535 pages, or hold anything but 0xFF outside the ranges; `name` is what
+// the message calls the update.
+PagePlan plan_changes(const Bytes& old_file, const Bytes& new_file, uint32_t page_size,
+                      std::vector<PageRange> ranges, const std::string& name);
 
 // Makes the plan for a patch in file mode, which has been checked against the two images. `ring`
 // pages are at least 1. Ends the run if the images have more than 65535 pages, or if a move stands
