@@ -7,6 +7,7 @@
 #include "indgeninit.h"
 #include "kelmake_options.h"
 #include "kelmake_run.h"
+#include "kelmake_update.h"
 #include "patch_file.h"
 
 namespace kelmake {
@@ -21,6 +22,8 @@ void run(const std::vector<std::string>& arguments) {
   const Options options = parse_options(arguments);
   if (options.help || options.version) {
     std::fputs(options.help ? help_text() : "kelmake " KELMAKE_VERSION "\n", stdout);
+  } else if (options.bundle) {
+    make_update(options);
   } else {
     make_patch(options);
   }

@@ -43,14 +43,6 @@ std::array<Part, 7> parts_of(const kelvane::found_plan& found) {
   }};
 }
 
-std::string counted(uint64_t count, const char* unit) {
-  return formatted("%" PRIu64 " %s%s", count, unit, count == 1 ? "" : "s");
-}
-
-double percent_of(uint64_t part, uint64_t whole) {
-  return whole == 0 ? 0 : 100.0 * static_cast<double>(part) / static_cast<double>(whole);
-}
-
 bool is_worth_it(const Outcome& outcome) {
   const uint64_t size = outcome.found.cost.total();
   return size < outcome.new_size / 10 * 9 &&
@@ -77,6 +69,16 @@ std::string advice(const Outcome& outcome) {
   return {};
 }
 
+}  // namespace
+
+std::string counted(uint64_t count, const char* unit) {
+  return formatted("%" PRIu64 " %s%s", count, unit, count == 1 ? "" : "s");
+}
+
+double percent_of(uint64_t part, uint64_t whole) {
+  return whole == 0 ? 0 : 100.0 * static_cast<double>(part) / static_cast<double>(whole);
+}
+
 std::string json_text(const std::string& text) {
   std::string quoted = "\"";
   for (const char letter : text) {
@@ -92,8 +94,6 @@ std::string json_text(const std::string& text) {
   }
   return quoted + '"';
 }
-
-}  // namespace
 
 std::string text_of_comparison(const Options& options, uint64_t old_size, uint64_t new_size) {
   return formatted("old: %s, %s\n", options.old_name.c_str(), counted(old_size, "byte").c_str()) +

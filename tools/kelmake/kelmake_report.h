@@ -9,6 +9,12 @@
 
 namespace kelmake {
 
+// "1 byte", "2 bytes".
+std::string counted(uint64_t count, const char* unit);
+double percent_of(uint64_t part, uint64_t whole);
+// The text as JSON has it.
+std::string json_text(const std::string& text);
+
 // What a run has found, for people and for programs.
 struct Outcome {
   const Options& options;

@@ -1,14 +1,12 @@
 #include "kelmake_run.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 
+#include "kelmake_files.h"
 #include "kelmake_report.h"
 #include "optimal_parse.h"
-#include "output_file.h"
 #include "patch_file.h"
 #include "plan_patch.h"
 #include "plan_search.h"
@@ -20,46 +18,17 @@ using kelpatch::Bytes;
 using kelpatch::fatal;
 using std::chrono::steady_clock;
 
-void refuse_input_as_output(const std::string& output, const std::string& input) {
-  struct stat one = {};
-  struct stat other = {};
-  if (::stat(output.c_str(), &one) == 0 && ::stat(input.c_str(), &other) == 0 &&
-      one.st_dev == other.st_dev && one.st_ino == other.st_ino) {
-    fatal("output file '%s' is also an input file", output.c_str());
-  }
-}
-
-// Tells now, not after the search, that a file can't be written.
-void probe_output(const std::string& name) {
-  const kelpatch::OutputFile probe(name);
-}
-
 // What the file takes compressed; 0 if that is more than `patch_size` in any case, for 18 bytes
 // take 17 bits at best.
 uint64_t packed_size_if_near(const Bytes& file, uint64_t patch_size) {
   return patch_size * 9 < file.size() ? 0 : kelvane::optimal_parser().packed_size(file);
 }
 
-void write_file(const std::string& name, const Bytes& bytes) {
-  kelpatch::OutputFile output(name);
-  output.write(bytes);
-  output.keep();
-}
-
 }  // namespace
 
 void make_patch(const Options& options) {
   const steady_clock::time_point start = steady_clock::now();
-  for (const std::string& output : {options.patch_name, options.report_name}) {
-    refuse_input_as_output(output, options.old_name);
-    refuse_input_as_output(output, options.new_name);
-  }
-  probe_output(options.patch_name);
-  if (!options.report_name.empty()) {
-    probe_output(options.report_name);
-  }
-  const Bytes old_file = kelpatch::read_input(options.old_name);
-  const Bytes new_file = kelpatch::read_input(options.new_name);
+  const auto [old_file, new_file] = read_inputs(options);
   if (!options.quiet) {
     std::fputs(text_of_comparison(options, old_file.size(), new_file.size()).c_str(), stdout);
     std::fflush(stdout);

@@ -11,23 +11,13 @@
 #include "output_file.h"
 #include "patch_split.h"
 #include "patch_verify.h"
-#include "update_simulation.h"
+#include "update_trial.h"
 
 namespace kelpatch {
 namespace {
 
-using kelvane::CutPlan;
-using kelvane::CutResult;
 using kelvane::DeviceShape;
 using kelvane::SimulatedDevice;
-
-std::string_view view_of(const Bytes& bytes) {
-  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
-kelvane_source source_of(const Bytes& bytes) {
-  return {bytes.data(), nullptr, nullptr, 0, static_cast<uint32_t>(bytes.size())};
-}
 
 // A way from one image to another.
 struct Update {
@@ -76,20 +66,6 @@ DeviceShape shape_of(const PagePlan& plan, const DeviceOptions& device) {
   return shape;
 }
 
-// Ends the run unless the model's update comes out right.
-void require_right(int code, SimulatedDevice& tried, const Bytes& new_file,
-                   const std::string& name) {
-  if (code == KELVANE_UPDATE_BAD_GEOMETRY) {
-    fatal("no device has pages of %" PRIu32 " bytes with a unit of %" PRIu32
-          " and a window of %" PRIu32,
-          tried.board().driver.page_size, tried.board().driver.unit, tried.board().work_size);
-  }
-  if (code != KELVANE_APPLY_OK ||
-      tried.image(static_cast<uint32_t>(new_file.size())) != view_of(new_file)) {
-    mismatch("an update by '%s' ends wrong: %s", name.c_str(), kelvane_update_text(code));
-  }
-}
-
 uint32_t total(const std::vector<uint32_t>& erases, uint32_t first, uint32_t count) {
   return std::accumulate(erases.begin() + first, erases.begin() + first + count, 0U);
 }
@@ -133,27 +109,6 @@ void show_plan(const Update& update, const DeviceOptions& device, SimulatedDevic
               seconds, device.erase_time, program_time);
 }
 
-// Cuts power at the operations of an update, all of them unless there are very many.
-void simulate(const DeviceShape& shape, const Bytes& old_file, const Bytes& new_file,
-              const Bytes& bundle, const std::string& name) {
-  constexpr uint64_t kMostCuts = 2000;
-  SimulatedDevice counting(shape, view_of(old_file), 1);
-  counting.run(source_of(bundle));
-  CutPlan cuts;
-  cuts.every = counting.flash().operations() / kMostCuts + 1;
-  cuts.more = 3;
-  const CutResult result =
-      cut_everywhere(shape, view_of(old_file), view_of(new_file), source_of(bundle), cuts);
-  const std::string which = cuts.every == 1 ? "each" : "one in " + std::to_string(cuts.every);
-  std::printf("%s: power cut at %s of %" PRIu64 " operations, %" PRIu64 " cuts and %" PRIu64
-              " starts: %" PRIu64 " wrong images\n",
-              name.c_str(), which.c_str(), result.operations, result.cuts, result.starts,
-              result.wrong);
-  if (result.wrong != 0 || result.violations != 0) {
-    mismatch("an update by '%s' does not survive power loss", name.c_str());
-  }
-}
-
 // The bundle for one way, tried on the model.
 Bytes tried_bundle(PatchFile& patch, const Bytes& old_file, const Bytes& new_file,
                    const DeviceOptions& device, Bytes back, uint32_t signature) {
@@ -167,7 +122,7 @@ Bytes tried_bundle(PatchFile& patch, const Bytes& old_file, const Bytes& new_fil
   SimulatedDevice tried(shape, view_of(old_file), 1);
   require_right(tried.run(source_of(bundle)), tried, new_file, patch.name());
   if (device.simulate) {
-    simulate(shape, old_file, new_file, bundle, patch.name());
+    simulate_cuts(shape, old_file, new_file, bundle, patch.name());
   }
   return bundle;
 }

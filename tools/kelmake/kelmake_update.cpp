@@ -1,0 +1,287 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "kelmake_update.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <stdexcept>
+#include <utility>
+
+#include "bundle_file.h"
+#include "dense_proof.h"
+#include "dense_search.h"
+#include "kelmake_elf.h"
+#include "kelmake_files.h"
+#include "kelmake_update_report.h"
+#include "patch_split.h"
+#include "plan_patch.h"
+#include "plan_search.h"
+#include "update_trial.h"
+
+namespace kelmake {
+namespace {
+
+using kelpatch::Bytes;
+using kelpatch::fatal;
+using kelpatch::PagePlan;
+using kelpatch::UpdateFile;
+using kelvane::ByteOrder;
+using kelvane::dense_effort;
+using kelvane::dense_target;
+using std::chrono::steady_clock;
+
+constexpr uint32_t kUsualSlots = 8;
+
+// ---- The images and what they are for -----------------------------------------------------------
+
+FlashImages images_of(const Options& options, Inputs inputs) {
+  const bool is_image = is_elf(inputs.old_file);
+  if (is_image != is_elf(inputs.new_file)) {
+    fatal("'%s' is an ELF file and '%s' is not",
+          (is_image ? options.old_name : options.new_name).c_str(),
+          (is_image ? options.new_name : options.old_name).c_str());
+  }
+  if (is_image) {
+    return lay_out(options.old_name, inputs.old_file, options.new_name, inputs.new_file,
+                   options.update.page_size);
+  }
+  return {std::move(inputs.old_file), std::move(inputs.new_file), 0, {}, {}};
+}
+
+// The byte orders that a machine may have: of code, of data. Big-endian ARM has both sorts of code.
+std::vector<dense_target> with_orders(uint8_t machine, const std::optional<ByteOrder>& told) {
+  const bool is_arm = machine == KELVANE_DENSE_THUMB || machine == KELVANE_DENSE_ARM;
+  const bool has_little_code = is_arm || machine == KELVANE_DENSE_RISCV;
+  std::vector<dense_target> targets;
+  for (const ByteOrder order : {ByteOrder::kLittle, ByteOrder::kBig}) {
+    if (told.value_or(order) != order) {
+      continue;
+    }
+    if (order == ByteOrder::kLittle || machine != KELVANE_DENSE_RISCV) {
+      targets.push_back({machine, order, order, 0});
+    }
+    if (order == ByteOrder::kBig && has_little_code) {
+      targets.push_back({machine, ByteOrder::kLittle, order, 0});
+    }
+  }
+  return targets;
+}
+
+// What the encoder is to choose from: what the files and the command line tell. Empty if both tell
+// nothing of the machine.
+std::vector<dense_target> targets_of(const Options& options, const FlashImages& images) {
+  std::vector<dense_target> targets = images.targets;
+  if (options.update.machine && targets.empty()) {
+    targets = with_orders(*options.update.machine, options.order);
+  } else if (options.update.machine) {
+    targets.resize(1);
+    targets[0].machine = *options.update.machine;
+  }
+  for (dense_target& target : targets) {
+    if (options.order && !images.targets.empty()) {
+      target.code_order = *options.order;
+      target.data_order = *options.order;
+    }
+    target.base = options.update.base.value_or(target.base);
+  }
+  return targets;
+}
+
+// ---- The update ---------------------------------------------------------------------------------
+
+// The ring of the update: it holds the pages that are written between two checkpoints besides. No
+// more than all pages are of use.
+kelvane::flash_geometry geometry_of(const UpdateOptions& device, uint64_t image_size) {
+  const uint64_t pages =
+      std::max<uint64_t>((image_size + device.page_size - 1) / device.page_size, 1);
+  const uint32_t states =
+      2 * ((kelpatch::dense_state_size(device.model) - 1) / device.page_size + 1);
+  kelvane::flash_geometry geometry;
+  geometry.page_size = device.page_size;
+  geometry.checkpoint = device.checkpoint;
+  geometry.ring_pages = static_cast<uint32_t>(
+      std::min({pages, uint64_t{device.ring} + device.checkpoint - 1, uint64_t{65535}}));
+  geometry.slots = kUsualSlots;
+  const uint32_t least = geometry.ring_pages + states;
+  if (device.spare) {
+    if (*device.spare < least) {
+      fatal("%" PRIu32 " spare pages do not hold a ring of %" PRIu32
+            " and two checkpoints of %" PRIu32 "; --spare %" PRIu32 " would do",
+            *device.spare, geometry.ring_pages, states / 2, least);
+    }
+    geometry.slots = *device.spare - least;
+  }
+  return geometry;
+}
+
+kelvane::dense_update searched(const kelvane::dense_request& request) {
+  try {
+    return kelvane::search_dense(request);
+  } catch (const std::logic_error& error) {
+    fatal("internal: %s", error.what());
+  }
+}
+
+// The smallest update for any of the targets. Which one it is, short searches tell.
+kelvane::dense_update smallest_update(kelvane::dense_request request,
+                                      const std::vector<dense_target>& targets,
+                                      const std::optional<uint32_t>& base) {
+  const dense_effort effort = request.effort;
+  if (targets.empty() && base) {
+    request.effort = dense_effort::quick;
+    request.target = searched(request).options.target;
+    request.target->base = *base;
+    request.base_is_known = true;
+  } else if (targets.size() > 1) {
+    request.effort = dense_effort::quick;
+    size_t best_size = SIZE_MAX;
+    dense_target best;
+    for (const dense_target& target : targets) {
+      request.target = target;
+      const size_t size = searched(request).payload.size();
+      if (size < best_size) {
+        best_size = size;
+        best = target;
+      }
+    }
+    request.target = best;
+  } else if (!targets.empty()) {
+    request.target = targets.front();
+  }
+  request.effort = effort;
+  return searched(request);
+}
+
+kelvane::dense_update found_update(const Options& options, const FlashImages& images,
+                                   const kelvane::flash_geometry& geometry) {
+  kelvane::dense_request request;
+  request.images = {images.old_image, images.new_image};
+  request.geometry = geometry;
+  request.base_is_known = !images.targets.empty() || options.update.base;
+  request.model = options.update.model;
+  request.reads_new = !options.update.rehearse;
+  request.effort = options.effort == kelvane::plan_effort::quick    ? dense_effort::quick
+                   : options.effort == kelvane::plan_effort::normal ? dense_effort::normal
+                                                                    : dense_effort::best;
+  request.jobs = options.jobs;
+  return smallest_update(request, targets_of(options, images), options.update.base);
+}
+
+// The shortest ring that serves the update; the encoder may have used less than it was given.
+uint32_t ring_needed(const FlashImages& images, const kelvane::dense_update& update,
+                     kelvane::flash_geometry geometry) {
+  uint32_t too_short = 0;
+  uint32_t ring = geometry.ring_pages;
+  while (ring - too_short > 1) {
+    geometry.ring_pages = too_short + (ring - too_short) / 2;
+    const bool serves = kelvane::fault_of_dense({images.old_image, images.new_image},
+                                                update.payload, update.kept, geometry)
+                            .empty();
+    (serves ? ring : too_short) = geometry.ring_pages;
+  }
+  return ring;
+}
+
+Bytes bundle_of(const Options& options, const FlashImages& images,
+                const kelvane::flash_geometry& geometry, kelvane::dense_update& update) {
+  std::vector<kelpatch::PageRange> ranges;
+  for (const FlashRange& range : images.ranges) {
+    ranges.push_back({range.first, range.pages});
+  }
+  PagePlan plan = kelpatch::plan_changes(images.old_image, images.new_image, geometry.page_size,
+                                         std::move(ranges), options.patch_name);
+  plan.ring = ring_needed(images, update, geometry);
+  for (const kelvane::kept_page& kept : update.kept) {
+    plan.kept.push_back({kept.page, kept.slot});
+    plan.slots = std::max(plan.slots, kept.slot + 1);
+  }
+  kelpatch::BundleParts parts;
+  parts.kind = KELVANE_PAYLOAD_DENSE;
+  parts.checkpoint = geometry.checkpoint;
+  parts.payload = std::move(update.payload);
+  return make_bundle(plan, parts);
+}
+
+// Ends the run unless a device of that geometry gets from the old image to the new one.
+void prove(const Options& options, const FlashImages& images, const UpdateFile& update) {
+  if (kelpatch::updated(update, options.old_name, images.old_image, UINT32_MAX) !=
+      images.new_image) {
+    fatal("internal: the update from '%s' to '%s' makes another image", options.old_name.c_str(),
+          options.new_name.c_str());
+  }
+  if (options.update.simulate) {
+    kelpatch::simulate_cuts(kelpatch::device_for(update), images.old_image, images.new_image,
+                            update.bytes(), options.patch_name);
+  }
+}
+
+// ---- The same by a patch ------------------------------------------------------------------------
+
+// The bundle with a patch that needs the fewest spare pages.
+PatchWay way_by_patch(const Options& options, const FlashImages& images,
+                      const kelvane::flash_geometry& geometry) {
+  kelvane::plan_request request;
+  request.images = {images.old_image, images.new_image};
+  request.rules = kelvane::rules_for(kelvane::patch_profile::wide, 1);
+  request.effort = options.effort;
+  request.order = options.order;
+  if (!images.targets.empty()) {
+    request.order = images.targets.front().data_order;
+  }
+  request.jobs = options.jobs;
+  const kelvane::found_plan found = kelvane::search_plan(request);
+  kelpatch::PatchFile whole(options.patch_name,
+                            kelvane::write_plan(request.images, found.planned, request.rules));
+  kelpatch::PatchFile patch(options.patch_name,
+                            kelpatch::split_at_pages(whole, geometry.page_size));
+  std::optional<PagePlan> best;
+  for (uint32_t ring = 1; ring == 1 || ring < best->spare(); ring *= 2) {
+    PagePlan plan =
+        kelpatch::plan_pages(patch, images.old_image, images.new_image, geometry.page_size, ring);
+    if (!best || plan.spare() < best->spare()) {
+      best = std::move(plan);
+    }
+  }
+  kelpatch::BundleParts parts;
+  parts.payload = patch.bytes();
+  return {kelpatch::make_bundle(*best, parts).size(), best->ring, best->slots,
+          static_cast<uint32_t>(found.planned.classes.size())};
+}
+
+}  // namespace
+
+void make_update(const Options& options) {
+  const steady_clock::time_point start = steady_clock::now();
+  const FlashImages images = images_of(options, read_inputs(options));
+  const kelvane::flash_geometry geometry =
+      geometry_of(options.update, std::max(images.old_image.size(), images.new_image.size()));
+  if (!options.quiet) {
+    std::fputs(text_of_images(options, images).c_str(), stdout);
+    std::fflush(stdout);
+  }
+  kelvane::dense_update found = found_update(options, images, geometry);
+  const UpdateFile update(options.patch_name, bundle_of(options, images, geometry, found));
+  prove(options, images, update);
+  write_file(options.patch_name, update.bytes());
+
+  if (options.quiet && options.report_name.empty()) {
+    return;
+  }
+  const UpdateOutcome outcome = {
+      options,
+      images,
+      found,
+      update,
+      way_by_patch(options, images, geometry),
+      std::chrono::duration<double>(steady_clock::now() - start).count()};
+  if (!options.report_name.empty()) {
+    const std::string report = json_of_update(outcome);
+    write_file(options.report_name, Bytes(report.begin(), report.end()));
+  }
+  if (!options.quiet) {
+    std::fputs(text_of_update(outcome).c_str(), stdout);
+  }
+}
+
+}  // namespace kelmake

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "dense_decoder.h"
+#include "flash_bundle.h"
+#include "flash_payload.h"
+#include "page_plan.h"
+#include "patch_file.h"
+
+namespace kelpatch {
+
+// An update of a device in flash (docs/bundle-format.md), read whole. Its payload is a patch or a
+// dense one.
+class UpdateFile {
+ public:
+  // Takes the bytes apart. Ends the run for what is no sound update: "update file '...' is damaged:
+  // ...".
+  UpdateFile(const std::string& name, Bytes bytes);
+  UpdateFile(const UpdateFile&) = delete;
+  UpdateFile& operator=(const UpdateFile&) = delete;
+
+  const std::string& name() const { return name_; }
+  const Bytes& bytes() const { return bytes_; }
+  const kelvane_bundle& bundle() const { return bundle_; }
+  const PagePlan& plan() const { return plan_; }
+  const kelvane_payload_images& images() const { return images_; }
+  // What the payload is: one of both.
+  const std::optional<kelvane_dense_info>& dense() const { return dense_; }
+  std::optional<PatchFile>& patch() { return patch_; }
+
+  // Pages of one checkpoint; 0 where there is none. On a device that has left the large model out
+  // they are fewer for the small one.
+  uint32_t checkpoint_pages() const;
+  // All spare pages that a device needs.
+  uint32_t spare_pages() const { return plan_.spare() + 2 * checkpoint_pages(); }
+
+ private:
+  void read_dense();
+  void read_plan();
+  [[noreturn]] void damaged(const char* what) const;
+
+  std::string name_;
+  Bytes bytes_;
+  kelvane_bundle bundle_ = {};
+  PagePlan plan_;
+  kelvane_payload_images images_ = {};
+  std::optional<kelvane_dense_info> dense_;
+  std::optional<PatchFile> patch_;
+};
+
+// Whether the bytes are to be taken for an update. A patch of version 0 has no magic of its own and
+// may begin like one: what is no sound update, and can be read as a patch, is a patch.
+bool is_update(const Bytes& bytes);
+
+// Bytes that a checkpoint of a dense payload takes, and all that its decoder holds in RAM, the map
+// included and the window not. On a 32-bit target it is a few bytes less.
+uint32_t dense_state_size(uint8_t model);
+uint32_t dense_memory(uint8_t model, uint32_t map_entries);
+
+// The bytes as the device's reader takes them; they stay the caller's.
+kelvane_source source_of(const Bytes& bytes);
+
+}  // namespace kelpatch

@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "update_trial.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+
+#include "flash_dense.h"
+#include "patch_verify.h"
+
+namespace kelpatch {
+namespace {
+
+using kelvane::CutPlan;
+using kelvane::CutResult;
+using kelvane::DeviceShape;
+using kelvane::SimulatedDevice;
+
+const kelvane_payload_kind* const kDense[] = {&kelvane_dense_kind, nullptr};
+
+}  // namespace
+
+std::string_view view_of(const Bytes& bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+DeviceShape device_for(const UpdateFile& update) {
+  DeviceShape shape;
+  shape.flash.page_size = update.plan().page_size;
+  shape.image_pages = update.plan().pages;
+  shape.spare_pages = update.spare_pages();
+  if (update.dense()) {
+    shape.kinds = kDense;
+    shape.state_size = dense_memory(KELVANE_DENSE_LARGEST_MODEL, update.dense()->map_entries);
+  }
+  const uint64_t pages =
+      uint64_t{shape.image_pages} + shape.spare_pages + KELVANE_JOURNAL_PAGES + 1;
+  if (pages * shape.flash.page_size > kLargestFile) {
+    fatal("'%s' is for a flash of %" PRIu64 " pages of %" PRIu32 " bytes, which is too large here",
+          update.name().c_str(), pages, shape.flash.page_size);
+  }
+  return shape;
+}
+
+Bytes updated(const UpdateFile& update, const std::string& old_name, const Bytes& old_image,
+              std::optional<uint32_t> told_max_size) {
+  const kelvane_payload_images& images = update.images();
+  const auto size = static_cast<uint32_t>(old_image.size());
+  if (size != images.old_size) {
+    mismatch("'%s' is not the old image of '%s': it has %" PRIu32 " bytes, not %" PRIu32,
+             old_name.c_str(), update.name().c_str(), size, images.old_size);
+  }
+  const auto sum_of = update.dense() ? kelvane_dense_checksum : kelvane_apply_checksum;
+  const uint32_t sum = sum_of(0, old_image.data(), size);
+  if (sum != images.old_checksum) {
+    mismatch("'%s' is not the old image of '%s': its checksum is 0x%08" PRIx32 ", not 0x%08" PRIx32,
+             old_name.c_str(), update.name().c_str(), sum, images.old_checksum);
+  }
+  const uint32_t max_size = told_max_size.value_or(usual_max_size(size));
+  if (images.new_size > max_size) {
+    fatal("'%s' makes an image of %" PRIu32 " bytes, more than %" PRIu32
+          "; if that is right, allow it by --max-size %" PRIu32,
+          update.name().c_str(), images.new_size, max_size, images.new_size);
+  }
+  SimulatedDevice device(device_for(update), view_of(old_image), 1);
+  const int code = device.run(source_of(update.bytes()));
+  if (code != KELVANE_APPLY_OK) {
+    mismatch("a device refuses '%s': %s", update.name().c_str(), kelvane_update_text(code));
+  }
+  const std::string image = device.image(images.new_size);
+  return {image.begin(), image.end()};
+}
+
+void require_right(int code, SimulatedDevice& tried, const Bytes& new_image,
+                   const std::string& name) {
+  if (code == KELVANE_UPDATE_BAD_GEOMETRY) {
+    fatal("no device has pages of %" PRIu32 " bytes with a unit of %" PRIu32
+          " and a window of %" PRIu32,
+          tried.board().driver.page_size, tried.board().driver.unit, tried.board().work_size);
+  }
+  if (code != KELVANE_APPLY_OK ||
+      tried.image(static_cast<uint32_t>(new_image.size())) != view_of(new_image)) {
+    mismatch("an update by '%s' ends wrong: %s", name.c_str(), kelvane_update_text(code));
+  }
+}
+
+void simulate_cuts(const DeviceShape& shape, const Bytes& old_image, const Bytes& new_image,
+                   const Bytes& update, const std::string& name) {
+  constexpr uint64_t kMostCuts = 2000;
+  SimulatedDevice counting(shape, view_of(old_image), 1);
+  counting.run(source_of(update));
+  CutPlan cuts;
+  cuts.every = counting.flash().operations() / kMostCuts + 1;
+  cuts.more = 3;
+  const CutResult result =
+      cut_everywhere(shape, view_of(old_image), view_of(new_image), source_of(update), cuts);
+  const std::string which = cuts.every == 1 ? "each" : "one in " + std::to_string(cuts.every);
+  std::printf("%s: power cut at %s of %" PRIu64 " operations, %" PRIu64 " cuts and %" PRIu64
+              " starts: %" PRIu64 " wrong images\n",
+              name.c_str(), which.c_str(), result.operations, result.cuts, result.starts,
+              result.wrong);
+  if (result.wrong != 0 || result.violations != 0) {
+    mismatch("an update by '%s' does not survive power loss", name.c_str());
+  }
+}
+
+}  // namespace kelpatch
