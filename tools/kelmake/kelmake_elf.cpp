@@ -173,11 +173,20 @@ uint32_t virtual_distance(const ElfFile& elf) {
   return segment.virtual_address - segment.load_address;
 }
 
-Bytes image_of(const ElfFile& elf, const Bytes& file, uint64_t load_address) {
+Bytes image_of(const ElfFile& elf, const Bytes& file, uint64_t load_address, uint32_t page_size) {
   Bytes image(end_of(elf) - load_address, 0xFF);
+  uint64_t end = 0;
   for (const ElfSegment& segment : elf.segments) {
+    const uint64_t begin = segment.load_address - load_address;
+    // Zeros, as in a raw image that is made of the file, unless a page lies between that the image
+    // does not have.
+    if (end != 0 && begin / page_size <= (end - 1) / page_size + 1) {
+      std::fill(image.begin() + static_cast<ptrdiff_t>(end),
+                image.begin() + static_cast<ptrdiff_t>(begin), uint8_t{0});
+    }
     std::copy_n(file.begin() + segment.offset, segment.size,
-                image.begin() + static_cast<ptrdiff_t>(segment.load_address - load_address));
+                image.begin() + static_cast<ptrdiff_t>(begin));
+    end = begin + segment.size;
   }
   return image;
 }
@@ -262,8 +271,8 @@ FlashImages lay_out(const std::string& old_name, const Bytes& old_file, const st
           ", which is more than the 65535 pages or 256 MiB of an update",
           old_name.c_str(), new_name.c_str(), begin, end);
   }
-  images.old_image = image_of(old_elf, old_file, images.load_address);
-  images.new_image = image_of(new_elf, new_file, images.load_address);
+  images.old_image = image_of(old_elf, old_file, images.load_address, page_size);
+  images.new_image = image_of(new_elf, new_file, images.load_address, page_size);
   images.ranges = ranges_of(old_elf, new_elf, images.load_address, page_size);
   const uint32_t base = static_cast<uint32_t>(images.load_address) + virtual_distance(old_elf);
   for (const uint8_t machine : old_elf.machines) {

@@ -2,8 +2,10 @@
 #pragma once
 
 // Two builds as ELF files (System V ABI, 32 bit), laid out as they lie in flash: the bytes of the
-// loadable segments at their load addresses, 0xFF where there are none, in pages. What the headers
-// say of machine, byte orders and addresses spares the encoder its guesses.
+// loadable segments at their load addresses, in pages. Between segments in the same page or in
+// neighbouring ones lie zeros, as objcopy -O binary fills them; all else that no segment covers is
+// 0xFF, as in erased flash. What the headers say of machine, byte orders and addresses spares the
+// encoder its guesses.
 
 #include <cstdint>
 #include <string>

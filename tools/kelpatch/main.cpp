@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "device_commands.h"
@@ -18,6 +19,7 @@
 #include "patch_file.h"
 #include "patch_show.h"
 #include "patch_verify.h"
+#include "update_show.h"
 
 namespace kelpatch {
 namespace {
@@ -270,7 +272,13 @@ void show(const CommandLine& line) {
                {&old_image, &new_image});
     return;
   }
-  PatchFile patch(names[1], line.options.order, {});
+  Bytes bytes = read_input(names[1]);
+  if (is_update(bytes)) {
+    UpdateFile update(names[1], std::move(bytes));
+    show_update(update);
+    return;
+  }
+  PatchFile patch(names[1], std::move(bytes), line.options.order, {});
   show_patch(patch, line.options.order, {});
 }
 

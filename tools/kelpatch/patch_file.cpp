@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -118,8 +119,32 @@ Bytes read_input(const std::string& name) {
   }
 }
 
+uint32_t usual_max_size(uint32_t old_size) {
+  constexpr uint32_t kTimes = 16;
+  constexpr uint32_t kAtLeast = 16 * 1024 * 1024;
+  return old_size > kLargestFile / kTimes ? kLargestFile : std::max(old_size * kTimes, kAtLeast);
+}
+
+void require_told(const std::string& name, const Bytes& bytes, const std::string& patch_name,
+                  const ToldFile& told) {
+  const auto size = static_cast<uint32_t>(bytes.size());
+  if (size != told.size) {
+    mismatch("'%s' is not the %s of '%s': it has %" PRIu32 " bytes, not %" PRIu32, name.c_str(),
+             told.what, patch_name.c_str(), size, told.size);
+  }
+  const uint32_t sum = told.sum(0, bytes.data(), size);
+  if (sum != told.checksum) {
+    mismatch("'%s' is not the %s of '%s': its checksum is 0x%08" PRIx32 ", not 0x%08" PRIx32,
+             name.c_str(), told.what, patch_name.c_str(), sum, told.checksum);
+  }
+}
+
 PatchFile::PatchFile(const std::string& name, ByteOrder order, const KnownSizes& known, bool memory)
-    : name_(name), bytes_(read_input(name)) {
+    : PatchFile(name, read_input(name), order, known, memory) {}
+
+PatchFile::PatchFile(const std::string& name, Bytes bytes, ByteOrder order, const KnownSizes& known,
+                     bool memory)
+    : name_(name), bytes_(std::move(bytes)) {
   uint32_t flags = order == ByteOrder::kBig ? KELVANE_V0_BIG_ENDIAN : KELVANE_V0_LITTLE_ENDIAN;
   if (order == ByteOrder::kFound) {
     const Rank little = rank(KELVANE_V0_LITTLE_ENDIAN, known);

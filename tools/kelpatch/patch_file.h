@@ -38,6 +38,23 @@ inline constexpr uint32_t kLargestFile = 2147483647;
 // '...'", "error reading input file '...'", both with the text of errno) or is too large.
 Bytes read_input(const std::string& name);
 
+// What a patch or an update may make of an old file of `old_size` bytes unless the command line
+// says more: a damaged header must not fill a disk.
+uint32_t usual_max_size(uint32_t old_size);
+
+// What a patch or an update says of a file.
+struct ToldFile {
+  const char* what;  // "old file" and so on
+  uint32_t size;
+  uint32_t checksum;
+  uint32_t (*sum)(uint32_t sum, const uint8_t* bytes, uint32_t count);
+};
+
+// Ends the run with status 1 unless `bytes`, those of `name`, have the size and the checksum that
+// `patch_name` tells of them.
+void require_told(const std::string& name, const Bytes& bytes, const std::string& patch_name,
+                  const ToldFile& told);
+
 // The byte order of a target, as the command line names it. A version 1 patch says it itself.
 enum class ByteOrder { kFound, kLittle, kBig };
 
@@ -55,6 +72,9 @@ class PatchFile {
   // are sound, addresses inside the two files; then the smaller sizes, then little-endian. A
   // damaged patch ends the run. `memory` tells that a version 0 patch is one for target memory.
   PatchFile(const std::string& name, ByteOrder order, const KnownSizes& known, bool memory = false);
+  // The same for bytes that were read already.
+  PatchFile(const std::string& name, Bytes bytes, ByteOrder order, const KnownSizes& known,
+            bool memory = false);
 
   // A patch in memory, of version 1, that is called `name` in words.
   PatchFile(const std::string& name, Bytes bytes);

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "output_file.h"
+#include "update_trial.h"
 
 namespace kelpatch {
 namespace {
@@ -25,21 +26,6 @@ int write_bytes(void* context, uint32_t address, const uint8_t* bytes, uint32_t 
 
 uint32_t size_of(const Bytes& bytes) {
   return static_cast<uint32_t>(bytes.size());
-}
-
-// Ends the run unless `bytes`, the `which` file, have the size and the checksum that the patch
-// states for it.
-void compare_with_header(const char* which, const std::string& name, const Bytes& bytes,
-                         const std::string& patch_name, uint32_t size, uint32_t checksum) {
-  if (size_of(bytes) != size) {
-    mismatch("'%s' is not the %s file of '%s': it has %" PRIu32 " bytes, not %" PRIu32,
-             name.c_str(), which, patch_name.c_str(), size_of(bytes), size);
-  }
-  const uint32_t sum = kelvane_apply_checksum(0, bytes.data(), size_of(bytes));
-  if (sum != checksum) {
-    mismatch("'%s' is not the %s file of '%s': its checksum is 0x%08" PRIx32 ", not 0x%08" PRIx32,
-             name.c_str(), which, patch_name.c_str(), sum, checksum);
-  }
 }
 
 bool is_same_file(const std::string& first, const std::string& second) {
@@ -79,7 +65,8 @@ void require_file_mode(PatchFile& patch) {
 Bytes patched(PatchFile& patch, const std::string& old_name, Bytes contents,
               std::optional<uint32_t> told_max_size) {
   const kelvane_patch_info& info = patch.info();
-  compare_with_header("old", old_name, contents, patch.name(), info.old_size, info.old_checksum);
+  require_told(old_name, contents, patch.name(),
+               {"old file", info.old_size, info.old_checksum, kelvane_apply_checksum});
   const uint32_t max_size = told_max_size.value_or(usual_max_size(info.old_size));
   if (info.new_size > max_size) {
     fatal("'%s' makes a file of %" PRIu32 " bytes, more than %" PRIu32
@@ -100,11 +87,29 @@ Bytes patched(PatchFile& patch, const std::string& old_name, Bytes contents,
   return contents;
 }
 
-uint32_t usual_max_size(uint32_t old_size) {
-  constexpr uint32_t kTimes = 16;
-  constexpr uint32_t kAtLeast = 16 * 1024 * 1024;
-  return old_size > kLargestFile / kTimes ? kLargestFile : std::max(old_size * kTimes, kAtLeast);
+namespace {
+
+// A new file, and what the patch or the update tells of it.
+struct Made {
+  Bytes contents;
+  ToldFile told;
+};
+
+Made made_by(const std::string& patch_name, const std::string& old_name, Bytes old_file,
+             const KnownSizes& sizes, const PatchOptions& options) {
+  Bytes bytes = read_input(patch_name);
+  if (is_update(bytes)) {
+    const UpdateFile update(patch_name, std::move(bytes));
+    return {updated(update, old_name, old_file, options.max_size), update.new_image()};
+  }
+  PatchFile patch(patch_name, std::move(bytes), options.order, sizes);
+  require_file_mode(patch);
+  const kelvane_patch_info& info = patch.info();
+  return {patched(patch, old_name, std::move(old_file), options.max_size),
+          {"new file", info.new_size, info.new_checksum, kelvane_apply_checksum}};
 }
+
+}  // namespace
 
 void apply_patch(const std::string& old_name, const std::string& patch_name,
                  const std::string& new_name, const PatchOptions& options) {
@@ -114,9 +119,8 @@ void apply_patch(const std::string& old_name, const std::string& patch_name,
   // First, so that a place which can't be written is known before the work.
   OutputFile output(new_name);
   Bytes old_file = read_input(old_name);
-  PatchFile patch(patch_name, options.order, {size_of(old_file), {}});
-  require_file_mode(patch);
-  output.write(patched(patch, old_name, std::move(old_file), options.max_size));
+  const KnownSizes sizes = {size_of(old_file), {}};
+  output.write(made_by(patch_name, old_name, std::move(old_file), sizes, options).contents);
   output.keep();
 }
 
@@ -124,16 +128,15 @@ void verify_patch(const std::string& old_name, const std::string& new_name,
                   const std::string& patch_name, const PatchOptions& options) {
   Bytes old_file = read_input(old_name);
   const Bytes new_file = read_input(new_name);
-  PatchFile patch(patch_name, options.order, {size_of(old_file), size_of(new_file)});
-  require_file_mode(patch);
-  const Bytes result = patched(patch, old_name, std::move(old_file), options.max_size);
-  compare_with_header("new", new_name, new_file, patch_name, patch.info().new_size,
-                      patch.info().new_checksum);
+  const KnownSizes sizes = {size_of(old_file), size_of(new_file)};
+  const Made made = made_by(patch_name, old_name, std::move(old_file), sizes, options);
+  require_told(new_name, new_file, patch_name, made.told);
   // Equal checksums are not equal bytes.
-  const auto place = std::mismatch(result.begin(), result.end(), new_file.begin()).first;
-  if (place != result.end()) {
+  const auto place =
+      std::mismatch(made.contents.begin(), made.contents.end(), new_file.begin()).first;
+  if (place != made.contents.end()) {
     mismatch("'%s' differs from the result of '%s' at offset %td", new_name.c_str(),
-             patch_name.c_str(), place - result.begin());
+             patch_name.c_str(), place - made.contents.begin());
   }
 }
 

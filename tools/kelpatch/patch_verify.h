@@ -16,10 +16,6 @@ struct PatchOptions {
   std::optional<uint32_t> max_size;
 };
 
-// What a patch may make of an old file of `old_size` bytes unless the command line says more: a
-// damaged header must not fill a disk.
-uint32_t usual_max_size(uint32_t old_size);
-
 // Ends the run with status 2 unless the patch is one in file mode that stays inside its two files.
 void require_file_mode(PatchFile& patch);
 
@@ -28,11 +24,11 @@ void require_file_mode(PatchFile& patch);
 Bytes patched(PatchFile& patch, const std::string& old_name, Bytes contents,
               std::optional<uint32_t> max_size);
 
-// Makes the new file from the old one with the patch and writes it to `new_name`, which receives it
-// whole or not at all. Ends the run with status 1 if the old file is not the one that the patch was
-// made for, or the result has not the checksum that it should have; with status 2 for a damaged
-// patch, one in memory mode, one that makes too large a file, or a file that can't be read or
-// written.
+// Makes the new file from the old one with the patch, or with the update of a device that the file
+// is, and writes it to `new_name`, which receives it whole or not at all. Ends the run with status
+// 1 if the old file is not the one that the patch was made for, or the result has not the checksum
+// that it should have; with status 2 for a damaged patch, one in memory mode, one that makes too
+// large a file, or a file that can't be read or written.
 void apply_patch(const std::string& old_name, const std::string& patch_name,
                  const std::string& new_name, const PatchOptions& options);
 

@@ -131,6 +131,10 @@ UpdateFile::UpdateFile(const std::string& name, Bytes bytes)
   read_plan();
 }
 
+ToldFile UpdateFile::told(const char* what, uint32_t size, uint32_t checksum) const {
+  return {what, size, checksum, dense_ ? kelvane_dense_checksum : kelvane_apply_checksum};
+}
+
 void UpdateFile::read_dense() {
   kelvane_dense_input input = {};
   input.context = &bundle_.payload;
@@ -138,11 +142,20 @@ void UpdateFile::read_dense() {
   input.read_payload = read_payload;
   const auto decoder = std::make_unique<kelvane_dense_decoder>();
   kelvane_dense_info info = {};
-  // It has no room for a map, and needs none to tell what the header says.
-  const int code = kelvane_dense_open(decoder.get(), &input, nullptr, 0, &info);
-  if (code != KELVANE_DENSE_OK && (code != KELVANE_DENSE_NO_ROOM || info.map_entries == 0)) {
-    damaged("its payload has no sound header");
+  // Without room for a map it tells how large that is.
+  int code = kelvane_dense_open(decoder.get(), &input, nullptr, 0, &info);
+  std::vector<uint32_t> room(size_t{info.map_entries} * KELVANE_DENSE_ENTRY_SIZE / 4 + 1);
+  if (code == KELVANE_DENSE_NO_ROOM) {
+    code = kelvane_dense_open(decoder.get(), &input, room.data(),
+                              static_cast<uint32_t>(room.size() * 4), &info);
   }
+  if (code == KELVANE_DENSE_OK) {
+    code = kelvane_dense_restart(decoder.get());
+  }
+  if (code != KELVANE_DENSE_OK) {
+    damaged("its payload is unsound");
+  }
+  map_.assign(decoder->entries, decoder->entries + info.map_entries);
   dense_ = info;
   images_ = {info.old_size, info.new_size, info.old_checksum, info.new_checksum, info.reads_new};
 }

@@ -27,9 +27,13 @@ class UpdateFile {
   const kelvane_bundle& bundle() const { return bundle_; }
   const PagePlan& plan() const { return plan_; }
   const kelvane_payload_images& images() const { return images_; }
+  ToldFile old_image() const { return told("old image", images_.old_size, images_.old_checksum); }
+  ToldFile new_image() const { return told("new image", images_.new_size, images_.new_checksum); }
   // What the payload is: one of both.
   const std::optional<kelvane_dense_info>& dense() const { return dense_; }
   std::optional<PatchFile>& patch() { return patch_; }
+  // The map of a dense payload.
+  const std::vector<kelvane_dense_entry>& map() const { return map_; }
 
   // Pages of one checkpoint; 0 where there is none. On a device that has left the large model out
   // they are fewer for the small one.
@@ -38,6 +42,7 @@ class UpdateFile {
   uint32_t spare_pages() const { return plan_.spare() + 2 * checkpoint_pages(); }
 
  private:
+  ToldFile told(const char* what, uint32_t size, uint32_t checksum) const;
   void read_dense();
   void read_plan();
   [[noreturn]] void damaged(const char* what) const;
@@ -49,6 +54,7 @@ class UpdateFile {
   kelvane_payload_images images_ = {};
   std::optional<kelvane_dense_info> dense_;
   std::optional<PatchFile> patch_;
+  std::vector<kelvane_dense_entry> map_;
 };
 
 // Whether the bytes are to be taken for an update. A patch of version 0 has no magic of its own and

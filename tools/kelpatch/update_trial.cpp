@@ -6,7 +6,6 @@
 #include <cstdio>
 
 #include "flash_dense.h"
-#include "patch_verify.h"
 
 namespace kelpatch {
 namespace {
@@ -44,19 +43,9 @@ DeviceShape device_for(const UpdateFile& update) {
 
 Bytes updated(const UpdateFile& update, const std::string& old_name, const Bytes& old_image,
               std::optional<uint32_t> told_max_size) {
+  require_told(old_name, old_image, update.name(), update.old_image());
   const kelvane_payload_images& images = update.images();
-  const auto size = static_cast<uint32_t>(old_image.size());
-  if (size != images.old_size) {
-    mismatch("'%s' is not the old image of '%s': it has %" PRIu32 " bytes, not %" PRIu32,
-             old_name.c_str(), update.name().c_str(), size, images.old_size);
-  }
-  const auto sum_of = update.dense() ? kelvane_dense_checksum : kelvane_apply_checksum;
-  const uint32_t sum = sum_of(0, old_image.data(), size);
-  if (sum != images.old_checksum) {
-    mismatch("'%s' is not the old image of '%s': its checksum is 0x%08" PRIx32 ", not 0x%08" PRIx32,
-             old_name.c_str(), update.name().c_str(), sum, images.old_checksum);
-  }
-  const uint32_t max_size = told_max_size.value_or(usual_max_size(size));
+  const uint32_t max_size = told_max_size.value_or(usual_max_size(images.old_size));
   if (images.new_size > max_size) {
     fatal("'%s' makes an image of %" PRIu32 " bytes, more than %" PRIu32
           "; if that is right, allow it by --max-size %" PRIu32,
