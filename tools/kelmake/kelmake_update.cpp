@@ -2,6 +2,7 @@
 #include "kelmake_update.h"
 
 #include <algorithm>
+#include <bit>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
@@ -92,16 +93,24 @@ std::vector<dense_target> targets_of(const Options& options, const FlashImages& 
 
 // The ring of the update: it holds the pages that are written between two checkpoints besides. No
 // more than all pages are of use.
-kelvane::flash_geometry geometry_of(const UpdateOptions& device, uint64_t image_size) {
+kelvane::flash_geometry geometry_of(const Options& options, uint64_t image_size) {
+  constexpr uint32_t kMostPages = 65535;
+  const UpdateOptions& device = options.update;
   const uint64_t pages =
       std::max<uint64_t>((image_size + device.page_size - 1) / device.page_size, 1);
+  if (pages > kMostPages) {
+    fatal("'%s' and '%s' have up to %" PRIu64 " pages of %" PRIu32 " bytes; --page %" PRIu32
+          " would leave no more than 65535",
+          options.old_name.c_str(), options.new_name.c_str(), pages, device.page_size,
+          std::bit_ceil(static_cast<uint32_t>((image_size - 1) / kMostPages + 1)));
+  }
   const uint32_t states =
       2 * ((kelpatch::dense_state_size(device.model) - 1) / device.page_size + 1);
   kelvane::flash_geometry geometry;
   geometry.page_size = device.page_size;
   geometry.checkpoint = device.checkpoint;
   geometry.ring_pages = static_cast<uint32_t>(
-      std::min({pages, uint64_t{device.ring} + device.checkpoint - 1, uint64_t{65535}}));
+      std::min({pages, uint64_t{device.ring} + device.checkpoint - 1, uint64_t{kMostPages}}));
   geometry.slots = kUsualSlots;
   const uint32_t least = geometry.ring_pages + states;
   if (device.spare) {
@@ -211,8 +220,12 @@ void prove(const Options& options, const FlashImages& images, const UpdateFile& 
           options.new_name.c_str());
   }
   if (options.update.simulate) {
-    kelpatch::simulate_cuts(kelpatch::device_for(update), images.old_image, images.new_image,
-                            update.bytes(), options.patch_name);
+    const std::string line =
+        kelpatch::simulate_cuts(kelpatch::device_for(update), images.old_image, images.new_image,
+                                update.bytes(), options.patch_name);
+    if (!options.quiet) {
+      std::fputs(line.c_str(), stdout);
+    }
   }
 }
 
@@ -255,7 +268,7 @@ void make_update(const Options& options) {
   const steady_clock::time_point start = steady_clock::now();
   const FlashImages images = images_of(options, read_inputs(options));
   const kelvane::flash_geometry geometry =
-      geometry_of(options.update, std::max(images.old_image.size(), images.new_image.size()));
+      geometry_of(options, std::max(images.old_image.size(), images.new_image.size()));
   if (!options.quiet) {
     std::fputs(text_of_images(options, images).c_str(), stdout);
     std::fflush(stdout);

@@ -151,17 +151,24 @@ std::string text_of_update(const UpdateOutcome& outcome) {
   text += row("bytes to receive", dense.bytes, patch.bytes);
   text += row("spare pages", dense.spare(), patch.spare(),
               "(" + pages_of(dense) + "; by a patch " + pages_of(patch) + ")");
-  text += row("RAM but the window", dense.memory, patch.memory);
+  text += row("RAM without window", dense.memory, patch.memory);
   text +=
       row("code", dense.code, patch.code, formatted("(%s, %s, all machines)", kProcessor, kLevel));
   if (options.update.spare && patch.spare() > *options.update.spare) {
     text +=
         formatted("A patch would not fit into %" PRIu32 " spare pages.\n", *options.update.spare);
   }
-  return text + (info.reads_new != 0
-                     ? "The device cannot compute the whole new image before it erases a page; "
-                       "--rehearse makes an update\nby which it can.\n"
-                     : "The device computes the whole new image before it erases a page.\n");
+  text +=
+      info.reads_new != 0
+          ? "The device does not know the new image before it erases a page; --rehearse makes an "
+            "update\nby which it does.\n"
+          : "The device computes the whole new image before it erases a page.\n";
+  if (plan.changed.empty()) {
+    text += "No page changes.\n";
+  } else if (dense.bytes >= info.new_size / 10 * 9) {
+    text += "The update is not worth it: it is nearly as large as the new image.\n";
+  }
+  return text;
 }
 
 std::string json_of_update(const UpdateOutcome& outcome) {

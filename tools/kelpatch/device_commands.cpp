@@ -51,19 +51,18 @@ Update update_by(PatchFile& patch, const Bytes& old_file, const Bytes& new_file,
   return {plan_for(cut, old_file, new_file, device.spare), cut.bytes(), count_classes(cut)};
 }
 
-DeviceShape shape_of(const PagePlan& plan, const DeviceOptions& device) {
+// The device that the command line tells of.
+void take_device(DeviceShape& shape, const PagePlan& plan, const DeviceOptions& device) {
   const uint64_t pages = uint64_t{plan.pages} + device.spare.spare + KELVANE_JOURNAL_PAGES + 1;
   if (pages * plan.page_size > kLargestFile) {
     fatal("a flash of %" PRIu64 " pages of %" PRIu32 " bytes is too large", pages, plan.page_size);
   }
-  DeviceShape shape;
   shape.flash.page_size = plan.page_size;
   shape.flash.unit = device.unit;
   shape.image_pages = plan.pages;
   shape.spare_pages = device.spare.spare;
   shape.window = device.window.value_or(plan.page_size);
   shape.classes = device.classes;
-  return shape;
 }
 
 uint32_t total(const std::vector<uint32_t>& erases, uint32_t first, uint32_t count) {
@@ -109,24 +108,6 @@ void show_plan(const Update& update, const DeviceOptions& device, SimulatedDevic
               seconds, device.erase_time, program_time);
 }
 
-// The bundle for one way, tried on the model.
-Bytes tried_bundle(PatchFile& patch, const Bytes& old_file, const Bytes& new_file,
-                   const DeviceOptions& device, Bytes back, uint32_t signature) {
-  Update update = update_by(patch, old_file, new_file, device);
-  BundleParts parts;
-  parts.payload = std::move(update.payload);
-  parts.back = std::move(back);
-  parts.signature = signature;
-  Bytes bundle = make_bundle(update.plan, parts);
-  const DeviceShape shape = shape_of(update.plan, device);
-  SimulatedDevice tried(shape, view_of(old_file), 1);
-  require_right(tried.run(source_of(bundle)), tried, new_file, patch.name());
-  if (device.simulate) {
-    simulate_cuts(shape, old_file, new_file, bundle, patch.name());
-  }
-  return bundle;
-}
-
 void require_same(const Bytes& made, const Bytes& wanted, const std::string& patch_name,
                   const std::string& name) {
   if (made != wanted) {
@@ -134,19 +115,93 @@ void require_same(const Bytes& made, const Bytes& wanted, const std::string& pat
   }
 }
 
+// An image, and what it is called.
+struct NamedImage {
+  const std::string& name;
+  Bytes bytes;
+};
+
+// Ends the run unless the device has the pages that the update is for.
+void require_device(const UpdateFile& update, const SparePages& spare) {
+  const uint32_t page_size = update.plan().page_size;
+  if (page_size != spare.page_size || update.spare_pages() > spare.spare) {
+    mismatch("'%s' is for pages of %" PRIu32 " bytes and needs %" PRIu32
+             " spare ones; --page %" PRIu32 " --spare %" PRIu32 " would do",
+             update.name().c_str(), page_size, update.spare_pages(), page_size,
+             update.spare_pages());
+  }
+}
+
+// Reads a patch or an update, and ends the run unless it makes `to`.
+Bytes checked_way(const std::string& name, const NamedImage& from, const NamedImage& to,
+                  const DeviceOptions& device) {
+  Bytes bytes = read_input(name);
+  if (is_update(bytes)) {
+    const UpdateFile update(name, bytes);
+    require_device(update, device.spare);
+    require_same(updated(update, from.name, from.bytes, kLargestFile), to.bytes, name, to.name);
+  } else {
+    PatchFile patch(name, bytes, ByteOrder::kFound, {});
+    require_bundled(patch);
+    require_same(patched(patch, from.name, from.bytes, {}), to.bytes, name, to.name);
+  }
+  return bytes;
+}
+
+// The bundle for one way, tried on the model.
+Bytes tried_bundle(const std::string& name, const Bytes& way, const NamedImage& from,
+                   const NamedImage& to, const DeviceOptions& device, Bytes back,
+                   uint32_t signature) {
+  BundleParts parts;
+  parts.back = std::move(back);
+  parts.signature = signature;
+  PagePlan plan;
+  DeviceShape shape;
+  uint32_t more_pages = 0;
+  if (is_update(way)) {
+    const UpdateFile update(name, way);
+    more_pages = pages_of_larger_model(update);
+    parts.kind = update.bundle().kind;
+    parts.checkpoint = update.bundle().checkpoint;
+    parts.payload = update.payload();
+    plan = update.plan();
+    shape = device_for(update);
+  } else {
+    PatchFile patch(name, way, ByteOrder::kFound, {});
+    Update update = update_by(patch, from.bytes, to.bytes, device);
+    parts.payload = std::move(update.payload);
+    plan = std::move(update.plan);
+  }
+  take_device(shape, plan, device);
+  shape.spare_pages += more_pages;
+  Bytes bundle = make_bundle(plan, parts);
+  SimulatedDevice tried(shape, view_of(from.bytes), 1);
+  require_right(tried.run(source_of(bundle)), tried, to.bytes, name);
+  if (device.simulate) {
+    std::fputs(simulate_cuts(shape, from.bytes, to.bytes, bundle, name).c_str(), stdout);
+  }
+  return bundle;
+}
+
 }  // namespace
 
 void plan_update(const std::string& patch_name, const std::string& old_name,
                  const DeviceOptions& device) {
   const Bytes old_file = read_input(old_name);
-  PatchFile patch(patch_name, ByteOrder::kFound, {});
+  Bytes bytes = read_input(patch_name);
+  if (is_update(bytes)) {
+    fatal("'%s' is an update already, and 'kelpatch show' tells what it takes", patch_name.c_str());
+  }
+  PatchFile patch(patch_name, std::move(bytes), ByteOrder::kFound, {});
   require_bundled(patch);
   const Bytes new_file = patched(patch, old_name, old_file, {});
   Update update = update_by(patch, old_file, new_file, device);
   BundleParts parts;
   parts.payload = update.payload;
   const Bytes bundle = make_bundle(update.plan, parts);
-  SimulatedDevice tried(shape_of(update.plan, device), view_of(old_file), 1);
+  DeviceShape shape;
+  take_device(shape, update.plan, device);
+  SimulatedDevice tried(shape, view_of(old_file), 1);
   require_right(tried.run(source_of(bundle)), tried, new_file, patch_name);
   show_plan(update, device, tried);
 }
@@ -155,19 +210,16 @@ void make_update(const std::string& patch_name, const std::string& old_name,
                  const std::string& new_name, const std::string& bundle_name,
                  const DeviceOptions& device) {
   OutputFile output(bundle_name);
-  const Bytes old_file = read_input(old_name);
-  const Bytes new_file = read_input(new_name);
-  PatchFile patch(patch_name, ByteOrder::kFound, {});
-  require_bundled(patch);
-  require_same(patched(patch, old_name, old_file, {}), new_file, patch_name, new_name);
+  const NamedImage old_image = {old_name, read_input(old_name)};
+  const NamedImage new_image = {new_name, read_input(new_name)};
+  const Bytes way = checked_way(patch_name, old_image, new_image, device);
   Bytes back;
   if (device.rollback) {
-    PatchFile patch_back(*device.rollback, ByteOrder::kFound, {});
-    require_bundled(patch_back);
-    require_same(patched(patch_back, new_name, new_file, {}), old_file, *device.rollback, old_name);
-    back = tried_bundle(patch_back, new_file, old_file, device, {}, 0);
+    const Bytes way_back = checked_way(*device.rollback, new_image, old_image, device);
+    back = tried_bundle(*device.rollback, way_back, new_image, old_image, device, {}, 0);
   }
-  output.write(tried_bundle(patch, old_file, new_file, device, std::move(back), device.signature));
+  output.write(tried_bundle(patch_name, way, old_image, new_image, device, std::move(back),
+                            device.signature));
   output.keep();
 }
 

@@ -28,9 +28,10 @@ struct DeviceOptions {
 void plan_update(const std::string& patch_name, const std::string& old_name,
                  const DeviceOptions& device);
 
-// Writes the bundle of plan and patch to `bundle_name`, after an update by it has come out right in
-// a model of the flash. Ends the run as plan_update does, and with status 1 if the patch does not
-// make the new file, or if any update whose power was cut ends wrong.
+// `patch_name` and the way back may be updates too, which are given what else the command line asks
+// for. Writes the bundle of plan and patch to `bundle_name`, after an update by it has come out
+// right in a model of the flash. Ends the run as plan_update does, and with status 1 if the patch
+// does not make the new file, or if any update whose power was cut ends wrong.
 void make_update(const std::string& patch_name, const std::string& old_name,
                  const std::string& new_name, const std::string& bundle_name,
                  const DeviceOptions& device);

@@ -12,14 +12,6 @@ namespace {
 
 constexpr uint32_t kMostPages = 65535;
 
-Bytes bytes_of(const kelvane_source& source) {
-  Bytes bytes(source.size);
-  if (!bytes.empty()) {
-    kelvane_source_read(&source, 0, bytes.data(), source.size);
-  }
-  return bytes;
-}
-
 int read_payload(void* context, uint32_t position, uint8_t* bytes, uint32_t count) {
   return kelvane_source_read(static_cast<const kelvane_source*>(context), position, bytes, count);
 }
@@ -120,7 +112,7 @@ UpdateFile::UpdateFile(const std::string& name, Bytes bytes)
     damaged(fault);
   }
   if (bundle_.kind == KELVANE_PAYLOAD_PATCH) {
-    patch_.emplace(name_, bytes_of(bundle_.payload));
+    patch_.emplace(name_, payload());
     const kelvane_patch_info& info = patch_->info();
     images_ = {info.old_size, info.new_size, info.old_checksum, info.new_checksum, 0};
   } else if (bundle_.kind == KELVANE_PAYLOAD_DENSE) {
@@ -129,6 +121,14 @@ UpdateFile::UpdateFile(const std::string& name, Bytes bytes)
     damaged("its kind of payload is not known here");
   }
   read_plan();
+}
+
+Bytes UpdateFile::payload() const {
+  Bytes bytes(bundle_.payload.size);
+  if (!bytes.empty()) {
+    kelvane_source_read(&bundle_.payload, 0, bytes.data(), bundle_.payload.size);
+  }
+  return bytes;
 }
 
 ToldFile UpdateFile::told(const char* what, uint32_t size, uint32_t checksum) const {
@@ -200,7 +200,7 @@ void UpdateFile::read_plan() {
 }
 
 uint32_t UpdateFile::checkpoint_pages() const {
-  return dense_ ? (dense_state_size(KELVANE_DENSE_LARGEST_MODEL) - 1) / plan_.page_size + 1 : 0;
+  return dense_ ? (dense_state_size(dense_->model) - 1) / plan_.page_size + 1 : 0;
 }
 
 void UpdateFile::damaged(const char* what) const {

@@ -26,6 +26,7 @@ class UpdateFile {
   const Bytes& bytes() const { return bytes_; }
   const kelvane_bundle& bundle() const { return bundle_; }
   const PagePlan& plan() const { return plan_; }
+  Bytes payload() const;
   const kelvane_payload_images& images() const { return images_; }
   ToldFile old_image() const { return told("old image", images_.old_size, images_.old_checksum); }
   ToldFile new_image() const { return told("new image", images_.new_size, images_.new_checksum); }
@@ -35,8 +36,8 @@ class UpdateFile {
   // The map of a dense payload.
   const std::vector<kelvane_dense_entry>& map() const { return map_; }
 
-  // Pages of one checkpoint; 0 where there is none. On a device that has left the large model out
-  // they are fewer for the small one.
+  // Pages of one checkpoint on a device whose decoder takes the update's model and none above; 0
+  // where there is none.
   uint32_t checkpoint_pages() const;
   // All spare pages that a device needs.
   uint32_t spare_pages() const { return plan_.spare() + 2 * checkpoint_pages(); }

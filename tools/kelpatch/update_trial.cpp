@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <cstdio>
 
 #include "flash_dense.h"
 
@@ -23,11 +22,19 @@ std::string_view view_of(const Bytes& bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
+uint32_t pages_of_larger_model(const UpdateFile& update) {
+  if (!update.dense()) {
+    return 0;
+  }
+  const uint32_t here = (kelvane_dense_kind.state_size - 1) / update.plan().page_size + 1;
+  return 2 * (here - update.checkpoint_pages());
+}
+
 DeviceShape device_for(const UpdateFile& update) {
   DeviceShape shape;
   shape.flash.page_size = update.plan().page_size;
   shape.image_pages = update.plan().pages;
-  shape.spare_pages = update.spare_pages();
+  shape.spare_pages = update.spare_pages() + pages_of_larger_model(update);
   if (update.dense()) {
     shape.kinds = kDense;
     shape.state_size = dense_memory(KELVANE_DENSE_LARGEST_MODEL, update.dense()->map_entries);
@@ -73,24 +80,29 @@ void require_right(int code, SimulatedDevice& tried, const Bytes& new_image,
   }
 }
 
-void simulate_cuts(const DeviceShape& shape, const Bytes& old_image, const Bytes& new_image,
-                   const Bytes& update, const std::string& name) {
-  constexpr uint64_t kMostCuts = 2000;
+std::string simulate_cuts(const DeviceShape& shape, const Bytes& old_image, const Bytes& new_image,
+                          const Bytes& update, const std::string& name) {
+  // Each cut takes a few updates, whose time grows with the image.
+  constexpr uint64_t kBytes = 1U << 30U;
+  const uint64_t most_cuts =
+      std::clamp<uint64_t>(kBytes / (std::max(old_image.size(), new_image.size()) + 1), 50, 2000);
   SimulatedDevice counting(shape, view_of(old_image), 1);
   counting.run(source_of(update));
   CutPlan cuts;
-  cuts.every = counting.flash().operations() / kMostCuts + 1;
+  cuts.every = counting.flash().operations() / most_cuts + 1;
   cuts.more = 3;
   const CutResult result =
       cut_everywhere(shape, view_of(old_image), view_of(new_image), source_of(update), cuts);
-  const std::string which = cuts.every == 1 ? "each" : "one in " + std::to_string(cuts.every);
-  std::printf("%s: power cut at %s of %" PRIu64 " operations, %" PRIu64 " cuts and %" PRIu64
-              " starts: %" PRIu64 " wrong images\n",
-              name.c_str(), which.c_str(), result.operations, result.cuts, result.starts,
-              result.wrong);
   if (result.wrong != 0 || result.violations != 0) {
-    mismatch("an update by '%s' does not survive power loss", name.c_str());
+    mismatch("an update by '%s' does not survive power loss: %" PRIu64 " wrong images of %" PRIu64
+             " starts",
+             name.c_str(), result.wrong, result.starts);
   }
+  const std::string which = cuts.every == 1 ? "each" : "one in " + std::to_string(cuts.every);
+  return formatted("%s: power cut at %s of %" PRIu64 " operations, %" PRIu64 " cuts and %" PRIu64
+                   " starts: %" PRIu64 " wrong images\n",
+                   name.c_str(), which.c_str(), result.operations, result.cuts, result.starts,
+                   result.wrong);
 }
 
 }  // namespace kelpatch

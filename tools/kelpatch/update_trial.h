@@ -12,6 +12,10 @@ std::string_view view_of(const Bytes& bytes);
 // A device with no more spare pages than the update needs, and memory for its payload.
 kelvane::DeviceShape device_for(const UpdateFile& update);
 
+// Pages that the decoder here saves in checkpoints beyond those of a device that needs no more than
+// the update's model.
+uint32_t pages_of_larger_model(const UpdateFile& update);
+
 // The image that the update makes of `old_image` on such a device. Ends the run with status 1 if
 // that is not the old image of the update, or if the device refuses the update, and with status 2
 // if the new image would have more than `max_size` bytes.
@@ -22,9 +26,9 @@ Bytes updated(const UpdateFile& update, const std::string& old_name, const Bytes
 void require_right(int code, kelvane::SimulatedDevice& tried, const Bytes& new_image,
                    const std::string& name);
 
-// Cuts power at the operations of the update, all of them unless that takes long, and prints what
-// came of it. Ends the run with status 1 if any of the devices ends with another image.
-void simulate_cuts(const kelvane::DeviceShape& shape, const Bytes& old_image,
-                   const Bytes& new_image, const Bytes& update, const std::string& name);
+// Cuts power at the operations of the update, all of them unless that takes long, and gives a line
+// that tells what came of it. Ends the run with status 1 if any device ends with another image.
+std::string simulate_cuts(const kelvane::DeviceShape& shape, const Bytes& old_image,
+                          const Bytes& new_image, const Bytes& update, const std::string& name);
 
 }  // namespace kelpatch

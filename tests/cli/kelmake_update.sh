@@ -1,0 +1,58 @@
+# shellcheck shell=bash
+# An update of a device: what it is beside a patch, the same for any number of jobs, and one for each
+# setting, which all come right on a model of the flash.
+for ((i = 0; i < 1500; ++i)); do printf 'word %06d' $((i * i % 7919)); done >old
+{ head -c 6000 old && printf '%0300d' 7 && tail -c +6001 old | sed 's/word 000/WORD 000/'; } >new
+kelmake --bundle --jobs 1 --report 'report 1' old new -o update
+sed 's/"seconds": [0-9.]*/"seconds": S/' 'report 1'
+mv update update1
+kelmake --bundle --quiet --jobs 3 old new -o update
+cmp update update1
+kelpatch verify old new update
+
+# settings OPTION ...: an update of these settings, tried at every cut of power.
+settings() {
+  kelmake --bundle --simulate --quiet "$@" old new -o update && kelpatch verify --quiet old new update
+  kelpatch show update | grep -E '^(machine|large|small|reads|spare|bytes)'
+}
+settings --page 1024 --ring 2 --checkpoint 3 --model small
+settings --page 512 --ring 1 --spare 60 --checkpoint 1 --rehearse
+settings --machine arm --base 0x8000 --big-endian --effort quick
+settings --base 100 --little-endian --effort best
+kelmake --bundle --simulate --page 2048 old new -o update | grep cut
+
+# Equal images, an empty one on either side, and one of a byte.
+: >empty
+printf x >byte
+for pair in 'old old' 'empty empty' 'empty byte' 'byte empty' 'byte old' 'old byte'; do
+  # shellcheck disable=SC2086
+  kelmake --bundle $pair -o update | sed -n '/^update:/p;/pages change/p'
+  # shellcheck disable=SC2086
+  kelpatch verify $pair update
+done
+
+# What does not fit says what would.
+run kelmake --bundle --spare 7 old new -o kept
+run kelmake --bundle --page 64 --ring 4 --checkpoint 2 --spare 5 old new -o kept
+head -c 4200000 /dev/zero >large
+run kelmake --bundle --quiet --page 64 large old -o kept
+run kelmake --bundle old missing -o kept
+run kelmake --bundle old new -o old
+ls kept 2>/dev/null
+
+run kelmake --bundle old new
+run kelmake --bundle --format 1 old new -o kept
+run kelmake --bundle --profile any old new -o kept
+run kelmake --bundle --time 5 old new -o kept
+run kelmake --page 1024 old new -o kept
+run kelmake --simulate old new -o kept
+run kelmake --bundle --page 1000 old new -o kept
+run kelmake --bundle --page 32 old new -o kept
+run kelmake --bundle --ring 0 old new -o kept
+run kelmake --bundle --checkpoint 0 old new -o kept
+run kelmake --bundle --spare 70000 old new -o kept
+run kelmake --bundle --model huge old new -o kept
+run kelmake --bundle --machine z80 old new -o kept
+run kelmake --bundle --base 0x old new -o kept
+run kelmake --bundle --base 123456789 old new -o kept
+ls kept 2>/dev/null
