@@ -49,8 +49,9 @@ void make_fit(uint8_t* bundle, const kelvane_source& source, bool patch_too) {
   if (patch_too) {
     make_patch_fit(bundle, parts);
   }
-  put_word(bundle + KELVANE_BUNDLE_CHECKSUM_AT, kelvane_crc32(0, bundle + KELVANE_BUNDLE_SUMMED_FROM,
-                                     parts.summed.size - KELVANE_BUNDLE_SUMMED_FROM));
+  put_word(bundle + KELVANE_BUNDLE_CHECKSUM_AT,
+           kelvane_crc32(0, bundle + KELVANE_BUNDLE_SUMMED_FROM,
+                         parts.summed.size - KELVANE_BUNDLE_SUMMED_FROM));
 }
 
 }  // namespace

@@ -79,11 +79,11 @@ int kelvane_update_old_image(void* context, uint32_t address, uint8_t* bytes, ui
       return update->plan_lost != KELVANE_APPLY_OK ? update->plan_lost : KELVANE_UPDATE_BAD_PLAN;
     }
     // A rehearsal asks whether the page would be there, and reads it where it still lies.
-    code = update->rehearsing || place == PAGE_BLANK
-               ? kelvane_update_read_image(update, address, bytes, step)
-               : kelvane_update_read(
-                     update, place + (address & (update->flash->driver.page_size - 1)), bytes,
-                     step);
+    code =
+        update->rehearsing || place == PAGE_BLANK
+            ? kelvane_update_read_image(update, address, bytes, step)
+            : kelvane_update_read(update, place + (address & (update->flash->driver.page_size - 1)),
+                                  bytes, step);
     if (code != KELVANE_APPLY_OK) {
       return code;
     }
