@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -167,6 +167,28 @@ TEST(FlashApply, RefusesADamagedBundleBeforeTheFirstErase) {
   damage_everywhere(bundle.bytes, 6, [&](const kelpatch::Bytes& bytes, bool must_refuse) {
     hold_against(shape, pair.old_image, pair.new_image, bytes, must_refuse);
   });
+}
+
+TEST(FlashApply, TakesNumbersThatAWriterMakesAlone) {
+  const std::pair<const char*, std::optional<uint32_t>> cases[] = {
+      {"00", 0},           {"7F", 127},      {"80 01", 128},         {"FF FF FF FF 0F", 0xFFFFFFFF},
+      {"80 00", {}},       {"81 80 00", {}}, {"80 80 80 80 10", {}}, {"FF FF FF FF 8F 00", {}},
+      {"FF FF FF FF", {}}, {"", {}}};
+  for (const auto& [text, value] : cases) {
+    kelpatch::Bytes bytes = bytes_of(from_hex(text));
+    uint32_t position = 0;
+    uint32_t found = 0;
+    const kelvane_source source = {bytes.data(), nullptr, nullptr, 0,
+                                   static_cast<uint32_t>(bytes.size())};
+    const int code = kelvane_bundle_number(&source, &position, &found);
+    EXPECT_EQ(code == KELVANE_BUNDLE_OK, value.has_value()) << text;
+    if (value) {
+      kelpatch::Bytes again;
+      kelpatch::put_number(again, *value);
+      EXPECT_EQ(found, *value);
+      EXPECT_EQ(again, bytes);
+    }
+  }
 }
 
 TEST(FlashApply, SaysWhyItRefuses) {
