@@ -156,7 +156,8 @@ TEST(FlashDense, RefusesAPlanThatDoesNotKeepWhatIsRead) {
       shape.spare_pages = other.plan.spare() + state_pages(256);
       SimulatedDevice device(shape, text_of(images.before), 1);
       const int code = device.run(other.source());
-      EXPECT_EQ(device.flash().operations() == 0, code != KELVANE_APPLY_OK);
+      const bool is_known_late = reads_new && code == KELVANE_APPLY_NEW_CHECKSUM;
+      EXPECT_EQ(device.flash().operations() == 0, code != KELVANE_APPLY_OK && !is_known_late);
       return code;
     };
     EXPECT_EQ(run([](DenseBundle&) {}), KELVANE_APPLY_OK);
@@ -169,6 +170,8 @@ TEST(FlashDense, RefusesAPlanThatDoesNotKeepWhatIsRead) {
               KELVANE_UPDATE_BAD_PAYLOAD);
     EXPECT_EQ(run([](DenseBundle& bundle) { bundle.parts.payload[2] ^= 1; }),
               KELVANE_APPLY_OLD_CHECKSUM);
+    EXPECT_EQ(run([](DenseBundle& bundle) { bundle.parts.payload[6] ^= 1; }),
+              KELVANE_APPLY_NEW_CHECKSUM);
     DeviceShape small = shape_for(good, 8, 0);
     small.state_size -= 14;
     SimulatedDevice device(small, text_of(images.before), 1);
@@ -248,7 +251,7 @@ TEST(FlashDense, LeavesPagesOfNoRangeAlone) {
               other.slots = 1;
             }),
             KELVANE_UPDATE_BAD_PLAN);
-  EXPECT_EQ(without([](kelpatch::PagePlan& other) { other.ranges.back().pages = 1000; }),
+  EXPECT_EQ(without([](kelpatch::PagePlan& other) { ++other.ranges.back().pages; }),
             KELVANE_UPDATE_BAD_PLAN);
   EXPECT_EQ(without([](kelpatch::PagePlan& other) { other.ranges.clear(); }),
             KELVANE_APPLY_OLD_CHECKSUM);
