@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Erases and seconds of an update in flash, power-safe by pages, against the applier in file order
-// through a write buffer of one page, which is not power-safe. Prints the table of docs/device.md.
+// through a write buffer of one page, which is not power-safe; and what checkpoints cost a dense
+// update. Prints the tables of docs/device.md.
 #include <algorithm>
 #include <cstdio>
 #include <functional>
@@ -9,6 +10,8 @@
 #include <vector>
 
 #include "bundle_file.h"
+#include "dense_bundle.h"
+#include "linked_program.h"
 #include "page_plan.h"
 #include "patch_builder.h"
 #include "update_simulation.h"
@@ -158,6 +161,30 @@ Pair spread(std::mt19937& random) {
   return pair_of("few changes", commands, random_image(random), kSize);
 }
 
+// What an update of a device took.
+struct Taken {
+  int code = 0;
+  uint32_t erases = 0;
+  double seconds = 0;
+};
+
+Taken run(const DeviceShape& shape, const std::string& old_image, const kelpatch::Bytes& bundle) {
+  SimulatedDevice device(shape, old_image, 1);
+  Taken taken;
+  taken.code =
+      device.run({bundle.data(), nullptr, nullptr, 0, static_cast<uint32_t>(bundle.size())});
+  for (const uint32_t count : device.flash().erases) {
+    taken.erases += count;
+  }
+  taken.seconds = taken.erases * kEraseSeconds +
+                  static_cast<double>(device.flash().programmed) / kPage * kProgramSeconds;
+  return taken;
+}
+
+const char* failure(const Taken& taken) {
+  return taken.code == KELVANE_APPLY_OK ? "" : " FAILED";
+}
+
 void show(const Pair& pair) {
   const kelpatch::Bytes old_file(pair.old_image.begin(), pair.old_image.end());
   const kelpatch::Bytes new_file(pair.new_image.begin(), pair.new_image.end());
@@ -170,16 +197,8 @@ void show(const Pair& pair) {
   shape.flash.page_size = kPage;
   shape.image_pages = plan.pages;
   shape.spare_pages = kSpare;
-  SimulatedDevice device(shape, pair.old_image, 1);
-  const int code =
-      device.run({bundle.data(), nullptr, nullptr, 0, static_cast<uint32_t>(bundle.size())});
-  uint32_t erases = 0;
-  for (const uint32_t count : device.flash().erases) {
-    erases += count;
-  }
+  const Taken taken = run(shape, pair.old_image, bundle);
   const auto changed = static_cast<double>(plan.changed.size());
-  const double seconds = erases * kEraseSeconds +
-                         static_cast<double>(device.flash().programmed) / kPage * kProgramSeconds;
   const uint32_t size =
       static_cast<uint32_t>(std::max(pair.old_image.size(), pair.new_image.size()));
   const Buffered plain = in_place(pair.patch, pair.old_image, size, 0, 0);
@@ -187,11 +206,62 @@ void show(const Pair& pair) {
   for (const uint32_t count : plain.writes) {
     writes += count;
   }
-  std::printf("| %s%s | %.0f of %u | %.2f | %.1f | %.1f | %u | %.1f |\n", pair.name,
-              code == KELVANE_APPLY_OK ? "" : " FAILED", changed, plan.pages, erases / changed,
-              seconds, writes / changed,
+  std::printf("| %s%s | %.0f of %u | %.2f | %.1f | %.1f | %u | %.1f |\n", pair.name, failure(taken),
+              changed, plan.pages, taken.erases / changed, taken.seconds, writes / changed,
               *std::max_element(plain.writes.begin(), plain.writes.end()),
               writes * (kEraseSeconds + kProgramSeconds));
+}
+
+// Made-up programs of that size, whose parts refer to each other.
+struct Programs {
+  const char* name;
+  Bytes old_image;
+  Bytes new_image;
+};
+
+std::vector<Programs> programs() {
+  const dense_target target = {KELVANE_DENSE_THUMB, ByteOrder::kLittle, ByteOrder::kLittle, 0x8000};
+  Random random(5);
+  const LinkedProgram original(4100, random);
+  const Bytes old_image = original.link(target);
+  LinkedProgram inserted = original;
+  inserted.insert(40, random);
+  LinkedProgram reordered = inserted;
+  for (uint32_t i = 100; i < 4000; i += 400) {
+    reordered.swap(i, i + 150);
+  }
+  Bytes grown = inserted.link(target);
+  const Bytes tail = random.bytes(20000);
+  grown.insert(grown.end(), tail.begin(), tail.end());
+  Bytes patched = old_image;
+  for (size_t at = 500; at < patched.size(); at += 30000) {
+    patched[at] = static_cast<uint8_t>(patched[at] + 1);
+  }
+  return {{"insert", old_image, inserted.link(target)},
+          {"reorder", old_image, reordered.link(target)},
+          {"grown", old_image, grown},
+          {"few changes", old_image, patched}};
+}
+
+void show_dense(const Programs& pair, uint32_t checkpoint) {
+  static const kelvane_payload_kind* const kinds[] = {&kelvane_dense_kind, nullptr};
+  dense_request request;
+  request.images = {pair.old_image, pair.new_image};
+  request.geometry = {kPage, 2, 4};
+  request.effort = dense_effort::quick;
+  const DenseBundle bundle = dense_bundle(request, checkpoint);
+  const kelpatch::PagePlan& plan = bundle.plan;
+  DeviceShape shape;
+  shape.flash.page_size = kPage;
+  shape.image_pages = plan.pages;
+  shape.spare_pages = plan.spare() + 2 * ((kelvane_dense_kind.state_size - 1) / kPage + 1);
+  shape.kinds = kinds;
+  shape.state_size = dense_memory(bundle.map_entries);
+  const Taken taken = run(shape, text_of(pair.old_image), bundle.bytes);
+  const auto changed = static_cast<double>(plan.changed.size());
+  std::printf("| %s%s | %u | %zu | %.0f of %u | %u + %u + %u | %.2f | %.1f |\n", pair.name,
+              failure(taken), checkpoint, bundle.bytes.size(), changed, plan.pages, plan.ring,
+              plan.slots, shape.spare_pages - plan.spare(), taken.erases / changed, taken.seconds);
 }
 
 }  // namespace
@@ -202,6 +272,11 @@ int main() {
   for (kelvane::Pair (*const make)(std::mt19937&) :
        {kelvane::insert, kelvane::reorder, kelvane::grown, kelvane::spread}) {
     kelvane::show(make(random));
+  }
+  for (const kelvane::Programs& pair : kelvane::programs()) {
+    for (const uint32_t checkpoint : {4U, 8U, 16U}) {
+      kelvane::show_dense(pair, checkpoint);
+    }
   }
   return 0;
 }

@@ -79,11 +79,11 @@ int kelvane_update_old_image(void* context, uint32_t address, uint8_t* bytes, ui
       return update->plan_lost != KELVANE_APPLY_OK ? update->plan_lost : KELVANE_UPDATE_BAD_PLAN;
     }
     // A rehearsal asks whether the page would be there, and reads it where it still lies.
-    code = update->rehearsing || place == PAGE_BLANK
-               ? kelvane_update_read_image(update, address, bytes, step)
-               : kelvane_update_read(
-                     update, place + (address & (update->flash->driver.page_size - 1)), bytes,
-                     step);
+    code =
+        update->rehearsing || place == PAGE_BLANK
+            ? kelvane_update_read_image(update, address, bytes, step)
+            : kelvane_update_read(update, place + (address & (update->flash->driver.page_size - 1)),
+                                  bytes, step);
     if (code != KELVANE_APPLY_OK) {
       return code;
     }
@@ -222,25 +222,22 @@ static enum step_kind take_step(kelvane_update* update, uint32_t k, uint32_t* gr
   return update->writing ? WRITE : SAVE;
 }
 
-// Brings the payload to where the journal says that the update stands.
+// Brings the payload to where the journal says that the update stands: to its start, or to the last
+// checkpoint.
 static int start_payload(kelvane_update* update) {
-  uint32_t group;
-  int code = update->kind->restart(update->flash->state);
+  uint32_t group = 0;
+  int code;
   update->decoded = 0;
-  if (code != KELVANE_APPLY_OK || update->kind->state_size == 0 ||
-      update->journal.value >= update->steps) {
-    return code;
+  if (update->kind->state_size != 0 && update->journal.value < update->steps) {
+    take_step(update, update->journal.value, &group);
   }
-  take_step(update, update->journal.value, &group);
-  if (group > 0) {
-    code = kelvane_update_read(update, checkpoint_place(update, group - 1),
-                               (uint8_t*)update->flash->state, update->kind->state_size);
-    update->decoded = (kelvane_plan_page(update, group * update->every - 1) + 1) << update->shift;
-    if (code == KELVANE_APPLY_OK) {
-      code = update->kind->resume(update->flash->state);
-    }
+  if (group == 0) {
+    return update->kind->restart(update->flash->state);
   }
-  return code;
+  code = kelvane_update_read(update, checkpoint_place(update, group - 1),
+                             (uint8_t*)update->flash->state, update->kind->state_size);
+  update->decoded = (kelvane_plan_page(update, group * update->every - 1) + 1) << update->shift;
+  return code == KELVANE_APPLY_OK ? update->kind->resume(update->flash->state) : code;
 }
 
 // ---- The update ---------------------------------------------------------------------------------

@@ -82,9 +82,9 @@ typedef struct kelvane_plan_list {
 
 // The stretch of pages at hand in such a list.
 typedef struct kelvane_plan_stretch {
-  uint32_t next;    // where the one behind it is in the plan
-  uint32_t left;    // stretches behind it
-  uint32_t first;   // page
+  uint32_t next;   // where the one behind it is in the plan
+  uint32_t left;   // stretches behind it
+  uint32_t first;  // page
   uint32_t pages;
   uint32_t before;  // pages of the stretches ahead
 } kelvane_plan_stretch;

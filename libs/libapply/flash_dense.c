@@ -59,7 +59,8 @@ static int dense_open(void* state, uint32_t size, const kelvane_payload_input* i
   self->reads.read_new = read_new;
   self->reads.largest_image = 0;  // the update compares the sizes with its own
   self->input = input;
-  code = kelvane_dense_open(&self->decoder, &self->reads, self + 1, size - (uint32_t)sizeof *self, &info);
+  code = kelvane_dense_open(&self->decoder, &self->reads, self + 1, size - (uint32_t)sizeof *self,
+                            &info);
   images->old_size = info.old_size;
   images->new_size = info.new_size;
   images->old_checksum = info.old_checksum;

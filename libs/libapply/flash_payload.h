@@ -70,8 +70,8 @@ typedef struct kelvane_payload_kind {
               kelvane_payload_images* images);
   // A pass begins, at window 0 if state_size is not 0.
   int (*restart)(void* state);
-  // The saved bytes of the state have been put back: makes all that is derived from them fit. May
-  // be null where state_size is 0.
+  // After open, the saved bytes of the state have been put back: makes all else of the state fit,
+  // in place of restart. May be null where state_size is 0.
   int (*resume)(void* state);
   // As window, before anything has been written: it serves the check that the new image comes out
   // right and that the plan keeps every byte that is read.

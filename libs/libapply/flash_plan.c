@@ -8,8 +8,8 @@ static uint32_t number_at(kelvane_update* update, uint32_t* position) {
   uint32_t value;
   const int code = kelvane_bundle_number(&update->plan, position, &value);
   if (code != KELVANE_BUNDLE_OK) {
-    update->plan_lost = code == KELVANE_BUNDLE_FETCH ? KELVANE_APPLY_FETCH_FAILED
-                                                     : KELVANE_UPDATE_BAD_PLAN;
+    update->plan_lost =
+        code == KELVANE_BUNDLE_FETCH ? KELVANE_APPLY_FETCH_FAILED : KELVANE_UPDATE_BAD_PLAN;
     value = 0;
   }
   return value;

@@ -1,26 +1,26 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
+#include <cstdlib>
+#include <functional>
+#include <memory>
 #include <random>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "bundle_file.h"
+#include "bytes.h"
+#include "flash_bundle.h"
 #include "page_plan.h"
 #include "patch_builder.h"
 #include "patch_split.h"
 #include "target_memory.h"
+#include "update_simulation.h"
 
 namespace kelvane {
-
-inline kelpatch::Bytes bytes_of(std::string_view text) {
-  return {text.begin(), text.end()};
-}
-
-inline std::string text_of(const kelpatch::Bytes& bytes) {
-  return {bytes.begin(), bytes.end()};
-}
 
 inline std::string random_bytes(std::minstd_rand& random, size_t size) {
   std::string bytes;
@@ -149,6 +149,64 @@ inline Bundled bundled(const FlashPair& pair, uint32_t page_size, uint32_t ring,
   all.payload = patch.bytes();
   made.bytes = make_bundle(made.plan, all);
   return made;
+}
+
+// How many times as many runs as usual.
+inline uint32_t runs_asked_for() {
+  const char* const asked = std::getenv("KELVANE_FLASH_RUNS");
+  return asked != nullptr ? static_cast<uint32_t>(std::strtoul(asked, nullptr, 10)) : 1;
+}
+
+// The outcome of a bundle that is not as it was made: refused without an operation, or the right
+// image. Where the new image can't be computed ahead, it may also be found wrong at the end.
+inline void hold_against(const DeviceShape& shape, const std::string& old_image,
+                         const std::string& new_image, const kelpatch::Bytes& bytes,
+                         bool must_refuse) {
+  // Exactly as large as it is, so that an access behind it is seen.
+  const auto block = std::make_unique<uint8_t[]>(bytes.size());
+  std::copy(bytes.begin(), bytes.end(), block.get());
+  SimulatedDevice device(shape, old_image, 1);
+  const int code =
+      device.run({block.get(), nullptr, nullptr, 0, static_cast<uint32_t>(bytes.size())});
+  ASSERT_EQ(device.flash().violations, 0u);
+  if (code == KELVANE_APPLY_OK && !must_refuse) {
+    ASSERT_EQ(device.image(static_cast<uint32_t>(new_image.size())), new_image);
+  } else if (code != KELVANE_APPLY_NEW_CHECKSUM || device.update().images.reads_new == 0 ||
+             must_refuse) {
+    ASSERT_NE(code, KELVANE_APPLY_OK);
+    ASSERT_EQ(device.flash().operations(), 0u) << kelvane_update_text(code);
+  }
+}
+
+// Cuts a bundle at every length and changes each of its bytes, with its checksum as it was and made
+// to fit. What fits its checksum may be right all the same, such as a page kept for longer.
+inline void damage_everywhere(
+    const kelpatch::Bytes& bundle, size_t signature,
+    const std::function<void(const kelpatch::Bytes& damaged, bool must_refuse)>& try_it) {
+  const size_t summed = bundle.size() - signature;
+  for (size_t place = 0; place < summed; ++place) {
+    SCOPED_TRACE(place);
+    const uint8_t byte = bundle[place];
+    for (const uint32_t changed : {byte ^ 1U, byte ^ 0x80U, byte + 1U, byte - 1U, 0U, 0xFFU}) {
+      kelpatch::Bytes damaged = bundle;
+      damaged[place] = static_cast<uint8_t>(changed);
+      if (damaged == bundle) {
+        continue;
+      }
+      try_it(damaged, true);
+      const uint32_t crc =
+          kelvane_crc32(0, damaged.data() + KELVANE_BUNDLE_SUMMED_FROM,
+                        static_cast<uint32_t>(summed) - KELVANE_BUNDLE_SUMMED_FROM);
+      for (uint32_t i = 0; i < 4; ++i) {
+        damaged[KELVANE_BUNDLE_CHECKSUM_AT + i] = static_cast<uint8_t>(crc >> (8 * i));
+      }
+      try_it(damaged, false);
+    }
+  }
+  for (size_t size = 0; size < bundle.size(); ++size) {
+    SCOPED_TRACE(size);
+    try_it({bundle.begin(), bundle.begin() + static_cast<ptrdiff_t>(size)}, true);
+  }
 }
 
 }  // namespace kelvane

@@ -1,25 +1,31 @@
 // SPDX-License-Identifier: Apache-2.0
 // A boot loader and its test bench in one. It starts the firmware; when that asked for the update,
 // it applies it, with the power cut at operation 0, then at operation 1, and so on, each time from
-// the old image, until an update comes through without a cut. Then it starts the new build. Any
-// wrong image ends QEMU with status 1.
+// the old image, until an update comes through without a cut. So it does with both of its bundles,
+// the one with a patch and the dense one; then it starts the new build. Any wrong image ends QEMU
+// with status 1.
 
 #include "board_port.h"
 #include "flash_apply.h"
+#include "flash_dense.h"
 #include "flash_patch.h"
 
 __asm__(
     ".section .download,\"a\"\n.balign 4\n"
-    ".globl old_image, old_image_end, new_image, new_image_end, bundle, bundle_end\n"
+    ".globl old_image, old_image_end, new_image, new_image_end\n"
+    ".globl bundle, bundle_end, dense_bundle, dense_bundle_end\n"
     "old_image: .incbin \"old.bin\"\nold_image_end:\n.balign 4\n"
     "new_image: .incbin \"new.bin\"\nnew_image_end:\n.balign 4\n"
-    "bundle: .incbin \"bundle\"\nbundle_end:\n.text\n");
+    "bundle: .incbin \"bundle\"\nbundle_end:\n"
+    "dense_bundle: .incbin \"dense\"\ndense_bundle_end:\n.text\n");
 extern const uint8_t old_image[];
 extern const uint8_t old_image_end[];
 extern const uint8_t new_image[];
 extern const uint8_t new_image_end[];
 extern const uint8_t bundle[];
 extern const uint8_t bundle_end[];
+extern const uint8_t dense_bundle[];
+extern const uint8_t dense_bundle_end[];
 extern uint32_t bss_end[];
 extern uint32_t stack_top[];
 void boot(void);
@@ -30,7 +36,8 @@ typedef struct bench {
   uint32_t magic;
   uint32_t operations;  // of this update, over all its starts
   uint32_t cut;         // the operation at which power goes
-  uint32_t starts;      // of all updates
+  uint32_t starts;      // of all updates by this bundle
+  uint32_t dense;       // it is the dense bundle's turn
   uint32_t noise;
 } bench;
 static bench* const kept = (bench*)BOARD_KEPT;
@@ -112,11 +119,18 @@ static int flash_program(void* context, uint32_t address, const uint8_t* bytes, 
 // ---- The update ---------------------------------------------------------------------------------
 
 static uint8_t work[BOARD_WINDOW];
-static struct {
-  kelvane_patch_payload payload;
-  kelvane_words classes[16];
+// One at a time.
+static union {
+  struct {
+    kelvane_patch_payload payload;
+    kelvane_words classes[16];
+  } patch;
+  struct {
+    kelvane_dense_payload payload;
+    uint8_t map[64 * KELVANE_DENSE_ENTRY_SIZE];
+  } dense;
 } state;
-static const kelvane_payload_kind* const kinds[] = {&kelvane_patch_kind, 0};
+static const kelvane_payload_kind* const kinds[] = {&kelvane_patch_kind, &kelvane_dense_kind, 0};
 static const kelvane_flash flash = {{0, flash_read, flash_erase, flash_program, BOARD_PAGE, 4},
                                     BOARD_IMAGE,
                                     BOARD_IMAGE_PAGES,
@@ -133,7 +147,9 @@ static const kelvane_flash flash = {{0, flash_read, flash_erase, flash_program, 
 static kelvane_update update;
 
 static int run_update(void) {
-  const kelvane_source source = {bundle, 0, 0, 0, (uint32_t)(bundle_end - bundle)};
+  const kelvane_source patch = {bundle, 0, 0, 0, (uint32_t)(bundle_end - bundle)};
+  const kelvane_source dense = {dense_bundle, 0, 0, 0, (uint32_t)(dense_bundle_end - dense_bundle)};
+  const kelvane_source source = kept->dense != 0 ? dense : patch;
   int code = kelvane_update_open(&update, &flash, &source);
   while (code == KELVANE_UPDATE_MORE) {
     code = kelvane_update_step(&update);
@@ -195,6 +211,7 @@ void boot(void) {
     kept->operations = 0;
     kept->cut = 0;
     kept->starts = 0;
+    kept->dense = 0;
     kept->noise = 1;
     install_old_image();
   }
@@ -212,16 +229,23 @@ void boot(void) {
     board_end(1);
   }
   if (kept->operations <= kept->cut) {  // came through without a cut, so all have been tried
-    board_say("boot: power cut at each of ");
+    board_say(kept->dense != 0 ? "boot: dense update: power" : "boot: patch: power");
+    board_say(" cut at each of ");
     board_say_number(kept->operations);
     board_say(" operations, ");
     board_say_number(kept->starts);
     board_say(" starts, ");
     board_say_number(deepest_stack());
     board_say(" bytes of stack\n");
-    start_firmware();
+    if (kept->dense != 0) {
+      start_firmware();
+    }
+    kept->dense = 1;
+    kept->starts = 0;
+    kept->cut = 0;
+  } else {
+    kept->cut += BOARD_STRIDE;
   }
-  kept->cut += BOARD_STRIDE;
   kept->operations = 0;
   install_old_image();
   board_reset();

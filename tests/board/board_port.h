@@ -14,7 +14,7 @@ enum {
   BOARD_IMAGE = 0x20000,
   BOARD_IMAGE_PAGES = 48,
   BOARD_SPARE = 0x30000,
-  BOARD_SPARE_PAGES = 8,
+  BOARD_SPARE_PAGES = 32,   // 14 of them for the checkpoints of a dense update
   BOARD_JOURNAL = 0x3F400,  // three pages, up to the end
   BOARD_KEPT = 0x20003F00,  // RAM that neither the boot loader's start nor the firmware's clears
   BOARD_ASKED = 0x55504454  // the first word there: the firmware asks for the update

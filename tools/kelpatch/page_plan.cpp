@@ -154,8 +154,7 @@ Bytes PagePlan::encoded() const {
   if (all_change && kept.empty() && ranges.empty()) {
     return {};
   }
-  const std::vector<PageRange> runs =
-      all_change ? std::vector<PageRange>{} : runs_of(changed);
+  const std::vector<PageRange> runs = all_change ? std::vector<PageRange>{} : runs_of(changed);
   Bytes bytes;
   put_number(bytes, all_change ? 0 : static_cast<uint32_t>(runs.size()) + 1);
   put_stretches(bytes, runs);
