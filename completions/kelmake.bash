@@ -14,7 +14,9 @@ _kelmake() {
     --effort) candidates="quick normal best" ;;
     --profile) candidates="any wide libapply" ;;
     --format) candidates="0 1" ;;
-    --time | --jobs)
+    --model) candidates="small large" ;;
+    --machine) candidates="none thumb arm powerpc mips riscv" ;;
+    --time | --jobs | --page | --ring | --spare | --checkpoint | --base)
       COMPREPLY=()
       return
       ;;
@@ -22,7 +24,8 @@ _kelmake() {
     *)
       if [[ $word == -* ]]; then
         candidates="-o --output --effort --time --jobs --profile --format --big-endian
-          --little-endian --report -q --quiet --help --version"
+          --little-endian --report --bundle --page --ring --spare --checkpoint --rehearse --model
+          --machine --base --simulate -q --quiet --help --version"
       fi
       ;;
   esac

@@ -28,6 +28,9 @@ touch old.bin old.elf new.bin
 offered kelmake --effort ''
 offered kelmake --profile = l
 offered kelmake --format ''
+offered kelmake --model ''
+offered kelmake --machine m
+offered kelmake --page ''
 offered kelmake old.bin n
 offered kelmake --jobs ''
 complete -p kelmake

@@ -165,12 +165,14 @@ uint64_t end_of(const ElfFile& elf) {
 }
 
 // How far virtual addresses lie above load addresses. Where segments differ in that, as data does
-// that is copied to RAM, code decides: it is what refers to flash.
+// that is copied to RAM, most of the code decides: it is what refers to flash.
 uint32_t virtual_distance(const ElfFile& elf) {
-  const auto code = std::find_if(elf.segments.begin(), elf.segments.end(),
-                                 [](const ElfSegment& segment) { return segment.is_code; });
-  const ElfSegment& segment = code == elf.segments.end() ? elf.segments.front() : *code;
-  return segment.virtual_address - segment.load_address;
+  const auto weight = [](const ElfSegment& segment) { return segment.is_code ? segment.size : 0; };
+  const auto code = std::max_element(elf.segments.begin(), elf.segments.end(),
+                                     [&](const ElfSegment& first, const ElfSegment& second) {
+                                       return weight(first) < weight(second);
+                                     });
+  return code->virtual_address - code->load_address;
 }
 
 Bytes image_of(const ElfFile& elf, const Bytes& file, uint64_t load_address, uint32_t page_size) {

@@ -30,7 +30,7 @@ constexpr DeviceSize kDeviceSizes[] = {
 // What the table is about.
 constexpr char kProcessor[] = "cortex-m3";
 constexpr char kLevel[] = "-Oz";
-constexpr char kDensePart[] = "update of flash";
+constexpr char kDensePart[] = "update of flash, dense";
 constexpr char kPatchPart[] = "update of flash";
 constexpr uint32_t kBytesOfClass = 16;
 
@@ -160,8 +160,8 @@ std::string text_of_update(const UpdateOutcome& outcome) {
   }
   text +=
       info.reads_new != 0
-          ? "The device does not know the new image before it erases a page; --rehearse makes an "
-            "update\nby which it does.\n"
+          ? "The device cannot compute the new image before it erases a page; with --rehearse it "
+            "can.\n"
           : "The device computes the whole new image before it erases a page.\n";
   if (plan.changed.empty()) {
     text += "No page changes.\n";

@@ -69,7 +69,7 @@ void show_plan(const UpdateFile& update) {
   }
   std::printf(")\n");
   if (update.dense()) {
-    std::printf("memory: %" PRIu32 " bytes at most, besides the window\n",
+    std::printf("memory of the decoder: %" PRIu32 " bytes at most\n",
                 dense_memory(update.dense()->model, update.dense()->map_entries));
   }
 }
