@@ -24,7 +24,7 @@ struct DeviceSize {
 };
 
 constexpr DeviceSize kDeviceSizes[] = {
-#include "device_sizes.inc"
+#include <device_sizes.inc>
 };
 
 // What the table is about.

@@ -53,16 +53,13 @@ Update update_by(PatchFile& patch, const Bytes& old_file, const Bytes& new_file,
 
 // The device that the command line tells of.
 void take_device(DeviceShape& shape, const PagePlan& plan, const DeviceOptions& device) {
-  const uint64_t pages = uint64_t{plan.pages} + device.spare.spare + KELVANE_JOURNAL_PAGES + 1;
-  if (pages * plan.page_size > kLargestFile) {
-    fatal("a flash of %" PRIu64 " pages of %" PRIu32 " bytes is too large", pages, plan.page_size);
-  }
   shape.flash.page_size = plan.page_size;
   shape.flash.unit = device.unit;
   shape.image_pages = plan.pages;
   shape.spare_pages = device.spare.spare;
   shape.window = device.window.value_or(plan.page_size);
   shape.classes = device.classes;
+  require_flash(shape);
 }
 
 uint32_t total(const std::vector<uint32_t>& erases, uint32_t first, uint32_t count) {

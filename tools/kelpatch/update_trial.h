@@ -9,6 +9,9 @@ namespace kelpatch {
 
 std::string_view view_of(const Bytes& bytes);
 
+// Ends the run for a device whose flash is too large for the model.
+void require_flash(const kelvane::DeviceShape& shape);
+
 // A device with no more spare pages than the update needs, and memory for its payload.
 kelvane::DeviceShape device_for(const UpdateFile& update);
 
