@@ -17,14 +17,13 @@ void refuse_input_as_output(const std::string& output, const std::string& input)
   }
 }
 
-// Tells now, not after the search, that a file can't be written.
 void probe_output(const std::string& name) {
   const kelpatch::OutputFile probe(name);
 }
 
 }  // namespace
 
-Inputs read_inputs(const Options& options) {
+void check_outputs(const Options& options) {
   for (const std::string& output : {options.patch_name, options.report_name}) {
     refuse_input_as_output(output, options.old_name);
     refuse_input_as_output(output, options.new_name);
@@ -33,7 +32,6 @@ Inputs read_inputs(const Options& options) {
   if (!options.report_name.empty()) {
     probe_output(options.report_name);
   }
-  return {kelpatch::read_input(options.old_name), kelpatch::read_input(options.new_name)};
 }
 
 void write_file(const std::string& name, const kelpatch::Bytes& bytes) {

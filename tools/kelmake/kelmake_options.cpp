@@ -101,6 +101,21 @@ uint32_t address_of(const std::string& option, const std::string& word) {
   return address;
 }
 
+// Takes an option of patches; gives false for any other.
+template <typename GetValue>
+bool take_patch_option(Options& options, const std::string& name, const GetValue& value) {
+  if (name == "--time") {
+    options.seconds = number_of(name, value(), 1, 1000000);
+  } else if (name == "--profile") {
+    options.profile = value_named(kProfiles, "profile", value());
+  } else if (name == "--format") {
+    options.format = static_cast<uint8_t>(number_of(name, value(), 0, 1));
+  } else {
+    return false;
+  }
+  return true;
+}
+
 // Takes an option of updates; gives false for any other.
 template <typename GetValue>
 bool take_update_option(UpdateOptions& update, const std::string& argument, const std::string& name,
@@ -233,17 +248,8 @@ Options parse_options(const std::vector<std::string>& arguments) {
       options.patch_name = value();
     } else if (name == "--effort") {
       options.effort = value_named(kEfforts, "effort", value());
-    } else if (name == "--time") {
-      options.seconds = number_of(name, value(), 1, 1000000);
-      told.push_back(name);
     } else if (name == "--jobs") {
       options.jobs = number_of(name, value(), 1, 1024);
-    } else if (name == "--profile") {
-      options.profile = value_named(kProfiles, "profile", value());
-      told.push_back(name);
-    } else if (name == "--format") {
-      options.format = static_cast<uint8_t>(number_of(name, value(), 0, 1));
-      told.push_back(name);
     } else if (name == "--report") {
       options.report_name = value();
     } else if (argument == "--big-endian") {
@@ -260,7 +266,8 @@ Options parse_options(const std::vector<std::string>& arguments) {
       options.bundle = true;
     } else if (argument == "--") {
       only_operands = true;
-    } else if (take_update_option(options.update, argument, name, value)) {
+    } else if (take_patch_option(options, name, value) ||
+               take_update_option(options.update, argument, name, value)) {
       told.push_back(name);
     } else {
       usage_error("unknown option '" + argument + "'");

@@ -28,7 +28,9 @@ uint64_t packed_size_if_near(const Bytes& file, uint64_t patch_size) {
 
 void make_patch(const Options& options) {
   const steady_clock::time_point start = steady_clock::now();
-  const auto [old_file, new_file] = read_inputs(options);
+  check_outputs(options);
+  const Bytes old_file = kelpatch::read_input(options.old_name);
+  const Bytes new_file = kelpatch::read_input(options.new_name);
   if (!options.quiet) {
     std::fputs(text_of_comparison(options, old_file.size(), new_file.size()).c_str(), stdout);
     std::fflush(stdout);

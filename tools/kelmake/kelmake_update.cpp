@@ -36,18 +36,20 @@ constexpr uint32_t kUsualSlots = 8;
 
 // ---- The images and what they are for -----------------------------------------------------------
 
-FlashImages images_of(const Options& options, Inputs inputs) {
-  const bool is_image = is_elf(inputs.old_file);
-  if (is_image != is_elf(inputs.new_file)) {
+FlashImages read_images(const Options& options) {
+  Bytes old_file = kelpatch::read_input(options.old_name);
+  Bytes new_file = kelpatch::read_input(options.new_name);
+  const bool is_image = is_elf(old_file);
+  if (is_image != is_elf(new_file)) {
     fatal("'%s' is an ELF file and '%s' is not",
           (is_image ? options.old_name : options.new_name).c_str(),
           (is_image ? options.new_name : options.old_name).c_str());
   }
   if (is_image) {
-    return lay_out(options.old_name, inputs.old_file, options.new_name, inputs.new_file,
+    return lay_out(options.old_name, old_file, options.new_name, new_file,
                    options.update.page_size);
   }
-  return {std::move(inputs.old_file), std::move(inputs.new_file), 0, {}, {}};
+  return {std::move(old_file), std::move(new_file), 0, {}, {}};
 }
 
 // The byte orders that a machine may have: of code, of data. Big-endian ARM has both sorts of code.
@@ -266,7 +268,8 @@ PatchWay way_by_patch(const Options& options, const FlashImages& images,
 
 void make_update(const Options& options) {
   const steady_clock::time_point start = steady_clock::now();
-  const FlashImages images = images_of(options, read_inputs(options));
+  check_outputs(options);
+  const FlashImages images = read_images(options);
   const kelvane::flash_geometry geometry =
       geometry_of(options, std::max(images.old_image.size(), images.new_image.size()));
   if (!options.quiet) {
