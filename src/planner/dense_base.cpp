@@ -11,6 +11,7 @@ constexpr uint32_t kLeastLength = 64;   // of a copy that may be pointed to
 constexpr size_t kMostPointedTo = 400;  // the longest ones
 constexpr uint32_t kMostWords = 60000;
 constexpr uint32_t kMostPairs = 200000;
+constexpr size_t kMostBallots = 1U << 19U;
 constexpr uint32_t kFarthestPair = 64;  // bytes between an upper half and its lower one
 
 // From `address` on the votes for a base are `change` more.
@@ -78,7 +79,8 @@ class base_vote {
   // which moved as far.
   bool vote(uint32_t from, uint32_t to) {
     const uint32_t shift = to - from;
-    if (shift == 0 || (shift > largest_ && 0U - shift > largest_)) {
+    if (shift == 0 || (shift > largest_ && 0U - shift > largest_) ||
+        ballots_.size() >= kMostBallots) {
       return false;
     }
     auto copy = std::lower_bound(

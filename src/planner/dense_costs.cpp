@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "dense_costs.h"
 
+#include <algorithm>
 #include <bit>
-#include <map>
 
 namespace kelvane {
 namespace {
@@ -185,27 +185,29 @@ class_prices difference_prices(const plan_images& images, ByteOrder order,
   constexpr uint32_t kLeastCount = 3;
   constexpr size_t kMostPrices = 30000;
   constexpr uint32_t kLeastCountOfMany = 8;
-  std::map<uint32_t, uint32_t> counts;
-  uint64_t total = 0;
+  std::vector<uint32_t> differences;
   for (const dense_copy& copy : copies) {
     for (uint32_t k = (0U - copy.target) % 4; k + 4 <= copy.length; k += 4) {
       const uint32_t difference = load_word(images.new_image.data() + copy.target + k, order) -
                                   load_word(images.old_image.data() + copy.source + k, order);
       if (difference != 0) {
-        ++counts[difference];
-        ++total;
+        differences.push_back(difference);
       }
     }
   }
+  std::sort(differences.begin(), differences.end());
   std::vector<class_price> prices;
   const auto collect = [&](uint32_t least) {
     prices.clear();
-    for (const auto& [difference, count] : counts) {
+    for (auto at = differences.begin(); at != differences.end();) {
+      const auto next = std::upper_bound(at, differences.end(), *at);
+      const auto count = static_cast<uint64_t>(next - at);
       if (count >= least) {
         // 1.2 bits for each of its information, and 4.
-        const uint32_t eighths = log2_eighths(total) - log2_eighths(count);
-        prices.push_back({difference, std::clamp(eighths * 12 / 80 + 4, 3U, 30U)});
+        const uint32_t eighths = log2_eighths(differences.size()) - log2_eighths(count);
+        prices.push_back({*at, std::clamp(eighths * 12 / 80 + 4, 3U, 30U)});
       }
+      at = next;
     }
   };
   collect(kLeastCount);

@@ -7,10 +7,13 @@
 namespace kelvane {
 namespace {
 
-constexpr uint32_t kHashBits = 18;
 constexpr int kOldTrials = 48;
 constexpr int kNewTrials = 24;
 constexpr uint32_t kLongest = 1U << 16U;
+constexpr uint32_t kParsedAtOnce = 1U << 16U;  // bytes
+// Places that are kept of both images; more are thinned out.
+constexpr uint64_t kFewPlaces = 1U << 18U;
+constexpr uint32_t kLargestStep = 4;
 // Costs in tenths of a bit.
 constexpr uint32_t kLiteral = 65;
 constexpr uint32_t kExpectedLiteral = 25;  // the byte that the copy in front would bring
@@ -21,18 +24,23 @@ uint32_t number_cost(uint32_t value) {
   return 10 + 12 * (static_cast<uint32_t>(std::bit_width(value + 1)) - 1);
 }
 
+bool is_one_byte(const uint8_t* string) {
+  return std::equal(string + 1, string + kStringBytes, string);
+}
+
 struct step {
   uint32_t cost = UINT32_MAX;
   dense_item item;
   int64_t shift = 0;  // from which the next match is told
 };
 
+// Bytes `begin` to `end` of the new image, with `shift` that of the copy or match in front.
 class item_parse {
  public:
-  item_parse(const plan_images& images, const string_chains& chains, const old_reach& reach,
+  item_parse(const plan_images& images, const string_places& places, const old_reach& reach,
              bool reads_new, uint32_t begin, uint32_t end, int64_t shift)
       : images_(images),
-        chains_(chains),
+        places_(places),
         reach_(reach),
         reads_new_(reads_new),
         begin_(begin),
@@ -42,19 +50,30 @@ class item_parse {
     steps_[0].shift = shift;
   }
 
-  void append(std::vector<dense_item>& items) {
+  // Gives the shift at the end.
+  int64_t append(std::vector<dense_item>& items) {
     for (uint32_t at = begin_; at < end_; ++at) {
+      passed_ = at;
       take_literal(at);
-      if (end_ - at >= 3 && at + string_chains::kStringBytes <= images_.new_image.size()) {
+      if (end_ - at >= 3 && at + kStringBytes <= images_.new_image.size()) {
         take_matches(at);
       }
     }
     const size_t first = items.size();
-    for (size_t at = steps_.size() - 1; at != 0;) {
-      items.push_back(steps_[at].item);
-      at -= std::max(steps_[at].item.length, 1U);
+    std::vector<dense_item> found;
+    for (size_t at = steps_.size() - 1; at != 0; at -= steps_[at].item.length) {
+      found.push_back(steps_[at].item);
     }
-    std::reverse(items.begin() + static_cast<ptrdiff_t>(first), items.end());
+    std::reverse(found.begin(), found.end());
+    for (const dense_item& item : found) {
+      if (items.size() > first && item.kind == dense_item::literal &&
+          items.back().kind == dense_item::literal) {
+        items.back().length += item.length;
+      } else {
+        items.push_back(item);
+      }
+    }
+    return steps_.back().shift;
   }
 
  private:
@@ -66,12 +85,13 @@ class item_parse {
     const int64_t place = at - from.shift;
     const bool is_expected = place >= 0 && place < static_cast<int64_t>(images_.old_image.size()) &&
                              images_.old_image[static_cast<size_t>(place)] == new_byte(at);
-    enter(at + 1, from.cost + (is_expected ? kExpectedLiteral : kLiteral), {}, from.shift);
+    enter(at + 1, from.cost + (is_expected ? kExpectedLiteral : kLiteral),
+          {1, 0, dense_item::literal}, from.shift);
   }
 
   void enter(uint32_t at, uint32_t cost, const dense_item& item, int64_t shift) {
     step& to = steps_[at - begin_];
-    if (cost < to.cost) {
+    if (at > passed_ && cost < to.cost) {
       to = {cost, item, shift};
     }
   }
@@ -81,15 +101,32 @@ class item_parse {
     if (expected >= 0 && expected < static_cast<int64_t>(images_.old_image.size())) {
       take_old(at, static_cast<uint32_t>(expected));
     }
-    uint32_t place = reads_new_ ? chains_.before_new(at) : string_chains::kNone;
-    for (int i = 0; i < kNewTrials && place != string_chains::kNone; ++i) {
-      take_new(at, place);
-      place = chains_.before_new(place);
+    if (reads_new_) {
+      each_of_last(places_.in_new(at), kNewTrials, [&](uint32_t place) {
+        take_from_ahead(images_.new_image, place, at,
+                        [&](uint32_t k) { take_new(at - k, place - k); });
+      });
     }
-    place = chains_.newest_old(at);
-    for (int i = 0; i < kOldTrials && place != string_chains::kNone; ++i) {
-      take_old(at, place);
-      place = chains_.before_old(place);
+    each_of_last(places_.in_old(at), kOldTrials, [&](uint32_t place) {
+      take_from_ahead(images_.old_image, place, at,
+                      [&](uint32_t k) { take_old(at - k, place - k); });
+    });
+  }
+
+  static void each_of_last(std::span<const uint32_t> places, size_t count, const auto& take) {
+    for (size_t i = places.size(); i != 0 && places.size() - i < count; --i) {
+      take(places[i - 1]);
+    }
+  }
+
+  // From `at`, and from bytes ahead of it that agree and stand at places that are left out.
+  void take_from_ahead(std::span<const uint8_t> image, uint32_t place, uint32_t at,
+                       const auto& take) {
+    take(0);
+    for (uint32_t k = 1; k < places_.step() && k <= place && k <= at - begin_ &&
+                         image[place - k] == new_byte(at - k);
+         ++k) {
+      take(k);
     }
   }
 
@@ -105,7 +142,8 @@ class item_parse {
 
   void take_new(uint32_t at, uint32_t place) {
     const uint32_t length = equal_bytes(images_.new_image, place, at);
-    take(at, length, {0, place, true}, number_cost(at - place - 1), step_at(at).shift);
+    take(at, length, {0, place, dense_item::new_image}, number_cost(at - place - 1),
+         step_at(at).shift);
   }
 
   void take_old(uint32_t at, uint32_t place) {
@@ -114,7 +152,7 @@ class item_parse {
     const uint32_t cost =
         off == 0 ? kRepeated
                  : kRepeated + number_cost(static_cast<uint32_t>(2 * (off < 0 ? -off : off)));
-    take(at, length, {0, place, false}, cost, static_cast<int64_t>(at) - place);
+    take(at, length, {0, place, dense_item::old_image}, cost, static_cast<int64_t>(at) - place);
   }
 
   // All lengths, the long ones by doubling.
@@ -130,44 +168,108 @@ class item_parse {
   }
 
   const plan_images& images_;
-  const string_chains& chains_;
+  const string_places& places_;
   const old_reach& reach_;
   bool reads_new_;
   uint32_t begin_;
   uint32_t end_;
+  uint32_t passed_ = 0;  // steps up to here are settled
   std::vector<step> steps_;
 };
 
 }  // namespace
 
-uint32_t string_chains::hash_at(std::span<const uint8_t> image, uint32_t at) {
-  return (load_word(image.data() + at, ByteOrder::kLittle) * 2654435761U) >> (32 - kHashBits);
+uint32_t string_places::hash_at(std::span<const uint8_t> image, uint32_t at) const {
+  return (load_word(image.data() + at, ByteOrder::kLittle) * 2654435761U) >> (32 - hash_bits_);
 }
 
-string_chains::string_chains(const plan_images& images)
-    : images_(images),
-      old_heads_(size_t{1} << kHashBits, kNone),
-      before_old_(images.old_image.size(), kNone),
-      before_new_(images.new_image.size(), kNone) {
-  for (uint32_t at = 0; at + kStringBytes <= images.old_image.size(); ++at) {
-    uint32_t& head = old_heads_[hash_at(images.old_image, at)];
-    before_old_[at] = head;
-    head = at;
+// Notes the strings of the stored bytes; gives the number of these.
+uint64_t string_places::note_wanted(std::span<const dense_copy> copies) {
+  uint64_t stored = 0;
+  wanted_.assign(size_t{1} << hash_bits_, false);
+  uint32_t at = 0;
+  const auto note_up_to = [&](size_t end) {
+    for (; at < end; ++at, ++stored) {
+      if (at + kStringBytes <= images_.new_image.size()) {
+        wanted_[hash_at(images_.new_image, at)] = true;
+      }
+    }
+  };
+  for (const dense_copy& copy : copies) {
+    note_up_to(copy.target);
+    at = copy.target + copy.length;
   }
-  std::vector<uint32_t> heads(size_t{1} << kHashBits, kNone);
-  for (uint32_t at = 0; at + kStringBytes <= images.new_image.size(); ++at) {
-    uint32_t& head = heads[hash_at(images.new_image, at)];
-    before_new_[at] = head;
-    head = at;
-  }
+  note_up_to(images_.new_image.size());
+  return stored;
 }
 
-void append_items(const plan_images& images, const string_chains& chains, const old_reach& reach,
-                  bool reads_new, uint32_t begin, uint32_t end, int64_t shift,
-                  std::vector<dense_item>& items) {
-  if (begin != end) {
-    item_parse(images, chains, reach, reads_new, begin, end, shift).append(items);
+void string_places::fill(std::span<const uint8_t> image, places& of) const {
+  // Of a run of one byte its beginning: what is in it begins there as well.
+  constexpr size_t kRun = 16;
+  const auto each = [&](const auto& take) {
+    size_t run_begin = 0;
+    for (size_t at = 0; at + kStringBytes <= image.size(); ++at) {
+      run_begin = at != 0 && image[at] == image[at - 1] ? run_begin : at;
+      if (at % step_ != 0 || (at - run_begin > kRun && is_one_byte(&image[at]))) {
+        continue;
+      }
+      const uint32_t hash = hash_at(image, static_cast<uint32_t>(at));
+      if (wanted_[hash]) {
+        take(hash, static_cast<uint32_t>(at));
+      }
+    }
+  };
+  of.begin.assign((size_t{1} << hash_bits_) + 1, 0);
+  each([&](uint32_t hash, uint32_t) { ++of.begin[hash + 1]; });
+  for (size_t i = 1; i < of.begin.size(); ++i) {
+    of.begin[i] += of.begin[i - 1];
   }
+  of.all.resize(of.begin.back());
+  std::vector<uint32_t> next(of.begin.begin(), of.begin.end() - 1);
+  each([&](uint32_t hash, uint32_t at) { of.all[next[hash]++] = at; });
+}
+
+string_places::string_places(const plan_images& images, std::span<const dense_copy> copies)
+    : images_(images) {
+  const uint64_t both = images.old_image.size() + images.new_image.size();
+  hash_bits_ = std::clamp(static_cast<uint32_t>(std::bit_width(both)), 8U, 18U);
+  const uint64_t stored = note_wanted(copies);
+  // Most strings are wanted once there are some for each hash.
+  if (stored > (size_t{1} << hash_bits_) / 4) {
+    while (step_ < kLargestStep && both / step_ > kFewPlaces) {
+      step_ *= 2;
+    }
+  }
+  fill(images.old_image, old_);
+  fill(images.new_image, new_);
+  wanted_ = {};
+}
+
+std::span<const uint32_t> string_places::in_new(uint32_t at) const {
+  const std::span<const uint32_t> all = bucket(new_, hash_at(images_.new_image, at));
+  return all.first(static_cast<size_t>(std::lower_bound(all.begin(), all.end(), at) - all.begin()));
+}
+
+std::vector<dense_item> items_between(const plan_images& images, const old_reach& reach,
+                                      std::span<const dense_copy> copies, bool reads_new) {
+  const string_places places(images, copies);
+  std::vector<dense_item> items;
+  uint32_t at = 0;
+  int64_t shift = 0;
+  const auto store_up_to = [&](uint32_t end) {
+    while (at < end) {
+      const uint32_t part = at + std::min(end - at, kParsedAtOnce);
+      shift = item_parse(images, places, reach, reads_new, at, part, shift).append(items);
+      at = part;
+    }
+  };
+  for (const dense_copy& copy : copies) {
+    store_up_to(copy.target);
+    at = copy.target + copy.length;
+    shift = static_cast<int64_t>(copy.target) - copy.source;
+  }
+  store_up_to(static_cast<uint32_t>(images.new_image.size()));
+  return items;
 }
 
 }  // namespace kelvane

@@ -5,9 +5,10 @@
 // already, in the old image or in what is there of the new one.
 //
 // The cheapest way through is found with fixed costs: a byte 6.5 bits, a number some 1.2 bits for
-// each of its bits. Places to look at come from chains of equal strings of four bytes.
+// each of its bits. Places to look at come from an index of strings of four bytes.
 
-#include <functional>
+#include <span>
+#include <vector>
 
 #include "dense_plan.h"
 #include "dense_reach.h"
@@ -15,31 +16,46 @@
 
 namespace kelvane {
 
-// Chains through both images. The images stay in use.
-class string_chains {
- public:
-  explicit string_chains(const plan_images& images);
+inline constexpr uint32_t kStringBytes = 4;
 
-  static constexpr uint32_t kStringBytes = 4;
-  // The chains of the string at `at` of the new image, which has four bytes there.
-  uint32_t newest_old(uint32_t at) const { return old_heads_[hash_at(images_.new_image, at)]; }
-  uint32_t before_old(uint32_t place) const { return before_old_[place]; }
-  uint32_t before_new(uint32_t at) const { return before_new_[at]; }
-  static constexpr uint32_t kNone = 0xFFFFFFFF;
+// Where strings of four bytes stand in both images: those that stand in the bytes to be stored, and
+// no others, since most images are alike. Where these are many, every second or fourth place; a
+// match that begins ahead of such a place is found all the same.
+class string_places {
+ public:
+  // `copies` is what is not stored, by ascending target. The images stay in use.
+  string_places(const plan_images& images, std::span<const dense_copy> copies);
+
+  // The places of the string at `at` of the new image, which has four bytes there, or what has the
+  // same hash; they ascend. Of the new image those below `at`.
+  std::span<const uint32_t> in_old(uint32_t at) const {
+    return bucket(old_, hash_at(images_.new_image, at));
+  }
+  std::span<const uint32_t> in_new(uint32_t at) const;
+  uint32_t step() const { return step_; }  // places are multiples of it
 
  private:
-  static uint32_t hash_at(std::span<const uint8_t> image, uint32_t at);
+  struct places {
+    std::vector<uint32_t> begin;  // by hash
+    std::vector<uint32_t> all;
+  };
+  uint32_t hash_at(std::span<const uint8_t> image, uint32_t at) const;
+  static std::span<const uint32_t> bucket(const places& of, uint32_t hash) {
+    return std::span(of.all).subspan(of.begin[hash], of.begin[hash + 1] - of.begin[hash]);
+  }
+  uint64_t note_wanted(std::span<const dense_copy> copies);
+  void fill(std::span<const uint8_t> image, places& of) const;
 
   plan_images images_;
-  std::vector<uint32_t> old_heads_;
-  std::vector<uint32_t> before_old_;
-  std::vector<uint32_t> before_new_;
+  uint32_t hash_bits_ = 18;
+  uint32_t step_ = 1;
+  std::vector<bool> wanted_;  // by hash, while the places are gathered
+  places old_;
+  places new_;
 };
 
-// Appends the items for the bytes from `begin` to `end` of the new image. `shift`: of the copy in
-// front.
-void append_items(const plan_images& images, const string_chains& chains, const old_reach& reach,
-                  bool reads_new, uint32_t begin, uint32_t end, int64_t shift,
-                  std::vector<dense_item>& items);
+// Items for the bytes of no copy, in order. `copies` by ascending target.
+std::vector<dense_item> items_between(const plan_images& images, const old_reach& reach,
+                                      std::span<const dense_copy> copies, bool reads_new);
 
 }  // namespace kelvane

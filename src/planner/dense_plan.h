@@ -45,11 +45,12 @@ struct dense_copy {
   uint32_t length = 0;
 };
 
-// What lies between copies: a byte, or bytes that are somewhere already.
+// What lies between copies: bytes as they are, or bytes that are somewhere already.
 struct dense_item {
-  uint32_t length = 0;  // 0: the next byte of the new image
-  uint32_t from = 0;
-  bool is_new = false;  // from the new image, not from the old one
+  enum source : uint8_t { literal, old_image, new_image };
+  uint32_t length = 0;
+  uint32_t from = 0;  // the place in that image
+  source kind = literal;
 };
 
 // The old page `page`, which changes, lies in `slot` from when it is saved until page `last_use`

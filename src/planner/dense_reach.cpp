@@ -52,6 +52,11 @@ device_pages::device_pages(const plan_images& images, const flash_geometry& geom
       count = 0;
     }
   }
+  for (const uint32_t page : at_hand_) {
+    const uint32_t gone =
+        geometry.ring_pages == 0 || page < geometry.ring_pages ? 0 : page + 1 - geometry.ring_pages;
+    gone_below_.push_back(gone * geometry.page_size);
+  }
 }
 
 old_reach::old_reach(const plan_images& images, const flash_geometry& geometry)
@@ -59,22 +64,15 @@ old_reach::old_reach(const plan_images& images, const flash_geometry& geometry)
       old_size_(static_cast<uint32_t>(images.old_image.size())),
       new_size_(static_cast<uint32_t>(images.new_image.size())) {}
 
-uint32_t old_reach::readable(int64_t place, uint32_t at, uint32_t length) const {
-  if (place < 0 || place >= old_size_) {
-    return 0;
-  }
+uint32_t old_reach::readable_by_pages(int64_t place, uint32_t at, uint32_t length) const {
   const auto first = static_cast<uint32_t>(place);
-  length = std::min(length, old_size_ - first);
-  if (pages_.geometry().ring_pages == 0) {
-    return length;
-  }
+  const uint32_t page_size = pages_.geometry().page_size;
   uint32_t fits = 0;
   bool is_cut = false;
-  for_pages(pages_.geometry().page_size, first, at, length,
-            [&](uint32_t page, uint32_t for_page, uint32_t piece) {
-              is_cut = is_cut || !page_is_readable(page, for_page);
-              fits += is_cut ? 0 : piece;
-            });
+  for_pages(page_size, first, at, length, [&](uint32_t page, uint32_t for_page, uint32_t piece) {
+    is_cut = is_cut || !page_is_readable(page, for_page);
+    fits += is_cut ? 0 : piece;
+  });
   return fits;
 }
 
@@ -177,11 +175,10 @@ std::vector<kept_page> pages_to_keep(const dense_plan& plan, const device_pages&
   };
   pass_copies();
   for (const dense_item& item : plan.items) {
-    const uint32_t length = std::max(item.length, 1U);
-    if (item.length != 0 && !item.is_new) {
-      note(item.from, at, length);
+    if (item.kind == dense_item::old_image) {
+      note(item.from, at, item.length);
     }
-    at += length;
+    at += item.length;
     pass_copies();
   }
   std::vector<uint32_t> busy_until;  // by slot: the last page for which it is read

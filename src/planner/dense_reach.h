@@ -3,6 +3,7 @@
 
 // Which old bytes the device can still read while it computes a byte of the new image.
 
+#include <algorithm>
 #include <span>
 #include <vector>
 
@@ -24,6 +25,11 @@ class device_pages {
   // checkpoints the last one that changes ahead of the next checkpoint, since after a loss of power
   // all since the last one is computed again.
   uint32_t at_hand(uint32_t page) const { return at_hand_[page]; }
+  // Whether everything from an old place on is still there, or in the ring, when the byte at `at`
+  // of the new image is computed. Quicker than asking for each page.
+  bool is_not_gone(uint32_t place, uint32_t at) const {
+    return place >= gone_below_[at / geometry_.page_size];
+  }
   // Whether the old contents of a page are where they were, or in the ring, then.
   bool is_at_hand(uint32_t old_page, uint32_t page) const {
     return geometry_.ring_pages == 0 || old_page + geometry_.ring_pages > at_hand(page) ||
@@ -34,6 +40,7 @@ class device_pages {
   flash_geometry geometry_;
   std::vector<bool> changes_;
   std::vector<uint32_t> at_hand_;
+  std::vector<uint32_t> gone_below_;  // by page of the new image: an old place
 };
 
 class old_reach {
@@ -45,7 +52,15 @@ class old_reach {
   // How many of `length` old bytes from `place` on can be read if each is read for the new byte at
   // the same distance from `at`, before the first that can't or lies outside the old image. What
   // can be read for a byte can be read for every earlier one.
-  uint32_t readable(int64_t place, uint32_t at, uint32_t length) const;
+  uint32_t readable(int64_t place, uint32_t at, uint32_t length) const {
+    if (place < 0 || place >= old_size_) {
+      return 0;
+    }
+    length = std::min(length, old_size_ - static_cast<uint32_t>(place));
+    return length == 0 || pages_.is_not_gone(static_cast<uint32_t>(place), at + length - 1)
+               ? length
+               : readable_by_pages(place, at, length);
+  }
 
   // Chooses the pages to keep: those from which `stretches` would take most bytes that nothing else
   // holds, as long as the slots suffice.
@@ -55,6 +70,7 @@ class old_reach {
   std::vector<dense_copy> readable_copies(std::span<const shift_stretch> stretches) const;
 
  private:
+  uint32_t readable_by_pages(int64_t place, uint32_t at, uint32_t length) const;
   std::vector<dense_copy> readable_copies_anywhere(std::span<const shift_stretch> stretches) const;
   bool page_is_readable(uint32_t page, uint32_t for_page) const {
     return pages_.is_at_hand(page, for_page) ||

@@ -2,6 +2,7 @@
 #include "dense_search.h"
 
 #include <algorithm>
+#include <array>
 #include <stdexcept>
 
 #include "dense_base.h"
@@ -18,6 +19,8 @@ namespace {
 constexpr uint32_t kLeastEntry = 12;       // bytes of a copy that goes into the map
 constexpr size_t kLargeImage = 1U << 20U;  // from here on normal effort makes fewer tries
 constexpr uint32_t kFirstBlockBits = 60;
+constexpr size_t kFewMachines = 3;  // that are tried on images far apart
+constexpr size_t kSlack = 32;       // bytes in which small payloads may differ by chance
 
 struct try_settings {
   uint32_t block_bits = 50;
@@ -57,8 +60,40 @@ struct candidate {
   bool is_made() const { return !payload.empty(); }
 };
 
+// A machine that may be the right one, and what the rounds so far have told of it.
+struct contender {
+  dense_options options;
+  dense_knowledge knowledge;
+  std::vector<int64_t> kept_shifts;
+  candidate best;
+};
+
 bool is_smaller(const candidate& first, const candidate& second) {
   return first.is_made() && (!second.is_made() || first.size() < second.size());
+}
+
+// Whether few strings of the new image are found in the old one. Then it does not pay to look for
+// more at every place, which takes most of the time.
+bool are_far_apart(const plan_images& images, const string_seeds& seeds) {
+  constexpr size_t kStep = 64;  // from one string to the next
+  size_t looked_for = 0;
+  size_t found = 0;
+  for (size_t at = 0; at + kSeedBytes + 4 <= images.new_image.size(); at += kStep) {
+    const auto is_there = [&](const uint8_t* bytes) {
+      const auto places = seeds.places(bytes);
+      return std::any_of(places.begin(), places.end(), [&](uint32_t place) {
+        return std::equal(bytes, bytes + kSeedBytes, images.old_image.data() + place);
+      });
+    };
+    const uint8_t* const bytes = &images.new_image[at];
+    if (std::equal(bytes, bytes + kSeedBytes, bytes + 1)) {
+      continue;  // one byte repeated has no seed
+    }
+    ++looked_for;
+    // Seeds stand at multiples of 4 of the old image.
+    found += is_there(bytes) || is_there(bytes + 1) || is_there(bytes + 2) || is_there(bytes + 3);
+  }
+  return found * 4 < looked_for;
 }
 
 class search {
@@ -66,9 +101,10 @@ class search {
   explicit search(const dense_request& request)
       : request_(request),
         images_(request.images),
+        checksums_(checksums_of(images_)),
         reach_(images_, request.geometry),
         strings_(images_.old_image),
-        chains_(images_) {}
+        is_far_apart_(are_far_apart(images_, strings_)) {}
 
   dense_update run();
 
@@ -79,29 +115,33 @@ class search {
   dense_options options_for(const dense_target& target) const {
     return {target, request_.model, true, request_.reads_new};
   }
-  std::vector<shift_stretch> align(const dense_options& options, const difference_seeds& seeds,
-                                   const dense_knowledge& knowledge, const try_settings& settings,
+  // The seeds of differences of the order have been made.
+  std::vector<shift_stretch> align(const dense_options& options, const dense_knowledge& knowledge,
+                                   const try_settings& settings,
                                    std::span<const int64_t> kept_shifts) const;
   dense_plan plan_of(std::span<const shift_stretch> stretches, bool reads_new) const;
   void write(candidate& made) const {
-    made.payload = write_dense(images_, made.plan, made.options);
+    made.payload = write_dense(images_, checksums_, made.plan, made.options);
   }
   std::vector<shift_stretch> first_alignment();
   std::vector<dense_options> likely_options(std::span<const shift_stretch> stretches) const;
-  candidate rounds(const dense_options& options, const effort_settings& settings) const;
+  void next_round(std::vector<contender>& contenders, const effort_settings& settings);
+  void take_winner(contender& contender, candidate& winner) const;
+  const difference_seeds& seeds_of(ByteOrder order);
   void try_other_base(candidate& best) const;
   void try_without_differences(candidate& best) const;
   void try_without_new(candidate& best) const;
 
   const dense_request& request_;
   const plan_images& images_;
+  image_checksums checksums_;
   old_reach reach_;
   string_seeds strings_;
-  string_chains chains_;
+  bool is_far_apart_;
+  std::array<std::optional<difference_seeds>, 2> differences_;  // by order, those asked for
 };
 
 std::vector<shift_stretch> search::align(const dense_options& options,
-                                         const difference_seeds& seeds,
                                          const dense_knowledge& knowledge,
                                          const try_settings& settings,
                                          std::span<const int64_t> kept_shifts) const {
@@ -110,13 +150,13 @@ std::vector<shift_stretch> search::align(const dense_options& options,
   input.images = images_;
   input.order = options.target.data_order;
   input.strings = &strings_;
-  input.differences = &seeds;
+  input.differences = &*differences_[input.order == ByteOrder::kBig ? 1 : 0];
   input.prices = &knowledge.prices;
   input.pricing = &costs;
   alignment_settings alignment;
   alignment.block_bits = settings.block_bits;
   alignment.stored_word_bits = settings.stored_word_bits;
-  alignment.proposes_on_grid = true;
+  alignment.proposes_on_grid = !is_far_apart_;
   alignment.enter_stored_bits = 20;
   alignment.enter_zero_bits = settings.block_bits;
   alignment.kept_shifts.assign(kept_shifts.begin(), kept_shifts.end());
@@ -126,15 +166,7 @@ std::vector<shift_stretch> search::align(const dense_options& options,
 dense_plan search::plan_of(std::span<const shift_stretch> stretches, bool reads_new) const {
   dense_plan plan;
   plan.copies = reach_.readable_copies(stretches);
-  uint32_t at = 0;
-  int64_t shift = 0;
-  for (const dense_copy& copy : plan.copies) {
-    append_items(images_, chains_, reach_, reads_new, at, copy.target, shift, plan.items);
-    at = copy.target + copy.length;
-    shift = static_cast<int64_t>(copy.target) - copy.source;
-  }
-  append_items(images_, chains_, reach_, reads_new, at, size_of(images_.new_image), shift,
-               plan.items);
+  plan.items = items_between(images_, reach_, plan.copies, reads_new);
   std::vector<dense_copy> longest;
   for (const dense_copy& copy : plan.copies) {
     if (copy.length >= kLeastEntry) {
@@ -161,20 +193,20 @@ std::vector<shift_stretch> search::first_alignment() {
   flash_geometry anything = request_.geometry;
   anything.ring_pages = 0;
   const dense_options plain = options_for({});
-  const difference_seeds seeds(images_.old_image, ByteOrder::kLittle);
+  seeds_of(plain.target.data_order);
   const try_settings settings = {kFirstBlockBits, 16};
   old_reach restricted = reach_;
   reach_ = old_reach(images_, anything);
-  std::vector<shift_stretch> stretches = align(plain, seeds, {}, settings, {});
+  std::vector<shift_stretch> stretches = align(plain, {}, settings, {});
   reach_ = restricted;
   if (request_.geometry.ring_pages == 0) {
     return stretches;
   }
   reach_.choose_kept(stretches);
-  return align(plain, seeds, {}, settings, {});
+  return align(plain, {}, settings, {});
 }
 
-// The best of each machine whose payload is not half as large again as the smallest.
+// The best of each machine whose copies do not take half as much again as the smallest.
 std::vector<dense_options> search::likely_options(std::span<const shift_stretch> stretches) const {
   struct guess {
     candidate made;
@@ -197,7 +229,7 @@ std::vector<dense_options> search::likely_options(std::span<const shift_stretch>
   std::vector<size_t> sizes(all.size());
   run_tasks(all.size(), request_.jobs, [&](size_t i) {
     all[i].target.base = likely_base(images_, plan.copies, all[i].target);
-    sizes[i] = write_dense(images_, plan, all[i]).size();
+    sizes[i] = estimate_dense(images_, plan, all[i]);
   });
   std::vector<size_t> order(all.size());
   for (size_t i = 0; i < order.size(); ++i) {
@@ -210,7 +242,8 @@ std::vector<dense_options> search::likely_options(std::span<const shift_stretch>
     const bool is_seen = std::any_of(likely.begin(), likely.end(), [&](const dense_options& other) {
       return other.target.machine == all[i].target.machine;
     });
-    if (!is_seen && sizes[i] * 2 < sizes[order.front()] * 3) {
+    if (!is_seen && likely.size() < (is_far_apart_ ? kFewMachines : all.size()) &&
+        sizes[i] * 2 < sizes[order.front()] * 3 + kSlack) {
       likely.push_back(all[i]);
     }
   }
@@ -251,33 +284,48 @@ void search::try_without_new(candidate& best) const {
   }
 }
 
-candidate search::rounds(const dense_options& options, const effort_settings& settings) const {
-  const difference_seeds seeds(images_.old_image, options.target.data_order);
-  candidate best;
-  dense_options current = options;
-  dense_knowledge knowledge;
-  std::vector<int64_t> kept_shifts;
-  for (uint32_t round = 0; round < settings.rounds; ++round) {
-    std::vector<candidate> made(settings.tries.size());
-    run_tasks(made.size(), request_.jobs, [&](size_t i) {
-      made[i].options = current;
-      made[i].stretches = align(current, seeds, knowledge, settings.tries[i], kept_shifts);
-      made[i].plan = plan_of(made[i].stretches, current.reads_new);
-      write(made[i]);
-    });
-    candidate& winner = *std::min_element(made.begin(), made.end(), is_smaller);
-    if (!request_.base_is_known) {
-      try_other_base(winner);
-      current = winner.options;
-    }
-    knowledge.map = winner.plan.map;
-    knowledge.prices = difference_prices(images_, current.target.data_order, winner.plan.copies);
-    kept_shifts = widest_shifts(winner.stretches);
-    if (is_smaller(winner, best)) {
-      best = std::move(winner);
-    }
+const difference_seeds& search::seeds_of(ByteOrder order) {
+  std::optional<difference_seeds>& seeds = differences_[order == ByteOrder::kBig ? 1 : 0];
+  if (!seeds) {
+    seeds.emplace(images_.old_image, order);
   }
-  return best;
+  return *seeds;
+}
+
+// All tries of all contenders share the threads.
+void search::next_round(std::vector<contender>& contenders, const effort_settings& settings) {
+  const size_t tries = settings.tries.size();
+  std::vector<candidate> made(contenders.size() * tries);
+  for (const contender& each : contenders) {
+    seeds_of(each.options.target.data_order);
+  }
+  run_tasks(made.size(), request_.jobs, [&](size_t i) {
+    const contender& from = contenders[i / tries];
+    made[i].options = from.options;
+    made[i].stretches =
+        align(from.options, from.knowledge, settings.tries[i % tries], from.kept_shifts);
+    made[i].plan = plan_of(made[i].stretches, from.options.reads_new);
+    write(made[i]);
+  });
+  for (size_t i = 0; i < contenders.size(); ++i) {
+    const auto first = made.begin() + static_cast<ptrdiff_t>(i * tries);
+    take_winner(contenders[i],
+                *std::min_element(first, first + static_cast<ptrdiff_t>(tries), is_smaller));
+  }
+}
+
+void search::take_winner(contender& contender, candidate& winner) const {
+  if (!request_.base_is_known) {
+    try_other_base(winner);
+    contender.options = winner.options;
+  }
+  contender.knowledge.map = winner.plan.map;
+  contender.knowledge.prices =
+      difference_prices(images_, winner.options.target.data_order, winner.plan.copies);
+  contender.kept_shifts = widest_shifts(winner.stretches);
+  if (is_smaller(winner, contender.best)) {
+    contender.best = std::move(winner);
+  }
 }
 
 dense_update search::run() {
@@ -293,13 +341,29 @@ dense_update search::run() {
     }
   }
   const effort_settings settings = settings_for(request_.effort, images_.new_image.size());
-  candidate best;
+  std::vector<contender> contenders;
   for (const dense_options& options : likely) {
-    candidate made = rounds(options, settings);
-    if (is_smaller(made, best)) {
-      best = std::move(made);
-    }
+    contenders.push_back({options, {}, {}, {}});
   }
+  const auto by_best = [](const contender& first, const contender& second) {
+    return is_smaller(first.best, second.best);
+  };
+  for (uint32_t round = 0; round < settings.rounds; ++round) {
+    next_round(contenders, settings);
+    // What is 5 % behind, and some bytes, does not catch up, but that the first round, without a
+    // map, shows little.
+    if (round == 0 && !is_far_apart_) {
+      continue;
+    }
+    const size_t least =
+        std::min_element(contenders.begin(), contenders.end(), by_best)->best.size();
+    contenders.erase(std::remove_if(contenders.begin(), contenders.end(),
+                                    [&](const contender& each) {
+                                      return each.best.size() * 20 > least * 21 + 20 * kSlack;
+                                    }),
+                     contenders.end());
+  }
+  candidate best = std::move(std::min_element(contenders.begin(), contenders.end(), by_best)->best);
   try_without_differences(best);
   try_without_new(best);
   dense_update update;

@@ -46,23 +46,46 @@ class payload_writer {
         decoder_(model_.decoder()),
         coder_(decoder_, coded_) {}
 
-  std::vector<uint8_t> write() {
-    write_header();
+  std::vector<uint8_t> write(const image_checksums& checksums) {
+    write_header(checksums);
     write_map();
     write_commands();
+    return finish();
+  }
+
+  // The map and the tokens of copies, in one of `share` pieces of the new image.
+  size_t estimate(uint32_t share) {
+    write_map();
+    for (const dense_copy& copy : plan_.copies) {
+      uint32_t done = 0;
+      while (done < copy.length) {
+        const uint32_t at = copy.target + done;
+        const uint32_t piece = std::min(copy.length - done, kPiece - at % kPiece);
+        if (at / kPiece % share == 0) {
+          write_tokens({copy.source + done, at, piece});
+        }
+        done += piece;
+      }
+    }
+    return finish().size();
+  }
+
+ private:
+  static constexpr uint32_t kPiece = 1U << 14U;
+
+  std::vector<uint8_t> finish() {
     coder_.finish();
     payload_.insert(payload_.end(), coded_.begin(), coded_.end());
     return std::move(payload_);
   }
-
- private:
-  void write_header();
+  void write_header(const image_checksums& checksums);
   void write_map();
   void write_commands();
   void write_command(uint32_t literals, const dense_copy& copy);
   void write_items(uint32_t end);
   void write_match(const dense_item& item);
   void write_copy(const dense_copy& copy);
+  void write_tokens(const dense_copy& copy);
   uint32_t write_token(uint32_t source, uint32_t position, uint32_t left);
   void write_value(const kelvane_dense_token& token, uint32_t position, uint32_t value);
   uint32_t new_value(uint32_t position, const kelvane_dense_token& token) const;
@@ -84,7 +107,7 @@ class payload_writer {
   size_t next_entry_ = 0;
 };
 
-void payload_writer::write_header() {
+void payload_writer::write_header(const image_checksums& checksums) {
   const uint32_t base = options_.target.base;
   const uint32_t nibbles =
       base == 0 ? 0 : std::min(7U, static_cast<uint32_t>(std::countr_zero(base)) / 4);
@@ -95,8 +118,8 @@ void payload_writer::write_header() {
               static_cast<uint32_t>(info.differences) << 7U);
   header.byte(info.machine | static_cast<uint32_t>(info.code_big_endian) << 3U |
               static_cast<uint32_t>(info.data_big_endian) << 4U | nibbles << 5U);
-  header.word(checksum_of(images_.old_image));
-  header.word(checksum_of(images_.new_image));
+  header.word(checksums.old_image);
+  header.word(checksums.new_image);
   header.number(info.new_size);
   const uint32_t change = info.old_size - info.new_size;
   header.number(change << 1U ^ (0U - (change >> 31U)));
@@ -177,9 +200,10 @@ void payload_writer::write_command(uint32_t literals, const dense_copy& copy) {
 
 void payload_writer::write_match(const dense_item& item) {
   kelvane_dense_model& model = decoder_.state.model;
-  coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_C_MATCH_NEW, 0), item.is_new);
-  coder_.number(KELVANE_DENSE_C_OLD_LENGTH + (item.is_new ? 1U : 0U), item.length - 2);
-  if (item.is_new) {
+  const bool is_new = item.kind == dense_item::new_image;
+  coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_C_MATCH_NEW, 0), is_new);
+  coder_.number(KELVANE_DENSE_C_OLD_LENGTH + (is_new ? 1U : 0U), item.length - 2);
+  if (is_new) {
     const uint32_t distance = position_ - item.from;
     const bool is_same = distance == model.match_distance;
     coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_C_SAME_DISTANCE, 0), is_same);
@@ -199,16 +223,20 @@ void payload_writer::write_match(const dense_item& item) {
 
 void payload_writer::write_items(uint32_t end) {
   uint8_t& matches = decoder_.state.model.matches;
-  for (; position_ < end; ++item_) {
-    const bool is_match = item_->length != 0;
+  const auto tell = [&](bool is_match) {
     coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_C_MATCH, matches), is_match);
     matches = static_cast<uint8_t>((matches * 2U + (is_match ? 1U : 0U)) & 7U);
-    if (is_match) {
+  };
+  for (; position_ < end; ++item_) {
+    if (item_->kind != dense_item::literal) {
+      tell(true);
       write_match(*item_);
       position_ += item_->length;
-    } else {
+      continue;
+    }
+    for (uint32_t i = 0; i < item_->length; ++i, ++position_) {
+      tell(false);
       coder_.literal(position_, images_.new_image[position_]);
-      ++position_;
     }
   }
 }
@@ -307,11 +335,15 @@ uint32_t payload_writer::write_token(uint32_t source, uint32_t position, uint32_
 void payload_writer::write_copy(const dense_copy& copy) {
   kelvane_dense_note_shift(&decoder_.state.model, copy.target - copy.source);
   source_end_ = copy.source + copy.length;
+  write_tokens(copy);
+  position_ += copy.length;
+}
+
+void payload_writer::write_tokens(const dense_copy& copy) {
   uint32_t done = 0;
   while (done < copy.length) {
     done += write_token(copy.source + done, copy.target + done, copy.length - done);
   }
-  position_ += copy.length;
 }
 
 void payload_writer::write_commands() {
@@ -329,9 +361,20 @@ void payload_writer::write_commands() {
 
 }  // namespace
 
-std::vector<uint8_t> write_dense(const plan_images& images, const dense_plan& plan,
-                                 const dense_options& options) {
-  return payload_writer(images, plan, options).write();
+image_checksums checksums_of(const plan_images& images) {
+  return {checksum_of(images.old_image), checksum_of(images.new_image)};
+}
+
+std::vector<uint8_t> write_dense(const plan_images& images, const image_checksums& checksums,
+                                 const dense_plan& plan, const dense_options& options) {
+  return payload_writer(images, plan, options).write(checksums);
+}
+
+size_t estimate_dense(const plan_images& images, const dense_plan& plan,
+                      const dense_options& options) {
+  constexpr size_t kLarge = 1U << 19U;
+  return payload_writer(images, plan, options)
+      .estimate(static_cast<uint32_t>(images.new_image.size() / kLarge + 1));
 }
 
 }  // namespace kelvane

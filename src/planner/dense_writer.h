@@ -11,8 +11,19 @@
 
 namespace kelvane {
 
+struct image_checksums {
+  uint32_t old_image = 0;
+  uint32_t new_image = 0;
+};
+image_checksums checksums_of(const plan_images& images);
+
 // The payload. `plan` covers the new image, and its map has 65535 entries at most.
-std::vector<uint8_t> write_dense(const plan_images& images, const dense_plan& plan,
-                                 const dense_options& options);
+std::vector<uint8_t> write_dense(const plan_images& images, const image_checksums& checksums,
+                                 const dense_plan& plan, const dense_options& options);
+
+// What a payload would take for the map and for some of what is copied, in bytes: enough to choose
+// between machines. Of large images it looks at an even share.
+size_t estimate_dense(const plan_images& images, const dense_plan& plan,
+                      const dense_options& options);
 
 }  // namespace kelvane

@@ -322,7 +322,7 @@ TEST(DenseProofTest, WhatCanBeReadIsWhatTheDeviceHasWhenTheGroupEnds) {
     dense_plan plan;
     plan.copies = {{0, 0, 192}, {pages.source * 64, 192, 64}};
     const plan_images images = {old_image, new_image};
-    const Bytes payload = write_dense(images, plan, {});
+    const Bytes payload = write_dense(images, checksums_of(images), plan, {});
     const std::string fault =
         fault_of_dense(images, payload, pages.kept, {64, pages.ring, 1, pages.checkpoint});
     EXPECT_EQ(fault, pages.is_readable ? "" : "it reads what the device has not kept");
@@ -411,13 +411,14 @@ TEST(DenseFormatTest, TheWorkedPayloadIsWhatTheFormatPageShows) {
   dense_plan plan;
   plan.copies = {{0, 0, 8}, {8, 12, 16}};
   plan.map = {{0, 0, 8}, {8, 12, 16}};
-  plan.items.resize(4);
+  plan.items = {{4, 0, dense_item::literal}};
   dense_options options;
   options.target.base = 0x1000;
   options.model = 0;
   options.reads_new = false;
   options.differences = false;
-  const Bytes payload = write_dense({old_image, new_image}, plan, options);
+  const plan_images images = {old_image, new_image};
+  const Bytes payload = write_dense(images, checksums_of(images), plan, options);
   EXPECT_EQ(plain_dense_decode(old_image, payload, kLargest), new_image);
   EXPECT_EQ(payload, (Bytes{0x01, 0x60, 0x59, 0x3C, 0x04, 0xA9, 0x30, 0x3B, 0xE2, 0x21, 0x1C,
                             0x07, 0x01, 0x02, 0xF8, 0xF1, 0xA6, 0x0D, 0x34, 0x97, 0xB0, 0x3C}));
