@@ -114,7 +114,8 @@ TEST(FlashDense, AnUpdateCutAtAnyOperationEndsInTheNewImage) {
                         {"mips", patched(mips, 120), {1024, 2, 2}, 8, false},
                         {"riscv", moved(riscv, 300), {4096, 2, 2}, 4, true},
                         {"none", patched(none, 60), {256, 2, 2}, 16, true},
-                        {"small", moved(kThumb, 90), {4096, 1, 0}, 8, false}};
+                        {"one by one", patched(mips, 70), {256, 2, 2}, 1, true},
+                        {"few pages", moved(kThumb, 90), {4096, 1, 0}, 8, false}};
   const bool is_long = runs_asked_for() > 1;
   uint64_t cuts = 0;
   uint64_t kept = 0;
