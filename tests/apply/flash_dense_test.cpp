@@ -164,7 +164,7 @@ TEST(FlashDense, RefusesAPlanThatDoesNotKeepWhatIsRead) {
     EXPECT_EQ(run([](DenseBundle&) {}), KELVANE_APPLY_OK);
     EXPECT_EQ(run([](DenseBundle& bundle) { bundle.plan.kept.pop_back(); }),
               KELVANE_UPDATE_BAD_PLAN);
-    EXPECT_EQ(run([](DenseBundle& bundle) { bundle.plan.ring = 1; }), KELVANE_UPDATE_BAD_PLAN);
+    EXPECT_EQ(run([](DenseBundle& bundle) { --bundle.plan.ring; }), KELVANE_UPDATE_BAD_PLAN);
     EXPECT_EQ(run([](DenseBundle& bundle) { bundle.parts.checkpoint = 0; }),
               KELVANE_UPDATE_OTHER_KIND);
     EXPECT_EQ(run([](DenseBundle& bundle) { bundle.parts.payload[0] ^= 3; }),
