@@ -114,7 +114,8 @@ typedef struct kelvane_update {
   uint32_t states;  // address of the first checkpoint
   uint32_t state_pages;
   uint32_t page;        // the page of the step
-  uint32_t ring_base;   // the last page from here down that lies at the start of the ring
+  uint32_t number;      // its own, counted in pages that change
+  uint32_t ring_base;   // the last number from there down that lies at the start of the ring
   uint32_t found_page;  // the old page looked up last in this step, and where it is
   uint32_t found_place;
   uint32_t decoded;   // a payload with a state: the window that comes next

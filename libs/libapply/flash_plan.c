@@ -1,30 +1,57 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "flash_apply_internal.h"
 
-// The plan is read where it lies. What could not be fetched once the plan was opened is told by
-// `plan_lost`, for what comes of it must not be used.
+// The plan is read where it lies. What is wrong with it, or could not be fetched later on, is told
+// by `plan_lost`, for what comes of it must not be used.
+
+static void lose(kelvane_update* update, int code) {
+  update->plan_lost = (uint8_t)code;
+}
 
 static uint32_t number_at(kelvane_update* update, uint32_t* position) {
   uint32_t value;
   const int code = kelvane_bundle_number(&update->plan, position, &value);
   if (code != KELVANE_BUNDLE_OK) {
-    update->plan_lost =
-        code == KELVANE_BUNDLE_FETCH ? KELVANE_APPLY_FETCH_FAILED : KELVANE_UPDATE_BAD_PLAN;
-    value = 0;
+    lose(update,
+         code == KELVANE_BUNDLE_FETCH ? KELVANE_APPLY_FETCH_FAILED : KELVANE_UPDATE_BAD_PLAN);
+    return 0;
   }
   return value;
 }
 
-// ---- Stretches of pages -------------------------------------------------------------------------
+// ---- Lists --------------------------------------------------------------------------------------
 
-// Takes the next stretch of a list: pages from the end of the last one (behind the first stretch
-// one less, for there are some between them), pages less 1.
-static void next_stretch(kelvane_update* update, kelvane_plan_stretch* at) {
+// Takes the next entry of a list: its first page lies so many pages behind that of the last entry
+// and as many as its first number says. Gives its second number. Both are less than the pages of
+// the image, which are what all entries lie in.
+static uint32_t next_entry(kelvane_update* update, kelvane_plan_stretch* at, uint32_t behind) {
+  const uint32_t pages = update->flash->image_pages;
   const uint32_t gap = number_at(update, &at->next);
-  at->before += at->pages;
-  at->first += at->pages + gap + (at->pages > 0);
-  at->pages = number_at(update, &at->next) + 1;
+  const uint32_t second = number_at(update, &at->next);
+  at->first += behind + gap;
   --at->left;
+  if (gap >= pages || second >= pages || at->first >= pages) {
+    lose(update, KELVANE_UPDATE_BAD_PLAN);
+  }
+  return second;
+}
+
+// A stretch: pages between the last one and this one (behind the first one less, for there are
+// some), pages less 1.
+static void next_stretch(kelvane_update* update, kelvane_plan_stretch* at) {
+  const uint32_t behind = at->pages + (at->pages > 0);
+  at->before += at->pages;
+  at->pages = next_entry(update, at, behind) + 1;
+  if (at->pages > update->flash->image_pages - at->first) {
+    lose(update, KELVANE_UPDATE_BAD_PLAN);
+  }
+}
+
+// A kept page: pages between the last one and this one, slot.
+static uint32_t next_kept(kelvane_update* update, kelvane_plan_stretch* at) {
+  const uint32_t behind = at->pages;
+  at->pages = 1;
+  return next_entry(update, at, behind);
 }
 
 static kelvane_plan_stretch start_of(const kelvane_plan_list* list) {
@@ -74,114 +101,72 @@ int kelvane_plan_has(kelvane_update* update, uint32_t page) {
 
 // ---- Opening ------------------------------------------------------------------------------------
 
-// Checks a list of stretches and goes behind it. Gives a code.
-static int open_stretches(kelvane_update* update, uint32_t* position, kelvane_plan_list* list) {
-  const uint32_t pages = update->flash->image_pages;
+// Checks a list and goes behind it.
+static void open_list(kelvane_update* update, uint32_t* position, kelvane_plan_list* list,
+                      int is_kept) {
   kelvane_plan_stretch at;
   list->at = *position;
   at = start_of(list);
-  while (at.left > 0) {
-    uint32_t peek = at.next;
-    const uint32_t gap = number_at(update, &peek);
-    const uint32_t count = number_at(update, &peek);
-    if (update->plan_lost != KELVANE_APPLY_OK) {
-      return update->plan_lost;
-    }
-    if (gap >= pages || count >= pages) {
-      return KELVANE_UPDATE_BAD_PLAN;
-    }
-    next_stretch(update, &at);
-    if (at.first + at.pages > pages) {
-      return KELVANE_UPDATE_BAD_PLAN;
+  while (at.left > 0 && update->plan_lost == KELVANE_APPLY_OK) {
+    if (!is_kept) {
+      next_stretch(update, &at);
+    } else if (next_kept(update, &at) >= update->slots) {
+      lose(update, KELVANE_UPDATE_BAD_PLAN);
     }
   }
   *position = at.next;
-  return KELVANE_APPLY_OK;
 }
 
-static int open_kept(kelvane_update* update, uint32_t* position) {
-  uint32_t page = 0;
+// Every page that changes or is kept has to lie in a range. Counts those that change.
+static void check_pages(kelvane_update* update) {
+  kelvane_plan_stretch kept = start_of(&update->kept);
+  int inside = 1;
   uint32_t i;
-  update->slots = update->kept.count > 0 ? number_at(update, position) : 0;
-  update->kept.at = *position;
-  for (i = 0; i < update->kept.count; ++i) {
-    const uint32_t gap = number_at(update, position);
-    const uint32_t slot = number_at(update, position);
-    if (update->plan_lost != KELVANE_APPLY_OK) {
-      return update->plan_lost;
-    }
-    page += gap;
-    if (gap >= update->flash->image_pages || page >= update->flash->image_pages ||
-        slot >= update->slots) {
-      return KELVANE_UPDATE_BAD_PLAN;
-    }
-    ++page;
-  }
-  return KELVANE_APPLY_OK;
-}
-
-// Every page that changes or is kept has to lie in a range.
-static int check_ranges(kelvane_update* update) {
-  uint32_t position = update->kept.at;
-  uint32_t page = 0;
-  uint32_t i;
-  if (update->ranges.count == 0) {
-    return KELVANE_APPLY_OK;
-  }
-  for (i = 0; i < update->kept.count; ++i, ++page) {
-    page += number_at(update, &position);
-    number_at(update, &position);
-    if (!kelvane_plan_has(update, page)) {
-      return KELVANE_UPDATE_BAD_PLAN;
-    }
+  while (kept.left > 0) {
+    next_kept(update, &kept);
+    inside &= kelvane_plan_has(update, kept.first);
   }
   first_run(update);
   for (;;) {
     for (i = 0; i < update->run.pages; ++i) {
-      if (!kelvane_plan_has(update, update->run.first + i)) {
-        return KELVANE_UPDATE_BAD_PLAN;
-      }
+      inside &= kelvane_plan_has(update, update->run.first + i);
     }
     if (update->run.left == 0) {
-      return KELVANE_APPLY_OK;
+      break;
     }
     next_run(update);
   }
+  update->changed = update->run.before + update->run.pages;
+  if (!inside) {
+    lose(update, KELVANE_UPDATE_BAD_PLAN);
+  }
+}
+
+// The count of a list; a plan may end ahead of it.
+static uint32_t count_at(kelvane_update* update, uint32_t* position) {
+  return *position < update->plan.size ? number_at(update, position) : 0;
 }
 
 int kelvane_plan_open(kelvane_update* update) {
-  const uint32_t size = update->plan.size;
   uint32_t position = 0;
-  uint32_t count = size == 0 ? 0 : number_at(update, &position);
-  int code;
-  update->all_change = count == 0;
-  update->runs.count = count == 0 ? 0 : count - 1;
-  code = open_stretches(update, &position, &update->runs);
-  update->kept.count = 0;
-  if (code == KELVANE_APPLY_OK) {
-    update->kept.count = position < size ? number_at(update, &position) : 0;
-    code = open_kept(update, &position);
+  update->runs.count = count_at(update, &position);
+  update->all_change = update->runs.count == 0;
+  if (!update->all_change) {
+    --update->runs.count;
   }
-  update->ranges.count = 0;
-  if (code == KELVANE_APPLY_OK) {
-    update->ranges.count = position < size ? number_at(update, &position) : 0;
-    code = open_stretches(update, &position, &update->ranges);
+  open_list(update, &position, &update->runs, 0);
+  update->kept.count = count_at(update, &position);
+  update->slots = update->kept.count > 0 ? number_at(update, &position) : 0;
+  open_list(update, &position, &update->kept, 1);
+  update->ranges.count = count_at(update, &position);
+  open_list(update, &position, &update->ranges, 0);
+  if (update->plan_lost == KELVANE_APPLY_OK && position != update->plan.size) {
+    lose(update, KELVANE_UPDATE_BAD_PLAN);
   }
-  if (code == KELVANE_APPLY_OK && position != size) {
-    code = KELVANE_UPDATE_BAD_PLAN;
+  if (update->plan_lost == KELVANE_APPLY_OK) {
+    check_pages(update);
   }
-  if (code == KELVANE_APPLY_OK) {
-    code = check_ranges(update);
-  }
-  if (code == KELVANE_APPLY_OK) {
-    first_run(update);
-    while (update->run.left > 0) {
-      next_run(update);
-    }
-    update->changed = update->run.before + update->run.pages;
-    code = update->plan_lost;
-  }
-  return code;
+  return update->plan_lost;
 }
 
 // ---- Pages --------------------------------------------------------------------------------------
@@ -206,11 +191,21 @@ int kelvane_plan_changes(kelvane_update* update, uint32_t page) {
   return page - update->run.first < update->run.pages;
 }
 
+// How many pages that change lie below `page`.
+static uint32_t changed_below(kelvane_update* update, uint32_t page) {
+  const kelvane_plan_stretch* const run = &update->run;
+  const int changes = kelvane_plan_changes(update, page);
+  return run->before + (changes ? page - run->first : page < run->first ? 0 : run->pages);
+}
+
 void kelvane_plan_at(kelvane_update* update, uint32_t page, int writing) {
-  if (page < update->ring_base) {
+  // That of the last page that changes up to this one, counted in those that change.
+  const uint32_t below = changed_below(update, page + 1);
+  update->number = below == 0 ? 0 : below - 1;
+  if (update->number < update->ring_base) {
     update->ring_base = 0;
   }
-  while (page - update->ring_base >= update->ring) {
+  while (update->number - update->ring_base >= update->ring) {
     update->ring_base += update->ring;
   }
   update->page = page;
@@ -220,28 +215,24 @@ void kelvane_plan_at(kelvane_update* update, uint32_t page, int writing) {
 
 uint32_t kelvane_plan_saved(kelvane_update* update, uint32_t page) {
   uint32_t place = PAGE_GONE;
-  uint32_t position = update->kept.at;
-  uint32_t kept = 0;
-  uint32_t i;
-  for (i = 0; i < update->kept.count; ++i, ++kept) {
-    uint32_t slot;
-    kept += number_at(update, &position);
-    slot = number_at(update, &position);
-    if (kept > update->page) {
+  kelvane_plan_stretch kept = start_of(&update->kept);
+  while (kept.left > 0) {
+    const uint32_t slot = update->ring + next_kept(update, &kept);
+    if (kept.first > update->page) {
       break;
     }
-    if (kept == page) {
-      place = update->ring + slot;
-    } else if (place == update->ring + slot) {
+    if (kept.first == page) {
+      place = slot;
+    } else if (place == slot) {
       return PAGE_GONE;  // another page has taken the slot
     }
   }
   if (place == PAGE_GONE) {
-    if (update->page - page >= update->ring) {
+    const uint32_t number = changed_below(update, page);
+    if (update->number - number >= update->ring) {
       return PAGE_GONE;
     }
-    place = page >= update->ring_base ? page - update->ring_base
-                                      : page + update->ring - update->ring_base;
+    place = number - update->ring_base + (number < update->ring_base ? update->ring : 0);
   }
   return update->flash->spare + (place << update->shift);
 }

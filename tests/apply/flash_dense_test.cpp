@@ -63,7 +63,7 @@ Images patched(const dense_target& target, uint32_t functions) {
   for (const size_t at : {size_t{40}, images.after.size() / 2, images.after.size() - 900}) {
     images.after[at] = static_cast<uint8_t>(images.after[at] + 1);
   }
-  images.after.resize(images.after.size() - 200);
+  images.after.erase(images.after.end() - 200, images.after.end());
   return images;
 }
 
@@ -114,7 +114,8 @@ TEST(FlashDense, AnUpdateCutAtAnyOperationEndsInTheNewImage) {
                         {"mips", patched(mips, 120), {1024, 2, 2}, 8, false},
                         {"riscv", moved(riscv, 300), {4096, 2, 2}, 4, true},
                         {"none", patched(none, 60), {256, 2, 2}, 16, true},
-                        {"small", moved(kThumb, 90), {4096, 1, 0}, 8, false}};
+                        {"one by one", patched(mips, 70), {256, 2, 2}, 1, true},
+                        {"few pages", moved(kThumb, 90), {4096, 1, 0}, 8, false}};
   const bool is_long = runs_asked_for() > 1;
   uint64_t cuts = 0;
   uint64_t kept = 0;
@@ -163,7 +164,7 @@ TEST(FlashDense, RefusesAPlanThatDoesNotKeepWhatIsRead) {
     EXPECT_EQ(run([](DenseBundle&) {}), KELVANE_APPLY_OK);
     EXPECT_EQ(run([](DenseBundle& bundle) { bundle.plan.kept.pop_back(); }),
               KELVANE_UPDATE_BAD_PLAN);
-    EXPECT_EQ(run([](DenseBundle& bundle) { bundle.plan.ring = 1; }), KELVANE_UPDATE_BAD_PLAN);
+    EXPECT_EQ(run([](DenseBundle& bundle) { --bundle.plan.ring; }), KELVANE_UPDATE_BAD_PLAN);
     EXPECT_EQ(run([](DenseBundle& bundle) { bundle.parts.checkpoint = 0; }),
               KELVANE_UPDATE_OTHER_KIND);
     EXPECT_EQ(run([](DenseBundle& bundle) { bundle.parts.payload[0] ^= 3; }),

@@ -25,22 +25,9 @@ inline uint32_t dense_memory(uint32_t map_entries) {
          map_entries * KELVANE_DENSE_ENTRY_SIZE;
 }
 
-// Pages from behind one checkpoint up to the next at most, less one: a page of them may be computed
-// again while the last one is at hand.
-inline uint32_t redone_pages(const std::vector<uint32_t>& changed, uint32_t checkpoint) {
-  uint32_t most = 0;
-  uint32_t first = 0;
-  for (size_t i = 0; i < changed.size(); ++i) {
-    if ((i + 1) % checkpoint == 0 || i + 1 == changed.size()) {
-      most = std::max(most, changed[i] - first);
-      first = changed[i] + 1;
-    }
-  }
-  return most;
-}
-
 // The dense update of a request. The encoder counts on the ring of the request for the page that is
-// written; the bundle's is longer by what may be done again. Kept pages have a slot each.
+// written; the bundle's is longer by the others that are done again ahead of the same checkpoint.
+// Kept pages have a slot each.
 inline DenseBundle dense_bundle(const dense_request& request, uint32_t checkpoint,
                                 std::vector<kelpatch::PageRange> ranges = {}) {
   const auto& [old_image, new_image] = request.images;
@@ -49,8 +36,7 @@ inline DenseBundle dense_bundle(const dense_request& request, uint32_t checkpoin
   made.plan = kelpatch::plan_changes({old_image.begin(), old_image.end()},
                                      {new_image.begin(), new_image.end()},
                                      request.geometry.page_size, std::move(ranges), "update");
-  made.plan.ring = std::min(
-      made.plan.pages, request.geometry.ring_pages + redone_pages(made.plan.changed, checkpoint));
+  made.plan.ring = std::min(made.plan.pages, request.geometry.ring_pages + checkpoint - 1);
   for (const kept_page& page : update.kept) {
     made.plan.kept.push_back({page.page, made.plan.slots++});
   }

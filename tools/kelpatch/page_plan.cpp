@@ -111,8 +111,9 @@ std::vector<uint32_t> last_readers(const std::vector<uint32_t>& origin,
 // Gives each page that is needed beyond the ring the first slot that is free.
 void keep_pages(PagePlan& plan, const std::vector<uint32_t>& last) {
   std::vector<uint32_t> taken_up_to;  // the last page that needs what is in the slot
-  for (const uint32_t page : plan.changed) {
-    if (last[page] < page + plan.ring) {
+  for (size_t i = 0; i < plan.changed.size(); ++i) {
+    const uint32_t page = plan.changed[i];
+    if (i + plan.ring >= plan.changed.size() || last[page] < plan.changed[i + plan.ring]) {
       continue;
     }
     size_t slot = 0;

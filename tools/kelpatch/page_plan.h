@@ -13,7 +13,7 @@ namespace kelpatch {
 // Pages that a device has, apart from those of the image.
 struct SparePages {
   uint32_t page_size = 4096;
-  uint32_t ring = 2;   // one more than the pages by which contents move up
+  uint32_t ring = 2;   // one more than the pages that change by which contents move up
   uint32_t spare = 8;  // of the ring and of the slots
 };
 
