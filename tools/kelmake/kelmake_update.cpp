@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "bundle_file.h"
-#include "dense_proof.h"
 #include "dense_search.h"
 #include "kelmake_elf.h"
 #include "kelmake_files.h"
@@ -179,30 +178,16 @@ kelvane::dense_update found_update(const Options& options, const FlashImages& im
   return smallest_update(request, targets_of(options, images), options.update.base);
 }
 
-// The shortest ring that serves the update; the encoder may have used less than it was given.
-uint32_t ring_needed(const FlashImages& images, const kelvane::dense_update& update,
-                     kelvane::flash_geometry geometry) {
-  uint32_t too_short = 0;
-  uint32_t ring = geometry.ring_pages;
-  while (ring - too_short > 1) {
-    geometry.ring_pages = too_short + (ring - too_short) / 2;
-    const bool serves = kelvane::fault_of_dense({images.old_image, images.new_image},
-                                                update.payload, update.kept, geometry)
-                            .empty();
-    (serves ? ring : too_short) = geometry.ring_pages;
-  }
-  return ring;
-}
-
+// The file of the update. Its ring is the shortest that a device takes it with; the encoder may
+// have used less than it was given.
 Bytes bundle_of(const Options& options, const FlashImages& images,
-                const kelvane::flash_geometry& geometry, kelvane::dense_update& update) {
+                const kelvane::flash_geometry& geometry, const kelvane::dense_update& update) {
   std::vector<kelpatch::PageRange> ranges;
   for (const FlashRange& range : images.ranges) {
     ranges.push_back({range.first, range.pages});
   }
   PagePlan plan = kelpatch::plan_changes(images.old_image, images.new_image, geometry.page_size,
                                          std::move(ranges), options.patch_name);
-  plan.ring = ring_needed(images, update, geometry);
   for (const kelvane::kept_page& kept : update.kept) {
     plan.kept.push_back({kept.page, kept.slot});
     plan.slots = std::max(plan.slots, kept.slot + 1);
@@ -210,7 +195,15 @@ Bytes bundle_of(const Options& options, const FlashImages& images,
   kelpatch::BundleParts parts;
   parts.kind = KELVANE_PAYLOAD_DENSE;
   parts.checkpoint = geometry.checkpoint;
-  parts.payload = std::move(update.payload);
+  parts.payload = update.payload;
+  uint32_t too_short = 0;
+  uint32_t ring = geometry.ring_pages;
+  while (ring - too_short > 1) {
+    plan.ring = too_short + (ring - too_short) / 2;
+    const UpdateFile tried(options.patch_name, make_bundle(plan, parts));
+    (kelpatch::is_taken(tried, images.old_image) ? ring : too_short) = plan.ring;
+  }
+  plan.ring = ring;
   return make_bundle(plan, parts);
 }
 
@@ -276,7 +269,7 @@ void make_update(const Options& options) {
     std::fputs(text_of_images(options, images).c_str(), stdout);
     std::fflush(stdout);
   }
-  kelvane::dense_update found = found_update(options, images, geometry);
+  const kelvane::dense_update found = found_update(options, images, geometry);
   const UpdateFile update(options.patch_name, bundle_of(options, images, geometry, found));
   prove(options, images, update);
   write_file(options.patch_name, update.bytes());

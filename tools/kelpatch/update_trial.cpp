@@ -52,6 +52,12 @@ DeviceShape device_for(const UpdateFile& update) {
   return shape;
 }
 
+bool is_taken(const UpdateFile& update, const Bytes& old_image) {
+  SimulatedDevice device(device_for(update), view_of(old_image), 1);
+  const int code = device.open(source_of(update.bytes()));
+  return code == KELVANE_UPDATE_MORE || code == KELVANE_APPLY_OK;
+}
+
 Bytes updated(const UpdateFile& update, const std::string& old_name, const Bytes& old_image,
               std::optional<uint32_t> told_max_size) {
   require_told(old_name, old_image, update.name(), update.old_image());

@@ -19,6 +19,9 @@ kelvane::DeviceShape device_for(const UpdateFile& update);
 // the update's model.
 uint32_t pages_of_larger_model(const UpdateFile& update);
 
+// Whether such a device with `old_image` takes the update: what it checks before it erases a page.
+bool is_taken(const UpdateFile& update, const Bytes& old_image);
+
 // The image that the update makes of `old_image` on such a device. Ends the run with status 1 if
 // that is not the old image of the update, or if the device refuses the update, and with status 2
 // if the new image would have more than `max_size` bytes.
