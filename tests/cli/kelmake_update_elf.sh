@@ -45,6 +45,11 @@ kelpatch show update | grep -E '^(pages|range)'
 { cat code && head -c $((0x8000 - 2400)) /dev/zero | tr '\0' '\377' && cat table; } >old.bin
 { cat longer && head -c $((0x8000 - 2412)) /dev/zero | tr '\0' '\377' && cat table2; } >new.bin
 kelpatch verify old.bin new.bin update
+# kelpatch reads linked images by a reader of its own.
+kelpatch verify old.elf new.elf update
+kelpatch apply old.elf update -o made.bin
+cmp new.bin made.bin
+run kelpatch bundle update old.elf new.elf --page 1024 --spare 40 --signature 8 -o signed
 
 elf 20 0 0 0x8000 code >power.elf
 elf 40 0 0 0x8000 code >either.elf
@@ -60,9 +65,15 @@ for pair in 'old.elf new.bin' 'old.bin new.elf' 'old.elf power.elf' 'old.elf ove
   'old.elf far.elf' 'empty.elf new.elf' 'cut.elf new.elf' 'wide.elf new.elf'; do
   # shellcheck disable=SC2086
   run kelmake --bundle --quiet $pair -o kept
+  # shellcheck disable=SC2086
+  run kelpatch verify $pair update
 done
+elf 40 0 0 0xFFF00000 code >high.elf
+run kelpatch verify old.elf high.elf update
 head -c 20 old.elf >header.elf
 run kelmake --bundle --quiet old.elf header.elf -o kept
 { head -c 42 old.elf && bytes 0800 && tail -c +45 old.elf; } >entries.elf
 run kelmake --bundle --quiet entries.elf new.elf -o kept
+run kelpatch verify entries.elf new.elf update
+run kelpatch apply header.elf update -o kept
 ls kept 2>/dev/null

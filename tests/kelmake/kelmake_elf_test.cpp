@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "image_builder.h"
+#include "loaded_image.h"
 
 namespace kelmake {
 namespace {
@@ -91,6 +92,12 @@ TEST(KelmakeElfTest, LaysSegmentsOutByPages) {
   EXPECT_EQ(images.ranges[0].pages, 1U);
   EXPECT_EQ(images.ranges[1].first, 4U);
   EXPECT_EQ(images.ranges[1].pages, 2U);
+  // The reader that checks updates sees the same.
+  kelpatch::NamedImage old_image = {"old", elf_of(build)};
+  kelpatch::NamedImage new_image = {"new", elf_of(longer)};
+  kelpatch::load_linked(kPage, old_image, &new_image);
+  EXPECT_EQ(old_image.bytes, images.old_image);
+  EXPECT_EQ(new_image.bytes, images.new_image);
   // Code refers to addresses 0x7000 above those where it is loaded.
   EXPECT_EQ(images.targets.at(0).base, 0x8000U);
 }
@@ -137,6 +144,12 @@ TEST(KelmakeElfTest, SurvivesDamage) {
       for (const ElfSegment& segment : read_elf("file", file).segments) {
         ASSERT_LE(uint64_t{segment.offset} + segment.size, file.size());
       }
+    } catch (const kelpatch::Failure& failure) {
+      EXPECT_FALSE(failure.message.empty());
+    }
+    try {
+      kelpatch::NamedImage image = {"file", file};
+      kelpatch::load_linked(16, image, nullptr);
     } catch (const kelpatch::Failure& failure) {
       EXPECT_FALSE(failure.message.empty());
     }

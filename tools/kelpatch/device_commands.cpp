@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "bundle_file.h"
+#include "loaded_image.h"
 #include "output_file.h"
 #include "patch_split.h"
 #include "patch_verify.h"
@@ -112,12 +113,6 @@ void require_same(const Bytes& made, const Bytes& wanted, const std::string& pat
   }
 }
 
-// An image, and what it is called.
-struct NamedImage {
-  const std::string& name;
-  Bytes bytes;
-};
-
 // Ends the run unless the device has the pages that the update is for.
 void require_device(const UpdateFile& update, const SparePages& spare) {
   const uint32_t page_size = update.plan().page_size;
@@ -129,10 +124,9 @@ void require_device(const UpdateFile& update, const SparePages& spare) {
   }
 }
 
-// Reads a patch or an update, and ends the run unless it makes `to`.
-Bytes checked_way(const std::string& name, const NamedImage& from, const NamedImage& to,
-                  const DeviceOptions& device) {
-  Bytes bytes = read_input(name);
+// Ends the run unless the patch or the update makes `to`.
+void require_way(const std::string& name, const Bytes& bytes, const NamedImage& from,
+                 const NamedImage& to, const DeviceOptions& device) {
   if (is_update(bytes)) {
     const UpdateFile update(name, bytes);
     require_device(update, device.spare);
@@ -142,7 +136,6 @@ Bytes checked_way(const std::string& name, const NamedImage& from, const NamedIm
     require_bundled(patch);
     require_same(patched(patch, from.name, from.bytes, {}), to.bytes, name, to.name);
   }
-  return bytes;
 }
 
 // The bundle for one way, tried on the model.
@@ -207,12 +200,17 @@ void make_update(const std::string& patch_name, const std::string& old_name,
                  const std::string& new_name, const std::string& bundle_name,
                  const DeviceOptions& device) {
   OutputFile output(bundle_name);
-  const NamedImage old_image = {old_name, read_input(old_name)};
-  const NamedImage new_image = {new_name, read_input(new_name)};
-  const Bytes way = checked_way(patch_name, old_image, new_image, device);
+  NamedImage old_image = {old_name, read_input(old_name)};
+  NamedImage new_image = {new_name, read_input(new_name)};
+  const Bytes way = read_input(patch_name);
+  if (is_update(way)) {
+    load_linked(device.spare.page_size, old_image, &new_image);
+  }
+  require_way(patch_name, way, old_image, new_image, device);
   Bytes back;
   if (device.rollback) {
-    const Bytes way_back = checked_way(*device.rollback, new_image, old_image, device);
+    const Bytes way_back = read_input(*device.rollback);
+    require_way(*device.rollback, way_back, new_image, old_image, device);
     back = tried_bundle(*device.rollback, way_back, new_image, old_image, device, {}, 0);
   }
   output.write(tried_bundle(patch_name, way, old_image, new_image, device, std::move(back),

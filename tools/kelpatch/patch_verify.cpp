@@ -6,6 +6,7 @@
 #include <cinttypes>
 #include <utility>
 
+#include "loaded_image.h"
 #include "output_file.h"
 #include "update_trial.h"
 
@@ -95,17 +96,23 @@ struct Made {
   ToldFile told;
 };
 
-Made made_by(const std::string& patch_name, const std::string& old_name, Bytes old_file,
-             const KnownSizes& sizes, const PatchOptions& options) {
+// `new_image` is null where there is none yet. Linked images become what they load.
+Made made_by(const std::string& patch_name, NamedImage old_image, NamedImage* new_image,
+             const PatchOptions& options) {
   Bytes bytes = read_input(patch_name);
   if (is_update(bytes)) {
     const UpdateFile update(patch_name, std::move(bytes));
-    return {updated(update, old_name, old_file, options.max_size), update.new_image()};
+    load_linked(update.plan().page_size, old_image, new_image);
+    return {updated(update, old_image.name, old_image.bytes, options.max_size), update.new_image()};
+  }
+  KnownSizes sizes = {size_of(old_image.bytes), {}};
+  if (new_image != nullptr) {
+    sizes.new_file = size_of(new_image->bytes);
   }
   PatchFile patch(patch_name, std::move(bytes), options.order, sizes);
   require_file_mode(patch);
   const kelvane_patch_info& info = patch.info();
-  return {patched(patch, old_name, std::move(old_file), options.max_size),
+  return {patched(patch, old_image.name, std::move(old_image.bytes), options.max_size),
           {"new file", info.new_size, info.new_checksum, kelvane_apply_checksum}};
 }
 
@@ -118,18 +125,16 @@ void apply_patch(const std::string& old_name, const std::string& patch_name,
   }
   // First, so that a place which can't be written is known before the work.
   OutputFile output(new_name);
-  Bytes old_file = read_input(old_name);
-  const KnownSizes sizes = {size_of(old_file), {}};
-  output.write(made_by(patch_name, old_name, std::move(old_file), sizes, options).contents);
+  output.write(made_by(patch_name, {old_name, read_input(old_name)}, nullptr, options).contents);
   output.keep();
 }
 
 void verify_patch(const std::string& old_name, const std::string& new_name,
                   const std::string& patch_name, const PatchOptions& options) {
-  Bytes old_file = read_input(old_name);
-  const Bytes new_file = read_input(new_name);
-  const KnownSizes sizes = {size_of(old_file), size_of(new_file)};
-  const Made made = made_by(patch_name, old_name, std::move(old_file), sizes, options);
+  NamedImage old_image = {old_name, read_input(old_name)};
+  NamedImage new_image = {new_name, read_input(new_name)};
+  const Made made = made_by(patch_name, std::move(old_image), &new_image, options);
+  const Bytes& new_file = new_image.bytes;
   require_told(new_name, new_file, patch_name, made.told);
   // Equal checksums are not equal bytes.
   const auto place =
