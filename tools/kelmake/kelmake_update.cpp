@@ -133,34 +133,38 @@ kelvane::dense_update searched(const kelvane::dense_request& request) {
   }
 }
 
-// The smallest update for any of the targets. Which one it is, short searches tell.
-kelvane::dense_update smallest_update(kelvane::dense_request request,
-                                      const std::vector<dense_target>& targets,
-                                      const std::optional<uint32_t>& base) {
-  const dense_effort effort = request.effort;
-  if (targets.empty() && base) {
-    request.effort = dense_effort::quick;
-    request.target = searched(request).options.target;
-    request.target->base = *base;
-    request.base_is_known = true;
-  } else if (targets.size() > 1) {
-    request.effort = dense_effort::quick;
-    size_t best_size = SIZE_MAX;
-    dense_target best;
-    for (const dense_target& target : targets) {
-      request.target = target;
-      const size_t size = searched(request).payload.size();
-      if (size < best_size) {
-        best_size = size;
-        best = target;
-      }
+// What the encoder finds by itself, as far as that agrees with what the command line tells; else
+// all machines of the byte order that it tells.
+std::vector<dense_target> guessed_targets(kelvane::dense_request request, const Options& options) {
+  request.effort = dense_effort::quick;
+  std::vector<dense_target> targets = {searched(request).options.target};
+  if (options.order.value_or(targets[0].data_order) != targets[0].data_order) {
+    targets.clear();
+    for (uint8_t machine = 0; machine < KELVANE_DENSE_MACHINES; ++machine) {
+      const std::vector<dense_target> more = with_orders(machine, options.order);
+      targets.insert(targets.end(), more.begin(), more.end());
     }
-    request.target = best;
-  } else if (!targets.empty()) {
-    request.target = targets.front();
   }
-  request.effort = effort;
-  return searched(request);
+  for (dense_target& target : targets) {
+    target.base = options.update.base.value_or(target.base);
+  }
+  return targets;
+}
+
+// The target whose update is smallest, by short searches.
+dense_target best_target(kelvane::dense_request request, const std::vector<dense_target>& targets) {
+  request.effort = dense_effort::quick;
+  size_t best_size = SIZE_MAX;
+  dense_target best = targets.front();
+  for (size_t i = 0; i < targets.size() && targets.size() > 1; ++i) {
+    request.target = targets[i];
+    const size_t size = searched(request).payload.size();
+    if (size < best_size) {
+      best_size = size;
+      best = targets[i];
+    }
+  }
+  return best;
 }
 
 kelvane::dense_update found_update(const Options& options, const FlashImages& images,
@@ -168,14 +172,21 @@ kelvane::dense_update found_update(const Options& options, const FlashImages& im
   kelvane::dense_request request;
   request.images = {images.old_image, images.new_image};
   request.geometry = geometry;
-  request.base_is_known = !images.targets.empty() || options.update.base;
   request.model = options.update.model;
   request.reads_new = !options.update.rehearse;
   request.effort = options.effort == kelvane::plan_effort::quick    ? dense_effort::quick
                    : options.effort == kelvane::plan_effort::normal ? dense_effort::normal
                                                                     : dense_effort::best;
   request.jobs = options.jobs;
-  return smallest_update(request, targets_of(options, images), options.update.base);
+  std::vector<dense_target> targets = targets_of(options, images);
+  if (targets.empty() && (options.order || options.update.base)) {
+    targets = guessed_targets(request, options);
+  }
+  if (!targets.empty()) {
+    request.base_is_known = !images.targets.empty() || options.update.base;
+    request.target = best_target(request, targets);
+  }
+  return searched(request);
 }
 
 // The file of the update. Its ring is the shortest that a device takes it with; the encoder may
