@@ -90,6 +90,18 @@ TEST(UpdateFileTest, TellsWhatADeviceRefuses) {
   }
 }
 
+TEST(UpdateFileTest, HasNoBytesOutsideItsRanges) {
+  const kelpatch::Bytes image = image_of(6);
+  EXPECT_EQ(kelpatch::plan_changes(image, turned(image), kPage, {{0, 6}}, "update").changed.size(),
+            6U);
+  try {
+    kelpatch::plan_changes(image, image, kPage, {{0, 2}, {3, 3}}, "update");
+    FAIL();
+  } catch (const Failure& failure) {
+    EXPECT_EQ(failure.message, "error: 'update' has bytes at offset 512, which lies in no range");
+  }
+}
+
 // Whatever stands behind a right checksum is refused in words, or makes the new image.
 TEST(UpdateFileTest, SurvivesDamage) {
   const kelpatch::Bytes image = image_of(6);
