@@ -16,7 +16,7 @@ _kelmake() {
     --format) candidates="0 1" ;;
     --model) candidates="small large" ;;
     --machine) candidates="none thumb arm powerpc mips riscv" ;;
-    --time | --jobs | --page | --ring | --spare | --checkpoint | --base)
+    --time | --jobs | --page | --ring | --spare | --checkpoint | --map | --base)
       COMPREPLY=()
       return
       ;;
@@ -24,7 +24,7 @@ _kelmake() {
     *)
       if [[ $word == -* ]]; then
         candidates="-o --output --effort --time --jobs --profile --format --big-endian
-          --little-endian --report --bundle --page --ring --spare --checkpoint --rehearse --model
+          --little-endian --report --bundle --page --ring --spare --checkpoint --rehearse --map --model
           --machine --base --simulate -q --quiet --help --version"
       fi
       ;;

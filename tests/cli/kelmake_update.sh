@@ -21,7 +21,7 @@ settings --page 1024 --ring 2 --checkpoint 3 --model small
 settings --page 512 --ring 1 --spare 60 --checkpoint 2 --rehearse
 settings --machine arm --base 0x8000 --big-endian --effort quick
 settings --base 100 --little-endian --effort best
-settings --big-endian --effort quick --page 1024
+settings --big-endian --effort quick --page 1024 --map 0
 kelmake --bundle --simulate --page 2048 old new -o update | grep cut
 
 # Equal images, an empty one on either side, and one of a byte.
@@ -61,6 +61,7 @@ run kelmake --simulate old new -o kept
 run kelmake --bundle --page 1000 old new -o kept
 run kelmake --bundle --page 32 old new -o kept
 run kelmake --bundle --ring 0 old new -o kept
+run kelmake --bundle --map 65536 old new -o kept
 run kelmake --bundle --model huge old new -o kept
 run kelmake --bundle --machine z80 old new -o kept
 run kelmake --bundle --base 0x old new -o kept

@@ -120,7 +120,7 @@ bool take_patch_option(Options& options, const std::string& name, const GetValue
 template <typename GetValue>
 bool take_update_option(UpdateOptions& update, const std::string& argument, const std::string& name,
                         const GetValue& value) {
-  constexpr uint32_t kMostPages = 65535;
+  constexpr uint32_t kMostPages = 65535;  // and entries of the map
   if (name == "--page") {
     update.page_size = page_size_of(name, value());
   } else if (name == "--ring") {
@@ -129,6 +129,8 @@ bool take_update_option(UpdateOptions& update, const std::string& argument, cons
     update.spare = number_of(name, value(), 1, kMostPages);
   } else if (name == "--checkpoint") {
     update.checkpoint = number_of(name, value(), 1, kMostPages);
+  } else if (name == "--map") {
+    update.map = number_of(name, value(), 0, kMostPages);
   } else if (name == "--model") {
     update.model = value_named(kModels, "model", value());
   } else if (name == "--machine") {
@@ -196,6 +198,8 @@ const char* help_text() {
          "  --rehearse           lets the device compute the whole new image before it\n"
          "                       erases anything; the update may be larger\n"
          "  --model NAME         small: half the memory on the device; large (the default)\n"
+         "  --map ENTRIES        of the map at most, 14 bytes of memory on the device each;\n"
+         "                       2048 by default\n"
          "  --machine NAME       none, thumb, arm, powerpc, mips or riscv\n"
          "  --base ADDRESS       hexadecimal address of the first byte; both are found\n"
          "                       unless they are told\n"

@@ -27,6 +27,7 @@ struct UpdateOptions {
   std::optional<uint32_t> spare;   // all spare pages; by default those that 8 slots take
   uint32_t checkpoint = 8;         // pages that change from one checkpoint to the next
   bool rehearse = false;           // the device is to know the new image ahead of the first erase
+  uint32_t map = 2048;             // entries at most, each of which takes memory on the device
   uint8_t model = 1;               // 0 takes half the memory
   std::optional<uint8_t> machine;  // as kelvane_dense_machine has them
   std::optional<uint32_t> base;    // the target address of the first byte

@@ -173,6 +173,7 @@ kelvane::dense_update found_update(const Options& options, const FlashImages& im
   request.images = {images.old_image, images.new_image};
   request.geometry = geometry;
   request.model = options.update.model;
+  request.map_limit = options.update.map;
   request.reads_new = !options.update.rehearse;
   request.effort = options.effort == kelvane::plan_effort::quick    ? dense_effort::quick
                    : options.effort == kelvane::plan_effort::normal ? dense_effort::normal
