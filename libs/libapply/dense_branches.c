@@ -43,29 +43,47 @@ static uint32_t thumb_to(uint32_t instruction, uint32_t place, uint32_t target, 
          (field >> 1 & 0x7FFu);
 }
 
-static int riscv_target(uint32_t instruction, uint32_t place, uint32_t* target) {
-  if ((instruction & 0x7Fu) == 0x6Fu) {  // JAL
-    const uint32_t field = (instruction >> 31) << 20 | (instruction >> 12 & 0xFFu) << 12 |
-                           (instruction >> 20 & 1u) << 11 | (instruction >> 21 & 0x3FFu) << 1;
-    *target = place + kelvane_dense_sign_extended(field, 21);
-    return 1;
-  }
-  if ((instruction & 0x7Fu) == 0x63u) {  // BEQ and so on
-    const uint32_t field = (instruction >> 31) << 12 | (instruction >> 7 & 1u) << 11 |
-                           (instruction >> 25 & 0x3Fu) << 5 | (instruction >> 8 & 15u) << 1;
-    *target = place + kelvane_dense_sign_extended(field, 13);
-    return 2;
-  }
-  return 0;
+// The pieces of a RISC-V distance: the lowest bit in the instruction, their number, the lowest bit
+// in the distance. C.JAL, which instructions of one width alone have, is left out: data look like
+// it too often.
+enum { RISCV_PIECES = 8 };
+typedef struct riscv_branch {
+  uint8_t bits;  // of the distance, the last one its sign
+  uint8_t pieces[RISCV_PIECES][3];
+} riscv_branch;
+static const riscv_branch kRiscvBranches[4] = {
+    {21, {{31, 1, 20}, {12, 8, 12}, {20, 1, 11}, {21, 10, 1}}},  // JAL
+    {13, {{31, 1, 12}, {7, 1, 11}, {25, 6, 5}, {8, 4, 1}}},      // BEQ and so on
+    {12,
+     {{12, 1, 11}, {11, 1, 4}, {9, 2, 8}, {8, 1, 10}, {7, 1, 6}, {6, 1, 7}, {3, 3, 1}, {2, 1, 5}}},
+    {9, {{12, 1, 8}, {10, 2, 3}, {5, 2, 6}, {3, 2, 1}, {2, 1, 5}}}};  // C.J; C.BEQZ and C.BNEZ
+
+static int riscv_form(uint32_t instruction) {
+  const uint32_t opcode = instruction & 0x7Fu;
+  return opcode == 0x6Fu                      ? 1
+         : opcode == 0x63u                    ? 2
+         : (instruction & 0xE003u) == 0xA001u ? 3
+         : (instruction & 0xC003u) == 0xC001u ? 4
+                                              : 0;
 }
 
-static uint32_t riscv_to(uint32_t instruction, uint32_t field, int form) {
-  if (form == 1) {
-    return (instruction & 0xFFFu) | (field >> 20 & 1u) << 31 | (field >> 1 & 0x3FFu) << 21 |
-           (field >> 11 & 1u) << 20 | (field >> 12 & 0xFFu) << 12;
+static uint32_t riscv_distance(uint32_t instruction, const riscv_branch* branch) {
+  uint32_t distance = 0;
+  for (unsigned i = 0; i < RISCV_PIECES; ++i) {
+    const uint8_t* const piece = branch->pieces[i];
+    distance |= (instruction >> piece[0] & ((1u << piece[1]) - 1)) << piece[2];
   }
-  return (instruction & 0x01FFF07Fu) | (field >> 12 & 1u) << 31 | (field >> 5 & 0x3Fu) << 25 |
-         (field >> 1 & 15u) << 8 | (field >> 11 & 1u) << 7;
+  return kelvane_dense_sign_extended(distance, branch->bits);
+}
+
+static uint32_t riscv_to(uint32_t instruction, uint32_t distance, const riscv_branch* branch) {
+  for (unsigned i = 0; i < RISCV_PIECES; ++i) {
+    const uint8_t* const piece = branch->pieces[i];
+    const uint32_t mask = (1u << piece[1]) - 1;
+    instruction &= ~(mask << piece[0]);
+    instruction |= (distance >> piece[2] & mask) << piece[0];
+  }
+  return instruction;
 }
 
 int kelvane_dense_branch_target(const kelvane_dense_decoder* decoder, uint32_t instruction,
@@ -91,7 +109,14 @@ int kelvane_dense_branch_target(const kelvane_dense_decoder* decoder, uint32_t i
     *target = (decoder->info.base & 0xF0000000u) | (instruction & 0x3FFFFFFu) << 2;
     return 1;
   }
-  return KELVANE_DENSE_IS(decoder, RISCV) ? riscv_target(instruction, place, target) : 0;
+  if (KELVANE_DENSE_IS(decoder, RISCV)) {
+    const int form = riscv_form(instruction);
+    if (form != 0) {
+      *target = place + riscv_distance(instruction, &kRiscvBranches[form - 1]);
+    }
+    return form;
+  }
+  return 0;
 }
 
 uint32_t kelvane_dense_branch_to(const kelvane_dense_decoder* decoder, uint32_t instruction,
@@ -109,6 +134,7 @@ uint32_t kelvane_dense_branch_to(const kelvane_dense_decoder* decoder, uint32_t 
   if (KELVANE_DENSE_IS(decoder, MIPS)) {
     return (instruction & 0xFC000000u) | (target >> 2 & 0x3FFFFFFu);
   }
-  return KELVANE_DENSE_IS(decoder, RISCV) ? riscv_to(instruction, target - place, form)
-                                          : instruction;
+  return KELVANE_DENSE_IS(decoder, RISCV)
+             ? riscv_to(instruction, target - place, &kRiscvBranches[form - 1])
+             : instruction;
 }

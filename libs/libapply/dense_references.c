@@ -83,6 +83,27 @@ static int take_branch(kelvane_dense_decoder* decoder, uint32_t instruction, uin
   return 1;
 }
 
+// A branch of 16 bits, if it changes: its target is near, and mostly moves with it.
+static int take_short_branch(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
+                             kelvane_dense_token* token) {
+  const uint32_t base = decoder->info.base;
+  const uint32_t instruction = token->old_value;
+  uint32_t reached;
+  if (!take_branch(decoder, instruction, source, position, token)) {
+    return 0;
+  }
+  token->flip = decoder->info.code_big_endian;
+  if (token->predicted != instruction &&
+      kelvane_dense_branch_target(decoder, token->predicted, base + position, &reached) != 0 &&
+      reached == token->target) {
+    return 1;
+  }
+  token->kind = KELVANE_DENSE_HALF;
+  token->learned = 0;
+  token->predicted = instruction;
+  return 0;
+}
+
 // ---- Instructions with a half of an address
 
 static int take_move(kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t source,
@@ -264,6 +285,10 @@ static void take_half(kelvane_dense_decoder* decoder, uint32_t source, uint32_t 
     }
     return;
   }
+  if (KELVANE_DENSE_IS(decoder, RISCV) && decoder->state.model.tail != source &&
+      take_short_branch(decoder, source, position, token)) {
+    return;
+  }
   uint32_t predicted;
   if (is_learned(decoder, token->old_value | HALF_MARK, &predicted)) {
     token->learned = 1;
@@ -276,11 +301,21 @@ static void take_half(kelvane_dense_decoder* decoder, uint32_t source, uint32_t 
 static void classify_halves(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
                             uint32_t left, kelvane_dense_token* token) {
   const int is_word_place = left >= 4 && !((source | position) & 3u);
-  const int is_tail = KELVANE_DENSE_IS(decoder, RISCV) && decoder->state.model.tail == source;
+  int is_long = 0;  // a RISC-V instruction of 32 bits
+  uint32_t instruction = 0;
   if (left >= 4 && KELVANE_DENSE_IS(decoder, THUMB)) {
-    const uint32_t instruction = old_code(decoder, source);
+    instruction = old_code(decoder, source);
     if (take_move(decoder, instruction, source, left, token) ||
         take_branch(decoder, instruction, source, position, token)) {
+      return;
+    }
+  }
+  // Ahead of addresses: the upper half of an address reads as one that lies near.
+  if (left >= 4 && KELVANE_DENSE_IS(decoder, RISCV) && decoder->state.model.tail != source) {
+    instruction = old_code(decoder, source);
+    is_long = (instruction & 3u) == 3;
+    if (is_long && (take_branch(decoder, instruction, source, position, token) ||
+                    take_half_address(decoder, instruction, source, position, left, token))) {
       return;
     }
   }
@@ -291,21 +326,14 @@ static void classify_halves(kelvane_dense_decoder* decoder, uint32_t source, uin
       return;
     }
   }
-  if (left >= 4 && KELVANE_DENSE_IS(decoder, RISCV) && !is_tail) {
-    const uint32_t instruction = old_code(decoder, source);
-    if ((instruction & 3u) == 3) {
-      if (take_branch(decoder, instruction, source, position, token) ||
-          take_half_address(decoder, instruction, source, position, left, token)) {
-        return;
-      }
-      if (upper_register(decoder, instruction) != NO_REGISTER) {
-        token->old_value = instruction;
-        token->flip = (uint8_t)code_flip(decoder);
-        take_learned_word(decoder, token);
-        return;
-      }
-      decoder->state.model.tail = source + 2;
+  if (is_long) {
+    if (upper_register(decoder, instruction) != NO_REGISTER) {
+      token->old_value = instruction;
+      token->flip = (uint8_t)code_flip(decoder);
+      take_learned_word(decoder, token);
+      return;
     }
+    decoder->state.model.tail = source + 2;
   }
   if (is_word_place && take_other_word(decoder, source, position, token)) {
     return;

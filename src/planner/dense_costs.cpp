@@ -71,8 +71,10 @@ bool dense_costs::is_branch(uint32_t place) {
   const uint32_t flip = decoder_.info.code_big_endian != 0             ? 3
                         : decoder_.info.machine == KELVANE_DENSE_THUMB ? 2
                                                                        : 0;
-  return kelvane_dense_branch_target(&decoder_, kelvane_dense_old_value(&decoder_, place, 4, flip),
-                                     decoder_.info.base + place, &target) != 0;
+  const int form =
+      kelvane_dense_branch_target(&decoder_, kelvane_dense_old_value(&decoder_, place, 4, flip),
+                                  decoder_.info.base + place, &target);
+  return form == 1 || form == 2;  // those of 32 bits
 }
 
 // The half at `place`, which goes to `at` and differs there. `takes_next` is set if it and the next

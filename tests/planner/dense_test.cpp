@@ -66,7 +66,7 @@ const MachineCase kMachineCases[] = {
   {"powerpc_le", {KELVANE_DENSE_POWERPC, kLittle, kLittle, 0x10000000}, 162},
   {"mips",       {KELVANE_DENSE_MIPS,    kBig,    kBig,    0x9FC00000}, 158},
   {"mips_le",    {KELVANE_DENSE_MIPS,    kLittle, kLittle, 0x80000000}, 162},
-  {"riscv",      {KELVANE_DENSE_RISCV,   kLittle, kLittle, 0x20400000}, 198},
+  {"riscv",      {KELVANE_DENSE_RISCV,   kLittle, kLittle, 0x20400000}, 155},
 };
 // clang-format on
 
@@ -119,6 +119,8 @@ const BranchCase kBranchCases[] = {
   {KELVANE_DENSE_MIPS,    0x0C000000, 0x03FFFFFF, 1},
   {KELVANE_DENSE_RISCV,   0x000000EF, 0xFFFFF000, 1},
   {KELVANE_DENSE_RISCV,   0x00A50063, 0xFE000F80, 2},
+  {KELVANE_DENSE_RISCV,   0x0000A001, 0x00001FFC, 3},  // C.J
+  {KELVANE_DENSE_RISCV,   0x0000C001, 0x00001C7C, 4},  // C.BEQZ
 };
 // clang-format on
 

@@ -69,6 +69,8 @@ const BranchForm kPowerPcLong = {{{25, 2, 2}}, 26};
 const BranchForm kPowerPcShort = {{{15, 2, 2}}, 16};
 const BranchForm kRiscvJump = {{{31, 31, 20}, {19, 12, 12}, {20, 20, 11}, {30, 21, 1}}, 21};
 const BranchForm kRiscvBranch = {{{31, 31, 12}, {7, 7, 11}, {30, 25, 5}, {11, 8, 1}}, 13};
+const BranchForm kRiscvShortJump = {{{12, 12, 11}, {11, 11, 4}, {10, 9, 8}, {8, 8, 10}, {7, 7, 6}, {6, 6, 7}, {5, 3, 1}, {2, 2, 5}}, 12};
+const BranchForm kRiscvShortBranch = {{{12, 12, 8}, {11, 10, 3}, {6, 5, 6}, {4, 3, 1}, {2, 2, 5}}, 9};
 const std::vector<Piece> kThumbMove = {{19, 16, 12}, {26, 26, 11}, {14, 12, 8}, {7, 0, 0}};
 const std::vector<Piece> kArmMove = {{19, 16, 12}, {11, 0, 0}};
 const std::vector<Piece> kRiscvLoad = {{31, 20, 0}};
@@ -429,6 +431,12 @@ class PlainDecoder {
                : field(x, 31, 26) == 16 ? &kPowerPcShort
                                         : nullptr;
       case kRiscv:
+        if (field(x, 1, 0) == 1) {
+          form = field(x, 15, 13) == 5 ? 3 : 4;
+          return field(x, 15, 13) == 5   ? &kRiscvShortJump
+                 : field(x, 15, 14) == 3 ? &kRiscvShortBranch
+                                         : nullptr;
+        }
         form = field(x, 6, 0) == 0x6F ? 1 : 2;
         return field(x, 6, 0) == 0x6F   ? &kRiscvJump
                : field(x, 6, 0) == 0x63 ? &kRiscvBranch
@@ -685,6 +693,17 @@ class PlainDecoder {
       }
       return;
     }
+    if (machine_ == kRiscv && o != tail_) {
+      Token other = token;
+      if (take_branch(token.old_value, o, p, other) && other.predicted != other.old_value) {
+        const auto found = branch(other.predicted, base_ + p);
+        if (found && found->target == other.target) {
+          other.flip = code_big_;
+          token = other;
+          return;
+        }
+      }
+    }
     const auto known = learned_for(token.old_value | 0xA5A50000);
     token.learned = known.has_value();
     token.predicted = known ? field(*known, 15, 0) : token.old_value;
@@ -702,6 +721,11 @@ class PlainDecoder {
           (take_move(code_at(o), o, left, token) || take_branch(code_at(o), o, p, token))) {
         return token;
       }
+      const bool is_long = machine_ == kRiscv && left >= 4 && o != tail_ && code_at(o) % 4 == 3;
+      if (is_long && (take_branch(code_at(o), o, p, token) ||
+                      take_half_address(code_at(o), o, p, left, token))) {
+        return token;
+      }
       if (aligned) {
         token.flip = data_big_ != 0 ? 3 : 0;
         token.old_value = value_at(o, 4, token.flip);
@@ -709,11 +733,8 @@ class PlainDecoder {
           return token;
         }
       }
-      if (machine_ == kRiscv && left >= 4 && o != tail_ && code_at(o) % 4 == 3) {
+      if (is_long) {
         const uint32_t x = code_at(o);
-        if (take_branch(x, o, p, token) || take_half_address(x, o, p, left, token)) {
-          return token;
-        }
         if (upper_register(x) >= 0) {
           token.flip = code_flip();
           token.old_value = x;
