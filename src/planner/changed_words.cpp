@@ -1,7 +1,6 @@
 #include "changed_words.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 
 namespace kelvane {
@@ -91,14 +90,6 @@ void find_classes(changed_words& changed) {
 }
 
 }  // namespace
-
-uint32_t changed_word::first_byte() const {
-  return static_cast<uint32_t>(std::countr_zero(mask));
-}
-
-uint32_t changed_word::last_byte() const {
-  return 7 - static_cast<uint32_t>(std::countl_zero(mask));
-}
 
 changed_words find_changed_words(const plan_images& images, const moved_image& moved,
                                  ByteOrder order) {

@@ -5,6 +5,7 @@
 // Only they are kept, 16 bytes each, not all words of the image: on builds that are close to each
 // other that is one word in ten.
 
+#include <bit>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -25,8 +26,9 @@ struct changed_word {
   bool is_increment : 1 = false;  // it is one
   uint16_t trace = 0;             // of the walk that stores and increments are chosen by
 
-  uint32_t first_byte() const;  // 0 to 3: the first that differs
-  uint32_t last_byte() const;
+  // 0 to 3: the first that differs, and the last.
+  uint32_t first_byte() const { return static_cast<uint32_t>(std::countr_zero(mask)); }
+  uint32_t last_byte() const { return 7 - static_cast<uint32_t>(std::countl_zero(mask)); }
   uint32_t span() const { return last_byte() - first_byte() + 1; }
 };
 
