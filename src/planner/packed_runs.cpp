@@ -5,6 +5,8 @@ namespace {
 
 // Shorter ones are compressed again as fast as they are found.
 constexpr uint32_t kLeastKept = 64;
+// Their room is made at once: growing, it would be there twice for a while.
+constexpr uint32_t kLongRun = uint32_t{1} << 20U;
 
 }  // namespace
 
@@ -35,6 +37,9 @@ std::optional<uint32_t> packed_runs::append(uint32_t address, uint32_t size, opt
   std::optional<form> known = is_kept ? find(run, packed) : std::nullopt;
   if (!known) {
     const size_t begin = packed.size();
+    if (size >= kLongRun) {
+      packed.reserve(begin + size + size / 8 + 1);
+    }
     parser.append_packed(image_.subspan(address, size), packed);
     if (packed.size() - begin >= size) {
       packed.resize(begin);

@@ -148,7 +148,7 @@ class class_chooser {
           const int64_t blended = added / 2 + std::min<int64_t>(mean, added + 3 * kBit) / 2;
           price = static_cast<uint32_t>(std::max<int64_t>(blended, kBit));
         }
-        word.price = std::max(price, kBit);
+        word.price = std::max(price, kBit) & 0x3FFFU;
       }
     }
   }
