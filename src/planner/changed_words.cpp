@@ -1,7 +1,6 @@
 #include "changed_words.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstring>
 
 namespace kelvane {
@@ -10,12 +9,12 @@ namespace {
 // A word of a value found so often may become an increment whatever its neighbours do.
 constexpr uint32_t kFrequent = 6;
 
-uint8_t differing_bytes(const uint8_t* first, const uint8_t* second, uint32_t count) {
+uint32_t differing_bytes(const uint8_t* first, const uint8_t* second, uint32_t count) {
   uint32_t mask = 0;
   for (uint32_t i = 0; i < count; ++i) {
     mask |= (first[i] != second[i] ? 1U : 0U) << i;
   }
-  return static_cast<uint8_t>(mask);
+  return mask;
 }
 
 bool is_known_whole(const moved_image& moved, uint32_t address) {
@@ -24,11 +23,27 @@ bool is_known_whole(const moved_image& moved, uint32_t address) {
           moved.is_known(address + 3));
 }
 
+// New less old, of whole words. Calculated anew where it is needed: kept, it took 4 bytes a word.
+class word_differences {
+ public:
+  word_differences(const plan_images& images, const moved_image& moved, ByteOrder order)
+      : old_(moved.bytes.data()), new_(images.new_image.data()), order_(order) {}
+  uint32_t of(const changed_word& word) const {
+    const size_t at = size_t{word.word} * 4;
+    return word.is_whole ? load_word(new_ + at, order_) - load_word(old_ + at, order_) : 0;
+  }
+
+ private:
+  const uint8_t* old_;
+  const uint8_t* new_;
+  ByteOrder order_;
+};
+
 // Tells values that may come twice from those that come once, so that only the former are sorted:
 // on unlike images nearly all come once, and sorting them took half as much memory as the words.
 class repeated_values {
  public:
-  explicit repeated_values(const changed_words& changed) {
+  repeated_values(const changed_words& changed, const word_differences& differences) {
     while (bits_ < kMostBits && (size_t{1} << bits_) < changed.words.size() * 8) {
       ++bits_;
     }
@@ -36,7 +51,7 @@ class repeated_values {
     twice_.resize(size_t{1} << bits_);
     for (const changed_word& word : changed.words) {
       if (word.is_whole) {
-        const size_t slot = slot_of(word.difference);
+        const size_t slot = slot_of(differences.of(word));
         twice_[slot] = twice_[slot] || once_[slot];
         once_[slot] = true;
       }
@@ -52,21 +67,22 @@ class repeated_values {
   std::vector<bool> twice_;
 };
 
-std::vector<uint64_t> sorted_values(const changed_words& changed) {
-  const repeated_values repeated(changed);
+std::vector<uint64_t> sorted_values(const changed_words& changed,
+                                    const word_differences& differences) {
+  const repeated_values repeated(changed, differences);
   std::vector<uint64_t> sorted;
   for (size_t i = 0; i < changed.words.size(); ++i) {
     const changed_word& word = changed.words[i];
-    if (word.is_whole && repeated.may_contain(word.difference)) {
-      sorted.push_back((uint64_t{word.difference} << 32U) + i);
+    if (const uint32_t value = differences.of(word); word.is_whole && repeated.may_contain(value)) {
+      sorted.push_back((uint64_t{value} << 32U) + i);
     }
   }
   std::sort(sorted.begin(), sorted.end());
   return sorted;
 }
 
-void find_classes(changed_words& changed) {
-  const std::vector<uint64_t> sorted = sorted_values(changed);
+void find_classes(changed_words& changed, const word_differences& differences) {
+  const std::vector<uint64_t> sorted = sorted_values(changed, differences);
   const auto value_of = [](uint64_t entry) { return static_cast<uint32_t>(entry >> 32U); };
   for (size_t begin = 0; begin < sorted.size();) {
     const uint32_t value = value_of(sorted[begin]);
@@ -92,14 +108,6 @@ void find_classes(changed_words& changed) {
 
 }  // namespace
 
-uint32_t changed_word::first_byte() const {
-  return static_cast<uint32_t>(std::countr_zero(mask));
-}
-
-uint32_t changed_word::last_byte() const {
-  return 7 - static_cast<uint32_t>(std::countl_zero(mask));
-}
-
 changed_words find_changed_words(const plan_images& images, const moved_image& moved,
                                  ByteOrder order) {
   changed_words changed;
@@ -120,14 +128,11 @@ changed_words find_changed_words(const plan_images& images, const moved_image& m
     }
     changed_word word;
     word.word = at / 4;
-    word.mask = differing_bytes(old_bytes + at, new_bytes + at, count);
+    word.mask = differing_bytes(old_bytes + at, new_bytes + at, count) & 15U;
     word.is_whole = count == 4 && is_known_whole(moved, at);
-    if (word.is_whole) {
-      word.difference = load_word(new_bytes + at, order) - load_word(old_bytes + at, order);
-    }
     changed.words.push_back(word);
   }
-  find_classes(changed);
+  find_classes(changed, {images, moved, order});
   return changed;
 }
 

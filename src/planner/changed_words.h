@@ -2,9 +2,10 @@
 
 // The words that differ once the moves are done, and which of them grow by the same value.
 //
-// Only they are kept, 16 bytes each, not all words of the image: on builds that are close to each
+// Only they are kept, 8 bytes each, not all words of the image: on builds that are close to each
 // other that is one word in ten.
 
+#include <bit>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -15,20 +16,22 @@ namespace kelvane {
 
 struct changed_word {
   uint32_t word = 0;              // address divided by 4
-  uint32_t difference = 0;        // new less old, if is_whole
-  uint32_t price = 0;             // of an increment, in bit parts
-  uint8_t mask = 0;               // bit i: byte i differs
+  uint32_t price : 14 = 0;        // of an increment, in bit parts: less than 512 bits
+  uint32_t trace : 9 = 0;         // of the walk that stores and increments are chosen by
+  uint32_t mask : 4 = 0;          // bit i: byte i differs
   bool is_whole : 1 = false;      // has 4 bytes, all of them known
   bool has_twins : 1 = false;     // another word has its value
   bool is_frequent : 1 = false;   // five others have
   bool is_allowed : 1 = false;    // its class is in use
   bool is_increment : 1 = false;  // it is one
-  uint16_t trace = 0;             // of the walk that stores and increments are chosen by
 
-  uint32_t first_byte() const;  // 0 to 3: the first that differs
-  uint32_t last_byte() const;
+  // 0 to 3: the first that differs, and the last.
+  uint32_t first_byte() const { return static_cast<uint32_t>(std::countr_zero(uint32_t{mask})); }
+  uint32_t last_byte() const { return static_cast<uint32_t>(std::bit_width(uint32_t{mask})) - 1; }
   uint32_t span() const { return last_byte() - first_byte() + 1; }
 };
+
+static_assert(sizeof(changed_word) == 8);
 
 // Prices are counted in parts of a bit, as whole numbers, so that every machine decides alike.
 inline constexpr uint32_t kBit = 32;

@@ -6,7 +6,7 @@
 namespace kelvane {
 
 plan make_plan(const plan_images& images, std::span<const moved_block> moves,
-               const plan_rules& rules, const plan_settings& settings) {
+               const plan_rules& rules, const plan_settings& settings, packed_runs& forms) {
   plan planned;
   planned.order = settings.order;
   planned.moves.assign(moves.begin(), moves.end());
@@ -21,8 +21,7 @@ plan make_plan(const plan_images& images, std::span<const moved_block> moves,
   word_choice choice = choose_words(images, moved, words);
   planned.classes = std::move(choice.classes);
   planned.words = std::move(choice.words);
-  optimal_parser parser;
-  plan_stores(images, moved, choice.runs, rules, parser, planned);
+  plan_stores(images, moved, choice.runs, rules, forms, planned);
   return planned;
 }
 

@@ -5,6 +5,7 @@
 #include <span>
 
 #include "alignment.h"
+#include "packed_runs.h"
 #include "plan.h"
 
 namespace kelvane {
@@ -16,8 +17,8 @@ struct plan_settings {
   uint32_t packed_entry = 0;
 };
 
-// Completes the moves by fills, stores and increments.
+// Completes the moves by fills, stores and increments. `forms`: of runs of the new image.
 plan make_plan(const plan_images& images, std::span<const moved_block> moves,
-               const plan_rules& rules, const plan_settings& settings);
+               const plan_rules& rules, const plan_settings& settings, packed_runs& forms);
 
 }  // namespace kelvane

@@ -20,6 +20,15 @@ uint32_t slot_of(const uint8_t* bytes) {
   return mixed >> (32U - kHashBits);
 }
 
+// How many bytes agree, up to `limit`.
+size_t agreeing(const uint8_t* first, const uint8_t* second, size_t limit) {
+  size_t length = 0;
+  while (length < limit && first[length] == second[length]) {
+    ++length;
+  }
+  return length;
+}
+
 }  // namespace
 
 optimal_parser::optimal_parser(int trials) : trials_(trials), newest_(size_t{1} << kHashBits, -1) {}
@@ -44,19 +53,23 @@ void optimal_parser::find_matches(size_t context, size_t size) {
     }
     match& found = matches_[at - context];
     const size_t limit = std::min(kLongest, ring_.size() - at);
+    const uint8_t* const here = &ring_[at];
+    size_t longest = kShortest - 1;  // found so far, or what is not enough
     for (int trial = 0; trial < trials_ && candidate >= 0; ++trial) {
       const auto place = static_cast<size_t>(candidate);
       if (at - place > kRingSize) {
         break;
       }
-      size_t length = 0;
-      while (length < limit && ring_[place + length] == ring_[at + length]) {
-        ++length;
-      }
-      if (length >= kShortest && length > found.length) {
-        found = {static_cast<uint16_t>(length), static_cast<uint16_t>(at - place)};
-        if (length == limit) {
-          break;
+      // What is longer agrees in the byte behind what was found.
+      const uint8_t* const there = &ring_[place];
+      if (there[longest] == here[longest]) {
+        const size_t length = agreeing(there, here, limit);
+        if (length > longest) {
+          longest = length;
+          found = {static_cast<uint16_t>(length), static_cast<uint16_t>(at - place)};
+          if (length == limit) {
+            break;
+          }
         }
       }
       candidate = previous_[place];

@@ -6,7 +6,6 @@
 #include <mutex>
 
 #include "alignment.h"
-#include "changed_words.h"
 #include "make_plan.h"
 #include "move_order.h"
 #include "parallel_tasks.h"
@@ -121,14 +120,30 @@ class tried_plans {
   bool was_stopped_ = false;
 };
 
-// The order in which more of the words that differ share their difference with several others.
+// The order in which more of the words that differ share their difference with several others. They
+// are counted by a hash of the difference: whom chance adds, it adds to both orders.
 ByteOrder likelier_order(const plan_images& images, std::span<const moved_block> moves,
                          ByteOrder guess) {
+  constexpr uint32_t kHashBits = 20;
+  constexpr uint8_t kSeveral = 6;
   const moved_image moved = carry_out_moves(images, moves);
   const auto shared = [&](ByteOrder order) {
-    const changed_words changed = find_changed_words(images, moved, order);
-    return std::count_if(changed.words.begin(), changed.words.end(),
-                         [](const changed_word& word) { return word.is_frequent; });
+    std::vector<uint8_t> counts(size_t{1} << kHashBits);
+    uint64_t several = 0;
+    for (uint32_t at = 0; at + 4 <= moved.bytes.size(); at += 4) {
+      const uint32_t difference =
+          load_word(&images.new_image[at], order) - load_word(&moved.bytes[at], order);
+      uint8_t& count = counts[(difference * 2654435761U) >> (32U - kHashBits)];
+      if (difference == 0 || !moved.is_known(at) || !moved.is_known(at + 3)) {
+        continue;
+      }
+      if (count == kSeveral) {
+        ++several;
+      } else if (++count == kSeveral) {
+        several += kSeveral;
+      }
+    }
+    return several;
   };
   const ByteOrder other = guess == ByteOrder::kBig ? ByteOrder::kLittle : ByteOrder::kBig;
   return shared(other) > shared(guess) ? other : guess;
@@ -140,10 +155,12 @@ size_t alignments_of(const effort_settings& effort) {
 
 class plan_searcher {
  public:
-  plan_searcher(const plan_request& request, const plan_rules& rules, tried_plans& tried)
+  plan_searcher(const plan_request& request, const plan_rules& rules, tried_plans& tried,
+                packed_runs& forms)
       : request_(request),
         rules_(rules),
         tried_(tried),
+        forms_(forms),
         effort_(settings_of(request.effort)),
         order_(request.order.value_or(likely_order(request.images.new_image))),
         strings_(std::make_unique<string_seeds>(request.images.old_image)) {}
@@ -225,7 +242,7 @@ class plan_searcher {
   }
 
   // The plan again with other rates of compressed stores, where there is much to store.
-  void try_rates(tried_plan& best, const move_order& moves) const {
+  void try_rates(tried_plan& best, const move_order& moves) {
     constexpr uint64_t kMuch = 1000;
     if (!rules_.compression || best.cost.packed_stores + best.cost.plain_stores < kMuch) {
       return;
@@ -242,10 +259,9 @@ class plan_searcher {
     take_cheaper(best, moves, {order, 64 * kBit / 10, kPackedEntry});
   }
 
-  void take_cheaper(tried_plan& best, const move_order& moves,
-                    const plan_settings& settings) const {
+  void take_cheaper(tried_plan& best, const move_order& moves, const plan_settings& settings) {
     tried_plan made;
-    made.planned = make_plan(request_.images, moves.blocks, rules_, settings);
+    made.planned = make_plan(request_.images, moves.blocks, rules_, settings, forms_);
     made.cost = cost_of_plan(request_.images, made.planned, rules_);
     made.is_made = true;
     if (!best.is_made || made.cost.total() < best.cost.total()) {
@@ -256,6 +272,7 @@ class plan_searcher {
   const plan_request& request_;
   const plan_rules& rules_;
   tried_plans& tried_;
+  packed_runs& forms_;
   effort_settings effort_;
   ByteOrder order_;
   std::unique_ptr<string_seeds> strings_;
@@ -287,9 +304,10 @@ found_plan search_plan(const plan_request& request) {
   const effort_settings effort = settings_of(request.effort);
   const auto tries = effort.rounds * static_cast<uint32_t>(alignments_of(effort));
   tried_plans tried(request, request.narrower_rules ? 2 * tries : tries);
-  plan_searcher(request, request.rules, tried).run();
+  packed_runs forms(request.images.new_image);
+  plan_searcher(request, request.rules, tried, forms).run();
   if (request.narrower_rules && !tried.was_stopped()) {
-    plan_searcher(request, *request.narrower_rules, tried).run();
+    plan_searcher(request, *request.narrower_rules, tried, forms).run();
   }
   return tried.best();
 }

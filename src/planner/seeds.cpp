@@ -14,15 +14,19 @@ constexpr uint64_t kMix2 = 0xC2B2AE3D27D4EB4FU;
 constexpr uint64_t kMix3 = 0x165667B19E3779F9U;
 constexpr uint64_t kMix4 = 0xD6E8FEB86659FD93U;
 
-std::optional<uint32_t> string_hash(const uint8_t* bytes, uint32_t bits) {
+// All its bits are good; the highest are used.
+std::optional<uint64_t> string_hash(const uint8_t* bytes) {
   const uint64_t head = load_word(bytes, ByteOrder::kLittle);
   const uint64_t middle = load_word(bytes + 4, ByteOrder::kLittle);
   const uint64_t tail = load_word(bytes + 8, ByteOrder::kLittle);
   if (head == middle && middle == tail && head == std::rotr(static_cast<uint32_t>(head), 8)) {
     return std::nullopt;
   }
-  const uint64_t mixed = (((head + (middle << 32U)) * kMix1) ^ (tail * kMix2)) * kMix1;
-  return static_cast<uint32_t>(mixed >> (64U - bits));
+  return (((head + (middle << 32U)) * kMix1) ^ (tail * kMix2)) * kMix1;
+}
+
+constexpr uint32_t highest_bits(uint64_t hash, uint32_t bits) {
+  return static_cast<uint32_t>(hash >> (64U - bits));
 }
 
 // Bytes from one place with difference seeds to the next.
@@ -43,7 +47,7 @@ std::optional<uint32_t> difference_hash(const uint8_t* bytes, uint32_t stride, u
   }
   const uint64_t mixed =
       ((first * kMix1) ^ (second * kMix2) ^ (third * kMix3) ^ ((fourth + stride) * kMix4)) * kMix1;
-  return static_cast<uint32_t>(mixed >> (64U - bits));
+  return highest_bits(mixed, bits);
 }
 
 template <ByteOrder order>
@@ -87,18 +91,26 @@ string_seeds::string_seeds(std::span<const uint8_t> old_image) {
     if (old_image.size() < kSeedBytes) {
       return;
     }
+    present_.resize(size_t{1} << (bits_ + kPresenceBits - 6));
     for (size_t at = ((old_image.size() - kSeedBytes) & ~size_t{3}) + 4; at != 0;) {
       at -= 4;
-      if (const auto hash = string_hash(&old_image[at], bits_)) {
-        take(*hash, static_cast<uint32_t>(at));
+      if (const auto hash = string_hash(&old_image[at])) {
+        const uint32_t presence = highest_bits(*hash, bits_ + kPresenceBits);
+        present_[presence / 64] |= uint64_t{1} << (presence % 64);
+        take(presence >> kPresenceBits, static_cast<uint32_t>(at));
       }
     }
   });
 }
 
 std::span<const uint32_t> string_seeds::places(const uint8_t* bytes) const {
-  const auto hash = string_hash(bytes, bits_);
-  return hash ? bucket(*hash) : std::span<const uint32_t>{};
+  const auto hash = string_hash(bytes);
+  if (!hash || present_.empty()) {
+    return {};
+  }
+  const uint32_t presence = highest_bits(*hash, bits_ + kPresenceBits);
+  const bool is_present = (present_[presence / 64] >> (presence % 64) & 1U) != 0;
+  return is_present ? bucket(presence >> kPresenceBits) : std::span<const uint32_t>{};
 }
 
 difference_seeds::difference_seeds(std::span<const uint8_t> old_image, ByteOrder order)

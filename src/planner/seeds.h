@@ -6,8 +6,8 @@
 // give are places worth a look, not matches: unlike things share a bucket.
 //
 // Equal strings. A string of 12 bytes at each multiple of 4 in the old image; a question may stand
-// at any byte of the new one. So every run of 15 equal bytes is found, at 2 bytes of memory for a
-// byte of the old image; an index of all bytes took 8 and found no more.
+// at any byte of the new one. So every run of 15 equal bytes is found, at 2.5 bytes of memory for
+// a byte of the old image; an index of all bytes took 8 and found no more.
 //
 // Equal differences. A table of pointers, relocations or records has no 12 equal bytes once all it
 // points to has moved, but the differences between its rows stay: for a table of t columns, word
@@ -58,6 +58,13 @@ class string_seeds : public seed_index {
   // The places where the kSeedBytes bytes at `bytes` may stand. Empty for one byte repeated, which
   // would name every gap.
   std::span<const uint32_t> places(const uint8_t* bytes) const;
+
+ private:
+  // Most questions about unlike images ask for strings that the old image doesn't have. A bit tells
+  // so, for 32 times as many hashes as there are buckets; else two places would be looked at, each
+  // of them far from the caches.
+  static constexpr uint32_t kPresenceBits = 5;
+  std::vector<uint64_t> present_;
 };
 
 class difference_seeds : public seed_index {

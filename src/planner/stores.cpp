@@ -75,22 +75,22 @@ idle_bytes::idle_bytes(const plan_images& images, const moved_image& moved, cons
 }
 
 void plan_stores(const plan_images& images, const moved_image& moved,
-                 std::span<const stored_run> runs, const plan_rules& rules, optimal_parser& parser,
+                 std::span<const stored_run> runs, const plan_rules& rules, packed_runs& forms,
                  plan& planned) {
   std::vector<planned_store> linked;  // all but the compressed ones
   std::vector<planned_store> packed;
+  optimal_parser parser;
   for (const stored_run& run : runs) {
     planned_store store = {run.begin, run.end - run.begin, 0, 0, store_kind::plain};
     if (store.size == 1) {
       store.kind = store_kind::single;
     } else if (rules.compression && store.size >= kLeastPacked) {
       const size_t begin = planned.packed.size();
-      parser.append_packed(images.new_image.subspan(store.address, store.size), planned.packed);
-      const auto packed_size = static_cast<uint32_t>(planned.packed.size() - begin);
-      if (pays_packed(run, packed_size)) {
+      const auto packed_size = forms.append(store.address, store.size, parser, planned.packed);
+      if (packed_size && pays_packed(run, *packed_size)) {
         store.kind = store_kind::compressed;
         store.packed_begin = static_cast<uint32_t>(begin);
-        store.packed_size = packed_size;
+        store.packed_size = *packed_size;
       } else {
         planned.packed.resize(begin);
       }

@@ -13,7 +13,7 @@
 #include <span>
 #include <vector>
 
-#include "optimal_parse.h"
+#include "packed_runs.h"
 #include "plan.h"
 #include "word_walk.h"
 
@@ -25,7 +25,7 @@ std::vector<planned_fill> find_fills(const plan_images& images, moved_image& mov
 // The stores for `runs`, by address, into `planned`, which has its words already. `moved` is the
 // memory after moves and fills.
 void plan_stores(const plan_images& images, const moved_image& moved,
-                 std::span<const stored_run> runs, const plan_rules& rules, optimal_parser& parser,
+                 std::span<const stored_run> runs, const plan_rules& rules, packed_runs& forms,
                  plan& planned);
 
 // Whether a store can be followed by another one in a relative list: the reach of such a list, and

@@ -10,6 +10,7 @@ namespace kelvane {
 namespace {
 
 constexpr int kTurns = 6;
+constexpr int kTurnsByMean = 2;  // the first of them, which price words by the mean of their class
 // A class that was dropped twice stays out, so that the turns end.
 constexpr uint8_t kMostDrops = 2;
 // What taking in a class has to gain, in bit parts, so that it isn't dropped again at once.
@@ -24,10 +25,14 @@ class class_chooser {
   std::vector<stored_run> run() {
     choose_first();
     std::vector<stored_run> runs;
+    uint64_t uses_before = 0;  // when the walk before was made
     for (int turn = 0; turn < kTurns; ++turn) {
-      price_words(turn < 2);
-      runs = walk_words(changed_, densities_, settings_.walk);
+      price_words(turn < kTurnsByMean);
+      std::vector<stored_run> next = walk_words(changed_, densities_, settings_.walk);
+      const bool is_same = next == runs;
+      runs = std::move(next);
       densities_ = measure_density(changed_, runs);
+      const uint64_t uses = changed_uses_;
       if (turn >= 1 && turn + 1 < kTurns) {
         if (settings_.class_limit == UINT32_MAX) {
           drop_losing();
@@ -36,6 +41,10 @@ class class_chooser {
           keep_best();
         }
       }
+      if (turn >= kTurnsByMean && is_same && changed_uses_ == uses_before) {
+        break;  // all other turns would give the same
+      }
+      uses_before = uses;
     }
     return runs;
   }
@@ -64,6 +73,7 @@ class class_chooser {
 
   void set_use(value_class& of, bool in_use) {
     of.in_use = in_use;
+    ++changed_uses_;
     for (const uint32_t member : changed_.members(of)) {
       word_at(member).is_allowed = in_use;
       word_at(member).is_increment = in_use;
@@ -138,7 +148,7 @@ class class_chooser {
           const int64_t blended = added / 2 + std::min<int64_t>(mean, added + 3 * kBit) / 2;
           price = static_cast<uint32_t>(std::max<int64_t>(blended, kBit));
         }
-        word.price = std::max(price, kBit);
+        word.price = std::max(price, kBit) & 0x3FFFU;
       }
     }
   }
@@ -273,6 +283,7 @@ class class_chooser {
   const word_settings& settings_;
   std::vector<store_density> densities_;
   std::vector<uint32_t> places_;
+  uint64_t changed_uses_ = 0;  // how often a class was dropped or taken in
 };
 
 }  // namespace

@@ -149,7 +149,7 @@ class word_walk {
         pass_gap(gap, trace);
       }
       pass_word(i, trace);
-      changed_.words[i].trace = trace.bits();
+      changed_.words[i].trace = trace.bits() & 0x1FFU;
     }
   }
 
@@ -158,12 +158,12 @@ class word_walk {
     auto state =
         static_cast<uint32_t>(std::min_element(costs_.begin(), costs_.end()) - costs_.begin());
     for (size_t i = changed_.words.size(); i-- > 0;) {
-      const trace_bits trace(changed_.words[i].trace);
+      const trace_bits trace(static_cast<uint16_t>(changed_.words[i].trace));
       trace_bits gone;
       gone.set_before(0, trace.before(state));
       gone.set_before(1, state);
       gone.set_increment(state == outside && trace.increment());
-      changed_.words[i].trace = gone.bits();
+      changed_.words[i].trace = gone.bits() & 0x1FFU;
       state = trace.before(state);
       if (gap_before(i) > 0 && state == outside) {
         state = trace.before_gap();
@@ -177,7 +177,7 @@ class word_walk {
 
   void add_to_runs(size_t index) {
     changed_word& word = changed_.words[index];
-    const trace_bits gone(word.trace);
+    const trace_bits gone(static_cast<uint16_t>(word.trace));
     const uint32_t before = gone.before(0);
     const uint32_t state = gone.before(1);
     if (before == outside || (state != outside && state != before)) {

@@ -30,6 +30,8 @@ struct stored_run {
   uint32_t begin = 0;
   uint32_t end = 0;
   bool is_compressed = false;
+
+  bool operator==(const stored_run&) const = default;
 };
 
 struct walk_settings {

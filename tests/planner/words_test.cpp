@@ -18,7 +18,8 @@ plan plan_without_moves(const Bytes& old_image, const Bytes& new_image,
                         patch_profile profile = patch_profile::wide, uint8_t format = 1) {
   const plan_images images = {old_image, new_image};
   const plan_rules rules = rules_for(profile, format);
-  plan planned = make_plan(images, {}, rules, {ByteOrder::kBig, 58 * 32 / 10, 66 * 32});
+  packed_runs forms(new_image);
+  plan planned = make_plan(images, {}, rules, {ByteOrder::kBig, 58 * 32 / 10, 66 * 32}, forms);
   EXPECT_EQ(fault_of_patch(images, write_plan(images, planned, rules), ByteOrder::kBig), "");
   return planned;
 }
