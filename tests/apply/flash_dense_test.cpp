@@ -63,7 +63,7 @@ Images patched(const dense_target& target, uint32_t functions) {
   for (const size_t at : {size_t{40}, images.after.size() / 2, images.after.size() - 900}) {
     images.after[at] = static_cast<uint8_t>(images.after[at] + 1);
   }
-  images.after.erase(images.after.end() - 200, images.after.end());
+  images.after = Bytes(images.after.begin(), images.after.end() - 200);
   return images;
 }
 
