@@ -47,7 +47,8 @@ std::optional<uint32_t> difference_hash(const uint8_t* bytes, uint32_t stride, u
 }
 
 template <ByteOrder order>
-void each_difference(std::span<const uint8_t> image, uint32_t bits, const auto& take) {
+void each_difference(std::span<const uint8_t> image, const row_bytes* known, uint32_t bits,
+                     const auto& take) {
   const size_t longest = difference_seed_bytes(kSeedStrides);
   if (image.size() < longest) {
     return;
@@ -56,6 +57,10 @@ void each_difference(std::span<const uint8_t> image, uint32_t bits, const auto& 
        at != 0;) {
     at -= kDifferenceStep;
     for (uint32_t stride = 1; stride <= kSeedStrides; ++stride) {
+      if (known != nullptr &&
+          !known->has(static_cast<int64_t>(at), difference_seed_bytes(stride))) {
+        break;
+      }
       if (const auto hash = difference_hash<order>(&image[at], stride, bits)) {
         take(*hash, static_cast<uint32_t>(at));
       }
@@ -82,13 +87,16 @@ void seed_index::build(uint64_t expected, const Each& each) {
   each([&](uint32_t hash, uint32_t place) { places_[--begin_[hash]] = place; });
 }
 
-string_seeds::string_seeds(std::span<const uint8_t> old_image) {
+string_seeds::string_seeds(std::span<const uint8_t> old_image, const row_bytes* known) {
   build(old_image.size() / 4, [&](const auto& take) {
     if (old_image.size() < kSeedBytes) {
       return;
     }
     for (size_t at = ((old_image.size() - kSeedBytes) & ~size_t{3}) + 4; at != 0;) {
       at -= 4;
+      if (known != nullptr && !known->has(static_cast<int64_t>(at), kSeedBytes)) {
+        continue;
+      }
       if (const auto hash = string_hash(&old_image[at], bits_)) {
         take(*hash, static_cast<uint32_t>(at));
       }
@@ -101,13 +109,14 @@ std::span<const uint32_t> string_seeds::places(const uint8_t* bytes) const {
   return hash ? bucket(*hash) : std::span<const uint32_t>{};
 }
 
-difference_seeds::difference_seeds(std::span<const uint8_t> old_image, ByteOrder order)
+difference_seeds::difference_seeds(std::span<const uint8_t> old_image, ByteOrder order,
+                                   const row_bytes* known)
     : order_(order) {
   build(old_image.size() / kDifferenceStep * kSeedStrides, [&](const auto& take) {
     if (order == ByteOrder::kBig) {
-      each_difference<ByteOrder::kBig>(old_image, bits_, take);
+      each_difference<ByteOrder::kBig>(old_image, known, bits_, take);
     } else {
-      each_difference<ByteOrder::kLittle>(old_image, bits_, take);
+      each_difference<ByteOrder::kLittle>(old_image, known, bits_, take);
     }
   });
 }
