@@ -158,7 +158,7 @@ int64_t aligner::next_difference(int64_t at) {
     next_difference_ = at;
     const int64_t limit = std::min(at + kSkipBytes, new_size_ & ~int64_t{3});
     while (shift != kStoredShift && next_difference_ < limit) {
-      if (!costs_.is_free(shift, next_difference_)) {
+      if (!costs_.is_equal(shift, next_difference_)) {
         break;
       }
       next_difference_ += 4;

@@ -66,10 +66,10 @@ class word_costs {
     return differing(place, at, differing_span(old_word, new_word), after_store);
   }
 
-  // Whether the word costs nothing under a shift, which is not kStoredShift, in a patch.
-  bool is_free(int64_t shift, int64_t at) const {
+  // Whether the word is one of both images and equal under a shift, which is not kStoredShift.
+  bool is_equal(int64_t shift, int64_t at) const {
     const int64_t place = at - shift;
-    return is_nothing(at) || (!is_outside(place) && raw_word(old_ + place) == raw_word(new_ + at));
+    return !is_outside(place) && raw_word(old_ + place) == raw_word(new_ + at) && !is_nothing(at);
   }
 
   // Of `words` words from `at` on, or those that there are; stops at `limit` or above.

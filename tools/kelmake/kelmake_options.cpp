@@ -87,6 +87,11 @@ const char* help_text() {
          "                       wide: with more than 20 classes of increments (the default);\n"
          "                       libapply: with all that libapply takes\n"
          "  --format 0|1         format of the patch, 1 by default\n"
+         "  --ram                OLD and NEW are ELF images: compares their sections at their\n"
+         "                       addresses in the target's memory\n"
+         "  --exclude FILE       leaves out the sections that FILE names, with --ram\n"
+         "  --alias ADDRESS:MASK a memory region with two addresses, with --ram; may be given\n"
+         "                       repeatedly\n"
          "  --big-endian         byte order of the target's words; by default the one that\n"
          "  --little-endian      gives the smaller patch\n"
          "  --report FILE        writes what was found to FILE, as JSON\n"
@@ -142,6 +147,12 @@ Options parse_options(const std::vector<std::string>& arguments) {
       options.profile = value_named(kProfiles, "profile", value());
     } else if (name == "--format") {
       options.format = static_cast<uint8_t>(number_of(name, value(), 0, 1));
+    } else if (name == "--exclude") {
+      options.exclude_name = value();
+    } else if (name == "--alias") {
+      options.aliases.push_back(value());
+    } else if (argument == "--ram") {
+      options.ram = true;
     } else if (name == "--report") {
       options.report_name = value();
     } else if (argument == "--big-endian") {
@@ -168,6 +179,12 @@ Options parse_options(const std::vector<std::string>& arguments) {
   }
   if (options.patch_name.empty()) {
     usage_error("the option '-o' has to name the patch");
+  }
+  if (!options.ram && (!options.exclude_name.empty() || !options.aliases.empty())) {
+    usage_error("'--exclude' and '--alias' are for '--ram'");
+  }
+  if (options.ram && options.order) {
+    usage_error("with '--ram' the images tell the byte order");
   }
   options.old_name = operands[0];
   options.new_name = operands[1];

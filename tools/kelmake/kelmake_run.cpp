@@ -4,8 +4,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cinttypes>
 #include <cstdio>
+#include <optional>
 
+#include "kelmake_images.h"
 #include "kelmake_report.h"
 #include "optimal_parse.h"
 #include "output_file.h"
@@ -46,6 +49,49 @@ void write_file(const std::string& name, const Bytes& bytes) {
   output.keep();
 }
 
+// What a run compares, held as long as a plan needs it.
+struct Input {
+  Comparison comparison;
+  kelvane::plan_images images;
+  bool is_equal = false;
+  Bytes new_bytes;  // without what lies between sections
+
+  Bytes old_file;
+  std::optional<MemoryImages> elf_images;
+  std::optional<kelvane::laid_out_memory> memory;
+};
+
+void read_files(const Options& options, Input& input) {
+  input.old_file = kelpatch::read_input(options.old_name);
+  input.new_bytes = kelpatch::read_input(options.new_name);
+  input.images = {input.old_file, input.new_bytes};
+  input.is_equal = input.old_file == input.new_bytes;
+  input.comparison = {input.old_file.size(), input.new_bytes.size(), {}, options.order};
+}
+
+void read_memory(const Options& options, Input& input) {
+  const MemoryImages& images = input.elf_images.emplace(options);
+  const auto size = kelvane::laid_out_memory::row_size(images.pairs(), images.spare());
+  if (size > kelvane::kLargestImage) {
+    fatal("the sections of '%s' and '%s' have more than %" PRIu32 " bytes",
+          options.old_name.c_str(), options.new_name.c_str(), kelvane::kLargestImage);
+  }
+  input.memory.emplace(images.pairs(), images.spare()).target.header = images.header();
+  input.images = input.memory->images();
+  Comparison& comparison = input.comparison;
+  comparison.sections = images.sections();
+  comparison.order = images.order();
+  input.is_equal = true;
+  for (const auto& [old_section, new_section] : images.pairs()) {
+    comparison.old_size += old_section.bytes.size();
+    comparison.new_size += new_section.bytes.size();
+    input.new_bytes.insert(input.new_bytes.end(), new_section.bytes.begin(),
+                           new_section.bytes.end());
+    input.is_equal = input.is_equal && old_section.address == new_section.address &&
+                     std::ranges::equal(old_section.bytes, new_section.bytes);
+  }
+}
+
 }  // namespace
 
 void make_patch(const Options& options) {
@@ -53,26 +99,27 @@ void make_patch(const Options& options) {
   for (const std::string& output : {options.patch_name, options.report_name}) {
     refuse_input_as_output(output, options.old_name);
     refuse_input_as_output(output, options.new_name);
+    refuse_input_as_output(output, options.exclude_name);
   }
   probe_output(options.patch_name);
   if (!options.report_name.empty()) {
     probe_output(options.report_name);
   }
-  const Bytes old_file = kelpatch::read_input(options.old_name);
-  const Bytes new_file = kelpatch::read_input(options.new_name);
+  Input input;
+  (options.ram ? read_memory : read_files)(options, input);
   if (!options.quiet) {
-    std::fputs(text_of_comparison(options, old_file.size(), new_file.size()).c_str(), stdout);
+    std::fputs(text_of_comparison(options, input.comparison).c_str(), stdout);
     std::fflush(stdout);
   }
 
   kelvane::plan_request request;
-  request.images = {old_file, new_file};
+  request.images = input.images;
   request.rules = kelvane::rules_for(options.profile, options.format);
   if (options.profile == kelvane::patch_profile::libapply) {
     request.narrower_rules = kelvane::rules_for(kelvane::patch_profile::wide, options.format);
   }
   request.effort = options.effort;
-  request.order = options.order;
+  request.order = input.comparison.order;
   request.jobs = options.jobs;
   if (options.seconds) {
     request.is_over = [&, limit = std::chrono::seconds(*options.seconds)] {
@@ -99,10 +146,9 @@ void make_patch(const Options& options) {
 
   const Outcome outcome = {
       .options = options,
-      .old_size = old_file.size(),
-      .new_size = new_file.size(),
-      .equal_files = old_file == new_file,
-      .packed_new_size = packed_size_if_near(new_file, patch.size()),
+      .comparison = input.comparison,
+      .equal_files = input.is_equal,
+      .packed_new_size = packed_size_if_near(input.new_bytes, patch.size()),
       .found = found,
       .seconds = std::chrono::duration<double>(steady_clock::now() - start).count()};
   if (!options.report_name.empty()) {
