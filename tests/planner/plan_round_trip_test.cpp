@@ -9,6 +9,7 @@
 #include "image_pair.h"
 #include "plan_patch.h"
 #include "plan_search.h"
+#include "sectioned_pair.h"
 
 namespace kelvane {
 namespace {
@@ -69,6 +70,29 @@ TEST_P(PlanRoundTripTest, APatchCostsWhatThePlanSaysAndMakesTheNewImage) {
     ASSERT_EQ(patch.size(), found.cost.total()) << "seed " << seed;
     ASSERT_EQ(fault_of_patch(request.images, patch, found.planned.order), "") << "seed " << seed;
     ASSERT_EQ(broken_habit(request, found.planned), "") << "seed " << seed;
+  }
+}
+
+// The same for target memory, which the patch is carried out in by addresses.
+TEST_P(PlanRoundTripTest, APatchOfMemoryKeepsToTheSections) {
+  for (uint32_t seed = 1; seed <= pairs_of_a_kind(); ++seed) {
+    Random random(seed * 64 + 32 + static_cast<uint32_t>(GetParam()));
+    const SectionedPair pair = make_sections(make_pair_of(GetParam(), random), random);
+    plan_request request = any_request(pair.bytes, random);
+    laid_out_memory memory(pair.sections, pair.spare);
+    memory.target.header = {1, 2, 3, 4, 5, 6};
+    request.images = memory.images();
+    request.jobs = 1 + random.below(3);
+    const found_plan found = search_plan(request);
+    const std::vector<uint8_t> patch = write_plan(request.images, found.planned, request.rules);
+    ASSERT_EQ(patch.size(), found.cost.total()) << "seed " << seed;
+    ASSERT_EQ(fault_of_patch(request.images, patch, found.planned.order), "") << "seed " << seed;
+    ASSERT_EQ(fault_on_target(pair, patch, found.planned.order == ByteOrder::kBig), "")
+        << "seed " << seed;
+    ASSERT_EQ(broken_habit(request, found.planned), "") << "seed " << seed;
+    request.jobs = 1;
+    ASSERT_EQ(write_plan(request.images, search_plan(request).planned, request.rules), patch)
+        << "seed " << seed;
   }
 }
 
