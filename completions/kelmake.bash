@@ -14,15 +14,15 @@ _kelmake() {
     --effort) candidates="quick normal best" ;;
     --profile) candidates="any wide libapply" ;;
     --format) candidates="0 1" ;;
-    --time | --jobs)
+    --time | --jobs | --alias)
       COMPREPLY=()
       return
       ;;
-    -o | --output | --report) ;;
+    -o | --output | --report | --exclude) ;;
     *)
       if [[ $word == -* ]]; then
-        candidates="-o --output --effort --time --jobs --profile --format --big-endian
-          --little-endian --report -q --quiet --help --version"
+        candidates="-o --output --effort --time --jobs --profile --format --ram --exclude --alias
+          --big-endian --little-endian --report -q --quiet --help --version"
       fi
       ;;
   esac

@@ -115,6 +115,8 @@ SectionedPair make_sections(ImagePair pair, Random& random) {
   const std::span<const uint8_t> old_bytes(made.bytes.old_image);
   const std::span<const uint8_t> new_bytes(made.bytes.new_image);
   const uint32_t count = 1 + random.below(6);
+  // Words of the images are words of the target, or not.
+  const uint32_t word_mask = random.below(2) == 0 ? ~3U : ~0U;
   std::vector<uint32_t> cuts = {0, 1000};
   for (uint32_t i = 1; i < count; ++i) {
     cuts.push_back(random.below(1001));
@@ -123,14 +125,15 @@ SectionedPair make_sections(ImagePair pair, Random& random) {
   std::vector<uint32_t> order(count);
   std::iota(order.begin(), order.end(), 0U);
   std::vector<uint32_t> gaps(count);
-  std::generate(gaps.begin(), gaps.end(), [&] { return any_gap(random); });
-  const uint64_t base = random.below(0x90000000);
+  std::generate(gaps.begin(), gaps.end(), [&] { return any_gap(random) & word_mask; });
+  const uint64_t base = random.below(0x90000000) & word_mask;
   const bool at_the_end = random.below(8) == 0;
   const auto lay_out = [&](std::span<const uint8_t> bytes, auto section) {
     std::vector<uint32_t> sizes;
     for (uint32_t i = 0; i < count; ++i) {
-      const size_t begin = bytes.size() * cuts[i] / 1000;
-      const size_t end = bytes.size() * cuts[i + 1] / 1000;
+      const size_t begin = (bytes.size() * cuts[i] / 1000) & word_mask;
+      const size_t end =
+          i + 1 == count ? bytes.size() : (bytes.size() * cuts[i + 1] / 1000) & word_mask;
       section(made.sections[i]).bytes = bytes.subspan(begin, end - begin);
       sizes.push_back(static_cast<uint32_t>(end - begin));
     }
@@ -146,7 +149,7 @@ SectionedPair make_sections(ImagePair pair, Random& random) {
     std::swap(order[random.below(count)], order[random.below(count)]);
   }
   if (random.below(2) == 0) {
-    gaps[random.below(count)] = any_gap(random);
+    gaps[random.below(count)] = any_gap(random) & word_mask;
   }
   lay_out(
       new_bytes, [](memory_section_pair & each) -> auto& { return each.new_section; });

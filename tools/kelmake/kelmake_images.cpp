@@ -1,6 +1,11 @@
 #include "kelmake_images.h"
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <string_view>
 
 #include "exit_status.h"
 #include "indgen_message.h"
@@ -18,34 +23,60 @@ using kelvane::kStatusFailure;
 constexpr uint32_t kWarning = 4;
 constexpr uint64_t kAddressEnd = uint64_t{1} << 32U;
 
-void (*print_message)(uint32_t code, const char* format, va_list arguments) = nullptr;
+// How messages of the readers are printed while images are read.
+struct MessageState {
+  void (*print)(uint32_t code, const char* format, va_list arguments);
+  bool no_warnings;
+  const char* file_name;  // that is being read, or null
+};
+MessageState messages;
 
-void print_no_warning(uint32_t code, const char* format, va_list arguments) {
-  if (code != kWarning) {
-    print_message(code, format, arguments);
+void print_message(uint32_t code, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  messages.print(code, format, arguments);
+  va_end(arguments);
+}
+
+// Adds the name of the file where a message tells none.
+void print_for_file(uint32_t code, const char* format, va_list arguments) {
+  if (code == kWarning && messages.no_warnings) {
+    return;
+  }
+  va_list again;
+  va_copy(again, arguments);
+  std::array<char, 1024> text = {};
+  const int reason = errno;
+  std::vsnprintf(text.data(), text.size(), format, again);
+  va_end(again);
+  errno = reason;
+  if (messages.file_name == nullptr ||
+      std::string_view(text.data()).find(messages.file_name) != std::string_view::npos) {
+    messages.print(code, format, arguments);
+  } else {
+    print_message(code, "image '%s': %s", messages.file_name, text.data());
   }
 }
 
-// Lets no warning through while it lives.
-class NoWarnings {
+class ReadersMessages {
  public:
-  explicit NoWarnings(bool is_wanted) {
-    print_message = kelvane::gen_domessage;
-    if (is_wanted) {
-      kelvane::gen_domessage = print_no_warning;
-    }
+  explicit ReadersMessages(bool no_warnings) {
+    messages = {kelvane::gen_domessage, no_warnings, nullptr};
+    kelvane::gen_domessage = print_for_file;
   }
-  ~NoWarnings() { kelvane::gen_domessage = print_message; }
-  NoWarnings(const NoWarnings&) = delete;
-  NoWarnings& operator=(const NoWarnings&) = delete;
+  ~ReadersMessages() { kelvane::gen_domessage = messages.print; }
+  ReadersMessages(const ReadersMessages&) = delete;
+  ReadersMessages& operator=(const ReadersMessages&) = delete;
 };
 
 // The symbols of the file are then those of kelvane::table.
 void load(kelvane::file_data* record, const std::string& name) {
   kelvane::table = {};
+  messages.file_name = name.c_str();
   if (kelvane::load_file(record, name.c_str()) != 1) {
     kelvane::gen_exit(kStatusFailure);
   }
+  messages.file_name = nullptr;
   if (record->sections == record->sections_end) {
     kelpatch::fatal("'%s' has no sections that could be compared: it has to be an ELF image",
                     name.c_str());
@@ -59,7 +90,7 @@ MemoryImages::LoadedFile::~LoadedFile() {
 }
 
 MemoryImages::MemoryImages(const Options& options) {
-  const NoWarnings warnings(options.quiet);
+  const ReadersMessages readers(options.quiet);
   kelvane::gen_endian_init();
   kelvane::fDiffMemory = 1;
   for (const std::string& alias : options.aliases) {
