@@ -1,6 +1,9 @@
 #include "memory_proof.h"
 
 #include <algorithm>
+#include <array>
+#include <cinttypes>
+#include <cstdio>
 
 #include "applier.h"
 #include "memory_target.h"
@@ -50,8 +53,10 @@ class proof_memory {
     check_guards(bytes_.size());
     each(images_.memory->map.new_bytes(), [&](size_t place) {
       if (fault.empty() && bytes_[place] != images_.new_image[place]) {
-        fault = "its result differs from the new image at address " +
-                std::to_string(target_address(images_, static_cast<uint32_t>(place)));
+        std::array<char, 11> address = {};
+        std::snprintf(address.data(), address.size(), "0x%08" PRIx32,
+                      target_address(images_, static_cast<uint32_t>(place)));
+        fault = std::string("its result differs from the new image at address ") + address.data();
       }
     });
     return fault;
