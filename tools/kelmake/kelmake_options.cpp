@@ -69,6 +69,31 @@ uint32_t default_jobs() {
   return std::clamp(std::thread::hardware_concurrency(), 1U, 64U);
 }
 
+// Takes an option of memory mode; gives false for any other.
+template <typename GetValue>
+bool take_memory_option(Options& options, const std::string& argument, const std::string& name,
+                        const GetValue& value) {
+  if (argument == "--ram") {
+    options.ram = true;
+  } else if (name == "--exclude") {
+    options.exclude_name = value();
+  } else if (name == "--alias") {
+    options.aliases.push_back(value());
+  } else {
+    return false;
+  }
+  return true;
+}
+
+void check_memory_options(const Options& options) {
+  if (!options.ram && (!options.exclude_name.empty() || !options.aliases.empty())) {
+    usage_error("'--exclude' and '--alias' are for '--ram'");
+  }
+  if (options.ram && options.order) {
+    usage_error("with '--ram' the images tell the byte order");
+  }
+}
+
 }  // namespace
 
 const char* help_text() {
@@ -147,12 +172,6 @@ Options parse_options(const std::vector<std::string>& arguments) {
       options.profile = value_named(kProfiles, "profile", value());
     } else if (name == "--format") {
       options.format = static_cast<uint8_t>(number_of(name, value(), 0, 1));
-    } else if (name == "--exclude") {
-      options.exclude_name = value();
-    } else if (name == "--alias") {
-      options.aliases.push_back(value());
-    } else if (argument == "--ram") {
-      options.ram = true;
     } else if (name == "--report") {
       options.report_name = value();
     } else if (argument == "--big-endian") {
@@ -167,7 +186,7 @@ Options parse_options(const std::vector<std::string>& arguments) {
       options.version = true;
     } else if (argument == "--") {
       only_operands = true;
-    } else {
+    } else if (!take_memory_option(options, argument, name, value)) {
       usage_error("unknown option '" + argument + "'");
     }
   }
@@ -180,12 +199,7 @@ Options parse_options(const std::vector<std::string>& arguments) {
   if (options.patch_name.empty()) {
     usage_error("the option '-o' has to name the patch");
   }
-  if (!options.ram && (!options.exclude_name.empty() || !options.aliases.empty())) {
-    usage_error("'--exclude' and '--alias' are for '--ram'");
-  }
-  if (options.ram && options.order) {
-    usage_error("with '--ram' the images tell the byte order");
-  }
+  check_memory_options(options);
   options.old_name = operands[0];
   options.new_name = operands[1];
   return options;

@@ -37,10 +37,19 @@ void probe_output(const std::string& name) {
   const kelpatch::OutputFile probe(name);
 }
 
-// What the file takes compressed; 0 if that is more than `patch_size` in any case, for 18 bytes
-// take 17 bits at best.
-uint64_t packed_size_if_near(const Bytes& file, uint64_t patch_size) {
-  return patch_size * 9 < file.size() ? 0 : kelvane::optimal_parser().packed_size(file);
+// What the new image alone takes compressed; 0 if that is more than `patch_size` in any case, for
+// 18 bytes take 17 bits at best.
+uint64_t packed_size_if_near(const kelvane::plan_images& images, uint64_t new_size,
+                             uint64_t patch_size) {
+  if (patch_size * 9 < new_size) {
+    return 0;
+  }
+  Bytes bytes;  // without what lies between sections
+  const uint8_t* const image = images.new_image.data();
+  kelvane::each_new_part(
+      images, 0, static_cast<int64_t>(images.new_image.size()),
+      [&](int64_t begin, int64_t end) { bytes.insert(bytes.end(), image + begin, image + end); });
+  return kelvane::optimal_parser().packed_size(bytes);
 }
 
 void write_file(const std::string& name, const Bytes& bytes) {
@@ -54,23 +63,22 @@ struct Input {
   Comparison comparison;
   kelvane::plan_images images;
   bool is_equal = false;
-  Bytes new_bytes;  // without what lies between sections
 
   Bytes old_file;
-  std::optional<MemoryImages> elf_images;
+  Bytes new_file;
   std::optional<kelvane::laid_out_memory> memory;
 };
 
 void read_files(const Options& options, Input& input) {
   input.old_file = kelpatch::read_input(options.old_name);
-  input.new_bytes = kelpatch::read_input(options.new_name);
-  input.images = {input.old_file, input.new_bytes};
-  input.is_equal = input.old_file == input.new_bytes;
-  input.comparison = {input.old_file.size(), input.new_bytes.size(), {}, options.order};
+  input.new_file = kelpatch::read_input(options.new_name);
+  input.images = {input.old_file, input.new_file};
+  input.is_equal = input.old_file == input.new_file;
+  input.comparison = {input.old_file.size(), input.new_file.size(), {}, options.order};
 }
 
 void read_memory(const Options& options, Input& input) {
-  const MemoryImages& images = input.elf_images.emplace(options);
+  const MemoryImages images(options);
   const auto size = kelvane::laid_out_memory::row_size(images.pairs(), images.spare());
   if (size > kelvane::kLargestImage) {
     fatal("the sections of '%s' and '%s' have more than %" PRIu32 " bytes",
@@ -78,15 +86,11 @@ void read_memory(const Options& options, Input& input) {
   }
   input.memory.emplace(images.pairs(), images.spare()).target.header = images.header();
   input.images = input.memory->images();
-  Comparison& comparison = input.comparison;
-  comparison.sections = images.sections();
-  comparison.order = images.order();
+  input.comparison = {0, 0, images.sections(), images.order()};
   input.is_equal = true;
   for (const auto& [old_section, new_section] : images.pairs()) {
-    comparison.old_size += old_section.bytes.size();
-    comparison.new_size += new_section.bytes.size();
-    input.new_bytes.insert(input.new_bytes.end(), new_section.bytes.begin(),
-                           new_section.bytes.end());
+    input.comparison.old_size += old_section.bytes.size();
+    input.comparison.new_size += new_section.bytes.size();
     input.is_equal = input.is_equal && old_section.address == new_section.address &&
                      std::ranges::equal(old_section.bytes, new_section.bytes);
   }
@@ -148,7 +152,7 @@ void make_patch(const Options& options) {
       .options = options,
       .comparison = input.comparison,
       .equal_files = input.is_equal,
-      .packed_new_size = packed_size_if_near(input.new_bytes, patch.size()),
+      .packed_new_size = packed_size_if_near(input.images, input.comparison.new_size, patch.size()),
       .found = found,
       .seconds = std::chrono::duration<double>(steady_clock::now() - start).count()};
   if (!options.report_name.empty()) {
