@@ -16,15 +16,15 @@ _kelmake() {
     --format) candidates="0 1" ;;
     --model) candidates="small large" ;;
     --machine) candidates="none thumb arm powerpc mips riscv" ;;
-    --time | --jobs | --page | --ring | --spare | --checkpoint | --map | --base)
+    --time | --jobs | --alias | --page | --ring | --spare | --checkpoint | --map | --base)
       COMPREPLY=()
       return
       ;;
-    -o | --output | --report) ;;
+    -o | --output | --report | --exclude) ;;
     *)
       if [[ $word == -* ]]; then
-        candidates="-o --output --effort --time --jobs --profile --format --big-endian
-          --little-endian --report --bundle --page --ring --spare --checkpoint --rehearse --map --model
+        candidates="-o --output --effort --time --jobs --profile --format --ram --exclude --alias
+          --big-endian --little-endian --report --bundle --page --ring --spare --checkpoint --rehearse --map --model
           --machine --base --simulate -q --quiet --help --version"
       fi
       ;;

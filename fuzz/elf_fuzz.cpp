@@ -14,7 +14,6 @@
 #include "indgen_memory.h"
 #include "indgen_message.h"
 #include "load.h"
-#include "load_internal.h"
 #include "memory_file.h"
 #include "objects_reset.h"
 #include "symbol_list.h"

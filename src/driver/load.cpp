@@ -11,7 +11,6 @@
 #include "indgen_message.h"
 #include "indobjio.h"
 #include "indview.h"
-#include "load_internal.h"
 #include "section_list.h"
 
 namespace kelvane {

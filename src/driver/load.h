@@ -15,6 +15,9 @@ namespace kelvane {
 // ends the run, as indelfio.h, section_filter.h and indobjio.h tell.
 int32_t load_file(file_data* record, const char* name);
 
+// Releases what load_file has made, and empties the record. The symbols stay.
+void release_file(file_data* record);
+
 // Reads the file whole into a fresh buffer, stores that through `out_bytes`, for the caller to
 // release by gen_free, and gives the number of bytes read. Stores nothing on failure. A failure is
 // reported and gives -1: "unable to open input file '%s'" and "error while reading input file '%s'"

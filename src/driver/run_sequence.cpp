@@ -11,7 +11,6 @@
 #include "indgeninit.h"
 #include "kelvane.h"
 #include "load.h"
-#include "load_internal.h"
 #include "options.h"
 #include "symbol_list.h"
 

@@ -158,9 +158,7 @@ int64_t aligner::next_difference(int64_t at) {
     next_difference_ = at;
     const int64_t limit = std::min(at + kSkipBytes, new_size_ & ~int64_t{3});
     while (shift != kStoredShift && next_difference_ < limit) {
-      const int64_t place = next_difference_ - shift;
-      if (place < 0 || place + 4 > old_size_ ||
-          raw_word(old_ + place) != raw_word(new_ + next_difference_)) {
+      if (!costs_.is_equal(shift, next_difference_)) {
         break;
       }
       next_difference_ += 4;
@@ -234,9 +232,13 @@ void aligner::propose_strings(int64_t at) {
   const int64_t best_shift = states_[best_].shift;
   uint64_t best_cost = UINT64_MAX;
   for (int64_t start = at; start < at + 4 && start + kSeedBytes <= new_size_; ++start) {
+    if (!has_new(input_.images, start, kSeedBytes)) {
+      continue;
+    }
     // Where the best state is right already, another can't be better.
     const int64_t best_place = best_shift == kStoredShift ? -1 : start - best_shift;
     if (best_place >= 0 && best_place + kSeedBytes <= old_size_ &&
+        has_old(input_.images, best_place, kSeedBytes) &&
         std::memcmp(old_ + best_place, new_ + start, kSeedBytes) == 0) {
       continue;
     }
@@ -293,6 +295,9 @@ void aligner::propose_near(int64_t at) {
     for (int64_t start = at; start < at + 32; start += 4) {
       if (start + difference_seed_bytes(stride) > new_size_) {
         break;
+      }
+      if (!has_new(input_.images, start, difference_seed_bytes(stride))) {
+        continue;
       }
       const std::span<const uint32_t> bucket = input_.differences->places(new_ + start, stride);
       const int64_t wanted = std::max<int64_t>(start - about, 0);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "memory_target.h"
+
 namespace kelvane {
 namespace {
 
@@ -113,6 +115,7 @@ changed_words find_changed_words(const plan_images& images, const moved_image& m
   changed_words changed;
   const auto size = static_cast<uint32_t>(images.new_image.size());
   changed.image_size = size;
+  changed.map = map_of(images);
   const uint8_t* const old_bytes = moved.bytes.data();
   const uint8_t* const new_bytes = images.new_image.data();
   // Counted first: the list of unlike images is long, and should not be copied to grow.
@@ -129,7 +132,7 @@ changed_words find_changed_words(const plan_images& images, const moved_image& m
     changed_word word;
     word.word = at / 4;
     word.mask = differing_bytes(old_bytes + at, new_bytes + at, count) & 15U;
-    word.is_whole = count == 4 && is_known_whole(moved, at);
+    word.is_whole = count == 4 && is_known_whole(moved, at) && has_new(images, at, 4);
     changed.words.push_back(word);
   }
   find_classes(changed, {images, moved, order});

@@ -10,6 +10,7 @@
 #include <span>
 #include <vector>
 
+#include "linear_map.h"
 #include "plan.h"
 
 namespace kelvane {
@@ -50,6 +51,7 @@ struct changed_words {
   std::vector<uint32_t> by_value;    // indices of words; by value, then address
   std::vector<value_class> classes;  // values of two words and more, ascending
   uint32_t image_size = 0;
+  const linear_map* map = nullptr;  // of target memory
 
   std::span<const uint32_t> members(const value_class& of) const {
     return std::span(by_value).subspan(of.begin, of.count);
@@ -57,6 +59,16 @@ struct changed_words {
   // The bytes that the image has of a word: 4, but for the last.
   uint32_t bytes_of(const changed_word& word) const {
     return word.word == image_size / 4 ? image_size % 4 : 4;
+  }
+  // The address of a word in the target, divided by 4.
+  uint32_t target_word(const changed_word& word) const {
+    return map == nullptr ? word.word : map->address_of(word.word * 4) / 4;
+  }
+  // Whether the image has all bytes from the word before to this one. Else no store reaches over.
+  bool is_joined(size_t index) const {
+    return map == nullptr || index == 0 ||
+           map->new_bytes().has_all(int64_t{words[index - 1].word} * 4,
+                                    (int64_t{words[index].word} + 1) * 4);
   }
   bool follows(size_t index) const {  // whether the word before differs, too
     return index > 0 && words[index - 1].word + 1 == words[index].word;

@@ -27,7 +27,8 @@ void for_pages(uint32_t page_size, uint32_t place, uint32_t at, uint32_t length,
 
 device_pages::device_pages(const plan_images& images, const flash_geometry& geometry)
     : geometry_(geometry) {
-  const auto& [old_image, new_image] = images;
+  const std::span<const uint8_t> old_image = images.old_image;
+  const std::span<const uint8_t> new_image = images.new_image;
   for (size_t at = 0; at < new_image.size(); at += geometry.page_size) {
     const size_t size = std::min<size_t>(geometry.page_size, new_image.size() - at);
     changes_.push_back(at + size > old_image.size() ||

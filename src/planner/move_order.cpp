@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 
+#include "memory_target.h"
 #include "piece_places.h"
 
 namespace kelvane {
@@ -296,6 +297,15 @@ class carrying_out {
   uint64_t looks_ = 0;
 };
 
+// Pins all that is no hole of target memory.
+void reserve(const plan_images& images, bool outer_holes, piece_set& set) {
+  if (const linear_map* const map = map_of(images)) {
+    const auto reserved = map->reserved(outer_holes);
+    set.pinned.insert(set.pinned.end(), reserved.begin(), reserved.end());
+    std::sort(set.pinned.begin(), set.pinned.end());
+  }
+}
+
 // An order that is so close to one block a stretch is good enough.
 constexpr uint64_t kNothingToGain = 40 * kWeightOfByte;
 
@@ -350,6 +360,7 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
     const std::pair cut = {parts, now.cut_long};
     if (!sets.contains(cut)) {
       sets[cut] = cut_pieces(images, lightened[parts], now.cut_long);
+      reserve(images, settings.outer_holes, sets[cut]);
     }
     const piece_set& set = sets[cut];
     part_bytes = i == 0 ? set.part_bytes : part_bytes;

@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 
+#include "memory_target.h"
 #include "move_pieces_internal.h"
 
 namespace kelvane {
@@ -22,11 +23,27 @@ constexpr int64_t kLeastSample = 256;
 // Circles of fewer bytes are cut to kLeastPart: a thousand parts are carried out in no time.
 constexpr uint64_t kLargeCircles = uint64_t{1} << 20U;
 
-// Calls take(begin, end) for what is left of a stretch when its ends that differ are trimmed.
-void trim(const plan_images& images, const shift_stretch& stretch, const auto& take) {
+// Calls take(begin, end) for the parts of a stretch that both images have.
+void each_common_part(const plan_images& images, const shift_stretch& stretch, const auto& take) {
   const auto old_size = static_cast<int64_t>(images.old_image.size());
-  int64_t begin = std::max<int64_t>(stretch.begin, stretch.shift);
-  int64_t end = std::min<int64_t>(stretch.end, old_size + stretch.shift);
+  const int64_t begin = std::max<int64_t>(stretch.begin, stretch.shift);
+  const int64_t end = std::min<int64_t>(stretch.end, old_size + stretch.shift);
+  each_new_part(images, begin, end, [&](int64_t part_begin, int64_t part_end) {
+    if (const linear_map* const map = map_of(images)) {
+      map->old_bytes().each_part(part_begin - stretch.shift, part_end - stretch.shift,
+                                 [&](int64_t source, int64_t source_end) {
+                                   take(source + stretch.shift, source_end + stretch.shift);
+                                 });
+    } else {
+      take(part_begin, part_end);
+    }
+  });
+}
+
+// Calls take(begin, end) for what is left of a part of a stretch when its ends that differ are
+// trimmed.
+void trim(const plan_images& images, const shift_stretch& stretch, int64_t begin, int64_t end,
+          const auto& take) {
   const auto is_equal = [&](int64_t at) {
     return images.old_image[static_cast<size_t>(at - stretch.shift)] ==
            images.new_image[static_cast<size_t>(at)];
@@ -275,6 +292,11 @@ lightened_stretches give_up_bytes(const plan_images& images,
       continue;
     }
     for (uint64_t at = (stretch.begin + 3) & ~3U; at + bytes <= stretch.end; at += step) {
+      if (const linear_map* const map = map_of(images);
+          map != nullptr &&
+          !map->new_bytes().has_all(static_cast<int64_t>(at), static_cast<int64_t>(at + bytes))) {
+        continue;
+      }
       uint64_t weight = parser.packed_size(images.new_image.subspan(at, bytes)) * kWeightOfByte;
       if (stretch.shift != 0) {
         weight += (12 + bytes * 3 / 10) * kWeightOfByte;
@@ -304,12 +326,14 @@ piece_set cut_pieces(const plan_images& images, const lightened_stretches& light
     if (stretch.shift == kStoredShift) {
       continue;
     }
-    trim(images, stretch, [&](int64_t begin, int64_t end) {
-      if (stretch.shift == 0) {
-        set.pinned.emplace_back(begin, end);
-      } else {
-        set.pieces.push_back({begin - stretch.shift, end - begin, begin, 0});
-      }
+    each_common_part(images, stretch, [&](int64_t part_begin, int64_t part_end) {
+      trim(images, stretch, part_begin, part_end, [&](int64_t begin, int64_t end) {
+        if (stretch.shift == 0) {
+          set.pinned.emplace_back(begin, end);
+        } else {
+          set.pieces.push_back({begin - stretch.shift, end - begin, begin, 0});
+        }
+      });
     });
   }
   find_conflicts(set);

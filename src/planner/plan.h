@@ -4,7 +4,8 @@
 //
 // A plan turns the old image into the new one in three steps, in this order: blocks are moved (old
 // addresses), bytes are stored (new addresses), words are incremented (new addresses). All
-// addresses of this folder are offsets in a file.
+// addresses of this folder are offsets in a file or, for target memory, in the row that stands for
+// it (linear_map.h).
 
 #include <cstdint>
 #include <span>
@@ -14,11 +15,15 @@
 
 namespace kelvane {
 
+struct memory_target;
+
 // The two images. The bytes belong to the caller and stay where they are while a plan is made,
 // priced and written. Neither has more than kLargestImage bytes.
 struct plan_images {
   std::span<const uint8_t> old_image;
   std::span<const uint8_t> new_image;
+  // Memory mode: what both stand for (memory_target.h); they are of one size then. Null for files.
+  const memory_target* memory = nullptr;
 };
 
 inline constexpr uint32_t kLargestImage = 0x7FFFFFFF;
@@ -86,7 +91,7 @@ struct plan {
   std::vector<uint8_t> packed;           // what compressed stores hold
 };
 
-// Memory as the moves leave it.
+// Memory as the moves leave it. What the new image doesn't have counts as equal to it.
 struct moved_image {
   std::vector<uint8_t> bytes;  // as many as the new image has
   // Bytes that nothing has written and the old image didn't have; each differs from the new image.

@@ -4,14 +4,17 @@
 
 #include "applier.h"
 #include "bd_checksum.h"
+#include "memory_proof.h"
+#include "memory_target.h"
 
 namespace kelvane {
 namespace {
 
-format_settings format_of(const plan& planned, const plan_rules& rules) {
+format_settings format_of(const plan_images& images, const plan& planned, const plan_rules& rules) {
   format_settings settings;
   settings.version = rules.format;
   settings.big_endian = planned.order == ByteOrder::kBig;
+  settings.memory_mode = images.memory != nullptr;
   return settings;
 }
 
@@ -19,6 +22,31 @@ uint32_t checksum_of(std::span<const uint8_t> bytes) {
   uint32_t sum = 0;
   bd_checksum(bytes.data(), static_cast<uint32_t>(bytes.size()), &sum);
   return sum;
+}
+
+// What stands around the commands.
+patch_commands frame_of(const plan_images& images) {
+  patch_commands frame;
+  if (images.memory != nullptr) {
+    const memory_target& memory = *images.memory;
+    frame.regions1 = memory.old_regions;
+    frame.regions2 = memory.new_regions;
+    frame.checksum1 = memory.old_checksum;
+    frame.checksum2 = memory.new_checksum;
+  }
+  return frame;
+}
+
+patch_header header_of(const plan_images& images) {
+  if (images.memory != nullptr) {
+    return images.memory->header;
+  }
+  patch_header header;
+  header.old_checksum = checksum_of(images.old_image);
+  header.new_checksum = checksum_of(images.new_image);
+  header.old_size = static_cast<uint32_t>(images.old_image.size());
+  header.new_size = static_cast<uint32_t>(images.new_image.size());
+  return header;
 }
 
 // Memory that holds the old image, with room for the larger of both and a guard on either side.
@@ -55,29 +83,32 @@ int write_memory(void* context, uint32_t address, const uint8_t* bytes, uint32_t
 }  // namespace
 
 patch_commands commands_of(const plan_images& images, const plan& planned) {
-  patch_commands commands;
+  patch_commands commands = frame_of(images);
+  const auto address_of = [&](uint32_t place) { return target_address(images, place); };
   for (const moved_block& block : planned.moves) {
+    const uint32_t source = address_of(block.source);
     commands.blocks.push_back(
-        {block.source, block.length, static_cast<int32_t>(block.destination - block.source)});
+        {source, block.length, static_cast<int32_t>(address_of(block.destination) - source)});
   }
   const uint8_t* const new_bytes = images.new_image.data();
   for (const planned_store& store : planned.stores) {
     if (store.kind == store_kind::compressed) {
-      commands.compressed.push_back(
-          {store.address, store.packed_size, planned.packed.data() + store.packed_begin});
+      commands.compressed.push_back({address_of(store.address), store.packed_size,
+                                     planned.packed.data() + store.packed_begin});
     } else {
       (store.kind == store_kind::single ? commands.single_bytes : commands.substitutions)
-          .push_back({store.address, store.size, new_bytes + store.address});
+          .push_back({address_of(store.address), store.size, new_bytes + store.address});
     }
   }
   for (const planned_fill& fill : planned.fills) {
-    commands.fills.push_back({fill.address, static_cast<uint16_t>(fill.size), fill.value});
+    commands.fills.push_back(
+        {address_of(fill.address), static_cast<uint16_t>(fill.size), fill.value});
   }
   for (const planned_class& of : planned.classes) {
     increment_class words = {of.value, {}};
     words.addresses.reserve(of.count);
     for (const uint32_t word : std::span(planned.words).subspan(of.begin, of.count)) {
-      words.addresses.push_back(word * 4);
+      words.addresses.push_back(address_of(word * 4));
     }
     commands.increments.push_back(std::move(words));
   }
@@ -86,9 +117,9 @@ patch_commands commands_of(const plan_images& images, const plan& planned) {
 
 plan_cost cost_of_plan(const plan_images& images, const plan& planned, const plan_rules& rules) {
   const patch_commands commands = commands_of(images, planned);
-  const format_settings settings = format_of(planned, rules);
+  const format_settings settings = format_of(images, planned, rules);
   plan_cost cost;
-  cost.header = size_of_patch({}, settings) - cost_of_blocks(0);
+  cost.header = size_of_patch(frame_of(images), settings) - cost_of_blocks(0);
   cost.moves = cost_of_blocks(commands.blocks.size());
   cost.plain_stores = cost_of_stores(commands.substitutions, settings);
   cost.packed_stores = cost_of_stores(commands.compressed, settings);
@@ -100,16 +131,15 @@ plan_cost cost_of_plan(const plan_images& images, const plan& planned, const pla
 
 std::vector<uint8_t> write_plan(const plan_images& images, const plan& planned,
                                 const plan_rules& rules) {
-  patch_header header;
-  header.old_checksum = checksum_of(images.old_image);
-  header.new_checksum = checksum_of(images.new_image);
-  header.old_size = static_cast<uint32_t>(images.old_image.size());
-  header.new_size = static_cast<uint32_t>(images.new_image.size());
-  return write_patch(commands_of(images, planned), header, format_of(planned, rules));
+  return write_patch(commands_of(images, planned), header_of(images),
+                     format_of(images, planned, rules));
 }
 
 std::string fault_of_patch(const plan_images& images, const std::vector<uint8_t>& patch,
                            ByteOrder order) {
+  if (images.memory != nullptr) {
+    return fault_of_memory_patch(images, patch, order);
+  }
   kelvane_applier applier = {};
   const uint32_t flags =
       order == ByteOrder::kBig ? KELVANE_V0_BIG_ENDIAN : KELVANE_V0_LITTLE_ENDIAN;

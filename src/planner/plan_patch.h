@@ -39,7 +39,9 @@ std::vector<uint8_t> write_plan(const plan_images& images, const plan& planned,
                                 const plan_rules& rules);
 
 // Carries out the patch with libapply on a copy of the old image, in place, between guard bytes,
-// and compares. Gives nothing if the result is the new image, and else what is wrong, in words.
+// and compares. Gives nothing if the result is the new image, and else what is wrong, in words. Of
+// target memory the guard bytes are all that no section and no spare memory has; `order` has to be
+// that of the patch, and the checksums that frame it are tested, too.
 std::string fault_of_patch(const plan_images& images, const std::vector<uint8_t>& patch,
                            ByteOrder order);
 

@@ -7,6 +7,7 @@
 
 #include "alignment.h"
 #include "make_plan.h"
+#include "memory_target.h"
 #include "move_order.h"
 #include "parallel_tasks.h"
 #include "word_classes.h"
@@ -163,7 +164,7 @@ class plan_searcher {
         forms_(forms),
         effort_(settings_of(request.effort)),
         order_(request.order.value_or(likely_order(request.images.new_image))),
-        strings_(std::make_unique<string_seeds>(request.images.old_image)) {}
+        strings_(std::make_unique<string_seeds>(request.images.old_image, known_bytes())) {}
 
   void run() {
     for (uint32_t round = 0; round < effort_.rounds && !tried_.was_stopped(); ++round) {
@@ -175,11 +176,16 @@ class plan_searcher {
 
  private:
   size_t alignments() const { return alignments_of(effort_); }
+  const row_bytes* known_bytes() const {
+    const linear_map* const map = map_of(request_.images);
+    return map != nullptr ? &map->old_bytes() : nullptr;
+  }
 
   // Whether another round may give anything else.
   bool go_round(uint32_t round) {
     if (differences_ == nullptr || differences_order_ != order_) {
-      differences_ = std::make_unique<difference_seeds>(request_.images.old_image, order_);
+      differences_ =
+          std::make_unique<difference_seeds>(request_.images.old_image, order_, known_bytes());
       differences_order_ = order_;
     }
     std::vector<tried_plan> tried(alignments());
@@ -197,7 +203,7 @@ class plan_searcher {
     }
     bool is_new = false;
     if (round_best != nullptr) {
-      std::vector<class_price> prices = mean_prices(round_best->planned);
+      std::vector<class_price> prices = mean_prices(request_.images, round_best->planned);
       is_new = order_ != round_best->planned.order || shifts_ != round_best->shifts ||
                mean_prices_ != prices;
       order_ = round_best->planned.order;

@@ -51,7 +51,8 @@ std::optional<uint32_t> difference_hash(const uint8_t* bytes, uint32_t stride, u
 }
 
 template <ByteOrder order>
-void each_difference(std::span<const uint8_t> image, uint32_t bits, const auto& take) {
+void each_difference(std::span<const uint8_t> image, const row_bytes* known, uint32_t bits,
+                     const auto& take) {
   const size_t longest = difference_seed_bytes(kSeedStrides);
   if (image.size() < longest) {
     return;
@@ -60,6 +61,10 @@ void each_difference(std::span<const uint8_t> image, uint32_t bits, const auto& 
        at != 0;) {
     at -= kDifferenceStep;
     for (uint32_t stride = 1; stride <= kSeedStrides; ++stride) {
+      if (known != nullptr &&
+          !known->has(static_cast<int64_t>(at), difference_seed_bytes(stride))) {
+        break;
+      }
       if (const auto hash = difference_hash<order>(&image[at], stride, bits)) {
         take(*hash, static_cast<uint32_t>(at));
       }
@@ -86,7 +91,7 @@ void seed_index::build(uint64_t expected, const Each& each) {
   each([&](uint32_t hash, uint32_t place) { places_[--begin_[hash]] = place; });
 }
 
-string_seeds::string_seeds(std::span<const uint8_t> old_image) {
+string_seeds::string_seeds(std::span<const uint8_t> old_image, const row_bytes* known) {
   build(old_image.size() / 4, [&](const auto& take) {
     if (old_image.size() < kSeedBytes) {
       return;
@@ -94,6 +99,9 @@ string_seeds::string_seeds(std::span<const uint8_t> old_image) {
     present_.resize(size_t{1} << (bits_ + kPresenceBits - 6));
     for (size_t at = ((old_image.size() - kSeedBytes) & ~size_t{3}) + 4; at != 0;) {
       at -= 4;
+      if (known != nullptr && !known->has(static_cast<int64_t>(at), kSeedBytes)) {
+        continue;
+      }
       if (const auto hash = string_hash(&old_image[at])) {
         const uint32_t presence = highest_bits(*hash, bits_ + kPresenceBits);
         present_[presence / 64] |= uint64_t{1} << (presence % 64);
@@ -113,13 +121,14 @@ std::span<const uint32_t> string_seeds::places(const uint8_t* bytes) const {
   return is_present ? bucket(presence >> kPresenceBits) : std::span<const uint32_t>{};
 }
 
-difference_seeds::difference_seeds(std::span<const uint8_t> old_image, ByteOrder order)
+difference_seeds::difference_seeds(std::span<const uint8_t> old_image, ByteOrder order,
+                                   const row_bytes* known)
     : order_(order) {
   build(old_image.size() / kDifferenceStep * kSeedStrides, [&](const auto& take) {
     if (order == ByteOrder::kBig) {
-      each_difference<ByteOrder::kBig>(old_image, bits_, take);
+      each_difference<ByteOrder::kBig>(old_image, known, bits_, take);
     } else {
-      each_difference<ByteOrder::kLittle>(old_image, bits_, take);
+      each_difference<ByteOrder::kLittle>(old_image, known, bits_, take);
     }
   });
 }

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "byte_order.h"
+#include "linear_map.h"
 
 namespace kelvane {
 
@@ -54,7 +55,8 @@ class seed_index {
 
 class string_seeds : public seed_index {
  public:
-  explicit string_seeds(std::span<const uint8_t> old_image);
+  // Of the places of `known` alone, if there are such; it is not kept.
+  explicit string_seeds(std::span<const uint8_t> old_image, const row_bytes* known = nullptr);
   // The places where the kSeedBytes bytes at `bytes` may stand. Empty for one byte repeated, which
   // would name every gap.
   std::span<const uint32_t> places(const uint8_t* bytes) const;
@@ -69,8 +71,9 @@ class string_seeds : public seed_index {
 
 class difference_seeds : public seed_index {
  public:
-  // `order`: that of the target's words.
-  difference_seeds(std::span<const uint8_t> old_image, ByteOrder order);
+  // `order`: that of the target's words; `known` as above.
+  difference_seeds(std::span<const uint8_t> old_image, ByteOrder order,
+                   const row_bytes* known = nullptr);
   // The places where the words at `bytes` (difference_seed_bytes(stride) of them) may stand, each
   // column moved by a constant. Empty where nothing changes from row to row.
   std::span<const uint32_t> places(const uint8_t* bytes, uint32_t stride) const;

@@ -247,7 +247,8 @@ class store_linker {
 
   std::optional<uint32_t> idle_place(uint32_t lowest, uint32_t highest, uint32_t size) const {
     for (uint32_t at = highest; at >= lowest; --at) {
-      if (size == 0 || (idle_.is_idle(at) && (size == 1 || idle_.is_idle(int64_t{at} + 1)))) {
+      if (size == 0 ? idle_.is_of_image(at)
+                    : (idle_.is_idle(at) && (size == 1 || idle_.is_idle(int64_t{at} + 1)))) {
         return at;
       }
     }

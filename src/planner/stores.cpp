@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "memory_target.h"
 #include "stores_internal.h"
 
 namespace kelvane {
@@ -23,14 +24,12 @@ bool pays_packed(const stored_run& run, uint32_t packed) {
   return packed + kAbsoluteBytes < plain;
 }
 
-}  // namespace
-
-std::vector<planned_fill> find_fills(const plan_images& images, moved_image& moved) {
-  std::vector<planned_fill> fills;
-  const std::span<const uint8_t> bytes = images.new_image;
-  for (size_t begin = 0; begin < bytes.size();) {
+// The fills of the bytes from `begin` on.
+void fill_part(std::span<const uint8_t> bytes, size_t begin, size_t part_end, moved_image& moved,
+               std::vector<planned_fill>& fills) {
+  while (begin < part_end) {
     size_t end = begin + 1;
-    while (end < bytes.size() && bytes[end] == bytes[begin] && end - begin < kLargestFill) {
+    while (end < part_end && bytes[end] == bytes[begin] && end - begin < kLargestFill) {
       ++end;
     }
     if (end - begin >= kLeastFill) {
@@ -53,16 +52,27 @@ std::vector<planned_fill> find_fills(const plan_images& images, moved_image& mov
     }
     begin = end;
   }
+}
+
+}  // namespace
+
+std::vector<planned_fill> find_fills(const plan_images& images, moved_image& moved) {
+  std::vector<planned_fill> fills;
+  each_new_part(images, 0, static_cast<int64_t>(images.new_image.size()),
+                [&](int64_t begin, int64_t end) {
+                  fill_part(images.new_image, static_cast<size_t>(begin), static_cast<size_t>(end),
+                            moved, fills);
+                });
   return fills;
 }
 
 idle_bytes::idle_bytes(const plan_images& images, const moved_image& moved, const plan& planned)
-    : changed_(images.new_image.size(), false) {
+    : changed_(images.new_image.size(), false), map_(map_of(images)) {
   const auto mark = [&](uint32_t address, uint32_t size) {
     std::fill_n(changed_.begin() + address, size, true);
   };
   for (size_t at = 0; at < changed_.size(); ++at) {
-    if (moved.bytes[at] != images.new_image[at]) {
+    if (moved.bytes[at] != images.new_image[at] || !has_new(images, static_cast<int64_t>(at), 1)) {
       changed_[at] = true;
     }
   }

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "linear_map.h"
 #include "stores.h"
 
 namespace kelvane {
@@ -15,11 +16,16 @@ class idle_bytes {
     return address >= 0 && address < static_cast<int64_t>(changed_.size()) &&
            !changed_[static_cast<size_t>(address)];
   }
+  // Whether an empty store may stand there.
+  bool is_of_image(uint32_t address) const {
+    return map_ == nullptr || map_->new_bytes().has(address, 1);
+  }
   void set_used(uint32_t address) { changed_[address] = true; }
   void set_idle(uint32_t address) { changed_[address] = false; }
 
  private:
   std::vector<bool> changed_;
+  const linear_map* map_;
 };
 
 // Turns single bytes into short plain stores where that is cheaper, and adds stores that link

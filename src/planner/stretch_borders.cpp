@@ -54,6 +54,7 @@ class border_search {
     }
     const int64_t place = at - shift;
     return place >= 0 && place < static_cast<int64_t>(input_.images.old_image.size()) &&
+           has_old(input_.images, place, 1) &&
            input_.images.old_image[static_cast<size_t>(place)] ==
                input_.images.new_image[static_cast<size_t>(at)];
   }

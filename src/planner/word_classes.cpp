@@ -5,6 +5,7 @@
 
 #include "changed_words.h"
 #include "class_costs.h"
+#include "memory_target.h"
 
 namespace kelvane {
 namespace {
@@ -58,7 +59,7 @@ class class_chooser {
     for (const uint32_t member : changed_.members(of)) {
       const changed_word& word = changed_.words[member];
       if (!increments_only || word.is_increment) {
-        places_.push_back(word.word);
+        places_.push_back(changed_.target_word(word));
       }
     }
     return places_;
@@ -132,17 +133,18 @@ class class_chooser {
       size_t next = 0;
       for (const uint32_t member : changed_.members(of)) {
         changed_word& word = word_at(member);
-        while (next < words.size() && words[next] < word.word) {
+        const uint32_t place = changed_.target_word(word);
+        while (next < words.size() && words[next] < place) {
           ++next;
         }
         uint32_t price = mean;
         if (!by_mean) {
           const uint32_t before = next > 0 ? words[next - 1] : 0;
-          const size_t after = next + (next < words.size() && words[next] == word.word ? 1 : 0);
-          int64_t added = bits_of(word.word - before);
+          const size_t after = next + (next < words.size() && words[next] == place ? 1 : 0);
+          int64_t added = bits_of(place - before);
           if (after < words.size()) {
-            added += int64_t{bits_of(words[after] - word.word)} -
-                     int64_t{bits_of(words[after] - before)};
+            added +=
+                int64_t{bits_of(words[after] - place)} - int64_t{bits_of(words[after] - before)};
           }
           added *= kBit;
           const int64_t blended = added / 2 + std::min<int64_t>(mean, added + 3 * kBit) / 2;
@@ -308,11 +310,16 @@ word_choice choose_words(const plan_images& images, const moved_image& moved,
   return choice;
 }
 
-std::vector<class_price> mean_prices(const plan& planned) {
+std::vector<class_price> mean_prices(const plan_images& images, const plan& planned) {
   constexpr uint64_t kHeadBits = 40;
   std::vector<class_price> prices;
+  std::vector<uint32_t> words;  // by their addresses
   for (const planned_class& of : planned.classes) {
-    const jump_counts counts = count_jumps(std::span(planned.words).subspan(of.begin, of.count));
+    words.clear();
+    for (const uint32_t word : std::span(planned.words).subspan(of.begin, of.count)) {
+      words.push_back(target_address(images, word * 4) / 4);
+    }
+    const jump_counts counts = count_jumps(words);
     const uint64_t bits = jump_bits(counts, prices_for(counts)) + kHeadBits;
     prices.push_back(
         {of.value, static_cast<uint32_t>(std::clamp<uint64_t>(bits / of.count, 2, 40))});

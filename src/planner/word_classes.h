@@ -41,6 +41,6 @@ word_choice choose_words(const plan_images& images, const moved_image& moved,
 
 // What a word of each class has cost: the mean of its jumps, with its head shared out, 2 to 40
 // bits. For the alignment of the next round.
-std::vector<class_price> mean_prices(const plan& planned);
+std::vector<class_price> mean_prices(const plan_images& images, const plan& planned);
 
 }  // namespace kelvane

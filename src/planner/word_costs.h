@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "alignment.h"
+#include "memory_target.h"
 
 namespace kelvane {
 
@@ -34,11 +35,16 @@ class word_costs {
         order_(input.order),
         prices_(*input.prices),
         pricing_(input.pricing),
+        map_(map_of(input.images)),
         stored_word_bits_(stored_word_bits) {}
 
   // Of the word at `at` of the new image, which has 4 bytes there. `after_store` tells whether the
   // word before was stored, and is set to whether this one is.
   uint32_t word(int64_t shift, int64_t at, bool& after_store) const {
+    if (is_nothing(at)) {
+      after_store = false;
+      return 0;
+    }
     if (shift == kStoredShift) {
       after_store = true;
       return stored_word_bits_;
@@ -47,7 +53,7 @@ class word_costs {
     if (pricing_ != nullptr) {
       return pricing_->word(place, at, after_store);
     }
-    if (place < 0 || place + 4 > old_size_) {
+    if (is_outside(place)) {
       after_store = true;
       return kOutsideBits;
     }
@@ -58,6 +64,12 @@ class word_costs {
       return 0;
     }
     return differing(place, at, differing_span(old_word, new_word), after_store);
+  }
+
+  // Whether the word is one of both images and equal under a shift, which is not kStoredShift.
+  bool is_equal(int64_t shift, int64_t at) const {
+    const int64_t place = at - shift;
+    return !is_outside(place) && raw_word(old_ + place) == raw_word(new_ + at) && !is_nothing(at);
   }
 
   // Of `words` words from `at` on, or those that there are; stops at `limit` or above.
@@ -76,6 +88,13 @@ class word_costs {
   static constexpr uint32_t kNextStoreBits = 28;
   static constexpr uint32_t kStoreBits = 14;
   static constexpr uint32_t kUnknownClassBits = 15;
+
+  // A word that the new image doesn't have, or not whole: then its bytes wait for the stores.
+  bool is_nothing(int64_t at) const { return map_ != nullptr && !map_->new_bytes().has(at, 4); }
+  bool is_outside(int64_t place) const {
+    return place < 0 || place + 4 > old_size_ ||
+           (map_ != nullptr && !map_->old_bytes().has(place, 4));
+  }
 
   uint32_t differing(int64_t place, int64_t at, uint32_t span, bool& after_store) const {
     const uint32_t store = after_store ? kNextStoreBits : kStoreBits + 8 * span;
@@ -96,6 +115,7 @@ class word_costs {
   ByteOrder order_;
   const class_prices& prices_;
   word_pricing* pricing_;
+  const linear_map* map_;
   uint32_t stored_word_bits_;
 };
 

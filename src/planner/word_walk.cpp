@@ -145,7 +145,10 @@ class word_walk {
   void go_forward() {
     for (size_t i = 0; i < changed_.words.size(); ++i) {
       trace_bits trace;
-      if (const uint32_t gap = gap_before(i); gap > 0) {
+      if (!changed_.is_joined(i)) {
+        costs_[in_plain] = kNever;
+        costs_[in_packed] = kNever;
+      } else if (const uint32_t gap = gap_before(i); gap > 0) {
         pass_gap(gap, trace);
       }
       pass_word(i, trace);
@@ -205,7 +208,13 @@ class word_walk {
   }
 
   void end_run() {
-    if (is_open_) {
+    if (is_open_ && changed_.map != nullptr) {
+      // A word that the image doesn't have whole is stored by its parts.
+      changed_.map->new_bytes().each_part(open_.begin, open_.end, [&](int64_t begin, int64_t end) {
+        runs_.push_back(
+            {static_cast<uint32_t>(begin), static_cast<uint32_t>(end), open_.is_compressed});
+      });
+    } else if (is_open_) {
       runs_.push_back(open_);
     }
     is_open_ = false;

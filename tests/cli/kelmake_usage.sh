@@ -12,6 +12,8 @@ run kelmake --format 2 old new -o patch
 run kelmake --jobs 0 old new -o patch
 run kelmake --jobs 2x old new -o patch
 run kelmake --time -5 old new -o patch
-run kelmake --ram old new -o patch
+run kelmake --exclude words old new -o patch
+run kelmake --alias 1:2 old new -o patch
+run kelmake --ram --big-endian old new -o patch
 run kelmake -- --help new -o patch
 ls

@@ -24,7 +24,6 @@
 #include "indelfio.h"
 #include "indgen_memory.h"
 #include "indgeninit.h"
-#include "load_internal.h"
 #include "ordinary_user.h"
 #include "reset_state.h"
 #include "section_filter.h"

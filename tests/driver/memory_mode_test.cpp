@@ -17,8 +17,7 @@ TEST(MemoryModeOfTheProgram, SaysWhatTheTableTells) {
     sections[file == "new" ? 1 : 0].push_back(section);
     return "";
   };
-  // The images in one byte order, compared at debug level 1.
-  const auto run = [&](ByteOrder order, const std::string& option, const std::string& argument) {
+  const auto write_images = [&](ByteOrder order) {
     for (const bool is_new : {false, true}) {
       Image image;
       image.order = order;
@@ -26,7 +25,20 @@ TEST(MemoryModeOfTheProgram, SaysWhatTheTableTells) {
       image.symbols = {crt1_symbol(0x1000, image.sections[0].name)};
       directory.write(is_new ? "new" : "old", text_of(build_image(image)));
     }
+  };
+  // The images in one byte order, compared at debug level 1.
+  const auto run = [&](ByteOrder order, const std::string& option, const std::string& argument) {
+    write_images(order);
     std::vector<std::string> command = {kelvane_program(), "-ram", "-d", "1", "old", "new"};
+    if (!option.empty()) {
+      command.insert(command.begin() + 1, {option, argument});
+    }
+    return run_program(command, directory.name());
+  };
+  // What kelmake says of them; it has verified its patch then.
+  const auto make = [&](ByteOrder order, const std::string& option, const std::string& argument) {
+    write_images(order);
+    std::vector<std::string> command = {kelmake_program(), "--ram", "old", "new", "-o", "patch"};
     if (!option.empty()) {
       command.insert(command.begin() + 1, {option, argument});
     }
@@ -40,6 +52,24 @@ TEST(MemoryModeOfTheProgram, SaysWhatTheTableTells) {
       }},
       {"empty", [&](Text file, const char* name, uint32_t addr, uint32_t size) {
         return add(file, {name, elf32::SHT_NOBITS, elf32::SHF_ALLOC, addr, {}, size});
+      }},
+      {"made", [&](Text option, Text argument) {
+        const ProgramResult other = make(ByteOrder::kBig, option, argument);
+        const ProgramResult result = make(ByteOrder::kLittle, option, argument);
+        EXPECT_EQ(other.errors, result.errors);
+        std::vector<std::string> command = {kelpatch_program(), "verify", "--ram"};
+        if (option == "--exclude" || option == "--alias") {
+          command.insert(command.end(), {option, argument});
+        }
+        std::fputs(result.errors.c_str(), stderr);
+        EXPECT_EQ(result.output.find("\npatch: ") != std::string::npos, result.status == 0);
+        if (result.status == 0) {
+          command.insert(command.end(), {"old", "new", "patch"});
+          EXPECT_EQ(run_program(command, directory.name()).output, "the patch is right\n");
+        }
+        sections[0].clear();
+        sections[1].clear();
+        return result.status;
       }},
       // Its words without the patch's size.
       {"compared", [&](Text option, Text argument) {

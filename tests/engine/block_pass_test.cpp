@@ -8,11 +8,11 @@
 namespace kelvane {
 namespace {
 
-using Blocks = std::vector<moved_block>;
+using Blocks = std::vector<found_block>;
 
 std::string text_of_runs(const Blocks& blocks) {
   std::vector<std::string> items;
-  for (const moved_block& block : blocks) {
+  for (const found_block& block : blocks) {
     items.push_back(in_hex(block.from) + ">" + in_hex(block.to) + "+" + in_hex(block.size));
   }
   return separated(items);

@@ -21,6 +21,8 @@ kelvane::found_plan found_of(uint64_t size) {
   return found;
 }
 
+const Comparison kThousandBytes = {1000, 1000, {}, {}};
+
 TEST(KelmakeReportTest, TellsWhenAPatchIsNotWorthIt) {
   const Options options;
   struct Case {
@@ -43,16 +45,34 @@ TEST(KelmakeReportTest, TellsWhenAPatchIsNotWorthIt) {
   };
   for (const Case& each : cases) {
     const kelvane::found_plan found = found_of(each.size);
-    const Outcome outcome = {options, 1000, each.new_size, each.equal_files, each.packed_new_size,
-                             found,   1};
+    const Comparison comparison = {1000, each.new_size, {}, {}};
+    const Outcome outcome = {options, comparison, each.equal_files, each.packed_new_size, found, 1};
     EXPECT_THAT(text_of_outcome(outcome), EndsWith(each.end)) << each.size;
   }
+}
+
+TEST(KelmakeReportTest, TellsOfAFewSectionsAndOfMemory) {
+  Options options;
+  options.ram = true;
+  Comparison comparison = {180, 180, {}, kelvane::ByteOrder::kBig};
+  for (uint32_t i = 0; i < 18; ++i) {
+    comparison.sections.push_back({"s" + std::to_string(i), i, 10, 16, 10});
+  }
+  const std::string text = text_of_comparison(options, comparison);
+  EXPECT_THAT(text, HasSubstr("180 bytes in 18 sections\n"));
+  EXPECT_THAT(text, HasSubstr("at 0x00000010, before: 10 bytes at 0x0000000f\n  and 2 more\n"
+                              "memory mode, "));
+  EXPECT_THAT(text, EndsWith(", big-endian\n"));
+  const kelvane::found_plan found = found_of(162);
+  EXPECT_THAT(text_of_outcome({options, comparison, false, 0, found, 1}),
+              AllOf(HasSubstr("90.0 % of the new sections"),
+                    EndsWith("it is nearly as large as the new sections.\n")));
 }
 
 TEST(KelmakeReportTest, TellsWhenTheTimeWasOver) {
   const Options options;
   kelvane::found_plan found = found_of(100);
-  const Outcome outcome = {options, 1000, 1000, false, 0, found, 1};
+  const Outcome outcome = {options, kThousandBytes, false, 0, found, 1};
   EXPECT_THAT(text_of_outcome(outcome), Not(HasSubstr("time")));
   found.was_stopped = true;
   EXPECT_THAT(text_of_outcome(outcome),
@@ -64,7 +84,7 @@ TEST(KelmakeReportTest, QuotesNamesInJson) {
   Options options;
   options.old_name = "a\"b\\c\n\x01";
   const kelvane::found_plan found = found_of(100);
-  const Outcome outcome = {options, 1000, 1000, false, 0, found, 1};
+  const Outcome outcome = {options, kThousandBytes, false, 0, found, 1};
   EXPECT_THAT(json_of_outcome(outcome),
               AllOf(HasSubstr(R"({"name": "a\"b\\c\u000a\u0001", "size": 1000})"),
                     HasSubstr(R"("increments": {"bytes": 100, "count": 2})")));

@@ -9,6 +9,7 @@
 #include "image_pair.h"
 #include "plan_patch.h"
 #include "plan_search.h"
+#include "sectioned_pair.h"
 
 namespace kelvane {
 namespace {
@@ -69,6 +70,29 @@ TEST_P(PlanRoundTripTest, APatchCostsWhatThePlanSaysAndMakesTheNewImage) {
     ASSERT_EQ(patch.size(), found.cost.total()) << "seed " << seed;
     ASSERT_EQ(fault_of_patch(request.images, patch, found.planned.order), "") << "seed " << seed;
     ASSERT_EQ(broken_habit(request, found.planned), "") << "seed " << seed;
+  }
+}
+
+// The same for target memory, which the patch is carried out in by addresses.
+TEST_P(PlanRoundTripTest, APatchOfMemoryKeepsToTheSections) {
+  for (uint32_t seed = 1; seed <= pairs_of_a_kind(); ++seed) {
+    Random random(seed * 64 + 32 + static_cast<uint32_t>(GetParam()));
+    const SectionedPair pair = make_sections(make_pair_of(GetParam(), random), random);
+    plan_request request = any_request(pair.bytes, random);
+    laid_out_memory memory(pair.sections, pair.spare);
+    memory.target.header = {1, 2, 3, 4, 5, 6};
+    request.images = memory.images();
+    request.jobs = 1 + random.below(3);
+    const found_plan found = search_plan(request);
+    const std::vector<uint8_t> patch = write_plan(request.images, found.planned, request.rules);
+    ASSERT_EQ(patch.size(), found.cost.total()) << "seed " << seed;
+    ASSERT_EQ(fault_of_patch(request.images, patch, found.planned.order), "") << "seed " << seed;
+    ASSERT_EQ(fault_on_target(pair, patch, found.planned.order == ByteOrder::kBig), "")
+        << "seed " << seed;
+    ASSERT_EQ(broken_habit(request, found.planned), "") << "seed " << seed;
+    request.jobs = 1;
+    ASSERT_EQ(write_plan(request.images, search_plan(request).planned, request.rules), patch)
+        << "seed " << seed;
   }
 }
 
@@ -220,6 +244,108 @@ TEST(PlanCheckTest, CatchesAFaultInAPlan) {
   plan outside = found.planned;
   outside.fills.push_back({static_cast<uint32_t>(pair.new_image.size() + 100), 3, 0});
   EXPECT_NE(fault_of(outside), "");
+}
+
+// Two pieces of a section change places, with nothing free but the swap region.
+TEST(PlanOfMemoryTest, ParksInTheSwapRegionAndNoWhereElse) {
+  Random random(5);
+  const Bytes first = random.bytes(2000);
+  const Bytes second = random.bytes(2000);
+  SectionedPair pair = {{joined({first, second}), joined({second, first})}, {}, {}};
+  pair.sections = {{{0x8000, pair.bytes.old_image}, {0x8000, pair.bytes.new_image}}};
+  plan_request request;
+  request.rules = rules_for(patch_profile::any, 0);
+  request.order = ByteOrder::kBig;
+  for (const uint32_t spare : {0U, 2000U}) {
+    pair.spare = {0x20000000, spare};
+    const laid_out_memory memory(pair.sections, pair.spare);
+    request.images = memory.images();
+    const found_plan found = search_plan(request);
+    const std::vector<uint8_t> patch = write_plan(request.images, found.planned, request.rules);
+    EXPECT_EQ(fault_on_target(pair, patch, true), "");
+    EXPECT_EQ(patch.size() < 60, spare != 0) << patch.size();
+
+    // The check sees what goes wrong.
+    const auto fault_of = [&](const plan& planned) {
+      return fault_of_patch(request.images, write_plan(request.images, planned, request.rules),
+                            ByteOrder::kBig);
+    };
+    plan missing = found.planned;
+    missing.moves.pop_back();
+    EXPECT_EQ(fault_of(missing), std::string("its result differs from the new image at address ") +
+                                     (spare != 0 ? "0x00008000" : "0x000087d0"));
+    EXPECT_EQ(fault_of_patch(request.images, patch, ByteOrder::kLittle).empty(), false);
+    laid_out_memory other = memory;
+    other.old_image[10] ^= 1;
+    request.images = other.images();
+    EXPECT_NE(fault_of(found.planned), "");
+  }
+}
+
+// A word that no section has whole is stored by its bytes, and so is one whose sections touch.
+TEST(PlanOfMemoryTest, IncrementsWholeWordsOnly) {
+  const Bytes old_bytes(64, 0x10);
+  Bytes new_bytes = old_bytes;
+  for (size_t i = 3; i < new_bytes.size(); i += 4) {
+    ++new_bytes[i];
+  }
+  const std::span<const uint8_t> before(old_bytes);
+  const std::span<const uint8_t> after(new_bytes);
+  for (const uint32_t gap : {0U, 1U}) {
+    const uint32_t next = 0x1000 + 34 + gap;
+    const std::vector<memory_section_pair> sections = {
+        {{0x1000, before.first(34)}, {0x1000, after.first(34)}},
+        {{next, before.subspan(34 + gap)}, {next, after.subspan(34 + gap)}}};
+    const laid_out_memory memory(sections, {});
+    plan_request request;
+    request.images = memory.images();
+    request.rules = rules_for(patch_profile::wide, 0);
+    request.order = ByteOrder::kBig;
+    const plan planned = search_plan(request).planned;
+    EXPECT_EQ(planned.words.size(), 16 - gap);
+    EXPECT_EQ(planned.stores.size(), gap);
+  }
+}
+
+TEST(LinearMapTest, KeepsNeighboursWordsAndSmallGaps) {
+  Random random(6);
+  for (int round = 0; round < 200; ++round) {
+    std::vector<memory_range> ranges[2];
+    for (uint32_t at = random.below(9), i = 0; i < 12; ++i) {
+      const uint32_t size = random.below(90);
+      ranges[random.below(2)].push_back({at, size});
+      at += size + (random.below(3) == 0 ? random.below(3000) : random.below(4));
+    }
+    const linear_map map(ranges[0], ranges[1], {});
+    ASSERT_LE(linear_map::row_size(ranges[0], ranges[1], {}), 12 * (90 + 516));
+    std::vector<bool> of_old(map.size() + 70);
+    uint32_t last = 0;
+    uint32_t last_place = 0;
+    for (const memory_range& range : map.memory()) {
+      for (uint32_t address = range.address; address < range.address + range.size; ++address) {
+        const uint32_t place = map.place_of(address);
+        ASSERT_EQ(map.address_of(place), address);
+        ASSERT_EQ(place % 4, address % 4);
+        const uint32_t gap = last == 0 ? 0 : address - last;
+        ASSERT_EQ(last == 0 || (gap <= 512 ? place - last_place == gap : place - last_place >= 512),
+                  true);
+        last = address;
+        last_place = place;
+      }
+    }
+    for (const memory_range& range : ranges[0]) {
+      for (uint32_t i = 0; i < range.size; ++i) {
+        of_old[map.place_of(range.address + i)] = true;
+      }
+    }
+    for (uint32_t place = 0; place < map.size(); ++place) {
+      const uint32_t count = 1 + random.below(63);
+      const bool all = std::all_of(of_old.begin() + place, of_old.begin() + place + count,
+                                   [](bool is) { return is; });
+      ASSERT_EQ(map.old_bytes().has(place, count), all && place + count <= map.size());
+      ASSERT_EQ(map.old_bytes().has_all(place, place + count), all);
+    }
+  }
 }
 
 }  // namespace

@@ -21,9 +21,9 @@ uint64_t most_parked_below(const PlainPiece* piece) {
 
 }  // namespace
 
-std::vector<moved_block> plain_moved_blocks(std::span<const uint8_t> old_bytes,
+std::vector<found_block> plain_moved_blocks(std::span<const uint8_t> old_bytes,
                                             std::span<const uint8_t> new_bytes, uint32_t limit) {
-  std::vector<moved_block> blocks;
+  std::vector<found_block> blocks;
   for (size_t i = 0; i < old_bytes.size(); ++i) {
     for (size_t j = 0; j < new_bytes.size(); ++j) {
       size_t k = 0;

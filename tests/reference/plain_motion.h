@@ -11,7 +11,7 @@
 // Motion as plain loops over lists and as plain recursion: the oracle for the indexed one.
 namespace kelvane {
 
-std::vector<moved_block> plain_moved_blocks(std::span<const uint8_t> old_bytes,
+std::vector<found_block> plain_moved_blocks(std::span<const uint8_t> old_bytes,
                                             std::span<const uint8_t> new_bytes, uint32_t limit);
 
 struct PlainPiece {

@@ -158,12 +158,22 @@ TEST_P(MemoryRoundTrip, LeavesTheMemoryOfTheNewImage) {
       command.insert(command.end(), {"-exclude", "words"});
       verification.insert(verification.end(), {"--exclude", "words"});
     }
-    const ProgramResult made = run(command, {"-o", "a.patch", "old.elf", "new.elf"});
-    ASSERT_EQ(made.status, 0) << made.errors;
-    const ProgramResult verified = run(verification, {"old.elf", "new.elf", "a.patch"});
-    ASSERT_EQ(verified.errors, "");
-    ASSERT_EQ(verified.status, 0);
-    expect_new_memory(pair, directory_.read("a.patch"), &count);
+    const auto expect_right_patch = [&](const ProgramResult& made) {
+      ASSERT_EQ(made.status, 0) << made.errors;
+      const ProgramResult verified = run(verification, {"old.elf", "new.elf", "a.patch"});
+      ASSERT_EQ(verified.errors, "");
+      ASSERT_EQ(verified.status, 0);
+      expect_new_memory(pair, directory_.read("a.patch"), &count);
+    };
+    expect_right_patch(run(command, {"-o", "a.patch", "old.elf", "new.elf"}));
+    ASSERT_FALSE(HasFailure());
+    std::vector<std::string> other = {kelmake_program(), "-q", "--ram", "-o", "a.patch"};
+    if (round % 6 == 0) {
+      other.insert(other.end(), {"--exclude", "words"});
+    }
+    const char* const profiles[] = {"any", "wide", "libapply"};
+    expect_right_patch(run(other, {"--profile", profiles[random.below(3)], "--format",
+                                   std::to_string(random.below(2)), "old.elf", "new.elf"}));
     ASSERT_FALSE(HasFailure());
   }
   // The pairs do reach what they are for.

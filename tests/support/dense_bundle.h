@@ -30,7 +30,8 @@ inline uint32_t dense_memory(uint32_t map_entries) {
 // Kept pages have a slot each.
 inline DenseBundle dense_bundle(const dense_request& request, uint32_t checkpoint,
                                 std::vector<kelpatch::PageRange> ranges = {}) {
-  const auto& [old_image, new_image] = request.images;
+  const auto old_image = request.images.old_image;
+  const auto new_image = request.images.new_image;
   const dense_update update = search_dense(request);
   DenseBundle made;
   made.plan = kelpatch::plan_changes({old_image.begin(), old_image.end()},

@@ -99,4 +99,8 @@ std::string kelpatch_program() {
   return KELPATCH_PROGRAM;
 }
 
+std::string kelmake_program() {
+  return KELMAKE_PROGRAM;
+}
+
 }  // namespace kelvane

@@ -53,5 +53,6 @@ ProgramResult run_program(const std::vector<std::string>& arguments,
 // The programs of this build, absolute names.
 std::string kelvane_program();
 std::string kelpatch_program();
+std::string kelmake_program();
 
 }  // namespace kelvane

@@ -27,6 +27,7 @@ void check_outputs(const Options& options) {
   for (const std::string& output : {options.patch_name, options.report_name}) {
     refuse_input_as_output(output, options.old_name);
     refuse_input_as_output(output, options.new_name);
+    refuse_input_as_output(output, options.exclude_name);
   }
   probe_output(options.patch_name);
   if (!options.report_name.empty()) {

@@ -103,13 +103,20 @@ uint32_t address_of(const std::string& option, const std::string& word) {
 
 // Takes an option of patches; gives false for any other.
 template <typename GetValue>
-bool take_patch_option(Options& options, const std::string& name, const GetValue& value) {
+bool take_patch_option(Options& options, const std::string& argument, const std::string& name,
+                       const GetValue& value) {
   if (name == "--time") {
     options.seconds = number_of(name, value(), 1, 1000000);
   } else if (name == "--profile") {
     options.profile = value_named(kProfiles, "profile", value());
   } else if (name == "--format") {
     options.format = static_cast<uint8_t>(number_of(name, value(), 0, 1));
+  } else if (argument == "--ram") {
+    options.ram = true;
+  } else if (name == "--exclude") {
+    options.exclude_name = value();
+  } else if (name == "--alias") {
+    options.aliases.push_back(value());
   } else {
     return false;
   }
@@ -147,16 +154,28 @@ bool take_update_option(UpdateOptions& update, const std::string& argument, cons
   return true;
 }
 
+constexpr std::string_view kForPatches[] = {"--format", "--profile", "--time",
+                                            "--ram",    "--exclude", "--alias"};
+
 // Ends the run for options that are not for what is made.
 void check_together(const std::vector<std::string>& names, bool bundle) {
   for (const std::string& name : names) {
-    const bool is_for_patches = name == "--format" || name == "--profile" || name == "--time";
+    const bool is_for_patches = std::ranges::find(kForPatches, name) != std::end(kForPatches);
     if (bundle && is_for_patches) {
       usage_error("option '" + name + "' does not go with '--bundle'");
     }
     if (!bundle && !is_for_patches) {
       usage_error("option '" + name + "' goes with '--bundle' only");
     }
+  }
+}
+
+void check_memory_options(const Options& options) {
+  if (!options.ram && (!options.exclude_name.empty() || !options.aliases.empty())) {
+    usage_error("'--exclude' and '--alias' are for '--ram'");
+  }
+  if (options.ram && options.order) {
+    usage_error("with '--ram' the images tell the byte order");
   }
 }
 
@@ -179,6 +198,11 @@ const char* help_text() {
          "                       wide: with more than 20 classes of increments (the default);\n"
          "                       libapply: with all that libapply takes\n"
          "  --format 0|1         format of the patch, 1 by default\n"
+         "  --ram                OLD and NEW are ELF images: compares their sections at their\n"
+         "                       addresses in the target's memory\n"
+         "  --exclude FILE       leaves out the sections that FILE names, with --ram\n"
+         "  --alias ADDRESS:MASK a memory region with two addresses, with --ram; may be given\n"
+         "                       repeatedly\n"
          "  --big-endian         byte order of the target's words; by default the one that\n"
          "  --little-endian      gives the smaller patch\n"
          "  --report FILE        writes what was found to FILE, as JSON\n"
@@ -270,7 +294,7 @@ Options parse_options(const std::vector<std::string>& arguments) {
       options.bundle = true;
     } else if (argument == "--") {
       only_operands = true;
-    } else if (take_patch_option(options, name, value) ||
+    } else if (take_patch_option(options, argument, name, value) ||
                take_update_option(options.update, argument, name, value)) {
       told.push_back(name);
     } else {
@@ -288,6 +312,7 @@ Options parse_options(const std::vector<std::string>& arguments) {
     usage_error(options.bundle ? "the option '-o' has to name the update"
                                : "the option '-o' has to name the patch");
   }
+  check_memory_options(options);
   options.old_name = operands[0];
   options.new_name = operands[1];
   return options;

@@ -38,7 +38,10 @@ struct Options {
   std::string old_name;
   std::string new_name;
   std::string patch_name;
-  std::string report_name;  // empty: no report
+  std::string report_name;           // empty: no report
+  bool ram = false;                  // the files are images of target memory
+  std::string exclude_name;          // a file of sections to leave out; empty: none
+  std::vector<std::string> aliases;  // of memory regions, as they were written
   uint8_t format = 1;
   kelvane::patch_profile profile = kelvane::patch_profile::wide;
   kelvane::plan_effort effort = kelvane::plan_effort::normal;

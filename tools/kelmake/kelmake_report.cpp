@@ -6,6 +6,7 @@
 #include <array>
 #include <cinttypes>
 #include <cstdio>
+#include <span>
 
 #include "patch_file.h"
 
@@ -45,26 +46,63 @@ std::array<Part, 7> parts_of(const kelvane::found_plan& found) {
 
 bool is_worth_it(const Outcome& outcome) {
   const uint64_t size = outcome.found.cost.total();
-  return size < outcome.new_size / 10 * 9 &&
+  return size < outcome.comparison.new_size / 10 * 9 &&
          (outcome.packed_new_size == 0 || size < outcome.packed_new_size);
+}
+
+const char* mode_of(const Options& options) {
+  return options.ram ? "memory" : "file";
+}
+
+// What a report calls that which is compared.
+struct Compared {
+  const char* both;
+  const char* is_new;  // "the new ..."
+  const char* is;
+  const char* takes;
+};
+
+Compared compared(const Options& options) {
+  return options.ram ? Compared{"sections", "new sections", "are", "take"}
+                     : Compared{"two files", "new file", "is", "takes"};
+}
+
+// More of them are only in the JSON report.
+constexpr size_t kMostSections = 16;
+
+std::string text_of_sections(const std::vector<ComparedSection>& sections) {
+  std::string text;
+  for (const ComparedSection& section :
+       std::span(sections).first(std::min(sections.size(), kMostSections))) {
+    text += formatted("  %-18s %9s at 0x%08" PRIx32, section.name.c_str(),
+                      counted(section.new_size, "byte").c_str(), section.new_address);
+    text += section.old_size == section.new_size && section.old_address == section.new_address
+                ? "\n"
+                : formatted(", before: %s at 0x%08" PRIx32 "\n",
+                            counted(section.old_size, "byte").c_str(), section.old_address);
+  }
+  if (sections.size() > kMostSections) {
+    text += formatted("  and %zu more\n", sections.size() - kMostSections);
+  }
+  return text;
 }
 
 // A sentence for a patch that is of little use; empty for others.
 std::string advice(const Outcome& outcome) {
   const uint64_t size = outcome.found.cost.total();
+  const Compared words = compared(outcome.options);
   if (outcome.equal_files) {
-    return "The two files are equal: the patch changes nothing.\n";
+    return formatted("The %s are equal: the patch changes nothing.\n", words.both);
   }
-  if (outcome.new_size == 0) {
-    return "The new file is empty: the patch only says so.\n";
+  if (outcome.comparison.new_size == 0) {
+    return formatted("The %s %s empty: the patch only says so.\n", words.is_new, words.is);
   }
   if (outcome.packed_new_size != 0 && size >= outcome.packed_new_size) {
-    return formatted("The patch is not worth it: the new file alone, compressed, takes %" PRIu64
-                     " bytes.\n",
-                     outcome.packed_new_size);
+    return formatted("The patch is not worth it: the %s alone, compressed, %s %" PRIu64 " bytes.\n",
+                     words.is_new, words.takes, outcome.packed_new_size);
   }
   if (!is_worth_it(outcome)) {
-    return "The patch is not worth it: it is nearly as large as the new file.\n";
+    return formatted("The patch is not worth it: it is nearly as large as the %s.\n", words.is_new);
   }
   return {};
 }
@@ -95,21 +133,45 @@ std::string json_text(const std::string& text) {
   return quoted + '"';
 }
 
-std::string text_of_comparison(const Options& options, uint64_t old_size, uint64_t new_size) {
-  return formatted("old: %s, %s\n", options.old_name.c_str(), counted(old_size, "byte").c_str()) +
-         formatted("new: %s, %s\n", options.new_name.c_str(), counted(new_size, "byte").c_str()) +
-         formatted("file mode, format %d, profile %s, effort %s, %s\n", options.format,
-                   name_of(options.profile), name_of(options.effort),
-                   options.order ? name_of(*options.order) : "both byte orders");
+namespace {
+
+std::string json_of_sections(const std::vector<ComparedSection>& sections) {
+  std::string text = "  \"sections\": [";
+  for (const ComparedSection& section : sections) {
+    text +=
+        formatted("%s\n    {\"name\": %s, \"old\": {\"address\": %" PRIu32 ", \"size\": %" PRIu32
+                  "}, \"new\": {\"address\": %" PRIu32 ", \"size\": %" PRIu32 "}}",
+                  &section == &sections.front() ? "" : ",", json_text(section.name).c_str(),
+                  section.old_address, section.old_size, section.new_address, section.new_size);
+  }
+  return text + (sections.empty() ? "],\n" : "\n  ],\n");
+}
+
+}  // namespace
+
+std::string text_of_comparison(const Options& options, const Comparison& comparison) {
+  const std::string in_sections =
+      options.ram ? " in " + counted(comparison.sections.size(), "section") : "";
+  const auto line = [&](const char* which, const std::string& name, uint64_t size) {
+    return formatted("%s: %s, %s%s\n", which, name.c_str(), counted(size, "byte").c_str(),
+                     in_sections.c_str());
+  };
+  return line("old", options.old_name, comparison.old_size) +
+         line("new", options.new_name, comparison.new_size) +
+         text_of_sections(comparison.sections) +
+         formatted("%s mode, format %d, profile %s, effort %s, %s\n", mode_of(options),
+                   options.format, name_of(options.profile), name_of(options.effort),
+                   comparison.order ? name_of(*comparison.order) : "both byte orders");
 }
 
 std::string text_of_outcome(const Outcome& outcome) {
   const kelvane::found_plan& found = outcome.found;
   std::string text = formatted("patch: %s, %s", outcome.options.patch_name.c_str(),
                                counted(found.cost.total(), "byte").c_str());
-  if (outcome.new_size > 0) {
-    text +=
-        formatted(", %.1f %% of the new file", percent_of(found.cost.total(), outcome.new_size));
+  if (outcome.comparison.new_size > 0) {
+    text += formatted(", %.1f %% of the %s",
+                      percent_of(found.cost.total(), outcome.comparison.new_size),
+                      compared(outcome.options).is_new);
   }
   text += formatted(", %s\n", name_of(found.planned.order));
   for (const Part& part : parts_of(found)) {
@@ -134,20 +196,24 @@ std::string json_of_outcome(const Outcome& outcome) {
     text += formatted("  \"%s\": {\"name\": %s, \"size\": %" PRIu64 "},\n", key,
                       json_text(name).c_str(), size);
   };
-  file("old", options.old_name, outcome.old_size);
-  file("new", options.new_name, outcome.new_size);
+  file("old", options.old_name, outcome.comparison.old_size);
+  file("new", options.new_name, outcome.comparison.new_size);
   file("patch", options.patch_name, found.cost.total());
   text += formatted(
-      "  \"mode\": \"file\",\n  \"format\": %d,\n  \"profile\": \"%s\",\n  \"effort\": \"%s\",\n"
+      "  \"mode\": \"%s\",\n  \"format\": %d,\n  \"profile\": \"%s\",\n  \"effort\": \"%s\",\n"
       "  \"byte_order\": \"%s\",\n  \"worth_it\": %s,\n  \"parts\": {\n",
-      options.format, name_of(options.profile), name_of(options.effort),
+      mode_of(options), options.format, name_of(options.profile), name_of(options.effort),
       name_of(found.planned.order), is_worth_it(outcome) ? "true" : "false");
   const std::array<Part, 7> parts = parts_of(found);
   for (const Part& part : parts) {
     text += formatted("    \"%s\": {\"bytes\": %" PRIu64 ", \"count\": %" PRIu64 "}%s\n",
                       part.json_name, part.bytes, part.count, &part == &parts.back() ? "" : ",");
   }
-  text += formatted("  },\n  \"classes\": %zu,\n  \"tries\": %" PRIu32
+  text += "  },\n";
+  if (options.ram) {
+    text += json_of_sections(outcome.comparison.sections);
+  }
+  text += formatted("  \"classes\": %zu,\n  \"tries\": %" PRIu32
                     ",\n  \"stopped\": %s,\n"
                     "  \"seconds\": %.2f\n}\n",
                     found.planned.classes.size(), found.tries, found.was_stopped ? "true" : "false",

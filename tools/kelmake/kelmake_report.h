@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "kelmake_options.h"
 #include "plan_search.h"
@@ -15,21 +17,37 @@ double percent_of(uint64_t part, uint64_t whole);
 // The text as JSON has it.
 std::string json_text(const std::string& text);
 
+// A section as memory mode compares it.
+struct ComparedSection {
+  std::string name;
+  uint32_t old_address = 0;
+  uint32_t old_size = 0;
+  uint32_t new_address = 0;
+  uint32_t new_size = 0;
+};
+
+// What is compared: two files or, in memory mode, the sections of both.
+struct Comparison {
+  uint64_t old_size = 0;
+  uint64_t new_size = 0;
+  std::vector<ComparedSection> sections;
+  std::optional<kelvane::ByteOrder> order;  // both are tried by default
+};
+
 // What a run has found, for people and for programs.
 struct Outcome {
   const Options& options;
-  uint64_t old_size = 0;
-  uint64_t new_size = 0;
+  const Comparison& comparison;
   bool equal_files = false;
-  // The new file alone in the compressed form of this format, or 0 where the patch is smaller in
-  // any case.
+  // The new file (the new sections) alone in the compressed form of this format, or 0 where the
+  // patch is smaller in any case.
   uint64_t packed_new_size = 0;
   const kelvane::found_plan& found;
   double seconds = 0;
 };
 
 // "old.bin: 400112 bytes" and so on: what is compared and how.
-std::string text_of_comparison(const Options& options, uint64_t old_size, uint64_t new_size);
+std::string text_of_comparison(const Options& options, const Comparison& comparison);
 // The size, what it is spent on, and whether the patch is worth it.
 std::string text_of_outcome(const Outcome& outcome);
 // The same as JSON, with a newline at the end. Names are taken as the UTF-8 that they should be.

@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cinttypes>
 #include <cstdio>
+#include <optional>
 
 #include "kelmake_files.h"
+#include "kelmake_images.h"
 #include "kelmake_report.h"
 #include "optimal_parse.h"
 #include "patch_file.h"
@@ -18,10 +21,57 @@ using kelpatch::Bytes;
 using kelpatch::fatal;
 using std::chrono::steady_clock;
 
-// What the file takes compressed; 0 if that is more than `patch_size` in any case, for 18 bytes
-// take 17 bits at best.
-uint64_t packed_size_if_near(const Bytes& file, uint64_t patch_size) {
-  return patch_size * 9 < file.size() ? 0 : kelvane::optimal_parser().packed_size(file);
+// What the new image alone takes compressed; 0 if that is more than `patch_size` in any case, for
+// 18 bytes take 17 bits at best.
+uint64_t packed_size_if_near(const kelvane::plan_images& images, uint64_t new_size,
+                             uint64_t patch_size) {
+  if (patch_size * 9 < new_size) {
+    return 0;
+  }
+  Bytes bytes;  // without what lies between sections
+  const uint8_t* const image = images.new_image.data();
+  kelvane::each_new_part(
+      images, 0, static_cast<int64_t>(images.new_image.size()),
+      [&](int64_t begin, int64_t end) { bytes.insert(bytes.end(), image + begin, image + end); });
+  return kelvane::optimal_parser().packed_size(bytes);
+}
+
+// What a run compares, held as long as a plan needs it.
+struct Input {
+  Comparison comparison;
+  kelvane::plan_images images;
+  bool is_equal = false;
+
+  Bytes old_file;
+  Bytes new_file;
+  std::optional<kelvane::laid_out_memory> memory;
+};
+
+void read_files(const Options& options, Input& input) {
+  input.old_file = kelpatch::read_input(options.old_name);
+  input.new_file = kelpatch::read_input(options.new_name);
+  input.images = {input.old_file, input.new_file};
+  input.is_equal = input.old_file == input.new_file;
+  input.comparison = {input.old_file.size(), input.new_file.size(), {}, options.order};
+}
+
+void read_memory(const Options& options, Input& input) {
+  const MemoryImages images(options);
+  const auto size = kelvane::laid_out_memory::row_size(images.pairs(), images.spare());
+  if (size > kelvane::kLargestImage) {
+    fatal("the sections of '%s' and '%s' have more than %" PRIu32 " bytes",
+          options.old_name.c_str(), options.new_name.c_str(), kelvane::kLargestImage);
+  }
+  input.memory.emplace(images.pairs(), images.spare()).target.header = images.header();
+  input.images = input.memory->images();
+  input.comparison = {0, 0, images.sections(), images.order()};
+  input.is_equal = true;
+  for (const auto& [old_section, new_section] : images.pairs()) {
+    input.comparison.old_size += old_section.bytes.size();
+    input.comparison.new_size += new_section.bytes.size();
+    input.is_equal = input.is_equal && old_section.address == new_section.address &&
+                     std::ranges::equal(old_section.bytes, new_section.bytes);
+  }
 }
 
 }  // namespace
@@ -29,21 +79,21 @@ uint64_t packed_size_if_near(const Bytes& file, uint64_t patch_size) {
 void make_patch(const Options& options) {
   const steady_clock::time_point start = steady_clock::now();
   check_outputs(options);
-  const Bytes old_file = kelpatch::read_input(options.old_name);
-  const Bytes new_file = kelpatch::read_input(options.new_name);
+  Input input;
+  (options.ram ? read_memory : read_files)(options, input);
   if (!options.quiet) {
-    std::fputs(text_of_comparison(options, old_file.size(), new_file.size()).c_str(), stdout);
+    std::fputs(text_of_comparison(options, input.comparison).c_str(), stdout);
     std::fflush(stdout);
   }
 
   kelvane::plan_request request;
-  request.images = {old_file, new_file};
+  request.images = input.images;
   request.rules = kelvane::rules_for(options.profile, options.format);
   if (options.profile == kelvane::patch_profile::libapply) {
     request.narrower_rules = kelvane::rules_for(kelvane::patch_profile::wide, options.format);
   }
   request.effort = options.effort;
-  request.order = options.order;
+  request.order = input.comparison.order;
   request.jobs = options.jobs;
   if (options.seconds) {
     request.is_over = [&, limit = std::chrono::seconds(*options.seconds)] {
@@ -70,10 +120,9 @@ void make_patch(const Options& options) {
 
   const Outcome outcome = {
       .options = options,
-      .old_size = old_file.size(),
-      .new_size = new_file.size(),
-      .equal_files = old_file == new_file,
-      .packed_new_size = packed_size_if_near(new_file, patch.size()),
+      .comparison = input.comparison,
+      .equal_files = input.is_equal,
+      .packed_new_size = packed_size_if_near(input.images, input.comparison.new_size, patch.size()),
       .found = found,
       .seconds = std::chrono::duration<double>(steady_clock::now() - start).count()};
   if (!options.report_name.empty()) {

@@ -119,8 +119,8 @@ bool is_uniform(std::span<const uint8_t> bytes) {
 
 // The blocks of two sections of one and the same byte, which need no index: the first other offset
 // is 0, or 1 for the first byte.
-std::vector<moved_block> blocks_of_one_byte(size_t old_size, size_t new_size, uint32_t limit) {
-  std::vector<moved_block> blocks;
+std::vector<found_block> blocks_of_one_byte(size_t old_size, size_t new_size, uint32_t limit) {
+  std::vector<found_block> blocks;
   for (size_t i = 0; i < old_size; ++i) {
     const size_t j = i == 0 ? 1 : 0;
     const size_t size = std::min(old_size - i, new_size - j);
@@ -135,9 +135,9 @@ std::vector<moved_block> blocks_of_one_byte(size_t old_size, size_t new_size, ui
 
 }  // namespace
 
-std::vector<moved_block> moved_blocks(std::span<const uint8_t> old_bytes,
+std::vector<found_block> moved_blocks(std::span<const uint8_t> old_bytes,
                                       std::span<const uint8_t> new_bytes, uint32_t limit) {
-  std::vector<moved_block> blocks;
+  std::vector<found_block> blocks;
   if (limit >= std::min(old_bytes.size(), new_bytes.size())) {
     return blocks;
   }
@@ -175,7 +175,7 @@ std::vector<moved_block> moved_blocks(std::span<const uint8_t> old_bytes,
 
 void block_pass(map_list& list, std::span<const uint8_t> old_bytes, uint32_t old_address,
                 std::span<const uint8_t> new_bytes, uint32_t new_address) {
-  for (const moved_block& block :
+  for (const found_block& block :
        moved_blocks(old_bytes, new_bytes, static_cast<uint32_t>(min_swap_block_size))) {
     const bool reaches_old = block.to < old_bytes.size();
     const uint32_t in_place = reaches_old ? common_run(old_bytes.subspan(block.to),

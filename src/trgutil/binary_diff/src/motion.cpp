@@ -48,22 +48,6 @@ std::optional<address_range> heap_of(const symbol_table& symbols) {
   return std::nullopt;
 }
 
-address_range find_swap_region() {
-  address_range region = heap_of(table1).value_or(address_range{0, 0});
-  const std::optional<address_range> other = heap_of(table2);
-  if (other.has_value() && overlap(region, *other)) {
-    const uint32_t start = std::max(region.start, other->start);
-    const uint64_t end = std::min(end_of(region), end_of(*other));
-    region = {start, static_cast<uint32_t>(end - start)};
-  }
-  // What is parked in a section would destroy bytes that its comparison counts on.
-  if (std::any_of(state.compared.begin(), state.compared.end(),
-                  [&region](const address_range& section) { return overlap(region, section); })) {
-    region.size = 0;
-  }
-  return region;
-}
-
 struct Section {
   std::span<const uint8_t> bytes;
   uint32_t address;
@@ -192,6 +176,23 @@ void work_forest(const map_list& list, uint32_t need, const address_range& swap_
 
 }  // namespace
 
+address_range find_swap_region(const symbol_table& old_symbols, const symbol_table& new_symbols,
+                               std::span<const address_range> compared) {
+  address_range region = heap_of(old_symbols).value_or(address_range{0, 0});
+  const std::optional<address_range> other = heap_of(new_symbols);
+  if (other.has_value() && overlap(region, *other)) {
+    const uint32_t start = std::max(region.start, other->start);
+    const uint64_t end = std::min(end_of(region), end_of(*other));
+    region = {start, static_cast<uint32_t>(end - start)};
+  }
+  // What is parked in a section would destroy bytes that its comparison counts on.
+  if (std::any_of(compared.begin(), compared.end(),
+                  [&region](const address_range& section) { return overlap(region, section); })) {
+    region.size = 0;
+  }
+  return region;
+}
+
 void begin_motion(std::span<const address_range> compared) {
   state = {};
   state.compared.assign(compared.begin(), compared.end());
@@ -211,7 +212,7 @@ void do_sym_diff(uint8_t* const& old_bytes, uint32_t old_address, const uint32_t
     return;
   }
   if (!state.swap_region.has_value()) {
-    state.swap_region = find_swap_region();
+    state.swap_region = find_swap_region(table1, table2, state.compared);
   }
   const address_range swap_region = *state.swap_region;
   if (swap_region.size == 0) {

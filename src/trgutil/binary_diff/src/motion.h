@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <span>
 
+#include "image.h"
 #include "memory_map.h"
 
 // Motion of symbols and blocks: pieces of a section that lie elsewhere in the new image are carried
@@ -26,6 +27,12 @@ struct address_range {
 
 // String table that symtab_search reads; written by the symbol pass.
 extern const char* srch_strtab;
+
+// The swap region of two images: where ".heap" of the old one lies, cut to that of the new one if
+// they meet; of size 0 without one, and if it overlaps one of the sections that are compared. It
+// may run past the end of the addresses.
+address_range find_swap_region(const symbol_table& old_symbols, const symbol_table& new_symbols,
+                               std::span<const address_range> compared);
 
 // Names the sections of the old image that the run compares, so that no piece is parked in one of
 // them, and forgets what is known of a run before. To be called once the tables `table1` and
