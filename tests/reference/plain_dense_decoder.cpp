@@ -5,77 +5,14 @@
 #include <array>
 #include <list>
 
+#include "plain_dense_coder.h"
+#include "plain_dense_machine.h"
+
 namespace kelvane {
+namespace plain_dense {
 namespace {
 
-struct Refused {};
-
-void require(bool holds) {
-  if (!holds) {
-    throw Refused();
-  }
-}
-
-enum Machine { kNone, kThumb, kArm, kPowerPc, kMips, kRiscv };
 enum Kind { kByte, kHalf, kWord, kAddress, kBranch, kPool, kUpper, kLower, kDistance };
-
-// Bits `high` down to `low` of x.
-uint32_t field(uint32_t x, int high, int low) {
-  return static_cast<uint32_t>((uint64_t{x} >> low) & ((uint64_t{1} << (high - low + 1)) - 1));
-}
-
-uint32_t extended(uint32_t x, int bits) {
-  return field(x, bits - 1, bits - 1) != 0 ? x - static_cast<uint32_t>(uint64_t{1} << bits) : x;
-}
-
-// A field of an instruction in pieces: where each piece of the number stands.
-struct Piece {
-  int high;  // in the instruction
-  int low;
-  int at;  // its lowest bit in the number
-};
-
-uint32_t gathered(uint32_t x, std::span<const Piece> pieces) {
-  uint32_t number = 0;
-  for (const Piece& piece : pieces) {
-    number |= field(x, piece.high, piece.low) << piece.at;
-  }
-  return number;
-}
-
-uint32_t scattered(uint32_t x, uint32_t number, std::span<const Piece> pieces) {
-  for (const Piece& piece : pieces) {
-    const uint32_t mask = field(~0U, piece.high - piece.low, 0);
-    x = (x & ~(mask << piece.low)) | (number >> piece.at & mask) << piece.low;
-  }
-  return x;
-}
-
-struct Branch {
-  uint32_t target;
-  int form;
-};
-
-struct BranchForm {
-  std::vector<Piece> pieces;
-  int bits;
-};
-
-// clang-format off
-const BranchForm kThumbLong = {{{26, 26, 24}, {13, 13, 23}, {11, 11, 22}, {25, 16, 12}, {10, 0, 1}}, 25};
-const BranchForm kThumbCondition = {{{26, 26, 20}, {11, 11, 19}, {13, 13, 18}, {21, 16, 12}, {10, 0, 1}}, 21};
-const BranchForm kArmBranch = {{{23, 0, 2}}, 26};
-const BranchForm kPowerPcLong = {{{25, 2, 2}}, 26};
-const BranchForm kPowerPcShort = {{{15, 2, 2}}, 16};
-const BranchForm kRiscvJump = {{{31, 31, 20}, {19, 12, 12}, {20, 20, 11}, {30, 21, 1}}, 21};
-const BranchForm kRiscvBranch = {{{31, 31, 12}, {7, 7, 11}, {30, 25, 5}, {11, 8, 1}}, 13};
-const BranchForm kRiscvShortJump = {{{12, 12, 11}, {11, 11, 4}, {10, 9, 8}, {8, 8, 10}, {7, 7, 6}, {6, 6, 7}, {5, 3, 1}, {2, 2, 5}}, 12};
-const BranchForm kRiscvShortBranch = {{{12, 12, 8}, {11, 10, 3}, {6, 5, 6}, {4, 3, 1}, {2, 2, 5}}, 9};
-const std::vector<Piece> kThumbMove = {{19, 16, 12}, {26, 26, 11}, {14, 12, 8}, {7, 0, 0}};
-const std::vector<Piece> kArmMove = {{19, 16, 12}, {11, 0, 0}};
-const std::vector<Piece> kRiscvLoad = {{31, 20, 0}};
-const std::vector<Piece> kRiscvStore = {{31, 25, 5}, {11, 7, 0}};
-// clang-format on
 
 struct Token {
   int kind = kByte;
@@ -94,31 +31,19 @@ struct Entry {
   uint32_t source, target, length;
 };
 
-struct Lower {
-  uint32_t from;
-  uint32_t value;
-  bool is_unsigned;
-  const std::vector<Piece>* pieces;  // of RISC-V
-  int overwrites;                    // -1: none
-};
-
-class PlainDecoder {
+class PlainDecoder : private PlainCoder, private PlainMachine {
  public:
   PlainDecoder(std::span<const uint8_t> old_image, std::span<const uint8_t> payload,
                uint32_t largest)
-      : old_(old_image), payload_(payload), largest_(largest) {}
+      : PlainCoder(payload), old_(old_image), largest_(largest) {}
 
   std::vector<uint8_t> run() {
     read_header();
-    for (int i = 0; i < 4; ++i) {
-      code_ = code_ << 8 | next();
-    }
-    counters_.assign(256, {1U << 21, 0});
-    hash_bits_ = 8;
+    start();
+    take_counters(8);
     read_map();
-    counters_.assign(512U << model_, {1U << 21, 0});
-    hash_bits_ = 9 + model_;
-    literals_.assign(512U << model_, {1U << 11, 0});
+    take_counters(9 + model_);
+    take_literals(512U << model_);
     learned_.assign(32U << model_, {0, 0});
     while (new_.size() < new_size_) {
       read_command();
@@ -127,25 +52,7 @@ class PlainDecoder {
   }
 
  private:
-  // ---- header and coder
-
-  uint32_t header_byte() {
-    require(at_ < payload_.size());
-    return payload_[at_++];
-  }
-  uint32_t header_number() {
-    uint64_t number = 0;
-    for (int i = 0; i < 5; ++i) {
-      const uint32_t byte = header_byte();
-      number |= uint64_t{byte & 127} << (7 * i);
-      if (byte < 128) {
-        require(number <= 0xFFFFFFFF);
-        return static_cast<uint32_t>(number);
-      }
-    }
-    throw Refused();
-  }
-  static uint32_t with_sign(uint32_t z) { return z % 2 == 0 ? z / 2 : 0U - z / 2 - 1; }
+  // ---- the header
 
   void read_header() {
     const uint32_t kind = header_byte();
@@ -165,63 +72,6 @@ class PlainDecoder {
     require(field(kind, 3, 0) == 1 && model_ <= 1 && machine_ <= kRiscv && map_count_ <= 65535);
     require(base_ >> (4 * field(target, 7, 5)) == base);
     require(new_size_ <= largest_ && old_size == old_.size());
-  }
-
-  uint32_t next() { return at_ < payload_.size() ? payload_[at_++] : 0; }
-
-  uint32_t bit(uint32_t bound) {
-    const bool is_one = code_ < bound;
-    code_ -= is_one ? 0 : bound;
-    range_ = is_one ? bound : range_ - bound;
-    while (range_ < 1U << 24) {
-      range_ <<= 8;
-      code_ = code_ << 8 | next();
-    }
-    return is_one ? 1 : 0;
-  }
-  uint32_t bit_of(uint32_t p) {
-    return bit(static_cast<uint32_t>(uint64_t{range_} * std::clamp(p, 16U, 65520U) >> 16));
-  }
-  static uint32_t hash(uint32_t x) {
-    x *= 0x9E3779B1;
-    return x ^ x >> 15;
-  }
-  uint32_t flag(uint32_t a, uint32_t b) {
-    auto& [q, n] = counters_[hash(256 * a + b) >> (32 - hash_bits_)];
-    const uint32_t one = bit_of(q >> 6);
-    q = one != 0 ? q + (0x3FFFFF - q) / (n + 2) : q - q / (n + 2);
-    n = std::min(n + 1, 127U);
-    return one;
-  }
-  uint32_t tree(uint32_t a, uint32_t bits) {
-    uint32_t node = 1;
-    for (uint32_t i = 0; i < bits; ++i) {
-      node = 2 * node + flag(a, node);
-    }
-    return node - (1U << bits);
-  }
-  uint32_t number(uint32_t a) {
-    uint32_t length = 0;
-    while (length < 31 && flag(a, length) != 0) {
-      ++length;
-    }
-    uint32_t v = 1;
-    for (uint32_t i = 0; i < length; ++i) {
-      v = 2 * v + (i < 2 ? flag(a, 32 + 4 * length + v) : bit(range_ / 2));
-    }
-    return v - 1;
-  }
-  uint32_t signed_number(uint32_t a) { return with_sign(number(a)); }
-  uint8_t literal(uint32_t position) {
-    uint32_t node = 1;
-    while (node < 256) {
-      auto& [q, n] = literals_[(256 * (position % 4) + node) % literals_.size()];
-      const uint32_t one = bit_of(16 * q);
-      q = one != 0 ? q + 2 * (4095 - q) / (2 * n + 3) : q - 2 * q / (2 * n + 3);
-      n = std::min(n + 1, 15U);
-      node = 2 * node + one;
-    }
-    return static_cast<uint8_t>(node - 256);
   }
 
   // ---- the map
@@ -396,7 +246,6 @@ class PlainDecoder {
     }
     return value;
   }
-  uint32_t code_flip() const { return code_big_ != 0 ? 3 : machine_ == kThumb ? 2 : 0; }
   uint32_t code_at(uint32_t place) const { return value_at(place, 4, code_flip()); }
 
   std::optional<uint32_t> learned_for(uint32_t from) const {
@@ -410,80 +259,6 @@ class PlainDecoder {
     token.target = known ? *known : moved(token.address);
   }
 
-  const BranchForm* branch_form(uint32_t x, int& form) const {
-    form = 1;
-    switch (machine_) {
-      case kThumb:
-        if (field(x, 31, 27) != 30 || field(x, 15, 15) == 0) {
-          return nullptr;
-        }
-        if (field(x, 14, 14) != 0 || field(x, 12, 12) != 0) {
-          return &kThumbLong;
-        }
-        form = 2;
-        return field(x, 25, 23) == 7 ? nullptr : &kThumbCondition;
-      case kArm:
-        return field(x, 27, 25) == 5 ? &kArmBranch : nullptr;
-      case kPowerPc:
-        form = field(x, 31, 26) == 18 ? 1 : 2;
-        return field(x, 1, 1) != 0      ? nullptr
-               : field(x, 31, 26) == 18 ? &kPowerPcLong
-               : field(x, 31, 26) == 16 ? &kPowerPcShort
-                                        : nullptr;
-      case kRiscv:
-        if (field(x, 1, 0) == 1) {
-          form = field(x, 15, 13) == 5 ? 3 : 4;
-          return field(x, 15, 13) == 5   ? &kRiscvShortJump
-                 : field(x, 15, 14) == 3 ? &kRiscvShortBranch
-                                         : nullptr;
-        }
-        form = field(x, 6, 0) == 0x6F ? 1 : 2;
-        return field(x, 6, 0) == 0x6F   ? &kRiscvJump
-               : field(x, 6, 0) == 0x63 ? &kRiscvBranch
-                                        : nullptr;
-      default:
-        return nullptr;
-    }
-  }
-  uint32_t branch_origin(uint32_t x, uint32_t address, const BranchForm* form) const {
-    const bool exchanges = form == &kThumbLong && field(x, 14, 14) == 1 && field(x, 12, 12) == 0;
-    return (exchanges ? address / 4 * 4 : address) + (machine_ == kThumb ? 4
-                                                      : machine_ == kArm ? 8
-                                                                         : 0);
-  }
-  // Thumb has two bits of a long distance turned round unless its sign is set.
-  static uint32_t thumb_bits(uint32_t number) {
-    return field(number, 24, 24) != 0 ? number : number ^ 3U << 22;
-  }
-  std::optional<Branch> branch(uint32_t x, uint32_t address) const {
-    if (machine_ == kMips) {
-      return field(x, 31, 27) == 1
-                 ? std::optional(Branch{(base_ & 0xF0000000) | field(x, 25, 0) * 4, 1})
-                 : std::nullopt;
-    }
-    int number = 0;
-    const BranchForm* const form = branch_form(x, number);
-    if (form == nullptr) {
-      return std::nullopt;
-    }
-    uint32_t distance = gathered(x, form->pieces);
-    distance = form == &kThumbLong ? thumb_bits(distance) : distance;
-    return Branch{branch_origin(x, address, form) + extended(distance, form->bits), number};
-  }
-  uint32_t branched(uint32_t x, uint32_t address, uint32_t target) const {
-    if (machine_ == kMips) {
-      return scattered(x, target, std::array{Piece{25, 0, 2}});
-    }
-    int number = 0;
-    const BranchForm* const form = branch_form(x, number);
-    uint32_t distance = target - branch_origin(x, address, form);
-    if (machine_ == kThumb) {
-      const int sign = form->bits - 1;
-      distance = (distance & ~(1U << sign)) | field(distance, 31, 31) << sign;
-      distance = form == &kThumbLong ? thumb_bits(distance) : distance;
-    }
-    return scattered(x, distance, form->pieces);
-  }
   bool take_branch(uint32_t x, uint32_t o, uint32_t p, Token& token) const {
     const auto found = branch(x, base_ + o);
     if (!found || !is_inside(found->target)) {
@@ -499,14 +274,6 @@ class PlainDecoder {
     return true;
   }
 
-  const std::vector<Piece>& move_pieces() const {
-    return machine_ == kThumb ? kThumbMove : kArmMove;
-  }
-  bool is_move(uint32_t x, bool upper, uint32_t& number) const {
-    number = machine_ == kThumb ? field(x, 11, 8) : field(x, 15, 12);
-    return machine_ == kThumb ? (x & 0xFBF08000) == (upper ? 0xF2C00000 : 0xF2400000)
-                              : (x & 0x0FF00000) == (upper ? 0x03400000U : 0x03000000U);
-  }
   bool take_move(uint32_t x, uint32_t o, uint32_t left, Token& token) {
     uint32_t number = 0;
     uint32_t other_number = 0;
@@ -539,56 +306,6 @@ class PlainDecoder {
     return true;
   }
 
-  bool has_halves() const {
-    return machine_ == kPowerPc || machine_ == kMips || machine_ == kRiscv;
-  }
-  // The register of an upper half, or -1.
-  int upper_register(uint32_t x) const {
-    const bool is_upper = machine_ == kRiscv ? (field(x, 6, 0) == 0x37 || field(x, 6, 0) == 0x17) &&
-                                                   field(x, 11, 7) != 0
-                          : machine_ == kMips ? field(x, 31, 26) == 15
-                                              : field(x, 31, 26) == 15 && field(x, 20, 16) == 0;
-    return !is_upper            ? -1
-           : machine_ == kRiscv ? static_cast<int>(field(x, 11, 7))
-           : machine_ == kMips  ? static_cast<int>(field(x, 20, 16))
-                                : static_cast<int>(field(x, 25, 21));
-  }
-  uint32_t upper_value(uint32_t x, uint32_t address) const {
-    return machine_ != kRiscv ? x << 16 : (x & 0xFFFFF000) + (field(x, 6, 0) == 0x17 ? address : 0);
-  }
-  std::optional<Lower> lower(uint32_t x) const {
-    const uint32_t top = field(x, 31, 26);
-    const int high = static_cast<int>(field(x, 25, 21));
-    const int low = static_cast<int>(field(x, 20, 16));
-    const uint32_t half = extended(field(x, 15, 0), 16);
-    if (machine_ == kRiscv) {
-      const uint32_t opcode = field(x, 6, 0);
-      const bool adds = (opcode == 0x13 || opcode == 0x1B) && field(x, 14, 12) == 0;
-      const bool loads = opcode == 0x03 || opcode == 0x67 || adds;
-      const bool stores = opcode == 0x23 || opcode == 0x27;
-      if (!loads && !stores && opcode != 0x07) {
-        return std::nullopt;
-      }
-      const auto& pieces = stores ? kRiscvStore : kRiscvLoad;
-      return Lower{field(x, 19, 15), extended(gathered(x, pieces), 12), false, &pieces,
-                   loads ? static_cast<int>(field(x, 11, 7)) : -1};
-    }
-    if (machine_ == kMips) {
-      if (top != 13 && top != 9 && top < 32) {
-        return std::nullopt;
-      }
-      return Lower{static_cast<uint32_t>(high), top == 13 ? field(x, 15, 0) : half, top == 13,
-                   nullptr, top < 40 ? low : -1};
-    }
-    if (top == 24) {
-      return Lower{static_cast<uint32_t>(high), field(x, 15, 0), true, nullptr, low};
-    }
-    if (top != 14 && (top < 32 || top > 55)) {
-      return std::nullopt;
-    }
-    return Lower{static_cast<uint32_t>(low), half, false, nullptr,
-                 top < 36 || (top >= 40 && top <= 43) ? high : -1};
-  }
   bool take_half_address(uint32_t x, uint32_t o, uint32_t p, uint32_t left, Token& token) {
     const int number = upper_register(x);
     const bool is_relative = machine_ == kRiscv && field(x, 6, 0) == 0x17;
@@ -865,15 +582,11 @@ class PlainDecoder {
   static constexpr uint32_t kPredictedContext = 213;
 
   std::span<const uint8_t> old_;
-  std::span<const uint8_t> payload_;
   uint32_t largest_;
   std::vector<uint8_t> new_;
-  size_t at_ = 0;
-  uint32_t new_size_ = 0, base_ = 0, map_count_ = 0, model_ = 0, code_big_ = 0, data_big_ = 0;
-  int machine_ = kNone;
+  uint32_t new_size_ = 0, map_count_ = 0, model_ = 0, data_big_ = 0;
   bool reads_new_ = false, distances_ = false;
-  uint32_t range_ = 0xFFFFFFFF, code_ = 0, hash_bits_ = 8;
-  std::vector<std::pair<uint32_t, uint32_t>> counters_, literals_, learned_;
+  std::vector<std::pair<uint32_t, uint32_t>> learned_;
   std::vector<Entry> entries_, by_source_;
   std::vector<uint32_t> shifts_ = {0, 0, 0};
   uint32_t match_shift_ = 0, distance_ = 0, matches_ = 0, source_end_ = 0, tail_ = 1;
@@ -886,13 +599,14 @@ class PlainDecoder {
 };
 
 }  // namespace
+}  // namespace plain_dense
 
 std::optional<std::vector<uint8_t>> plain_dense_decode(std::span<const uint8_t> old_image,
                                                        std::span<const uint8_t> payload,
                                                        uint32_t largest) {
   try {
-    return PlainDecoder(old_image, payload, largest).run();
-  } catch (const Refused&) {
+    return plain_dense::PlainDecoder(old_image, payload, largest).run();
+  } catch (const plain_dense::Refused&) {
     return std::nullopt;
   }
 }
