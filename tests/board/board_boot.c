@@ -256,20 +256,4 @@ static void fault_handler(void) {
   board_end(8);
 }
 
-__attribute__((used, section(".vectors"))) static void (*const vectors[16])(void) = {
-    (void (*)(void))stack_top,
-    boot,
-    fault_handler,
-    fault_handler,
-    fault_handler,
-    fault_handler,
-    fault_handler,
-    0,
-    0,
-    0,
-    0,
-    fault_handler,
-    fault_handler,
-    0,
-    fault_handler,
-    fault_handler};
+BOARD_VECTORS(stack_top, boot, fault_handler, fault_handler);

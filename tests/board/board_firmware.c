@@ -41,20 +41,4 @@ static void fault_handler(void) {
   board_end(9);
 }
 
-__attribute__((used, section(".vectors"))) static void (*const vectors[16])(void) = {
-    (void (*)(void))stack_top,
-    reset_handler,
-    fault_handler,
-    fault_handler,
-    fault_handler,
-    fault_handler,
-    fault_handler,
-    0,
-    0,
-    0,
-    0,
-    fault_handler,
-    fault_handler,
-    0,
-    fault_handler,
-    tick_handler};
+BOARD_VECTORS(stack_top, reset_handler, fault_handler, tick_handler);

@@ -57,3 +57,23 @@ static inline void board_reset(void) {
   for (;;) {
   }
 }
+
+// The processor's vectors: the stack, the start, and faults everywhere else but for the timer.
+#define BOARD_VECTORS(stack, start, fault, tick)                                              \
+  __attribute__((used, section(".vectors"))) static void (*const board_vectors[16])(void) = { \
+      (void (*)(void))(stack),                                                                \
+      start,                                                                                  \
+      fault,                                                                                  \
+      fault,                                                                                  \
+      fault,                                                                                  \
+      fault,                                                                                  \
+      fault,                                                                                  \
+      0,                                                                                      \
+      0,                                                                                      \
+      0,                                                                                      \
+      0,                                                                                      \
+      fault,                                                                                  \
+      fault,                                                                                  \
+      0,                                                                                      \
+      fault,                                                                                  \
+      tick}
