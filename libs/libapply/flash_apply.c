@@ -218,7 +218,7 @@ static enum step_kind take_step(kelvane_update* update, uint32_t k, uint32_t* gr
     kelvane_plan_at(update, kelvane_plan_page(update, index + update->every - 1), 1);
     return CHECKPOINT;
   }
-  kelvane_plan_at(update, kelvane_plan_page(update, index + (k >> 1)), k & 1u);
+  kelvane_plan_at(update, kelvane_plan_page(update, index + (k >> 1)), (int)(k & 1u));
   return update->writing ? WRITE : SAVE;
 }
 

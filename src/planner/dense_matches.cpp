@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstring>
 
 namespace kelvane {
 namespace {
@@ -10,6 +11,10 @@ namespace {
 constexpr int kOldTrials = 48;
 constexpr int kNewTrials = 24;
 constexpr uint32_t kLongest = 1U << 16U;
+// Inside of a match so long no other is looked for, but near its end. Without that, a pattern that
+// repeats takes time by the square of its length.
+constexpr uint32_t kLongMatch = 256;
+constexpr uint32_t kNearEnd = 16;
 constexpr uint32_t kParsedAtOnce = 1U << 16U;  // bytes
 // Places that are kept of both images; more are thinned out.
 constexpr uint64_t kFewPlaces = 1U << 18U;
@@ -55,7 +60,7 @@ class item_parse {
     for (uint32_t at = begin_; at < end_; ++at) {
       passed_ = at;
       take_literal(at);
-      if (end_ - at >= 3 && at + kStringBytes <= images_.new_image.size()) {
+      if (at >= long_until_ && end_ - at >= 3 && at + kStringBytes <= images_.new_image.size()) {
         take_matches(at);
       }
     }
@@ -99,17 +104,18 @@ class item_parse {
   void take_matches(uint32_t at) {
     const int64_t expected = at - step_at(at).shift;
     if (expected >= 0 && expected < static_cast<int64_t>(images_.old_image.size())) {
-      take_old(at, static_cast<uint32_t>(expected));
+      const auto place = static_cast<uint32_t>(expected);
+      take_old(at, place, equal_bytes(images_.old_image, place, at));
     }
     if (reads_new_) {
       each_of_last(places_.in_new(at), kNewTrials, [&](uint32_t place) {
         take_from_ahead(images_.new_image, place, at,
-                        [&](uint32_t k) { take_new(at - k, place - k); });
+                        [&](uint32_t k, uint32_t equal) { take_new(at - k, place - k, equal); });
       });
     }
     each_of_last(places_.in_old(at), kOldTrials, [&](uint32_t place) {
       take_from_ahead(images_.old_image, place, at,
-                      [&](uint32_t k) { take_old(at - k, place - k); });
+                      [&](uint32_t k, uint32_t equal) { take_old(at - k, place - k, equal); });
     });
   }
 
@@ -122,11 +128,12 @@ class item_parse {
   // From `at`, and from bytes ahead of it that agree and stand at places that are left out.
   void take_from_ahead(std::span<const uint8_t> image, uint32_t place, uint32_t at,
                        const auto& take) {
-    take(0);
+    const uint32_t equal = equal_bytes(image, place, at);
+    take(0, equal);
     for (uint32_t k = 1; k < places_.step() && k <= place && k <= at - begin_ &&
                          image[place - k] == new_byte(at - k);
          ++k) {
-      take(k);
+      take(k, std::min(equal + k, kLongest));
     }
   }
 
@@ -134,20 +141,24 @@ class item_parse {
     const auto limit =
         static_cast<uint32_t>(std::min<size_t>({end_ - at, kLongest, image.size() - place}));
     uint32_t length = 0;
+    while (length + 8 <= limit &&
+           std::memcmp(&image[place + length], &images_.new_image[at + length], 8) == 0) {
+      length += 8;
+    }
     while (length < limit && image[place + length] == new_byte(at + length)) {
       ++length;
     }
     return length;
   }
 
-  void take_new(uint32_t at, uint32_t place) {
-    const uint32_t length = equal_bytes(images_.new_image, place, at);
-    take(at, length, {0, place, dense_item::new_image}, number_cost(at - place - 1),
+  // Matches whose bytes have been found equal.
+  void take_new(uint32_t at, uint32_t place, uint32_t equal) {
+    take(at, equal, {0, place, dense_item::new_image}, number_cost(at - place - 1),
          step_at(at).shift);
   }
 
-  void take_old(uint32_t at, uint32_t place) {
-    const uint32_t length = reach_.readable(place, at, equal_bytes(images_.old_image, place, at));
+  void take_old(uint32_t at, uint32_t place, uint32_t equal) {
+    const uint32_t length = reach_.readable(place, at, equal);
     const int64_t off = static_cast<int64_t>(place) - (at - step_at(at).shift);
     const uint32_t cost =
         off == 0 ? kRepeated
@@ -158,6 +169,9 @@ class item_parse {
   // All lengths, the long ones by doubling.
   void take(uint32_t at, uint32_t longest, dense_item item, uint32_t place_cost, int64_t shift) {
     constexpr uint32_t kEachLength = 32;
+    if (longest >= kLongMatch) {
+      long_until_ = std::max(long_until_, at + longest - kNearEnd);
+    }
     const uint32_t cost = step_at(at).cost + kMatch + place_cost;
     for (uint32_t length = 2; length <= longest; length = length < kEachLength || length == longest
                                                               ? length + 1
@@ -173,7 +187,8 @@ class item_parse {
   bool reads_new_;
   uint32_t begin_;
   uint32_t end_;
-  uint32_t passed_ = 0;  // steps up to here are settled
+  uint32_t passed_ = 0;      // steps up to here are settled
+  uint32_t long_until_ = 0;  // up to here a long match reaches
   std::vector<step> steps_;
 };
 

@@ -127,7 +127,8 @@ class search {
   std::vector<dense_options> likely_options(std::span<const shift_stretch> stretches) const;
   void next_round(std::vector<contender>& contenders, const effort_settings& settings);
   void take_winner(contender& contender, candidate& winner) const;
-  const difference_seeds& seeds_of(ByteOrder order);
+  static size_t index_of(ByteOrder order) { return order == ByteOrder::kBig ? 1 : 0; }
+  void make_seeds(ByteOrder order);
   void try_other_base(candidate& best) const;
   void try_without_differences(candidate& best) const;
   void try_without_new(candidate& best) const;
@@ -150,7 +151,7 @@ std::vector<shift_stretch> search::align(const dense_options& options,
   input.images = images_;
   input.order = options.target.data_order;
   input.strings = &strings_;
-  input.differences = &*differences_[input.order == ByteOrder::kBig ? 1 : 0];
+  input.differences = &*differences_[index_of(input.order)];
   input.prices = &knowledge.prices;
   input.pricing = &costs;
   alignment_settings alignment;
@@ -193,7 +194,7 @@ std::vector<shift_stretch> search::first_alignment() {
   flash_geometry anything = request_.geometry;
   anything.ring_pages = 0;
   const dense_options plain = options_for({});
-  seeds_of(plain.target.data_order);
+  make_seeds(plain.target.data_order);
   const try_settings settings = {kFirstBlockBits, 16};
   old_reach restricted = reach_;
   reach_ = old_reach(images_, anything);
@@ -208,10 +209,6 @@ std::vector<shift_stretch> search::first_alignment() {
 
 // The best of each machine whose copies do not take half as much again as the smallest.
 std::vector<dense_options> search::likely_options(std::span<const shift_stretch> stretches) const {
-  struct guess {
-    candidate made;
-    size_t size = 0;
-  };
   std::vector<dense_options> all;
   for (uint8_t machine = KELVANE_DENSE_NONE; machine < KELVANE_DENSE_MACHINES; ++machine) {
     for (const ByteOrder data_order : {ByteOrder::kLittle, ByteOrder::kBig}) {
@@ -275,6 +272,9 @@ void search::try_without_differences(candidate& best) const {
 // Without matches into the new image the device can compute it before it writes any: taken where it
 // costs nothing.
 void search::try_without_new(candidate& best) const {
+  if (!best.options.reads_new) {
+    return;
+  }
   candidate other = best;
   other.options.reads_new = false;
   other.plan = plan_of(best.stretches, false);
@@ -284,12 +284,11 @@ void search::try_without_new(candidate& best) const {
   }
 }
 
-const difference_seeds& search::seeds_of(ByteOrder order) {
-  std::optional<difference_seeds>& seeds = differences_[order == ByteOrder::kBig ? 1 : 0];
+void search::make_seeds(ByteOrder order) {
+  std::optional<difference_seeds>& seeds = differences_[index_of(order)];
   if (!seeds) {
     seeds.emplace(images_.old_image, order);
   }
-  return *seeds;
 }
 
 // All tries of all contenders share the threads.
@@ -297,7 +296,7 @@ void search::next_round(std::vector<contender>& contenders, const effort_setting
   const size_t tries = settings.tries.size();
   std::vector<candidate> made(contenders.size() * tries);
   for (const contender& each : contenders) {
-    seeds_of(each.options.target.data_order);
+    make_seeds(each.options.target.data_order);
   }
   run_tasks(made.size(), request_.jobs, [&](size_t i) {
     const contender& from = contenders[i / tries];
@@ -342,6 +341,7 @@ dense_update search::run() {
   }
   const effort_settings settings = settings_for(request_.effort, images_.new_image.size());
   std::vector<contender> contenders;
+  contenders.reserve(likely.size());
   for (const dense_options& options : likely) {
     contenders.push_back({options, {}, {}, {}});
   }

@@ -1,6 +1,7 @@
 #include "linear_map.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace kelvane {
 namespace {

@@ -13,6 +13,7 @@
 //
 // Bytes of the row that no section has are never read, written or counted on.
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <utility>

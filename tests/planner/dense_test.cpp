@@ -342,6 +342,23 @@ TEST(DenseSearchTest, TheNumberOfJobsChangesNoByte) {
   }
 }
 
+// Patterns that repeat have a match everywhere: a search that looks at all of them takes minutes.
+TEST(DenseSearchTest, APatternThatRepeatsCostsFewBytesAndLittleTime) {
+  Random random(4);
+  const Bytes before = random.bytes(4096);
+  for (const size_t period : {1, 2, 4, 600}) {
+    SCOPED_TRACE(period);
+    const Bytes pattern = random.bytes(period);
+    Bytes after = before;
+    while (after.size() < 262144) {
+      after.insert(after.end(), pattern.begin(), pattern.end());
+    }
+    const dense_update update = search_dense(request_for({before, after}));
+    EXPECT_LT(update.payload.size(), 150 + period);
+    EXPECT_EQ(plain_dense_decode(before, update.payload, kLargest), after);
+  }
+}
+
 // Every byte of small updates changed in six ways, and every length.
 TEST(DenseHostileTest, DamagedPayloadsAreRefusedOrDecodedInsideTheImages) {
   for (const size_t i : {1U, 5U, 6U, 8U, 10U}) {

@@ -51,7 +51,8 @@ void print_for_file(uint32_t code, const char* format, va_list arguments) {
   va_end(again);
   errno = reason;
   if (messages.file_name == nullptr ||
-      std::string_view(text.data()).find(messages.file_name) != std::string_view::npos) {
+      std::string_view(text.data()).find("'" + std::string(messages.file_name) + "'") !=
+          std::string_view::npos) {
     messages.print(code, format, arguments);
   } else {
     print_message(code, "image '%s': %s", messages.file_name, text.data());

@@ -154,19 +154,14 @@ bool take_update_option(UpdateOptions& update, const std::string& argument, cons
   return true;
 }
 
-constexpr std::string_view kForPatches[] = {"--format", "--profile", "--time",
-                                            "--ram",    "--exclude", "--alias"};
-
-// Ends the run for options that are not for what is made.
-void check_together(const std::vector<std::string>& names, bool bundle) {
-  for (const std::string& name : names) {
-    const bool is_for_patches = std::ranges::find(kForPatches, name) != std::end(kForPatches);
-    if (bundle && is_for_patches) {
-      usage_error("option '" + name + "' does not go with '--bundle'");
-    }
-    if (!bundle && !is_for_patches) {
-      usage_error("option '" + name + "' goes with '--bundle' only");
-    }
+// Ends the run for an option that is not for what is made.
+void check_together(const std::vector<std::string>& for_patches,
+                    const std::vector<std::string>& for_updates, bool bundle) {
+  if (bundle && !for_patches.empty()) {
+    usage_error("option '" + for_patches.front() + "' does not go with '--bundle'");
+  }
+  if (!bundle && !for_updates.empty()) {
+    usage_error("option '" + for_updates.front() + "' goes with '--bundle' only");
   }
 }
 
@@ -252,7 +247,8 @@ Options parse_options(const std::vector<std::string>& arguments) {
   Options options;
   options.jobs = default_jobs();
   std::vector<std::string> operands;
-  std::vector<std::string> told;  // options for patches or for updates alone
+  std::vector<std::string> for_patches;  // options that were told
+  std::vector<std::string> for_updates;
   bool only_operands = false;
   for (size_t i = 0; i < arguments.size(); ++i) {
     const std::string& argument = arguments[i];
@@ -294,9 +290,10 @@ Options parse_options(const std::vector<std::string>& arguments) {
       options.bundle = true;
     } else if (argument == "--") {
       only_operands = true;
-    } else if (take_patch_option(options, argument, name, value) ||
-               take_update_option(options.update, argument, name, value)) {
-      told.push_back(name);
+    } else if (take_patch_option(options, argument, name, value)) {
+      for_patches.push_back(name);
+    } else if (take_update_option(options.update, argument, name, value)) {
+      for_updates.push_back(name);
     } else {
       usage_error("unknown option '" + argument + "'");
     }
@@ -304,7 +301,7 @@ Options parse_options(const std::vector<std::string>& arguments) {
   if (options.help || options.version) {
     return options;
   }
-  check_together(told, options.bundle);
+  check_together(for_patches, for_updates, options.bundle);
   if (operands.size() != 2) {
     usage_error("two files are to be compared");
   }
