@@ -49,7 +49,11 @@ static void fill_blank(uint8_t* bytes, uint32_t count) {
 
 int kelvane_update_read_image(kelvane_update* update, uint32_t address, uint8_t* bytes,
                               uint32_t count) {
-  if (kelvane_plan_has(update, address >> update->shift)) {
+  const int has = kelvane_plan_has(update, address >> update->shift);
+  if (update->plan_lost != KELVANE_APPLY_OK) {
+    return update->plan_lost;
+  }
+  if (has) {
     return kelvane_update_read(update, update->flash->image + address, bytes, count);
   }
   fill_blank(bytes, count);
@@ -123,7 +127,10 @@ static int save_page(kelvane_update* update) {
   const uint32_t from = kelvane_update_home(update, update->page);
   const uint32_t into = kelvane_plan_saved(update, update->page);
   uint32_t at;
-  int code = into == PAGE_GONE ? KELVANE_UPDATE_BAD_PLAN : update->plan_lost;
+  int code = update->plan_lost;
+  if (code == KELVANE_APPLY_OK && into == PAGE_GONE) {
+    code = KELVANE_UPDATE_BAD_PLAN;
+  }
   if (code == KELVANE_APPLY_OK) {
     code = erase_flash(update, into);
   }
@@ -283,6 +290,9 @@ static int do_step(kelvane_update* update) {
     default:
       code = save_state(update, group);
       break;
+  }
+  if (code == KELVANE_APPLY_OK) {
+    code = update->plan_lost;  // what came of a plan that could not be read is not done
   }
   if (code == KELVANE_APPLY_OK) {
     code = code_of_journal(kelvane_journal_record(journal, journal->value + 1));

@@ -30,7 +30,7 @@ int kelvane_bundle_number(const kelvane_source* source, uint32_t* position, uint
     if ((shift == 28 && byte > 15) || (shift > 0 && byte == 0)) {
       return KELVANE_BUNDLE_SIZES;
     }
-    *value |= (byte & 127u) << shift;
+    *value |= (uint32_t)(byte & 127u) << shift;
     shift += 7;
     ++*position;
   } while (byte > 127);

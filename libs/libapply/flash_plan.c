@@ -128,7 +128,9 @@ static void check_pages(kelvane_update* update) {
   }
   first_run(update);
   for (;;) {
-    for (i = 0; i < update->run.pages; ++i) {
+    // Where all pages change, the runs are the ranges.
+    for (i = update->all_change ? update->run.pages : 0; i < update->run.pages; ++i) {
+      kelvane_update_alive(update);
       inside &= kelvane_plan_has(update, update->run.first + i);
     }
     if (update->run.left == 0) {
@@ -137,7 +139,7 @@ static void check_pages(kelvane_update* update) {
     next_run(update);
   }
   update->changed = update->run.before + update->run.pages;
-  if (!inside) {
+  if (!inside && update->plan_lost == KELVANE_APPLY_OK) {
     lose(update, KELVANE_UPDATE_BAD_PLAN);
   }
 }

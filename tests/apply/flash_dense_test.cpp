@@ -258,5 +258,43 @@ TEST(FlashDense, LeavesPagesOfNoRangeAlone) {
             KELVANE_APPLY_OLD_CHECKSUM);
 }
 
+// The bundle's bytes, one fetch of which fails.
+struct FailingBytes {
+  const kelpatch::Bytes& bytes;
+  uint64_t fails_at;  // counted from 0
+  uint64_t fetches = 0;
+};
+
+int fetch_or_fail(void* context, uint32_t position, uint8_t* bytes, uint32_t count) {
+  auto& self = *static_cast<FailingBytes*>(context);
+  std::copy_n(self.bytes.begin() + position, count, bytes);
+  return self.fetches++ == self.fails_at ? 1 : 0;
+}
+
+// A step that could not read all that it needs must not count as done: the next start goes on.
+TEST(FlashDense, AFetchThatFailsOnceIsToldAndDoesNoHarm) {
+  constexpr uint32_t page = 256;
+  Images images = moved(kThumb, 40, 500);
+  const auto ranges = part_at(images, {{0, 1}, {13, 3}}, page);
+  const DenseBundle bundle = dense_bundle(request_for(images, {page, 2, 4}, true), 4, ranges);
+  ASSERT_NE(bundle.parts.payload[0] & 0x40U, 0u);  // reads the new image back
+  uint64_t all = UINT64_MAX;
+  for (uint64_t fails_at = 0; fails_at < all; fails_at += all == UINT64_MAX ? 0 : 1 + all / 800) {
+    FailingBytes bytes = {bundle.bytes, all == UINT64_MAX ? all : fails_at};
+    const kelvane_source source = {nullptr, fetch_or_fail, &bytes, 0,
+                                   static_cast<uint32_t>(bundle.bytes.size())};
+    SimulatedDevice device(shape_for(bundle, 8, 0), text_of(images.before), 1);
+    const int code = device.run(source);
+    if (all == UINT64_MAX) {
+      ASSERT_EQ(code, KELVANE_APPLY_OK);
+      all = bytes.fetches;
+      continue;
+    }
+    ASSERT_NE(code, KELVANE_APPLY_OK) << fails_at;
+    ASSERT_EQ(device.run(source), KELVANE_APPLY_OK) << fails_at;
+    ASSERT_EQ(device.image(static_cast<uint32_t>(images.after.size())), text_of(images.after));
+  }
+}
+
 }  // namespace
 }  // namespace kelvane
