@@ -77,11 +77,21 @@ install(
     libs/libapply/apply_example.c
     libs/libapply/byte_source.c
     libs/libapply/byte_source.h
+    libs/libapply/dense_branches.c
+    libs/libapply/dense_coder.c
+    libs/libapply/dense_decoder.c
+    libs/libapply/dense_decoder.h
+    libs/libapply/dense_halves.h
+    libs/libapply/dense_internal.h
+    libs/libapply/dense_map.c
+    libs/libapply/dense_references.c
     libs/libapply/flash_apply.c
     libs/libapply/flash_apply.h
     libs/libapply/flash_apply_internal.h
     libs/libapply/flash_bundle.c
     libs/libapply/flash_bundle.h
+    libs/libapply/flash_dense.c
+    libs/libapply/flash_dense.h
     libs/libapply/flash_driver.h
     libs/libapply/flash_journal.c
     libs/libapply/flash_journal.h
