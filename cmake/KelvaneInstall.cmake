@@ -77,6 +77,13 @@ install(
     libs/libapply/apply_example.c
     libs/libapply/byte_source.c
     libs/libapply/byte_source.h
+    libs/libapply/dense_branches.c
+    libs/libapply/dense_coder.c
+    libs/libapply/dense_decoder.c
+    libs/libapply/dense_decoder.h
+    libs/libapply/dense_internal.h
+    libs/libapply/dense_map.c
+    libs/libapply/dense_references.c
     libs/libapply/flash_apply.c
     libs/libapply/flash_apply.h
     libs/libapply/flash_apply_internal.h

@@ -121,7 +121,11 @@ class OpenedPatch {
   }
 
   kelvane_applier* applier() { return applier_.get(); }
-  const kelvane_patch_info& info() const { return applier_->info; }
+  kelvane_patch_info info() {
+    kelvane_patch_info read = {};
+    kelvane_apply_info(applier_.get(), &read);
+    return read;
+  }
 
   int code;  // what opening it gave
 
