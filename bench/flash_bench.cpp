@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Erases and seconds of an update in flash, power-safe by pages, against the applier in file order
-// through a write buffer of one page, which is not power-safe. Prints the table of docs/device.md.
+// through a write buffer of one page, which is not power-safe. Prints the table of docs/device.md:
+// made-up pairs, and ahead of them those that are given.
+//   flash_bench [NAME OLD NEW PATCH]...
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
@@ -16,10 +20,15 @@
 namespace kelvane {
 namespace {
 
-constexpr uint32_t kPage = 4096;
+// Flash of a larger part, and of one as small as the given images.
+struct Geometry {
+  uint32_t page;
+  double erase_seconds;
+  double program_seconds;  // for a page
+};
+constexpr Geometry kLarge = {4096, 0.085, 0.042};
+constexpr Geometry kSmall = {1024, 0.022, 0.012};
 constexpr uint32_t kSpare = 8;
-constexpr double kEraseSeconds = 0.085;
-constexpr double kProgramSeconds = 0.042;  // for a page
 constexpr uint32_t kSize = 400000;
 
 struct Pair {
@@ -31,6 +40,7 @@ struct Pair {
 
 // A write buffer of one page: counts how often each page is written.
 struct Buffered {
+  uint32_t page_size;
   std::string bytes;
   std::vector<uint32_t> writes;
   uint32_t held = UINT32_MAX;
@@ -55,7 +65,7 @@ struct Buffered {
   static int write(void* context, uint32_t address, const uint8_t* in, uint32_t count) {
     auto& self = *static_cast<Buffered*>(context);
     for (uint32_t i = 0; i < count; ++i) {
-      self.hold((address + i) / kPage);
+      self.hold((address + i) / self.page_size);
       self.changed = true;
       self.bytes[address + i] = static_cast<char>(in[i]);
     }
@@ -64,16 +74,17 @@ struct Buffered {
 };
 
 Buffered in_place(const std::string& patch, const std::string& old_image, uint32_t size,
-                  uint32_t flags, uint32_t skip) {
+                  uint32_t page_size, uint32_t flags, uint32_t skip) {
   Buffered memory;
+  memory.page_size = page_size;
   memory.bytes = old_image;
   memory.bytes.resize(size, '\xFF');
-  memory.writes.resize(size / kPage + 1);
+  memory.writes.resize(size / page_size + 1);
   kelvane_applier applier;
   const kelvane_region room = {0, size};
   const kelvane_memory access = {
-      &memory, Buffered::read, Buffered::write, &room, 1, static_cast<uint32_t>(old_image.size()),
-      kPage};
+      &memory,  Buffered::read, Buffered::write, &room, 1, static_cast<uint32_t>(old_image.size()),
+      page_size};
   int code = kelvane_apply_open(&applier, reinterpret_cast<const uint8_t*>(patch.data()),
                                 static_cast<uint32_t>(patch.size()), flags);
   if (code == KELVANE_APPLY_OK) {
@@ -90,9 +101,10 @@ Pair pair_of(const char* name, const PatchBuilder& commands, const std::string& 
              uint32_t new_size) {
   const uint32_t size = std::max(new_size, static_cast<uint32_t>(old_image.size()));
   Pair pair = {name, old_image, "", ""};
-  pair.new_image = in_place(std::string(16, '\0') + commands.commands(), old_image, size,
-                            KELVANE_V0_MEMORY_MODE, KELVANE_SKIP_OLD | KELVANE_SKIP_NEW)
-                       .bytes.substr(0, new_size);
+  pair.new_image =
+      in_place(std::string(16, '\0') + commands.commands(), old_image, size, kLarge.page,
+               KELVANE_V0_MEMORY_MODE, KELVANE_SKIP_OLD | KELVANE_SKIP_NEW)
+          .bytes.substr(0, new_size);
   pair.patch = commands.version1(old_image, pair.new_image);
   return pair;
 }
@@ -158,16 +170,17 @@ Pair spread(std::mt19937& random) {
   return pair_of("few changes", commands, random_image(random), kSize);
 }
 
-void show(const Pair& pair) {
+void show(const Pair& pair, const Geometry& geometry) {
   const kelpatch::Bytes old_file(pair.old_image.begin(), pair.old_image.end());
   const kelpatch::Bytes new_file(pair.new_image.begin(), pair.new_image.end());
   kelpatch::PatchFile patch("patch", {pair.patch.begin(), pair.patch.end()});
-  const kelpatch::PagePlan plan = kelpatch::plan_for(patch, old_file, new_file, {kPage, 2, kSpare});
+  const kelpatch::PagePlan plan =
+      kelpatch::plan_for(patch, old_file, new_file, {geometry.page, 2, kSpare});
   kelpatch::BundleParts parts;
   parts.payload = patch.bytes();
   const kelpatch::Bytes bundle = make_bundle(plan, parts);
   DeviceShape shape;
-  shape.flash.page_size = kPage;
+  shape.flash.page_size = geometry.page;
   shape.image_pages = plan.pages;
   shape.spare_pages = kSpare;
   SimulatedDevice device(shape, pair.old_image, 1);
@@ -178,11 +191,12 @@ void show(const Pair& pair) {
     erases += count;
   }
   const auto changed = static_cast<double>(plan.changed.size());
-  const double seconds = erases * kEraseSeconds +
-                         static_cast<double>(device.flash().programmed) / kPage * kProgramSeconds;
+  const double seconds =
+      erases * geometry.erase_seconds +
+      static_cast<double>(device.flash().programmed) / geometry.page * geometry.program_seconds;
   const uint32_t size =
       static_cast<uint32_t>(std::max(pair.old_image.size(), pair.new_image.size()));
-  const Buffered plain = in_place(pair.patch, pair.old_image, size, 0, 0);
+  const Buffered plain = in_place(pair.patch, pair.old_image, size, geometry.page, 0, 0);
   uint32_t writes = 0;
   for (const uint32_t count : plain.writes) {
     writes += count;
@@ -191,17 +205,30 @@ void show(const Pair& pair) {
               code == KELVANE_APPLY_OK ? "" : " FAILED", changed, plan.pages, erases / changed,
               seconds, writes / changed,
               *std::max_element(plain.writes.begin(), plain.writes.end()),
-              writes * (kEraseSeconds + kProgramSeconds));
+              writes * (geometry.erase_seconds + geometry.program_seconds));
+}
+
+std::string contents(const char* name) {
+  std::ifstream file(name, std::ios::binary);
+  if (!file) {
+    std::printf("unable to open '%s'\n", name);
+  }
+  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 }  // namespace
 }  // namespace kelvane
 
-int main() {
+int main(int argc, char** argv) {
+  for (int at = 1; at + 3 < argc; at += 4) {
+    kelvane::show({argv[at], kelvane::contents(argv[at + 1]), kelvane::contents(argv[at + 2]),
+                   kelvane::contents(argv[at + 3])},
+                  kelvane::kSmall);
+  }
   std::mt19937 random(11);
   for (kelvane::Pair (*const make)(std::mt19937&) :
        {kelvane::insert, kelvane::reorder, kelvane::grown, kelvane::spread}) {
-    kelvane::show(make(random));
+    kelvane::show(make(random), kelvane::kLarge);
   }
   return 0;
 }
