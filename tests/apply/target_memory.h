@@ -121,11 +121,6 @@ class OpenedPatch {
   }
 
   kelvane_applier* applier() { return applier_.get(); }
-  kelvane_patch_info info() {
-    kelvane_patch_info read = {};
-    kelvane_apply_info(applier_.get(), &read);
-    return read;
-  }
 
   int code;  // what opening it gave
 
