@@ -241,6 +241,13 @@ typedef struct kelvane_words {
   uint32_t map;       // of the class; from bit 29 on the bit in the byte; bit 28: overrun
 } kelvane_words;
 
+// How far a command of another kind is read.
+typedef struct kelvane_listed {
+  uint32_t left;   // items of the command, or of the list, that are still to come
+  uint32_t base;   // of a relative list: what the next address is told from,
+  uint32_t reach;  // and how far it may lie behind
+} kelvane_listed;
+
 // A walk over the items of a patch. It may be copied, and the copy goes on by itself. `code` is for
 // the caller to read.
 typedef struct kelvane_cursor {
@@ -254,11 +261,7 @@ typedef struct kelvane_cursor {
   uint16_t lists;     // that are still to come; among increments, the form of the class
   uint32_t position;  // in the patch; among increments, the end of their stream
   union {
-    struct {
-      uint32_t left;   // items of the command, or of the list, that are still to come
-      uint32_t base;   // of a relative list: what the next address is told from,
-      uint32_t reach;  // and how far it may lie behind
-    } list;
+    kelvane_listed list;
     kelvane_words words;
   };
 } kelvane_cursor;
