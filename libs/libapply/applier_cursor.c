@@ -31,7 +31,7 @@ static const uint32_t smallest_jump[RANKS] = {1, 2, 4, 8, 24, 280, 65816};
 // In kelvane_words.map: more was asked for than there is.
 #define WORDS_OVERRUN 0x10000000u
 
-// Of all that is wrong the first counts. What is taken behind it is 0.
+// Of all that is wrong the first counts.
 static uint32_t damaged(kelvane_cursor* cursor, uint32_t code) {
   if (cursor->code == KELVANE_APPLY_OK) {
     cursor->code = (uint8_t)code;
@@ -39,7 +39,7 @@ static uint32_t damaged(kelvane_cursor* cursor, uint32_t code) {
   return NO_ITEM;
 }
 
-// Takes a field of `size` bytes, up to 4.
+// Goes behind `size` bytes.
 static void skip(kelvane_cursor* cursor, uint32_t size) {
   if (size > cursor->applier->patch.size - cursor->position) {
     damaged(cursor, KELVANE_APPLY_TRUNCATED);
@@ -48,6 +48,7 @@ static void skip(kelvane_cursor* cursor, uint32_t size) {
   }
 }
 
+// Takes a field of `size` bytes, up to 4.
 static uint32_t take(kelvane_cursor* cursor, uint32_t size) {
   const uint32_t position = cursor->position;
   skip(cursor, size);
