@@ -71,7 +71,8 @@ uint32_t kelvane_dense_read_tree(kelvane_dense_decoder* decoder, uint32_t id, un
 // of them with counters.
 uint32_t kelvane_dense_read_number(kelvane_dense_decoder* decoder, uint32_t id) {
   uint32_t length = 0;
-  while (length < 31 && kelvane_dense_read_flag(decoder, kelvane_dense_context_of(id, length))) {
+  while (length < 31 &&
+         kelvane_dense_read_flag(decoder, kelvane_dense_length_context(id, length))) {
     length++;
   }
   uint32_t number = 1;

@@ -169,8 +169,7 @@ static void read_command(kelvane_dense_decoder* decoder) {
   }
   const kelvane_dense_entry* entry =
       state->next_entry < decoder->entry_count ? &decoder->entries[state->next_entry] : 0;
-  if (entry != 0 &&
-      kelvane_dense_read_flag(decoder, kelvane_dense_context_of(KELVANE_DENSE_C_ENTRY, 0))) {
+  if (entry != 0 && kelvane_dense_read_flag(decoder, KELVANE_DENSE_ENTRY_CONTEXT)) {
     literals = entry->target - state->position;
     length = entry->length;
     source = entry->source;

@@ -53,10 +53,10 @@ void dense_coder::number(uint32_t id, uint32_t value) {
   const uint32_t coded = value + 1;
   const auto length = static_cast<uint32_t>(std::bit_width(coded)) - 1;
   for (uint32_t i = 0; i < length; ++i) {
-    flag(kelvane_dense_context_of(id, i), true);
+    flag(kelvane_dense_length_context(id, i), true);
   }
   if (length < 31) {
-    flag(kelvane_dense_context_of(id, length), false);
+    flag(kelvane_dense_length_context(id, length), false);
   }
   uint32_t so_far = 1;
   for (uint32_t i = 0; i < length; ++i) {

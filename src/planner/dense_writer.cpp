@@ -179,7 +179,7 @@ void payload_writer::write_command(uint32_t literals, const dense_copy& copy) {
     const kelvane_dense_entry& entry = plan_.map[next_entry_];
     const bool is_next = entry.target == position_ + literals && entry.source == copy.source &&
                          entry.length == copy.length;
-    coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_C_ENTRY, 0), is_next);
+    coder_.flag(KELVANE_DENSE_ENTRY_CONTEXT, is_next);
     if (is_next) {
       return;
     }

@@ -56,17 +56,17 @@ struct MachineCase {
 
 // clang-format off
 const MachineCase kMachineCases[] = {
-  {"none",       {KELVANE_DENSE_NONE,    kLittle, kLittle, 0x00010000}, 184},
-  {"thumb",      {KELVANE_DENSE_THUMB,   kLittle, kLittle, 0x08004000}, 142},
-  {"thumb_be",   {KELVANE_DENSE_THUMB,   kBig,    kBig,    0x00100000}, 135},
-  {"thumb_be8",  {KELVANE_DENSE_THUMB,   kLittle, kBig,    0x00100000}, 133},
-  {"arm",        {KELVANE_DENSE_ARM,     kLittle, kLittle, 0x00010000}, 153},
-  {"arm_be8",    {KELVANE_DENSE_ARM,     kLittle, kBig,    0x00010000}, 153},
-  {"powerpc",    {KELVANE_DENSE_POWERPC, kBig,    kBig,    0x00FF8000}, 163},
-  {"powerpc_le", {KELVANE_DENSE_POWERPC, kLittle, kLittle, 0x10000000}, 162},
-  {"mips",       {KELVANE_DENSE_MIPS,    kBig,    kBig,    0x9FC00000}, 158},
-  {"mips_le",    {KELVANE_DENSE_MIPS,    kLittle, kLittle, 0x80000000}, 162},
-  {"riscv",      {KELVANE_DENSE_RISCV,   kLittle, kLittle, 0x20400000}, 155},
+  {"none",       {KELVANE_DENSE_NONE,    kLittle, kLittle, 0x00010000}, 178},
+  {"thumb",      {KELVANE_DENSE_THUMB,   kLittle, kLittle, 0x08004000}, 133},
+  {"thumb_be",   {KELVANE_DENSE_THUMB,   kBig,    kBig,    0x00100000}, 127},
+  {"thumb_be8",  {KELVANE_DENSE_THUMB,   kLittle, kBig,    0x00100000}, 124},
+  {"arm",        {KELVANE_DENSE_ARM,     kLittle, kLittle, 0x00010000}, 145},
+  {"arm_be8",    {KELVANE_DENSE_ARM,     kLittle, kBig,    0x00010000}, 146},
+  {"powerpc",    {KELVANE_DENSE_POWERPC, kBig,    kBig,    0x00FF8000}, 156},
+  {"powerpc_le", {KELVANE_DENSE_POWERPC, kLittle, kLittle, 0x10000000}, 155},
+  {"mips",       {KELVANE_DENSE_MIPS,    kBig,    kBig,    0x9FC00000}, 150},
+  {"mips_le",    {KELVANE_DENSE_MIPS,    kLittle, kLittle, 0x80000000}, 154},
+  {"riscv",      {KELVANE_DENSE_RISCV,   kLittle, kLittle, 0x20400000}, 148},
 };
 // clang-format on
 
@@ -450,7 +450,7 @@ TEST(DenseFormatTest, TheWorkedPayloadIsWhatTheFormatPageShows) {
   const Bytes payload = write_dense(images, checksums_of(images), plan, options);
   EXPECT_EQ(plain_dense_decode(old_image, payload, kLargest), new_image);
   EXPECT_EQ(payload, (Bytes{0x01, 0x60, 0x59, 0x3C, 0x04, 0xA9, 0x30, 0x3B, 0xE2, 0x21, 0x1C,
-                            0x07, 0x01, 0x02, 0xF8, 0xF1, 0xA6, 0x0D, 0x34, 0x97, 0xB0, 0x3C}));
+                            0x07, 0x01, 0x02, 0xFD, 0xA5, 0xFE, 0x25, 0xD1, 0xAF, 0x8E, 0x18}));
 }
 
 }  // namespace

@@ -167,7 +167,7 @@ class PlainDecoder : private PlainCoder, private PlainMachine {
     uint32_t literals = 0;
     uint32_t length = 0;
     uint32_t source = 0;
-    if (entry != entries_.end() && flag(1, 0) != 0) {
+    if (entry != entries_.end() && flag(1, 0, 7) != 0) {
       literals = entry->target - position;
       length = entry->length;
       source = entry->source;
@@ -554,8 +554,8 @@ class PlainDecoder : private PlainCoder, private PlainMachine {
     const auto kind = static_cast<uint32_t>(token.kind);
     const uint32_t group =
         4 * kind + (token.predicted != token.old_value ? 2 : 0) + (token.learned ? 1 : 0);
-    const bool is_hit =
-        flag(kPredictedContext, 64 * group + 8 * (outcomes_[kind] % 4) + all_outcomes_ % 8) != 0;
+    const uint32_t outcomes = 8 * (outcomes_[kind] % 4) + all_outcomes_ % 8;
+    const bool is_hit = flag(kPredictedContext, 64 * group + outcomes, outcomes == 0 ? 7 : 4) != 0;
     uint32_t value = token.predicted;
     if (!is_hit) {
       if (token.predicted != token.old_value && flag(14, group) != 0) {
