@@ -3,15 +3,19 @@
 
 // ---- The memory ---------------------------------------------------------------------------------
 
-// What the operations on items below work on. The checksum is that of the regions of the command at
-// hand.
+// A walk over the patch for a memory, and the item at hand.
 typedef struct job {
-  kelvane_applier* applier;
+  kelvane_cursor cursor;
+  kelvane_item item;
   const kelvane_memory* memory;
-  uint32_t limit;    // file mode: no offset behind it
-  uint32_t reached;  // file mode: the end of the last byte in the file that is written
-  uint32_t sum;
+  uint32_t limit;  // file mode: no offset behind it
+  union {
+    uint32_t reached;  // in a check, file mode: the end of the last byte that is written
+    uint32_t sum;      // in a verification: the checksum of what was read
+  };
+#ifndef KELVANE_APPLY_FILE_MODE_ONLY
   uint8_t after;  // which checksums to verify: those of the new contents
+#endif
 } job;
 
 static uint32_t smaller(uint32_t a, uint32_t b) {
@@ -19,7 +23,7 @@ static uint32_t smaller(uint32_t a, uint32_t b) {
 }
 
 static int lies_in_regions(const kelvane_memory* memory, uint32_t address, uint32_t size) {
-  if (size > 0 && size - 1 > 0xFFFFFFFFu - address) {
+  if (size > 0 && size - 1 > ~address) {
     return 0;
   }
   while (size > 0) {
@@ -40,380 +44,341 @@ static int lies_in_regions(const kelvane_memory* memory, uint32_t address, uint3
   return 1;
 }
 
-static int at_address(const job* self, uint32_t address, int code) {
-  self->applier->error_address = address;
+// The bytes at `address`, as many as the item has.
+static int in_memory(const job* self, uint32_t address) {
+  const uint32_t size = self->item.size;
+  kelvane_applier* const applier = self->cursor.applier;
+  applier->error_address = address;
+  return (is_memory_mode(applier) || size == 0 ||
+          (address < self->limit && size <= self->limit - address)) &&
+                 lies_in_regions(self->memory, address, size)
+             ? KELVANE_APPLY_OK
+             : KELVANE_APPLY_OUTSIDE;
+}
+
+// Items that name no bytes have none.
+static int check_item(job* self) {
+  uint32_t address = self->item.address;
+  int code = in_memory(self, address);
+  if (self->item.kind == KELVANE_ITEM_MOVE) {
+    // A block that stays where it is writes nothing.
+    if (code != KELVANE_APPLY_OK || self->item.value == 0) {
+      return code;
+    }
+    address += self->item.value;
+    code = in_memory(self, address);
+  }
+  address += self->item.size;
+  if (self->item.size > 0 && address > self->reached) {
+    self->reached = address;
+  }
   return code;
 }
 
-static int in_memory(const job* self, const kelvane_item* item, uint32_t address) {
-  const uint32_t size = item->size;
-  const int in_file = self->applier->info.memory_mode || size == 0 ||
-                      (address < self->limit && size <= self->limit - address);
-  if (in_file && lies_in_regions(self->memory, address, size)) {
-    return KELVANE_APPLY_OK;
-  }
-  self->applier->error_position = item->position;
-  return at_address(self, address, KELVANE_APPLY_OUTSIDE);
-}
-
-// As in_memory, for a range that is written.
-static int written_in_memory(job* self, const kelvane_item* item, uint32_t address) {
-  const int code = in_memory(self, item, address);
-  if (code == KELVANE_APPLY_OK && item->size > 0 && address + item->size > self->reached) {
-    self->reached = address + item->size;
-  }
-  return code;
-}
-
-static int check_item(job* self, const kelvane_item* item) {
-  int code = KELVANE_APPLY_OK;
-  switch (item->kind) {
-    case KELVANE_ITEM_MOVE:
-      code = in_memory(self, item, item->address);
-      // A block that stays where it is writes nothing.
-      return code != KELVANE_APPLY_OK || item->value == 0
-                 ? code
-                 : written_in_memory(self, item, item->address + item->value);
-    case KELVANE_ITEM_STORE:
-    case KELVANE_ITEM_FILL:
-    case KELVANE_ITEM_INCREMENT:
-      return written_in_memory(self, item, item->address);
-    case KELVANE_ITEM_REGION:
-      return in_memory(self, item, item->address);
-    default:
-      return KELVANE_APPLY_OK;
-  }
-}
-
-// Sets up `self`; gives 0 if the call can't be served.
+// Sets up `self`; gives a code.
 static int start_job(job* self, kelvane_applier* applier, const kelvane_memory* memory) {
-  if (applier == NULL || !applier->opened || memory == NULL || memory->read == NULL ||
+  uint32_t new_size;
+  if (applier == NULL || applier->header_size == 0 || memory == NULL || memory->read == NULL ||
       (memory->regions == NULL && memory->region_count > 0)) {
-    return 0;
+    return KELVANE_APPLY_BAD_ARGUMENT;
   }
-  self->applier = applier;
+  self->cursor.applier = applier;
   self->memory = memory;
-  self->limit = applier->info.old_size > applier->info.new_size ? applier->info.old_size
-                                                                : applier->info.new_size;
-  self->reached = 0;
-  self->sum = 0;
-  self->after = 0;
-  return 1;
+  // A file that does not grow need not be written up to its end.
+  self->limit = self->reached = kelvane_apply_header(applier, OLD_SIZE);
+  new_size = kelvane_apply_header(applier, NEW_SIZE);
+  if (new_size > self->limit) {
+    self->limit = new_size;
+    self->reached = 0;
+  }
+  return applier->fetch_failed ? KELVANE_APPLY_FETCH_FAILED : KELVANE_APPLY_OK;
 }
 
 // Does `operation` for every item of the patch, up to the first that gives a code.
-static int for_each_item(job* self, int (*operation)(job* self, const kelvane_item* item)) {
-  kelvane_cursor cursor;
-  kelvane_item item;
-  kelvane_apply_start(&cursor, self->applier);
-  while (kelvane_item_next(&cursor, &item)) {
-    const int code = operation(self, &item);
+static int for_each_item(job* self, int (*operation)(job* self)) {
+  kelvane_applier* const applier = self->cursor.applier;
+  kelvane_apply_start(&self->cursor, applier, applier->header_size);
+  while (kelvane_item_next(&self->cursor, &self->item)) {
+    const int code = operation(self);
     if (code != KELVANE_APPLY_OK) {
       return code;
     }
   }
-  return cursor.code;
+  return self->cursor.code;
 }
 
 static int room_for(const job* self, uint32_t size) {
-  return self->applier->info.memory_mode || lies_in_regions(self->memory, 0, size)
+  return is_memory_mode(self->cursor.applier) || lies_in_regions(self->memory, 0, size)
              ? KELVANE_APPLY_OK
              : KELVANE_APPLY_NO_ROOM;
 }
 
+static int check_end(job* self) {
+  // What a file has grown by was written, up to its last byte. The checksum of the new file doesn't
+  // tell: behind 32 bytes of 0 it is what it was.
+  self->cursor.applier->error_address = self->reached;
+  return is_memory_mode(self->cursor.applier) || self->reached == self->limit
+             ? KELVANE_APPLY_OK
+             : KELVANE_APPLY_NEW_SIZE;
+}
+
 int kelvane_apply_check(kelvane_applier* applier, const kelvane_memory* memory) {
   job self;
-  int code;
-  if (!start_job(&self, applier, memory)) {
-    return KELVANE_APPLY_BAD_ARGUMENT;
+  int code = start_job(&self, applier, memory);
+  if (code == KELVANE_APPLY_OK) {
+    code = room_for(&self, self.limit);
   }
-  code = room_for(&self, self.limit);
   if (code == KELVANE_APPLY_OK) {
     code = for_each_item(&self, check_item);
   }
-  // What a file has grown by was written, up to its last byte. The checksum of the new file doesn't
-  // tell: behind 32 bytes of 0 it is what it was.
-  if (code == KELVANE_APPLY_OK && !applier->info.memory_mode &&
-      applier->info.new_size > applier->info.old_size && self.reached != applier->info.new_size) {
-    return at_address(&self, self.reached, KELVANE_APPLY_NEW_SIZE);
-  }
-  return code;
+  return code == KELVANE_APPLY_OK ? check_end(&self) : code;
 }
 
 static int read_memory(const job* self, uint32_t address, uint8_t* bytes, uint32_t count) {
+  self->cursor.applier->error_address = address;
   return self->memory->read(self->memory->context, address, bytes, count) == 0
              ? KELVANE_APPLY_OK
-             : at_address(self, address, KELVANE_APPLY_READ_FAILED);
+             : KELVANE_APPLY_READ_FAILED;
 }
 
 static int write_memory(const job* self, uint32_t address, const uint8_t* bytes, uint32_t count) {
+  self->cursor.applier->error_address = address;
   return self->memory->write(self->memory->context, address, bytes, count) == 0
              ? KELVANE_APPLY_OK
-             : at_address(self, address, KELVANE_APPLY_WRITE_FAILED);
+             : KELVANE_APPLY_WRITE_FAILED;
 }
 
-// ---- Verification -------------------------------------------------------------------------------
+// ---- Bytes, piece by piece ----------------------------------------------------------------------
 
-static int add_to_sum(job* self, uint32_t address, uint32_t size) {
-  uint8_t* const chunk = self->applier->chunk;
-  while (size > 0) {
-    const uint32_t step = smaller(size, KELVANE_APPLY_CHUNK);
-    const int code = read_memory(self, address, chunk, step);
+// Moves, stores or fills the bytes of an item, or adds those of a region to the sum. The item is
+// what is left of it.
+//
+// Source and destination of a move may overlap: a block that goes down is taken from its start, one
+// that goes up from its end, so that nothing is overwritten before it has been read. A piece goes
+// up to the end, or down to the start, of a page of the target. Bytes to store that lie in memory
+// go to the target from there; fetched ones by way of the chunk, beside the place where they were
+// fetched.
+static int go_over(job* self) {
+  kelvane_item* const item = &self->item;
+  kelvane_applier* const applier = self->cursor.applier;
+  while (item->size > 0) {
+    const uint32_t page = self->memory->page_size - 1;
+    const uint8_t* bytes = applier->chunk;
+    uint32_t step = smaller(item->size, KELVANE_APPLY_CHUNK);
+    uint32_t from = item->address;
+    uint32_t to = from;
+    int code = KELVANE_APPLY_OK;
+    if (item->kind == KELVANE_ITEM_STORE) {
+      bytes = applier->patch.bytes;
+      step = bytes != NULL ? item->size : smaller(step, CHUNK_BESIDE_FETCHED);
+    } else if (item->kind == KELVANE_ITEM_MOVE) {
+      to += item->value;
+    }
+    if (to > from) {
+      step = smaller(step - 1, (to + item->size - 1) & page) + 1;
+      from += item->size - step;
+      to += item->size - step;
+    } else {
+      step = smaller(step - 1, ~to & page) + 1;
+      item->address += step;
+    }
+    item->size -= step;
+    if (item->kind == KELVANE_ITEM_STORE) {
+      if (bytes != NULL) {
+        bytes += item->value;
+      } else {
+        uint32_t i;
+        bytes = applier->chunk;
+        for (i = 0; i < step; ++i) {
+          applier->chunk[i] = kelvane_apply_byte(applier, item->value + i);
+        }
+        if (applier->fetch_failed) {
+          code = KELVANE_APPLY_FETCH_FAILED;
+        }
+      }
+      item->value += step;
+    } else if (item->kind == KELVANE_ITEM_FILL) {
+      uint8_t* const chunk = kelvane_apply_chunk(applier);
+      uint32_t i;
+      for (i = 0; i < step; ++i) {
+        chunk[i] = (uint8_t)item->value;
+      }
+    } else {
+      code = read_memory(self, from, kelvane_apply_chunk(applier), step);
+    }
+    if (item->kind == KELVANE_ITEM_REGION) {
+      self->sum = kelvane_apply_checksum(self->sum, applier->chunk, step);
+    } else if (code == KELVANE_APPLY_OK) {
+      code = write_memory(self, to, bytes, step);
+    }
     if (code != KELVANE_APPLY_OK) {
       return code;
     }
-    self->sum = kelvane_apply_checksum(self->sum, chunk, step);
-    address += step;
-    size -= step;
   }
   return KELVANE_APPLY_OK;
 }
 
+// ---- Verification -------------------------------------------------------------------------------
+
 #ifndef KELVANE_APPLY_FILE_MODE_ONLY
-static int verify_item(job* self, const kelvane_item* item) {
+static int verify_item(job* self) {
+  const kelvane_item* const item = &self->item;
   if (item->command != KELVANE_CM_CHECKSUM || item->after != self->after) {
     return KELVANE_APPLY_OK;
   }
   if (item->kind == KELVANE_ITEM_COMMAND) {
     self->sum = 0;
   } else if (item->kind == KELVANE_ITEM_REGION) {
-    const int code = in_memory(self, item, item->address);
-    return code != KELVANE_APPLY_OK ? code : add_to_sum(self, item->address, item->size);
-  } else if (item->kind == KELVANE_ITEM_CHECKSUM && item->value != self->sum) {
-    return kelvane_apply_fail(
-        self->applier, item->position,
-        self->after ? KELVANE_APPLY_NEW_CHECKSUM : KELVANE_APPLY_OLD_CHECKSUM);
+    const int code = in_memory(self, item->address);
+    return code == KELVANE_APPLY_OK ? go_over(self) : code;
+  } else if (item->value != self->sum) {
+    return KELVANE_APPLY_OLD_CHECKSUM + self->after;
   }
   return KELVANE_APPLY_OK;
 }
 #endif
 
-static int verify_file(job* self, uint32_t size, uint32_t checksum, int mismatch) {
-  int code = room_for(self, size);
-  if (code == KELVANE_APPLY_OK) {
-    code = add_to_sum(self, 0, size);
+// Compares the old (after: 0) or the new (1) contents with what the patch says of them.
+static int verify(job* self, uint8_t after) {
+  kelvane_applier* const applier = self->cursor.applier;
+  const uint32_t checksum = kelvane_apply_header(applier, OLD_CHECKSUM + after);
+  const uint32_t size = kelvane_apply_header(applier, OLD_SIZE + after);
+  int code = KELVANE_APPLY_FETCH_FAILED;
+#ifndef KELVANE_APPLY_FILE_MODE_ONLY
+  if (applier->memory_mode) {
+    self->after = after;
+    return for_each_item(self, verify_item);
   }
-  return code == KELVANE_APPLY_OK && self->sum != checksum ? mismatch : code;
+#endif
+  // It is about the header, and no place in memory.
+  applier->error_position = 0;
+  applier->error_address = 0;
+  if (!applier->fetch_failed) {
+    if (!after && self->memory->old_size != KELVANE_SIZE_UNKNOWN &&
+        self->memory->old_size != size) {
+      return KELVANE_APPLY_OLD_SIZE;
+    }
+    code = room_for(self, size);
+  }
+  if (code == KELVANE_APPLY_OK) {
+    self->sum = 0;
+    self->item.kind = KELVANE_ITEM_REGION;
+    self->item.address = 0;
+    self->item.size = size;
+    code = go_over(self);
+    if (code == KELVANE_APPLY_OK && self->sum != checksum) {
+      code = KELVANE_APPLY_OLD_CHECKSUM + after;
+    }
+  }
+  return code;
 }
 
 int kelvane_apply_verify_old(kelvane_applier* applier, const kelvane_memory* memory) {
   job self;
-  if (!start_job(&self, applier, memory)) {
-    return KELVANE_APPLY_BAD_ARGUMENT;
-  }
-#ifndef KELVANE_APPLY_FILE_MODE_ONLY
-  if (applier->info.memory_mode) {
-    return for_each_item(&self, verify_item);
-  }
-#endif
-  if (memory->old_size != KELVANE_SIZE_UNKNOWN && memory->old_size != applier->info.old_size) {
-    return KELVANE_APPLY_OLD_SIZE;
-  }
-  return verify_file(&self, applier->info.old_size, applier->info.old_checksum,
-                     KELVANE_APPLY_OLD_CHECKSUM);
+  const int code = start_job(&self, applier, memory);
+  return code == KELVANE_APPLY_OK ? verify(&self, 0) : code;
 }
 
 int kelvane_apply_verify_new(kelvane_applier* applier, const kelvane_memory* memory) {
   job self;
-  if (!start_job(&self, applier, memory)) {
-    return KELVANE_APPLY_BAD_ARGUMENT;
-  }
-  self.after = 1;
-#ifndef KELVANE_APPLY_FILE_MODE_ONLY
-  if (applier->info.memory_mode) {
-    return for_each_item(&self, verify_item);
-  }
-#endif
-  return verify_file(&self, applier->info.new_size, applier->info.new_checksum,
-                     KELVANE_APPLY_NEW_CHECKSUM);
+  const int code = start_job(&self, applier, memory);
+  return code == KELVANE_APPLY_OK ? verify(&self, 1) : code;
 }
 
 // ---- Carrying out -------------------------------------------------------------------------------
 
-// A piece that is written goes up to the end, or down to the start, of a page of the target.
-static uint32_t piece_of(const job* self, uint32_t left, uint32_t in_page) {
-  const uint32_t most = smaller(left, KELVANE_APPLY_CHUNK);
-  return self->memory->page_size == 0 ? most : smaller(most, in_page);
-}
-
-// Source and destination may overlap: a block that goes down is taken from its start, one that goes
-// up from its end, so that nothing is overwritten before it has been read.
-static int move_block(const job* self, uint32_t from, uint32_t to, uint32_t size) {
-  uint8_t* const chunk = self->applier->chunk;
-  const uint32_t page = self->memory->page_size - 1;
-  uint32_t done = 0;
-  while (done < size && from != to) {
-    const uint32_t left = size - done;
-    const uint32_t step = to < from ? piece_of(self, left, page + 1 - ((to + done) & page))
-                                    : piece_of(self, left, ((to + left - 1) & page) + 1);
-    const uint32_t at = to < from ? done : left - step;
-    int code = read_memory(self, from + at, chunk, step);
-    if (code == KELVANE_APPLY_OK) {
-      code = write_memory(self, to + at, chunk, step);
-    }
-    if (code != KELVANE_APPLY_OK) {
-      return code;
-    }
-    done += step;
-  }
-  return KELVANE_APPLY_OK;
-}
-
-static int fill(const job* self, const kelvane_item* item) {
-  uint8_t* const chunk = self->applier->chunk;
-  uint32_t done = 0;
-  uint32_t i;
-  for (i = 0; i < smaller(item->size, KELVANE_APPLY_CHUNK); ++i) {
-    chunk[i] = (uint8_t)item->value;
-  }
-  while (done < item->size) {
-    const uint32_t step = smaller(item->size - done, KELVANE_APPLY_CHUNK);
-    const int code = write_memory(self, item->address + done, chunk, step);
-    if (code != KELVANE_APPLY_OK) {
-      return code;
-    }
-    done += step;
-  }
-  return KELVANE_APPLY_OK;
-}
-
-// Appends what a reference stands for to the `held` bytes of the chunk, which follow the `written`
-// bytes that lie in memory already. What is further back than the first byte is 0.
-static int repeat(const job* self, uint32_t address, uint32_t written, uint32_t* held,
-                  const compressed_item* reference) {
-  uint8_t* const chunk = self->applier->chunk;
-  uint32_t left = reference->length;
-  while (left > 0) {
-    uint32_t step = 1;
-    if (reference->distance > written + *held) {
-      chunk[*held] = 0;
-    } else {
-      const uint32_t source = written + *held - reference->distance;
-      if (source >= written) {
-        chunk[*held] = chunk[source - written];
-      } else {
-        int code;
-        step = smaller(left, written - source);
-        code = read_memory(self, address + source, chunk + *held, step);
-        if (code != KELVANE_APPLY_OK) {
-          return code;
-        }
-      }
-    }
-    *held += step;
-    left -= step;
-  }
-  return KELVANE_APPLY_OK;
-}
-
 void kelvane_apply_add(uint8_t* bytes, uint8_t big_endian, uint32_t value) {
   uint32_t i;
-  uint32_t sum = 0;
   for (i = 0; i < 4; ++i) {
     uint8_t* const byte = bytes + (big_endian ? 3 - i : i);
-    // What is carried from the bytes below is in the upper bits.
-    sum = (sum >> 8) + *byte + (value & 0xFFu);
+    // What is lost of a carry lies beyond the word.
+    value += *byte;
+    *byte = (uint8_t)(value & 0xFFu);
     value >>= 8;
-    *byte = (uint8_t)(sum & 0xFFu);
   }
 }
 
-// Expands without a window of its own: references are read back from the memory.
-static int expand(const job* self, const kelvane_item* item) {
-  uint8_t* const chunk = self->applier->chunk;
+// Expands without a window of its own: references are read back from the memory. What is further
+// back than the first byte is 0.
+static int expand(job* self) {
+  kelvane_applier* const applier = self->cursor.applier;
   compressed_reader reader;
-  compressed_item next = {0, 0, 0};
-  uint32_t written = 0;
-  uint32_t held = 0;
-  int code;
-  kelvane_apply_start_compressed(&reader, self->applier, item);
-  while (kelvane_apply_take_compressed(&reader, &next) == ITEM_TAKEN) {
-    if (held > KELVANE_APPLY_CHUNK - LONGEST_REFERENCE) {
-      code = write_memory(self, item->address + written, chunk, held);
-      if (code != KELVANE_APPLY_OK) {
-        return code;
-      }
-      written += held;
-      held = 0;
-    }
-    if (next.distance == 0) {
-      chunk[held++] = next.literal;
-    } else {
-      code = repeat(self, item->address, written, &held, &next);
-      if (code != KELVANE_APPLY_OK) {
-        return code;
-      }
-    }
-  }
-  return held == 0 ? KELVANE_APPLY_OK : write_memory(self, item->address + written, chunk, held);
-}
-
-// Bytes in memory go to the target as they lie there; fetched ones by way of the chunk.
-static int store(const job* self, const kelvane_item* item) {
-  const kelvane_source* const patch = &self->applier->patch;
   uint32_t done = 0;
-  while (done < item->size) {
-    uint32_t step = item->size - done;
-    const uint8_t* bytes = self->applier->chunk;
-    int code;
-    if (patch->bytes != NULL) {
-      bytes = patch->bytes + item->data;
-    } else {
-      step = smaller(step, KELVANE_APPLY_CHUNK);
-      if (kelvane_source_read(patch, item->data + done, self->applier->chunk, step) != 0) {
-        return KELVANE_APPLY_FETCH_FAILED;
+  uint32_t held = 0;  // bytes in the chunk, the last of those that are done
+  int code = KELVANE_APPLY_OK;
+  kelvane_apply_start_compressed(&reader, &self->item);
+  while (code == KELVANE_APPLY_OK && kelvane_apply_take_compressed(applier, &reader)) {
+    while (code == KELVANE_APPLY_OK && reader.length > 0) {
+      uint8_t* to;
+      uint32_t step = 1;
+      if (held == CHUNK_BESIDE_FETCHED) {
+        code = write_memory(self, self->item.address + done - held, applier->chunk, held);
+        held = 0;
+        continue;
       }
+      to = applier->chunk + held;
+      if (reader.distance == 0 || reader.distance > done) {
+        *to = reader.literal;
+      } else if (reader.distance <= held) {
+        *to = *(to - reader.distance);
+      } else {
+        step = smaller(smaller(reader.length, reader.distance - held), CHUNK_BESIDE_FETCHED - held);
+        code = read_memory(self, self->item.address + done - reader.distance, to, step);
+      }
+      done += step;
+      held += step;
+      reader.length = (uint8_t)(reader.length - step);
     }
-    code = write_memory(self, item->address + done, bytes, step);
-    if (code != KELVANE_APPLY_OK) {
-      return code;
-    }
-    done += step;
   }
-  return KELVANE_APPLY_OK;
+  return code == KELVANE_APPLY_OK && held > 0
+             ? write_memory(self, self->item.address + done - held, applier->chunk, held)
+             : code;
 }
 
-static int add_to_word(const job* self, uint32_t address, uint32_t value) {
-  uint8_t bytes[4];
-  const int code = read_memory(self, address, bytes, 4);
+static int add_to_word(job* self) {
+  kelvane_applier* const applier = self->cursor.applier;
+  const int code = read_memory(self, self->item.address, applier->chunk, 4);
   if (code != KELVANE_APPLY_OK) {
     return code;
   }
-  kelvane_apply_add(bytes, self->applier->info.big_endian, value);
-  return write_memory(self, address, bytes, 4);
+  kelvane_apply_add(applier->chunk, applier->big_endian, self->item.value);
+  return write_memory(self, self->item.address, applier->chunk, 4);
 }
 
-static int carry_out_item(job* self, const kelvane_item* item) {
-  self->applier->error_position = item->position;
-  switch (item->kind) {
-    case KELVANE_ITEM_MOVE:
-      return move_block(self, item->address, item->address + item->value, item->size);
-    case KELVANE_ITEM_STORE:
-      return item->command == KELVANE_CM_SUB_COMP ? expand(self, item) : store(self, item);
-    case KELVANE_ITEM_FILL:
-      return fill(self, item);
-    case KELVANE_ITEM_INCREMENT:
-      return add_to_word(self, item->address, item->value);
-    default:
-      return KELVANE_APPLY_OK;
+static int carry_out_item(job* self) {
+  const uint8_t kind = self->item.kind;
+  int (*operation)(job * self) = go_over;
+  if (kind == KELVANE_ITEM_REGION || (kind == KELVANE_ITEM_MOVE && self->item.value == 0)) {
+    return KELVANE_APPLY_OK;
   }
+  if (kind == KELVANE_ITEM_INCREMENT) {
+    operation = add_to_word;
+  } else if (kind == KELVANE_ITEM_STORE && self->item.command == KELVANE_CM_SUB_COMP) {
+    operation = expand;
+  }
+  return operation(self);
 }
 
 int kelvane_apply_run(kelvane_applier* applier, const kelvane_memory* memory, uint32_t skip) {
   job self;
-  int code;
-  if (!start_job(&self, applier, memory) || memory->write == NULL) {
-    return KELVANE_APPLY_BAD_ARGUMENT;
+  int code = start_job(&self, applier, memory);
+  if (code == KELVANE_APPLY_OK) {
+    code = memory->write == NULL ? (int)KELVANE_APPLY_BAD_ARGUMENT : room_for(&self, self.limit);
   }
-  code = kelvane_apply_check(applier, memory);
+  if (code == KELVANE_APPLY_OK) {
+    code = for_each_item(&self, check_item);
+  }
+  if (code == KELVANE_APPLY_OK) {
+    code = check_end(&self);
+  }
   if (code == KELVANE_APPLY_OK && (skip & KELVANE_SKIP_OLD) == 0) {
-    code = kelvane_apply_verify_old(applier, memory);
+    code = verify(&self, 0);
   }
   if (code == KELVANE_APPLY_OK) {
     code = for_each_item(&self, carry_out_item);
   }
   if (code == KELVANE_APPLY_OK && (skip & KELVANE_SKIP_NEW) == 0) {
-    code = kelvane_apply_verify_new(applier, memory);
+    code = verify(&self, 1);
   }
   return code;
 }

@@ -118,7 +118,7 @@ static inline uint32_t* kelvane_dense_flag_counter(kelvane_dense_decoder* decode
   uint32_t hash = (context & 0xFFFFu) * 0x9E3779B1u;
   hash ^= hash >> 15;
   uint32_t* const counter = decoder->in_map
-                                ? &decoder->map_counters[hash >> 24]
+                                ? &decoder->state.model.map_counters[hash >> 24]
                                 : &decoder->state.model.flags[hash >> (23 - decoder->info.model)];
   if (*counter == KELVANE_DENSE_EVEN) {
     *counter |= context & KELVANE_DENSE_VERY_LIKELY;
@@ -176,8 +176,10 @@ static inline uint32_t kelvane_dense_bound(uint32_t range, uint32_t probability)
 // A register whose contents are not known.
 #define KELVANE_DENSE_UNKNOWN 1u
 
-// Puts the model to where a pass begins.
+// Puts the model to where a pass begins; the map has to be done with by then.
 void kelvane_dense_reset_model(kelvane_dense_decoder* decoder);
+// Puts the counters of the map, which take the place of others, to where it begins.
+void kelvane_dense_begin_map(kelvane_dense_decoder* decoder);
 
 // ---- Reading
 
