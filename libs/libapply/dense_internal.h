@@ -16,16 +16,14 @@ enum kelvane_dense_context {
   KELVANE_DENSE_C_ENTRY = 1,   // flag: the next entry of the map comes next
   KELVANE_DENSE_C_LITERALS,    // number: literals ahead of a copy
   KELVANE_DENSE_C_COPY,        // number: bytes copied
-  KELVANE_DENSE_C_SHIFT,       // tree: one of the last shifts, or another source
-  KELVANE_DENSE_C_SOURCE,      // signed number: from the end of the last source
+  KELVANE_DENSE_C_SOURCE = 5,  // signed number: from the end of the last source
   KELVANE_DENSE_C_MATCH,       // flag by the last three: a match comes next
   KELVANE_DENSE_C_MATCH_NEW,   // flag: from the new image
   KELVANE_DENSE_C_OLD_LENGTH,  // numbers: length of a match
   KELVANE_DENSE_C_NEW_LENGTH,
   KELVANE_DENSE_C_SAME_DISTANCE,    // flag
   KELVANE_DENSE_C_DISTANCE,         // number
-  KELVANE_DENSE_C_SAME_SHIFT,       // flag
-  KELVANE_DENSE_C_PLACE,            // signed number: from where the shift points
+  KELVANE_DENSE_C_PLACE = 13,       // signed number: from where the shift points
   KELVANE_DENSE_C_UNCHANGED,        // flag by the token's class: the old value stays
   KELVANE_DENSE_C_MASK,             // trees: bytes that change, of 2 and (one further) of 4
   KELVANE_DENSE_C_CHOICE = 17,      // trees by kind: one of the last differences, or how it is told
@@ -97,11 +95,6 @@ static inline uint32_t kelvane_dense_context_of(uint32_t number, uint32_t rest) 
 // Of the flags that tell the length of a number.
 static inline uint32_t kelvane_dense_length_context(uint32_t number, uint32_t length) {
   return kelvane_dense_context_of(number, length) | KELVANE_DENSE_LIKELY;
-}
-
-// What it depends on in the bits of a number below its top one: its length, the bits read so far.
-static inline uint32_t kelvane_dense_bit_context(uint32_t length, uint32_t number) {
-  return 32 + 4 * length + number;
 }
 
 // ---- Counters: probability of 1 and how often it was asked
@@ -242,9 +235,6 @@ void kelvane_dense_note(kelvane_dense_decoder* decoder, const kelvane_dense_toke
 // Moves a difference to the front of its list, from `choice` or, if that is none of the list, from
 // outside.
 void kelvane_dense_note_difference(uint32_t* list, uint32_t choice, uint32_t difference);
-
-// Moves a shift to the front of the last ones; matches begin from it.
-void kelvane_dense_note_shift(kelvane_dense_model* model, uint32_t shift);
 
 // What a token's flags depend on.
 static inline uint32_t kelvane_dense_class(const kelvane_dense_token* token) {

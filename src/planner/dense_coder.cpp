@@ -58,15 +58,8 @@ void dense_coder::number(uint32_t id, uint32_t value) {
   if (length < 31) {
     flag(kelvane_dense_length_context(id, length), false);
   }
-  uint32_t so_far = 1;
-  for (uint32_t i = 0; i < length; ++i) {
-    const uint32_t one = coded >> (length - 1 - i) & 1U;
-    if (i < 2) {
-      flag(kelvane_dense_context_of(id, kelvane_dense_bit_context(length, so_far)), one != 0);
-    } else {
-      bit(one != 0, range_ >> 1U);
-    }
-    so_far = so_far * 2 + one;
+  for (uint32_t i = length; i-- != 0;) {
+    bit((coded >> i & 1U) != 0, range_ >> 1U);
   }
 }
 
