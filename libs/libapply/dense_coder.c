@@ -67,7 +67,8 @@ uint32_t kelvane_dense_read_tree(kelvane_dense_decoder* decoder, uint32_t id, un
   return node - (1u << bits);
 }
 
-// The bit length of number + 1 by ones and a zero, then the bits below its top one.
+// The bit length of number + 1 by ones and a zero, then the bits below its top one: of small
+// numbers with counters.
 uint32_t kelvane_dense_read_number(kelvane_dense_decoder* decoder, uint32_t id) {
   uint32_t length = 0;
   while (length < 31 &&
@@ -75,8 +76,12 @@ uint32_t kelvane_dense_read_number(kelvane_dense_decoder* decoder, uint32_t id) 
     length++;
   }
   uint32_t number = 1;
-  while (length-- != 0) {
-    number = number << 1 | read_bit(decoder, decoder->state.coder.range >> 1);
+  for (uint32_t i = 0; i < length; ++i) {
+    const unsigned bit =
+        length <= KELVANE_DENSE_SMALL_LENGTH
+            ? kelvane_dense_read_flag(decoder, kelvane_dense_bit_context(id, length, number))
+            : read_bit(decoder, decoder->state.coder.range >> 1);
+    number = number << 1 | bit;
   }
   return number - 1;
 }

@@ -97,6 +97,12 @@ static inline uint32_t kelvane_dense_length_context(uint32_t number, uint32_t le
   return kelvane_dense_context_of(number, length) | KELVANE_DENSE_LIKELY;
 }
 
+// Of the bits of a small number below its top one: by its length and the bits so far.
+#define KELVANE_DENSE_SMALL_LENGTH 3u
+static inline uint32_t kelvane_dense_bit_context(uint32_t number, uint32_t length, uint32_t bits) {
+  return kelvane_dense_context_of(number, 32 + 8 * length + bits);
+}
+
 // ---- Counters: probability of 1 and how often it was asked
 //
 // Neither gets so near to 0 or 1 that a bit could not be coded: the steps are rounded down.

@@ -59,7 +59,12 @@ void dense_coder::number(uint32_t id, uint32_t value) {
     flag(kelvane_dense_length_context(id, length), false);
   }
   for (uint32_t i = length; i-- != 0;) {
-    bit((coded >> i & 1U) != 0, range_ >> 1U);
+    const bool one = (coded >> i & 1U) != 0;
+    if (length <= KELVANE_DENSE_SMALL_LENGTH) {
+      flag(kelvane_dense_bit_context(id, length, coded >> (i + 1)), one);
+    } else {
+      bit(one, range_ >> 1U);
+    }
   }
 }
 

@@ -95,7 +95,7 @@ class PlainCoder {
     }
     uint32_t v = 1;
     for (uint32_t i = 0; i < length; ++i) {
-      v = 2 * v + bit(range_ / 2);
+      v = 2 * v + (length <= 3 ? flag(a, 32 + 8 * length + v) : bit(range_ / 2));
     }
     return v - 1;
   }
