@@ -67,19 +67,20 @@ uint32_t kelvane_dense_read_tree(kelvane_dense_decoder* decoder, uint32_t id, un
   return node - (1u << bits);
 }
 
-// The bit length of number + 1 by ones and a zero, then the bits below its top one, the first two
-// of them with counters.
+// The bit length of number + 1 by ones and a zero, then the bits below its top one: of small
+// numbers with counters.
 uint32_t kelvane_dense_read_number(kelvane_dense_decoder* decoder, uint32_t id) {
   uint32_t length = 0;
-  while (length < 31 && kelvane_dense_read_flag(decoder, kelvane_dense_context_of(id, length))) {
+  while (length < 31 &&
+         kelvane_dense_read_flag(decoder, kelvane_dense_length_context(id, length))) {
     length++;
   }
   uint32_t number = 1;
   for (uint32_t i = 0; i < length; ++i) {
     const unsigned bit =
-        i < 2 ? kelvane_dense_read_flag(decoder, kelvane_dense_context_of(
-                                                     id, kelvane_dense_bit_context(length, number)))
-              : read_bit(decoder, decoder->state.coder.range >> 1);
+        length <= KELVANE_DENSE_SMALL_LENGTH
+            ? kelvane_dense_read_flag(decoder, kelvane_dense_bit_context(id, length, number))
+            : read_bit(decoder, decoder->state.coder.range >> 1);
     number = number << 1 | bit;
   }
   return number - 1;

@@ -141,24 +141,6 @@ int kelvane_dense_resume(kelvane_dense_decoder* decoder) {
 
 // ---- Commands
 
-// The part of a source that is told, not in the map.
-static uint32_t read_source(kelvane_dense_decoder* decoder, uint32_t target) {
-  kelvane_dense_state* state = &decoder->state;
-  const uint32_t choice = kelvane_dense_read_tree(decoder, KELVANE_DENSE_C_SHIFT, 2);
-  return choice < 3
-             ? target - state->model.shifts[choice]
-             : state->source_end + kelvane_dense_read_signed(decoder, KELVANE_DENSE_C_SOURCE);
-}
-
-void kelvane_dense_note_shift(kelvane_dense_model* model, uint32_t shift) {
-  uint32_t k = model->shifts[0] == shift ? 0 : model->shifts[1] == shift ? 1 : 2;
-  for (; k != 0; --k) {
-    model->shifts[k] = model->shifts[k - 1];
-  }
-  model->shifts[0] = shift;
-  model->match_shift = shift;
-}
-
 static void read_command(kelvane_dense_decoder* decoder) {
   kelvane_dense_state* state = &decoder->state;
   const uint32_t room = decoder->info.new_size - state->position;
@@ -171,8 +153,7 @@ static void read_command(kelvane_dense_decoder* decoder) {
   }
   const kelvane_dense_entry* entry =
       state->next_entry < decoder->entry_count ? &decoder->entries[state->next_entry] : 0;
-  if (entry != 0 &&
-      kelvane_dense_read_flag(decoder, kelvane_dense_context_of(KELVANE_DENSE_C_ENTRY, 0))) {
+  if (entry != 0 && kelvane_dense_read_flag(decoder, KELVANE_DENSE_ENTRY_CONTEXT)) {
     literals = entry->target - state->position;
     length = entry->length;
     source = entry->source;
@@ -180,7 +161,7 @@ static void read_command(kelvane_dense_decoder* decoder) {
     literals = kelvane_dense_read_number(decoder, KELVANE_DENSE_C_LITERALS);
     length = kelvane_dense_read_number(decoder, KELVANE_DENSE_C_COPY);
     if (length != 0) {
-      source = read_source(decoder, state->position + literals);
+      source = state->source_end + kelvane_dense_read_signed(decoder, KELVANE_DENSE_C_SOURCE);
     }
   }
   // No command is empty, and only the last one has no copy.
@@ -195,7 +176,7 @@ static void read_command(kelvane_dense_decoder* decoder) {
 }
 
 static void begin_copy(kelvane_dense_state* state) {
-  kelvane_dense_note_shift(&state->model, state->position - state->source);
+  state->model.match_shift = state->position - state->source;
   state->source_end = state->source + (state->copy_end - state->position);
 }
 
@@ -219,11 +200,8 @@ static void read_match(kelvane_dense_decoder* decoder) {
     is_right = is_right && distance != 0 && distance <= state->position &&
                decoder->info.reads_new && decoder->input->read_new != 0;
   } else {
-    from = state->position - model->match_shift;
-    if (!kelvane_dense_read_flag(decoder,
-                                 kelvane_dense_context_of(KELVANE_DENSE_C_SAME_SHIFT, 0))) {
-      from += kelvane_dense_read_signed(decoder, KELVANE_DENSE_C_PLACE);
-    }
+    from = state->position - model->match_shift +
+           kelvane_dense_read_signed(decoder, KELVANE_DENSE_C_PLACE);
     model->match_shift = state->position - from;
     is_right =
         is_right && from <= decoder->info.old_size && rest + 2 <= decoder->info.old_size - from;

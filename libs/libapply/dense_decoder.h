@@ -30,8 +30,8 @@
 // holds no pointer. Saved between two windows and put back later, into a decoder that has been
 // opened and asked to resume, it goes on from there.
 //
-// Room: the decoder itself (7144 bytes for a Cortex-M3, 7076 of them `state`) and 14 bytes for each
-// entry of the map. With KELVANE_DENSE_LARGEST_MODEL 0 it takes 3816 bytes (3748) and refuses
+// Room: the decoder itself (7132 bytes for a Cortex-M3, 7064 of them `state`) and 14 bytes for each
+// entry of the map. With KELVANE_DENSE_LARGEST_MODEL 0 it takes 3804 bytes (3736) and refuses
 // payloads made for the larger model. Machines whose KELVANE_DENSE_WITH_... is 0 cost no code, and
 // their payloads are refused.
 
@@ -134,7 +134,6 @@ typedef struct kelvane_dense_model {
   uint8_t matches;   // the last three: literal or match
   uint8_t outcomes;  // the last three predictions: right or wrong
   uint8_t outcomes_of[10];
-  uint32_t shifts[3];
   uint32_t match_shift;
   uint32_t match_distance;
   uint32_t tail;  // where the second half of an instruction lies that is taken by halves

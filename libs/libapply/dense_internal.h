@@ -10,22 +10,20 @@
 extern "C" {
 #endif
 
-// A decision's context is its number here, in bits 8 and up, and what it depends on, below. The map
-// has counters and numbers of its own.
+// A decision's context is its number here, in bits 8 and up, what it depends on, below, and in bits
+// 28 to 30 how likely it is at first. The map has counters and numbers of its own.
 enum kelvane_dense_context {
   KELVANE_DENSE_C_ENTRY = 1,   // flag: the next entry of the map comes next
   KELVANE_DENSE_C_LITERALS,    // number: literals ahead of a copy
   KELVANE_DENSE_C_COPY,        // number: bytes copied
-  KELVANE_DENSE_C_SHIFT,       // tree: one of the last shifts, or another source
-  KELVANE_DENSE_C_SOURCE,      // signed number: from the end of the last source
+  KELVANE_DENSE_C_SOURCE = 5,  // signed number: from the end of the last source
   KELVANE_DENSE_C_MATCH,       // flag by the last three: a match comes next
   KELVANE_DENSE_C_MATCH_NEW,   // flag: from the new image
   KELVANE_DENSE_C_OLD_LENGTH,  // numbers: length of a match
   KELVANE_DENSE_C_NEW_LENGTH,
   KELVANE_DENSE_C_SAME_DISTANCE,    // flag
   KELVANE_DENSE_C_DISTANCE,         // number
-  KELVANE_DENSE_C_SAME_SHIFT,       // flag
-  KELVANE_DENSE_C_PLACE,            // signed number: from where the shift points
+  KELVANE_DENSE_C_PLACE = 13,       // signed number: from where the shift points
   KELVANE_DENSE_C_UNCHANGED,        // flag by the token's class: the old value stays
   KELVANE_DENSE_C_MASK,             // trees: bytes that change, of 2 and (one further) of 4
   KELVANE_DENSE_C_CHOICE = 17,      // trees by kind: one of the last differences, or how it is told
@@ -86,39 +84,65 @@ static inline uint32_t kelvane_dense_context_of(uint32_t number, uint32_t rest) 
   return (number << 8) + rest;
 }
 
-// What it depends on in the bits of a number below its top one: its length, the bits read so far.
-static inline uint32_t kelvane_dense_bit_context(uint32_t length, uint32_t number) {
-  return 32 + 4 * length + number;
+// How likely 1 is before anything is known, in sixteenths above a half.
+#define KELVANE_DENSE_LIKELY 0x40000000u       // 12 of 16
+#define KELVANE_DENSE_VERY_LIKELY 0x70000000u  // 15 of 16
+
+// That of the flag which tells that the next entry of the map comes next.
+#define KELVANE_DENSE_ENTRY_CONTEXT \
+  (kelvane_dense_context_of(KELVANE_DENSE_C_ENTRY, 0) | KELVANE_DENSE_VERY_LIKELY)
+
+// Of the flags that tell the length of a number.
+static inline uint32_t kelvane_dense_length_context(uint32_t number, uint32_t length) {
+  return kelvane_dense_context_of(number, length) | KELVANE_DENSE_LIKELY;
+}
+
+// Of the bits of a small number below its top one: by its length and the bits so far.
+#define KELVANE_DENSE_SMALL_LENGTH 3u
+static inline uint32_t kelvane_dense_bit_context(uint32_t number, uint32_t length, uint32_t bits) {
+  return kelvane_dense_context_of(number, 32 + 8 * length + bits);
 }
 
 // ---- Counters: probability of 1 and how often it was asked
+//
+// Neither gets so near to 0 or 1 that a bit could not be coded: the steps are rounded down.
 
-// Flags: 22 bits of probability above 10 bits of count, 127 at most.
+// A counter that knows nothing.
+#define KELVANE_DENSE_EVEN 0x80000000u
+
+// Flags: 22 bits of probability above 10 bits of count, 255 at most. The first context that uses a
+// counter says where it begins.
 static inline uint32_t* kelvane_dense_flag_counter(kelvane_dense_decoder* decoder,
                                                    uint32_t context) {
-  uint32_t hash = context * 0x9E3779B1u;
+  uint32_t hash = (context & 0xFFFFu) * 0x9E3779B1u;
   hash ^= hash >> 15;
-  return decoder->in_map ? &decoder->state.model.map_counters[hash >> 24]
-                         : &decoder->state.model.flags[hash >> (23 - decoder->info.model)];
-}
-
-static inline uint32_t kelvane_dense_clamped(uint32_t probability) {
-  return probability < 16 ? 16 : probability > 65520 ? 65520 : probability;
+  uint32_t* const counter = decoder->in_map
+                                ? &decoder->state.model.map_counters[hash >> 24]
+                                : &decoder->state.model.flags[hash >> (23 - decoder->info.model)];
+  if (*counter == KELVANE_DENSE_EVEN) {
+    *counter |= context & KELVANE_DENSE_VERY_LIKELY;
+  }
+  return counter;
 }
 
 static inline uint32_t kelvane_dense_flag_probability(uint32_t counter) {
-  return kelvane_dense_clamped(counter >> 16);
+  return counter >> 16;
 }
 
+// The less likely bit takes a quarter off the count: what was known holds no longer.
 static inline uint32_t kelvane_dense_flag_after(uint32_t counter, unsigned bit) {
-  const uint32_t count = counter & 1023u;
+  uint32_t count = counter & 1023u;
   uint32_t probability = counter >> 10;
   if (bit) {
     probability += (0x3FFFFFu - probability) / (count + 2);
   } else {
     probability -= probability / (count + 2);
   }
-  return probability << 10 | (count + (count < 127));
+  count += count < 255;
+  if (bit != counter >> 31) {
+    count -= count >> 2;
+  }
+  return probability << 10 | count;
 }
 
 // Literals: 12 bits of probability above 4 bits of count, 15 at most.
@@ -129,7 +153,7 @@ static inline uint16_t* kelvane_dense_literal_counter(kelvane_dense_decoder* dec
 }
 
 static inline uint32_t kelvane_dense_literal_probability(uint32_t counter) {
-  return kelvane_dense_clamped(counter & 0xFFF0u);
+  return counter & 0xFFF0u;
 }
 
 static inline uint16_t kelvane_dense_literal_after(uint32_t counter, unsigned bit) {
@@ -148,8 +172,7 @@ static inline uint32_t kelvane_dense_bound(uint32_t range, uint32_t probability)
   return (range >> 16) * probability + ((range & 0xFFFFu) * probability >> 16);
 }
 
-// A counter that knows nothing, and a register whose contents are not known.
-#define KELVANE_DENSE_EVEN 0x80000000u
+// A register whose contents are not known.
 #define KELVANE_DENSE_UNKNOWN 1u
 
 // Puts the model to where a pass begins; the map has to be done with by then.
@@ -219,9 +242,6 @@ void kelvane_dense_note(kelvane_dense_decoder* decoder, const kelvane_dense_toke
 // outside.
 void kelvane_dense_note_difference(uint32_t* list, uint32_t choice, uint32_t difference);
 
-// Moves a shift to the front of the last ones; matches begin from it.
-void kelvane_dense_note_shift(kelvane_dense_model* model, uint32_t shift);
-
 // What a token's flags depend on.
 static inline uint32_t kelvane_dense_class(const kelvane_dense_token* token) {
   return token->kind * 4u + (token->predicted != token->old_value ? 2u : 0u) + token->learned;
@@ -230,10 +250,10 @@ static inline uint32_t kelvane_dense_class(const kelvane_dense_token* token) {
 static inline uint32_t kelvane_dense_predicted_context(const kelvane_dense_decoder* decoder,
                                                        const kelvane_dense_token* token) {
   const kelvane_dense_model* model = &decoder->state.model;
+  const uint32_t outcomes = (model->outcomes_of[token->kind] & 3u) << 3 | (model->outcomes & 7u);
   return kelvane_dense_context_of(KELVANE_DENSE_C_PREDICTED,
-                                  kelvane_dense_class(token) << 6 |
-                                      (model->outcomes_of[token->kind] & 3u) << 3 |
-                                      (model->outcomes & 7u));
+                                  kelvane_dense_class(token) << 6 | outcomes) |
+         (outcomes == 0 ? KELVANE_DENSE_VERY_LIKELY : KELVANE_DENSE_LIKELY);
 }
 
 // Which list of differences a token uses.

@@ -53,20 +53,18 @@ void dense_coder::number(uint32_t id, uint32_t value) {
   const uint32_t coded = value + 1;
   const auto length = static_cast<uint32_t>(std::bit_width(coded)) - 1;
   for (uint32_t i = 0; i < length; ++i) {
-    flag(kelvane_dense_context_of(id, i), true);
+    flag(kelvane_dense_length_context(id, i), true);
   }
   if (length < 31) {
-    flag(kelvane_dense_context_of(id, length), false);
+    flag(kelvane_dense_length_context(id, length), false);
   }
-  uint32_t so_far = 1;
-  for (uint32_t i = 0; i < length; ++i) {
-    const uint32_t one = coded >> (length - 1 - i) & 1U;
-    if (i < 2) {
-      flag(kelvane_dense_context_of(id, kelvane_dense_bit_context(length, so_far)), one != 0);
+  for (uint32_t i = length; i-- != 0;) {
+    const bool one = (coded >> i & 1U) != 0;
+    if (length <= KELVANE_DENSE_SMALL_LENGTH) {
+      flag(kelvane_dense_bit_context(id, length, coded >> (i + 1)), one);
     } else {
-      bit(one != 0, range_ >> 1U);
+      bit(one, range_ >> 1U);
     }
-    so_far = so_far * 2 + one;
   }
 }
 

@@ -5,9 +5,9 @@
 //
 // The device computes the new image in one pass in ascending order, page by page, in the place of
 // the old one, and writes the pages that change. An old byte can be read while a page is written if
-// its own page does not change, has not been written yet, is one of the last pages of the ring, or
-// is kept in a slot until its last reader is done. A device that takes checkpoints may have to
-// compute pages again that it has written since the last one.
+// its own page does not change, has not been written yet, is one of the last in the ring, or is
+// kept in a slot until its last reader is done. A device that takes checkpoints may have to compute
+// pages again that it has written since the last one.
 
 #include <cstdint>
 #include <optional>
@@ -21,8 +21,8 @@ namespace kelvane {
 // What the device has to keep old pages in.
 struct flash_geometry {
   uint32_t page_size = 4096;
-  // The pages of the ring: while page p is written, the old contents of the pages above
-  // p - ring_pages are there. 0: every old byte can be read at any time.
+  // The pages of the ring, which has the old contents of the last so many pages that change, the
+  // one that is written among them. 0: every old byte can be read at any time.
   uint32_t ring_pages = 8;
   uint32_t slots = 8;  // pages besides
   // Pages that change from one checkpoint to the next: whatever one of them reads has to be there

@@ -101,14 +101,17 @@ class device_flash {
     return 0;
   }
 
-  // A kept page is in its slot and nowhere else.
+  // A kept page is in its slot and nowhere else. The others that change go through the ring.
   bool has_old_page(uint32_t page) const {
     if (page > at_hand_ || !changes_[page]) {
       return true;
     }
     const uint32_t slot = slot_of_[page];
-    return slot == kNone ? at_hand_ - page < geometry_.ring_pages
-                         : slot < slot_page_.size() && slot_page_[slot] == page;
+    if (slot != kNone) {
+      return slot < slot_page_.size() && slot_page_[slot] == page;
+    }
+    const auto next = std::upper_bound(changed_.begin(), changed_.end(), page);
+    return std::upper_bound(next, changed_.end(), at_hand_) - next < geometry_.ring_pages;
   }
 
   plan_images images_;

@@ -53,10 +53,20 @@ device_pages::device_pages(const plan_images& images, const flash_geometry& geom
       count = 0;
     }
   }
+  // By page of the new image how many below it change, and where these are.
+  std::vector<uint32_t> changed;
+  for (uint32_t page = 0; page < changes_.size(); ++page) {
+    changed_below_.push_back(static_cast<uint32_t>(changed.size()));
+    if (changes_[page]) {
+      changed.push_back(page);
+    }
+  }
+  changed_below_.push_back(static_cast<uint32_t>(changed.size()));
   for (const uint32_t page : at_hand_) {
-    const uint32_t gone =
-        geometry.ring_pages == 0 || page < geometry.ring_pages ? 0 : page + 1 - geometry.ring_pages;
-    gone_below_.push_back(gone * geometry.page_size);
+    const uint32_t saved = changed_below_[page + 1];
+    const bool is_all_there = geometry.ring_pages == 0 || saved <= geometry.ring_pages;
+    gone_below_.push_back(
+        is_all_there ? 0 : (changed[saved - geometry.ring_pages - 1] + 1) * geometry.page_size);
   }
 }
 

@@ -32,15 +32,16 @@ class device_pages {
   }
   // Whether the old contents of a page are where they were, or in the ring, then.
   bool is_at_hand(uint32_t old_page, uint32_t page) const {
-    return geometry_.ring_pages == 0 || old_page + geometry_.ring_pages > at_hand(page) ||
-           !changes(old_page);
+    return geometry_.ring_pages == 0 || !changes(old_page) || old_page > at_hand(page) ||
+           changed_below_[at_hand(page) + 1] - changed_below_[old_page] <= geometry_.ring_pages;
   }
 
  private:
   flash_geometry geometry_;
   std::vector<bool> changes_;
   std::vector<uint32_t> at_hand_;
-  std::vector<uint32_t> gone_below_;  // by page of the new image: an old place
+  std::vector<uint32_t> changed_below_;  // by page, and behind the last one
+  std::vector<uint32_t> gone_below_;     // by page of the new image: an old place
 };
 
 class old_reach {

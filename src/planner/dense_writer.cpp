@@ -180,7 +180,7 @@ void payload_writer::write_command(uint32_t literals, const dense_copy& copy) {
     const kelvane_dense_entry& entry = plan_.map[next_entry_];
     const bool is_next = entry.target == position_ + literals && entry.source == copy.source &&
                          entry.length == copy.length;
-    coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_C_ENTRY, 0), is_next);
+    coder_.flag(KELVANE_DENSE_ENTRY_CONTEXT, is_next);
     if (is_next) {
       return;
     }
@@ -190,13 +190,7 @@ void payload_writer::write_command(uint32_t literals, const dense_copy& copy) {
   if (copy.length == 0) {
     return;
   }
-  const uint32_t shift = position_ + literals - copy.source;
-  const uint32_t* const shifts = decoder_.state.model.shifts;
-  const auto choice = static_cast<uint32_t>(std::find(shifts, shifts + 3, shift) - shifts);
-  coder_.tree(KELVANE_DENSE_C_SHIFT, choice, 2);
-  if (choice == 3) {
-    coder_.signed_number(KELVANE_DENSE_C_SOURCE, copy.source - source_end_);
-  }
+  coder_.signed_number(KELVANE_DENSE_C_SOURCE, copy.source - source_end_);
 }
 
 void payload_writer::write_match(const dense_item& item) {
@@ -213,11 +207,7 @@ void payload_writer::write_match(const dense_item& item) {
     }
     model.match_distance = distance;
   } else {
-    const uint32_t expected = position_ - model.match_shift;
-    coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_C_SAME_SHIFT, 0), item.from == expected);
-    if (item.from != expected) {
-      coder_.signed_number(KELVANE_DENSE_C_PLACE, item.from - expected);
-    }
+    coder_.signed_number(KELVANE_DENSE_C_PLACE, item.from - (position_ - model.match_shift));
     model.match_shift = position_ - item.from;
   }
 }
@@ -334,7 +324,7 @@ uint32_t payload_writer::write_token(uint32_t source, uint32_t position, uint32_
 }
 
 void payload_writer::write_copy(const dense_copy& copy) {
-  kelvane_dense_note_shift(&decoder_.state.model, copy.target - copy.source);
+  decoder_.state.model.match_shift = copy.target - copy.source;
   source_end_ = copy.source + copy.length;
   write_tokens(copy);
   position_ += copy.length;

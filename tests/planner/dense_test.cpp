@@ -56,17 +56,17 @@ struct MachineCase {
 
 // clang-format off
 const MachineCase kMachineCases[] = {
-  {"none",       {KELVANE_DENSE_NONE,    kLittle, kLittle, 0x00010000}, 184},
-  {"thumb",      {KELVANE_DENSE_THUMB,   kLittle, kLittle, 0x08004000}, 142},
-  {"thumb_be",   {KELVANE_DENSE_THUMB,   kBig,    kBig,    0x00100000}, 135},
-  {"thumb_be8",  {KELVANE_DENSE_THUMB,   kLittle, kBig,    0x00100000}, 133},
-  {"arm",        {KELVANE_DENSE_ARM,     kLittle, kLittle, 0x00010000}, 153},
-  {"arm_be8",    {KELVANE_DENSE_ARM,     kLittle, kBig,    0x00010000}, 153},
-  {"powerpc",    {KELVANE_DENSE_POWERPC, kBig,    kBig,    0x00FF8000}, 163},
-  {"powerpc_le", {KELVANE_DENSE_POWERPC, kLittle, kLittle, 0x10000000}, 162},
-  {"mips",       {KELVANE_DENSE_MIPS,    kBig,    kBig,    0x9FC00000}, 158},
-  {"mips_le",    {KELVANE_DENSE_MIPS,    kLittle, kLittle, 0x80000000}, 162},
-  {"riscv",      {KELVANE_DENSE_RISCV,   kLittle, kLittle, 0x20400000}, 155},
+  {"none",       {KELVANE_DENSE_NONE,    kLittle, kLittle, 0x00010000}, 178},
+  {"thumb",      {KELVANE_DENSE_THUMB,   kLittle, kLittle, 0x08004000}, 133},
+  {"thumb_be",   {KELVANE_DENSE_THUMB,   kBig,    kBig,    0x00100000}, 126},
+  {"thumb_be8",  {KELVANE_DENSE_THUMB,   kLittle, kBig,    0x00100000}, 124},
+  {"arm",        {KELVANE_DENSE_ARM,     kLittle, kLittle, 0x00010000}, 142},
+  {"arm_be8",    {KELVANE_DENSE_ARM,     kLittle, kBig,    0x00010000}, 144},
+  {"powerpc",    {KELVANE_DENSE_POWERPC, kBig,    kBig,    0x00FF8000}, 156},
+  {"powerpc_le", {KELVANE_DENSE_POWERPC, kLittle, kLittle, 0x10000000}, 154},
+  {"mips",       {KELVANE_DENSE_MIPS,    kBig,    kBig,    0x9FC00000}, 149},
+  {"mips_le",    {KELVANE_DENSE_MIPS,    kLittle, kLittle, 0x80000000}, 153},
+  {"riscv",      {KELVANE_DENSE_RISCV,   kLittle, kLittle, 0x20400000}, 147},
 };
 // clang-format on
 
@@ -297,25 +297,28 @@ struct PageCase {
 
 // clang-format off
 const PageCase kPageCases[] = {
-  {{0},    0, 3, 0, {},                     false},
-  {{0},    0, 4, 0, {},                     true},
+  {{0},    0, 1, 0, {},                     false},
+  {{0},    0, 2, 0, {},                     true},   // pages 1 and 2 do not change
+  {{0, 1}, 0, 2, 0, {},                     false},
+  {{0, 1}, 0, 3, 0, {},                     true},
   {{},     0, 1, 0, {},                     true},   // page 0 does not change
   {{0},    0, 1, 0, {{0, 0, 3}},            true},
   {{0, 1}, 0, 1, 0, {{0, 0, 3}, {1, 0, 1}}, false},  // page 1 has taken the slot
   {{0},    0, 1, 0, {{0, 1, 3}},            false},  // there is one slot
   {{0, 2}, 1, 1, 1, {},                     true},
-  {{0, 2}, 1, 2, 2, {},                     false},  // page 0 may be computed again behind page 2
-  {{0, 2}, 1, 3, 2, {},                     true},
+  {{0, 2}, 1, 1, 2, {},                     false},  // page 0 may be computed again behind page 2
+  {{0, 2}, 1, 2, 2, {},                     true},
   {{0, 2}, 1, 1, 2, {{0, 0, 2}},            true},
   {{0, 2}, 2, 1, 2, {},                     false},
 };
 // clang-format on
 
+// The proof sees what the device has when the group ends, and the encoder counts on the same.
 TEST(DenseProofTest, WhatCanBeReadIsWhatTheDeviceHasWhenTheGroupEnds) {
   Random random(3);
   for (const PageCase& pages : kPageCases) {
     SCOPED_TRACE(&pages - kPageCases);
-    const Bytes old_image = text_like(256, random);
+    const Bytes old_image = random.bytes(256);
     Bytes new_image = old_image;
     std::copy_n(old_image.begin() + pages.source * 64, 64, new_image.begin() + 192);
     for (const uint32_t page : pages.changed) {
@@ -328,6 +331,13 @@ TEST(DenseProofTest, WhatCanBeReadIsWhatTheDeviceHasWhenTheGroupEnds) {
     const std::string fault =
         fault_of_dense(images, payload, pages.kept, {64, pages.ring, 1, pages.checkpoint});
     EXPECT_EQ(fault, pages.is_readable ? "" : "it reads what the device has not kept");
+    if (pages.kept.empty()) {
+      dense_request request;
+      request.images = images;
+      request.reads_new = false;
+      request.geometry = {64, pages.ring, 0, pages.checkpoint};
+      EXPECT_EQ(search_dense(request).payload.size() < 64, pages.is_readable);
+    }
   }
 }
 
@@ -441,7 +451,7 @@ TEST(DenseFormatTest, TheWorkedPayloadIsWhatTheFormatPageShows) {
   const Bytes payload = write_dense(images, checksums_of(images), plan, options);
   EXPECT_EQ(plain_dense_decode(old_image, payload, kLargest), new_image);
   EXPECT_EQ(payload, (Bytes{0x01, 0x60, 0x59, 0x3C, 0x04, 0xA9, 0x30, 0x3B, 0xE2, 0x21, 0x1C,
-                            0x07, 0x01, 0x02, 0xF8, 0xF1, 0xA6, 0x0D, 0x34, 0x97, 0xB0, 0x3C}));
+                            0x07, 0x01, 0x02, 0xFD, 0xA5, 0xFE, 0x25, 0xD1, 0xAF, 0x8E, 0x18}));
 }
 
 }  // namespace

@@ -49,7 +49,7 @@ class PlainCoder {
   }
   // Takes fresh counters for flags, 2 to the power of `bits`.
   void take_counters(uint32_t bits) {
-    counters_.assign(size_t{1} << bits, {1U << 21, 0});
+    counters_.assign(size_t{1} << bits, {0, 0});
     hash_bits_ = bits;
   }
   void take_literals(uint32_t count) { literals_.assign(count, {1U << 11, 0}); }
@@ -66,18 +66,19 @@ class PlainCoder {
     }
     return is_one ? 1 : 0;
   }
-  uint32_t bit_of(uint32_t p) {
-    return bit(static_cast<uint32_t>(uint64_t{range_} * std::clamp(p, 16U, 65520U) >> 16));
-  }
+  uint32_t bit_of(uint32_t p) { return bit(static_cast<uint32_t>(uint64_t{range_} * p >> 16)); }
   static uint32_t hash(uint32_t x) {
     x *= 0x9E3779B1;
     return x ^ x >> 15;
   }
-  uint32_t flag(uint32_t a, uint32_t b) {
+  uint32_t flag(uint32_t a, uint32_t b, uint32_t s = 0) {
     auto& [q, n] = counters_[hash(256 * a + b) >> (32 - hash_bits_)];
+    q = n == 0 ? (8 + s) << 18 : q;
+    const uint32_t likely = q >> 21;
     const uint32_t one = bit_of(q >> 6);
     q = one != 0 ? q + (0x3FFFFF - q) / (n + 2) : q - q / (n + 2);
-    n = std::min(n + 1, 127U);
+    n = std::min(n + 1, 255U);
+    n -= one != likely ? n / 4 : 0;
     return one;
   }
   uint32_t tree(uint32_t a, uint32_t bits) {
@@ -89,12 +90,12 @@ class PlainCoder {
   }
   uint32_t number(uint32_t a) {
     uint32_t length = 0;
-    while (length < 31 && flag(a, length) != 0) {
+    while (length < 31 && flag(a, length, 4) != 0) {
       ++length;
     }
     uint32_t v = 1;
     for (uint32_t i = 0; i < length; ++i) {
-      v = 2 * v + (i < 2 ? flag(a, 32 + 4 * length + v) : bit(range_ / 2));
+      v = 2 * v + (length <= 3 ? flag(a, 32 + 8 * length + v) : bit(range_ / 2));
     }
     return v - 1;
   }

@@ -167,17 +167,14 @@ class PlainDecoder : private PlainCoder, private PlainMachine {
     uint32_t literals = 0;
     uint32_t length = 0;
     uint32_t source = 0;
-    if (entry != entries_.end() && flag(1, 0) != 0) {
+    if (entry != entries_.end() && flag(1, 0, 7) != 0) {
       literals = entry->target - position;
       length = entry->length;
       source = entry->source;
     } else {
       literals = number(2);
       length = number(3);
-      if (length != 0) {
-        const uint32_t which = tree(4, 2);
-        source = which < 3 ? position + literals - shifts_[which] : source_end_ + signed_number(5);
-      }
+      source = length != 0 ? source_end_ + signed_number(5) : 0;
     }
     const uint32_t room = new_size_ - position;
     require(literals <= room && length <= room - literals);
@@ -189,16 +186,7 @@ class PlainDecoder : private PlainCoder, private PlainMachine {
     if (length == 0) {
       return;
     }
-    const uint32_t shift = position + literals - source;
-    std::vector<uint32_t> shifts = {shift};
-    const size_t from = shifts_[0] == shift ? 0 : shifts_[1] == shift ? 1 : 2;
-    for (size_t i = 0; i < 3; ++i) {
-      if (i != from) {
-        shifts.push_back(shifts_[i]);
-      }
-    }
-    shifts_ = shifts;
-    match_shift_ = shift;
+    match_shift_ = position + literals - source;
     source_end_ = source + length;
     while (length != 0) {
       const uint32_t taken = read_token(source, length);
@@ -227,10 +215,7 @@ class PlainDecoder : private PlainCoder, private PlainMachine {
       }
       return;
     }
-    uint32_t place = position - match_shift_;
-    if (flag(12, 0) == 0) {
-      place += signed_number(13);
-    }
+    const uint32_t place = position - match_shift_ + signed_number(13);
     match_shift_ = position - place;
     require(length <= end - position && place <= old_.size() && length <= old_.size() - place);
     new_.insert(new_.end(), old_.begin() + place,
@@ -554,8 +539,8 @@ class PlainDecoder : private PlainCoder, private PlainMachine {
     const auto kind = static_cast<uint32_t>(token.kind);
     const uint32_t group =
         4 * kind + (token.predicted != token.old_value ? 2 : 0) + (token.learned ? 1 : 0);
-    const bool is_hit =
-        flag(kPredictedContext, 64 * group + 8 * (outcomes_[kind] % 4) + all_outcomes_ % 8) != 0;
+    const uint32_t outcomes = 8 * (outcomes_[kind] % 4) + all_outcomes_ % 8;
+    const bool is_hit = flag(kPredictedContext, 64 * group + outcomes, outcomes == 0 ? 7 : 4) != 0;
     uint32_t value = token.predicted;
     if (!is_hit) {
       if (token.predicted != token.old_value && flag(14, group) != 0) {
@@ -588,7 +573,6 @@ class PlainDecoder : private PlainCoder, private PlainMachine {
   bool reads_new_ = false, distances_ = false;
   std::vector<std::pair<uint32_t, uint32_t>> learned_;
   std::vector<Entry> entries_, by_source_;
-  std::vector<uint32_t> shifts_ = {0, 0, 0};
   uint32_t match_shift_ = 0, distance_ = 0, matches_ = 0, source_end_ = 0, tail_ = 1;
   std::array<std::list<uint32_t>, 3> differences_ = {
       std::list<uint32_t>(6, 0), std::list<uint32_t>(6, 0), std::list<uint32_t>(6, 0)};
