@@ -16,11 +16,12 @@
 namespace kelvane {
 namespace {
 
-constexpr uint32_t kLeastEntry = 12;       // bytes of a copy that goes into the map
-constexpr size_t kLargeImage = 1U << 20U;  // from here on normal effort makes fewer tries
+constexpr uint32_t kLeastEntry = 12;  // bytes of a copy that goes into the map
 constexpr uint32_t kFirstBlockBits = 60;
-constexpr size_t kFewMachines = 3;  // that are tried on images far apart
-constexpr size_t kSlack = 32;       // bytes in which small payloads may differ by chance
+constexpr size_t kLargeImage = 1U << 20U;
+constexpr size_t kFewMachines = 3;  // that stay behind the first round; images far apart begin so
+constexpr size_t kFewestMachines = 2;  // that stay behind the next ones
+constexpr size_t kSlack = 32;          // bytes in which small payloads may differ by chance
 
 struct try_settings {
   uint32_t block_bits = 50;
@@ -29,25 +30,31 @@ struct try_settings {
 
 struct effort_settings {
   uint32_t rounds = 1;
-  std::vector<try_settings> tries = {{}};
+  // So many rounds make the first try alone: they find the machine, the base and a map to predict
+  // with, for which the settings of the alignment matter little.
+  uint32_t single_rounds = 0;
+  std::vector<try_settings> tries;
 };
 
-effort_settings settings_for(dense_effort effort, size_t new_size) {
+// Many tries in the last round alone take a fourth of the time that they take in each, and payloads
+// differ by half a percent either way.
+effort_settings settings_for(dense_effort effort, size_t new_size, bool is_far_apart) {
   // The first round has no map to predict with, so one alone may miss what moved.
   if (effort == dense_effort::quick ||
-      (effort == dense_effort::normal && new_size >= kLargeImage)) {
-    return {2, {{}}};
+      (effort == dense_effort::normal && is_far_apart && new_size >= kLargeImage)) {
+    return {2, 0, {{}}};
   }
   if (effort == dense_effort::best) {
-    effort_settings settings = {3, {}};
-    for (const uint32_t block_bits : {40U, 50U, 60U}) {
-      for (const uint32_t stored_word_bits : {16U, 18U, 22U}) {
-        settings.tries.push_back({block_bits, stored_word_bits});
-      }
+    effort_settings settings = {3, 1, {{}}};
+    for (const uint32_t stored_word_bits : {16U, 18U, 22U}) {
+      settings.tries.push_back({40, stored_word_bits});
+      settings.tries.push_back({60, stored_word_bits});
     }
+    settings.tries.push_back({50, 16});
+    settings.tries.push_back({50, 22});
     return settings;
   }
-  return {3, {{40, 16}, {60, 16}, {40, 22}, {60, 22}}};
+  return {3, 2, {{}, {40, 16}, {60, 16}, {40, 22}, {60, 22}}};
 }
 
 // A plan and its payload.
@@ -125,7 +132,8 @@ class search {
   }
   std::vector<shift_stretch> first_alignment();
   std::vector<dense_options> likely_options(std::span<const shift_stretch> stretches) const;
-  void next_round(std::vector<contender>& contenders, const effort_settings& settings);
+  void next_round(std::vector<contender>& contenders, std::span<const try_settings> tries);
+  void drop_behind(std::vector<contender>& contenders, uint32_t round) const;
   void take_winner(contender& contender, candidate& winner) const;
   static size_t index_of(ByteOrder order) { return order == ByteOrder::kBig ? 1 : 0; }
   void make_seeds(ByteOrder order);
@@ -292,24 +300,38 @@ void search::make_seeds(ByteOrder order) {
 }
 
 // All tries of all contenders share the threads.
-void search::next_round(std::vector<contender>& contenders, const effort_settings& settings) {
-  const size_t tries = settings.tries.size();
-  std::vector<candidate> made(contenders.size() * tries);
+void search::next_round(std::vector<contender>& contenders, std::span<const try_settings> tries) {
+  std::vector<candidate> made(contenders.size() * tries.size());
   for (const contender& each : contenders) {
     make_seeds(each.options.target.data_order);
   }
   run_tasks(made.size(), request_.jobs, [&](size_t i) {
-    const contender& from = contenders[i / tries];
+    const contender& from = contenders[i / tries.size()];
     made[i].options = from.options;
     made[i].stretches =
-        align(from.options, from.knowledge, settings.tries[i % tries], from.kept_shifts);
+        align(from.options, from.knowledge, tries[i % tries.size()], from.kept_shifts);
     made[i].plan = plan_of(made[i].stretches, from.options.reads_new);
     write(made[i]);
   });
   for (size_t i = 0; i < contenders.size(); ++i) {
-    const auto first = made.begin() + static_cast<ptrdiff_t>(i * tries);
+    const auto first = made.begin() + static_cast<ptrdiff_t>(i * tries.size());
     take_winner(contenders[i],
-                *std::min_element(first, first + static_cast<ptrdiff_t>(tries), is_smaller));
+                *std::min_element(first, first + static_cast<ptrdiff_t>(tries.size()), is_smaller));
+  }
+}
+
+// Puts the best one first and leaves out who is far behind it. What is 5 % behind, and some bytes,
+// does not catch up, but that the first round, without a map, shows little.
+void search::drop_behind(std::vector<contender>& contenders, uint32_t round) const {
+  std::stable_sort(contenders.begin(), contenders.end(),
+                   [](const contender& first, const contender& second) {
+                     return is_smaller(first.best, second.best);
+                   });
+  const size_t most = round == 0 ? kFewMachines : kFewestMachines;
+  const size_t percent = round == 0 && !is_far_apart_ ? 150 : 105;
+  const size_t limit = contenders.front().best.size() * percent / 100 + kSlack;
+  while (contenders.size() > most || contenders.back().best.size() > limit) {
+    contenders.pop_back();
   }
 }
 
@@ -339,31 +361,19 @@ dense_update search::run() {
           likely_base(images_, reach_.readable_copies(stretches), *request_.target);
     }
   }
-  const effort_settings settings = settings_for(request_.effort, images_.new_image.size());
+  const effort_settings settings =
+      settings_for(request_.effort, images_.new_image.size(), is_far_apart_);
   std::vector<contender> contenders;
   contenders.reserve(likely.size());
   for (const dense_options& options : likely) {
     contenders.push_back({options, {}, {}, {}});
   }
-  const auto by_best = [](const contender& first, const contender& second) {
-    return is_smaller(first.best, second.best);
-  };
   for (uint32_t round = 0; round < settings.rounds; ++round) {
-    next_round(contenders, settings);
-    // What is 5 % behind, and some bytes, does not catch up, but that the first round, without a
-    // map, shows little.
-    if (round == 0 && !is_far_apart_) {
-      continue;
-    }
-    const size_t least =
-        std::min_element(contenders.begin(), contenders.end(), by_best)->best.size();
-    contenders.erase(std::remove_if(contenders.begin(), contenders.end(),
-                                    [&](const contender& each) {
-                                      return each.best.size() * 20 > least * 21 + 20 * kSlack;
-                                    }),
-                     contenders.end());
+    const std::span<const try_settings> tries = settings.tries;
+    next_round(contenders, round < settings.single_rounds ? tries.first(1) : tries);
+    drop_behind(contenders, round);
   }
-  candidate best = std::move(std::min_element(contenders.begin(), contenders.end(), by_best)->best);
+  candidate best = std::move(contenders.front().best);
   try_without_differences(best);
   try_without_new(best);
   dense_update update;
