@@ -36,6 +36,9 @@ run kelmake --ram old.elf new.elf -o other
 printf '.text\n' >words
 run kelmake --ram --format 0 --exclude words old.elf new.elf -o other
 run kelmake --ram --format 0 --exclude words old.elf new.elf -o words
+run kelpatch apply --ram --base 0 old.elf patch -o old.elf
+run kelpatch verify --ram --max-size 1 old.elf new.elf patch
+run kelpatch show --ram --byte-order big old.elf new.elf patch
 run kelmake --ram --exclude missing old.elf new.elf -o other
 echo text >plain
 run kelmake --ram plain new.elf -o other

@@ -61,8 +61,14 @@ head -c 3000 old.elf | head -c 200 >cut.elf
 { bytes 7F454C46 02010100 && head -c 60 /dev/zero; } >wide.elf
 kelmake --bundle either.elf either2.elf -o update | grep '^  machine'
 kelmake --bundle --machine none --base 0x100000 --big-endian either.elf either2.elf -o update | grep '^  machine'
+# A machine whose code is little-endian keeps that where the command line tells another order.
+elf 243 0 0 0x8000 code >risc.elf
+elf 243 0 0 0x8000 longer >risc2.elf
+kelmake --bundle --big-endian --effort quick risc.elf risc2.elf -o update | grep '^  machine'
+{ head -c 4 old.elf && bytes 00 && tail -c +6 old.elf; } >class.elf
+elf 40 0 0 0xFFFFF800 code >beyond.elf
 for pair in 'old.elf new.bin' 'old.bin new.elf' 'old.elf power.elf' 'old.elf overlap.elf' \
-  'old.elf far.elf' 'empty.elf new.elf' 'cut.elf new.elf' 'wide.elf new.elf'; do
+  'old.elf far.elf' 'empty.elf new.elf' 'cut.elf new.elf' 'wide.elf new.elf' 'class.elf new.elf' 'old.elf beyond.elf'; do
   # shellcheck disable=SC2086
   run kelmake --bundle --quiet $pair -o kept
   # shellcheck disable=SC2086

@@ -259,14 +259,17 @@ Options parse_options(const std::vector<std::string>& arguments) {
     // A long option has its value behind '=' or in the next argument.
     const size_t equals = argument.starts_with("--") ? argument.find('=') : std::string::npos;
     const std::string name = argument.substr(0, equals);
-    const auto value = [&]() -> std::string {
+    const auto value = [&] {
+      std::string text;
       if (equals != std::string::npos) {
-        return argument.substr(equals + 1);
+        text = argument.substr(equals + 1);
+      } else if (i + 1 < arguments.size()) {
+        text = arguments[++i];
       }
-      if (i + 1 == arguments.size()) {
+      if (text.empty()) {
         usage_error("option '" + name + "' requires an argument");
       }
-      return arguments[++i];
+      return text;
     };
     if (name == "-o" || name == "--output") {
       options.patch_name = value();

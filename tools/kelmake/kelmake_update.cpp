@@ -70,21 +70,34 @@ std::vector<dense_target> with_orders(uint8_t machine, const std::optional<ByteO
   return targets;
 }
 
-// What the encoder is to choose from: what the files and the command line tell. Empty if both tell
-// nothing of the machine.
+// What the encoder is to choose from: what the files and the command line tell, the latter first.
+// Empty if both tell nothing of the machine.
 std::vector<dense_target> targets_of(const Options& options, const FlashImages& images) {
-  std::vector<dense_target> targets = images.targets;
-  if (options.update.machine && targets.empty()) {
-    targets = with_orders(*options.update.machine, options.order);
-  } else if (options.update.machine) {
-    targets.resize(1);
-    targets[0].machine = *options.update.machine;
+  const std::optional<uint8_t>& machine = options.update.machine;
+  std::vector<dense_target> targets;
+  if (images.targets.empty() && machine) {
+    targets = with_orders(*machine, options.order);
+  }
+  for (const dense_target& told : images.targets) {
+    // An order or a machine that agrees with the file adds nothing to it.
+    const bool is_same_order = options.order.value_or(told.data_order) == told.data_order;
+    if (is_same_order && machine.value_or(told.machine) == told.machine) {
+      targets.push_back(told);
+    }
+  }
+  if (targets.empty()) {
+    for (const dense_target& told : images.targets) {
+      for (dense_target target :
+           with_orders(machine.value_or(told.machine), options.order.value_or(told.data_order))) {
+        target.base = told.base;
+        targets.push_back(target);
+      }
+      if (machine) {
+        break;  // the others would be made the same
+      }
+    }
   }
   for (dense_target& target : targets) {
-    if (options.order && !images.targets.empty()) {
-      target.code_order = *options.order;
-      target.data_order = *options.order;
-    }
     target.base = options.update.base.value_or(target.base);
   }
   return targets;
@@ -284,9 +297,12 @@ void make_update(const Options& options) {
   const kelvane::dense_update found = found_update(options, images, geometry);
   const UpdateFile update(options.patch_name, bundle_of(options, images, geometry, found));
   prove(options, images, update);
-  write_file(options.patch_name, update.bytes());
-
-  if (options.quiet && options.report_name.empty()) {
+  // A report tells what a patch would take too; without one the update need not wait for that.
+  const bool has_report = !options.report_name.empty();
+  if (!has_report) {
+    write_outputs(options, update.bytes(), {});
+  }
+  if (options.quiet && !has_report) {
     return;
   }
   const UpdateOutcome outcome = {
@@ -296,9 +312,8 @@ void make_update(const Options& options) {
       update,
       way_by_patch(options, images, geometry),
       std::chrono::duration<double>(steady_clock::now() - start).count()};
-  if (!options.report_name.empty()) {
-    const std::string report = json_of_update(outcome);
-    write_file(options.report_name, Bytes(report.begin(), report.end()));
+  if (has_report) {
+    write_outputs(options, update.bytes(), json_of_update(outcome));
   }
   if (!options.quiet) {
     std::fputs(text_of_update(outcome).c_str(), stdout);

@@ -2,6 +2,7 @@
 // applier that runs on targets and nothing else of this project.
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
@@ -86,6 +87,7 @@ struct CommandLine {
   ImageOptions images;
   std::optional<uint32_t> base;
   DeviceOptions device;
+  std::string device_option;  // the first one of devices that was told
   bool quiet = false;
   bool help = false;
   bool version = false;
@@ -154,6 +156,7 @@ struct DeviceNumber {
   const char* name;
   uint32_t least;
   uint32_t most;
+  bool is_power;  // of two
   void (*set)(DeviceOptions& device, uint32_t number);
 };
 
@@ -162,16 +165,16 @@ constexpr uint32_t kMostPages = 65535;
 
 // clang-format off
 constexpr DeviceNumber kDeviceNumbers[] = {
-    // name           least most
-    {"--page",         64, kMostBytes, [](DeviceOptions& device, uint32_t number) { device.spare.page_size = number; }},
-    {"--ring",         1,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.spare.ring = number; }},
-    {"--spare",        1,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.spare.spare = number; }},
-    {"--unit",         4,  32,         [](DeviceOptions& device, uint32_t number) { device.unit = number; }},
-    {"--window",       4,  kMostBytes, [](DeviceOptions& device, uint32_t number) { device.window = number; }},
-    {"--classes",      0,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.classes = number; }},
-    {"--erase-time",   0,  kMostBytes, [](DeviceOptions& device, uint32_t number) { device.erase_time = number; }},
-    {"--program-time", 0,  kMostBytes, [](DeviceOptions& device, uint32_t number) { device.program_time = number; }},
-    {"--signature",    0,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.signature = number; }},
+    // name           least most        power
+    {"--page",         64, kMostBytes, true,  [](DeviceOptions& device, uint32_t number) { device.spare.page_size = number; }},
+    {"--ring",         1,  kMostPages, false, [](DeviceOptions& device, uint32_t number) { device.spare.ring = number; }},
+    {"--spare",        1,  kMostPages, false, [](DeviceOptions& device, uint32_t number) { device.spare.spare = number; }},
+    {"--unit",         4,  32,         true,  [](DeviceOptions& device, uint32_t number) { device.unit = number; }},
+    {"--window",       4,  kMostBytes, true,  [](DeviceOptions& device, uint32_t number) { device.window = number; }},
+    {"--classes",      0,  kMostPages, false, [](DeviceOptions& device, uint32_t number) { device.classes = number; }},
+    {"--erase-time",   0,  kMostBytes, false, [](DeviceOptions& device, uint32_t number) { device.erase_time = number; }},
+    {"--program-time", 0,  kMostBytes, false, [](DeviceOptions& device, uint32_t number) { device.program_time = number; }},
+    {"--signature",    0,  kMostPages, false, [](DeviceOptions& device, uint32_t number) { device.signature = number; }},
 };
 // clang-format on
 
@@ -183,6 +186,9 @@ uint32_t number_named(const DeviceNumber& option, const std::string& word) {
     usage_error("'" + std::string(option.name) + "' takes a number from " +
                 std::to_string(option.least) + " to " + std::to_string(option.most) + ", not '" +
                 word + "'");
+  }
+  if (option.is_power && !std::has_single_bit(number)) {
+    usage_error("'" + std::string(option.name) + "' takes a power of two, not '" + word + "'");
   }
   return number;
 }
@@ -203,7 +209,6 @@ bool parse_device(DeviceOptions& device, const std::string& argument, const std:
   } else {
     return false;
   }
-  device.is_set = true;
   return true;
 }
 
@@ -219,14 +224,17 @@ CommandLine parse(const std::vector<std::string>& arguments) {
     // A long option has its value behind '=' or in the next argument.
     const size_t equals = argument.starts_with("--") ? argument.find('=') : std::string::npos;
     const std::string name = argument.substr(0, equals);
-    const auto value = [&]() -> std::string {
+    const auto value = [&] {
+      std::string text;
       if (equals != std::string::npos) {
-        return argument.substr(equals + 1);
+        text = argument.substr(equals + 1);
+      } else if (i + 1 < arguments.size()) {
+        text = arguments[++i];
       }
-      if (i + 1 == arguments.size()) {
+      if (text.empty()) {
         usage_error("option '" + name + "' requires an argument");
       }
-      return arguments[++i];
+      return text;
     };
     if (name == "-o" || name == "--output") {
       line.output = value();
@@ -254,6 +262,8 @@ CommandLine parse(const std::vector<std::string>& arguments) {
       only_operands = true;
     } else if (!parse_device(line.device, argument, name, value)) {
       usage_error("unknown option '" + argument + "'");
+    } else if (line.device_option.empty()) {
+      line.device_option = name;
     }
   }
   return line;
@@ -308,12 +318,12 @@ void verify(const CommandLine& line) {
 }
 
 void plan(const CommandLine& line) {
-  plan_update(line.operands[1], line.operands[2], line.device);
+  plan_update(line.operands[1], line.operands[2], line.device, line.options.max_size);
 }
 
 void bundle(const CommandLine& line) {
   const std::vector<std::string>& names = line.operands;
-  make_update(names[1], names[2], names[3], line.output, line.device);
+  make_update(names[1], names[2], names[3], line.output, line.device, line.options.max_size);
 }
 
 struct Command {
@@ -339,10 +349,14 @@ constexpr Command kCommands[] = {
 // Ends the run unless the options go together.
 void check_options(const CommandLine& line, const std::string& command) {
   const bool for_devices = command == "plan" || command == "bundle";
-  if (for_devices ? line.ram || line.quiet || line.options.max_size ||
-                        line.options.order != ByteOrder::kFound
-                  : line.device.is_set) {
-    usage_error("'" + command + "' does not take all of these options");
+  if (!for_devices && !line.device_option.empty()) {
+    usage_error("'" + line.device_option + "' is for 'plan' and 'bundle'");
+  }
+  if (for_devices && (line.ram || line.quiet || line.options.order != ByteOrder::kFound)) {
+    usage_error("'" + command + "' takes none of '--ram', '--quiet' and '--byte-order'");
+  }
+  if (line.ram && line.options.order != ByteOrder::kFound) {
+    usage_error("with '--ram' the images tell the byte order");
   }
   if (command == "plan" &&
       (line.device.rollback || line.device.simulate || line.device.signature != 0)) {
@@ -353,6 +367,9 @@ void check_options(const CommandLine& line, const std::string& command) {
   }
   if (command == "show" && (line.quiet || line.options.max_size)) {
     usage_error("'show' takes neither '--quiet' nor '--max-size'");
+  }
+  if (command == "verify" && line.ram && line.options.max_size) {
+    usage_error("'verify' takes no '--max-size' with '--ram'");
   }
   const bool has_images = !line.images.excluded.empty() || !line.images.aliases.empty();
   if (!line.ram && (line.base || has_images)) {

@@ -68,7 +68,16 @@ Bytes updated(const UpdateFile& update, const std::string& old_name, const Bytes
           "; if that is right, allow it by --max-size %" PRIu32,
           update.name().c_str(), images.new_size, max_size, images.new_size);
   }
-  SimulatedDevice device(device_for(update), view_of(old_image), 1);
+  const DeviceShape shape = device_for(update);
+  // A header may tell of any number of spare pages, which take memory here.
+  constexpr uint32_t kUsualSpare = 256U << 20U;
+  const uint32_t spare = shape.spare_pages * shape.flash.page_size;
+  if (spare > std::max(kUsualSpare, max_size)) {
+    fatal("'%s' needs %" PRIu32 " bytes of spare pages, more than %" PRIu32
+          "; if that is right, allow it by --max-size %" PRIu32,
+          update.name().c_str(), spare, std::max(kUsualSpare, max_size), spare);
+  }
+  SimulatedDevice device(shape, view_of(old_image), 1);
   const int code = device.run(source_of(update.bytes()));
   if (code != KELVANE_APPLY_OK) {
     mismatch("a device refuses '%s': %s", update.name().c_str(), kelvane_update_text(code));
