@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <mutex>
 #include <stdexcept>
 
 #include "dense_base.h"
@@ -126,6 +127,7 @@ class search {
   std::vector<shift_stretch> first_alignment();
   std::vector<dense_options> likely_options(std::span<const shift_stretch> stretches) const;
   void next_round(std::vector<contender>& contenders, const effort_settings& settings);
+  void note_try(size_t size);
   void take_winner(contender& contender, candidate& winner) const;
   static size_t index_of(ByteOrder order) { return order == ByteOrder::kBig ? 1 : 0; }
   void make_seeds(ByteOrder order);
@@ -140,6 +142,8 @@ class search {
   string_seeds strings_;
   bool is_far_apart_;
   std::array<std::optional<difference_seeds>, 2> differences_;  // by order, those asked for
+  std::mutex progress_lock_;
+  plan_progress progress_;
 };
 
 std::vector<shift_stretch> search::align(const dense_options& options,
@@ -305,11 +309,21 @@ void search::next_round(std::vector<contender>& contenders, const effort_setting
         align(from.options, from.knowledge, settings.tries[i % tries], from.kept_shifts);
     made[i].plan = plan_of(made[i].stretches, from.options.reads_new);
     write(made[i]);
+    note_try(made[i].size());
   });
   for (size_t i = 0; i < contenders.size(); ++i) {
     const auto first = made.begin() + static_cast<ptrdiff_t>(i * tries);
     take_winner(contenders[i],
                 *std::min_element(first, first + static_cast<ptrdiff_t>(tries), is_smaller));
+  }
+}
+
+void search::note_try(size_t size) {
+  const std::lock_guard<std::mutex> held(progress_lock_);
+  progress_.best_size = progress_.tries == 0 ? size : std::min<uint64_t>(progress_.best_size, size);
+  ++progress_.tries;
+  if (request_.report) {
+    request_.report(progress_);
   }
 }
 
@@ -349,6 +363,8 @@ dense_update search::run() {
     return is_smaller(first.best, second.best);
   };
   for (uint32_t round = 0; round < settings.rounds; ++round) {
+    const size_t rest = (settings.rounds - round) * settings.tries.size() * contenders.size();
+    progress_.most_tries = progress_.tries + static_cast<uint32_t>(rest);
     next_round(contenders, settings);
     // What is 5 % behind, and some bytes, does not catch up, but that the first round, without a
     // map, shows little.

@@ -37,7 +37,7 @@ printf '%0204d' 12 >table2
 elf 40 0 0x8001 0x8000 code 0x10000 table >old.elf
 elf 40 0 0x8001 0x8000 longer 0x10000 table2 >new.elf
 
-kelmake --bundle --simulate --page 1024 --report report old.elf new.elf -o update | grep -vE '^  (RAM|code) '
+kelmake --bundle --simulate --page 1024 --report report old.elf new.elf -o update | grep -v '^  bytes of '
 grep -E '"(ranges|pages|base)"' report
 kelpatch show update | grep -E '^(pages|range)'
 

@@ -100,18 +100,17 @@ void make_patch(const Options& options) {
       return steady_clock::now() - start >= limit;
     };
   }
+  std::optional<ProgressLine> progress(std::in_place, options);
+  request.report = [&](const kelvane::plan_progress& now) { progress->show(now); };
   Bytes patch;  // of the plan that was asked about last
   request.fault_of = [&](const kelvane::plan& planned) {
+    progress->begin("trying the patch");
     patch = kelvane::write_plan(request.images, planned, request.rules);
     return kelvane::fault_of_patch(request.images, patch, planned.order);
   };
-  kelvane::found_plan found;
-  {
-    ProgressLine progress(options);
-    request.report = [&](const kelvane::plan_progress& now) { progress.show(now); };
-    found = kelvane::search_plan(request);
-    request.report = nullptr;
-  }
+  progress->begin("making the patch");
+  const kelvane::found_plan found = kelvane::search_plan(request);
+  progress.reset();
   if (!found.fault.empty()) {
     fatal("internal: the patch from '%s' to '%s' does not hold: %s", options.old_name.c_str(),
           options.new_name.c_str(), found.fault.c_str());

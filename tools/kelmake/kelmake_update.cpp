@@ -13,6 +13,7 @@
 #include "dense_search.h"
 #include "kelmake_elf.h"
 #include "kelmake_files.h"
+#include "kelmake_report.h"
 #include "kelmake_update_report.h"
 #include "patch_split.h"
 #include "plan_patch.h"
@@ -181,7 +182,8 @@ dense_target best_target(kelvane::dense_request request, const std::vector<dense
 }
 
 kelvane::dense_update found_update(const Options& options, const FlashImages& images,
-                                   const kelvane::flash_geometry& geometry) {
+                                   const kelvane::flash_geometry& geometry,
+                                   ProgressLine& progress) {
   kelvane::dense_request request;
   request.images = {images.old_image, images.new_image};
   request.geometry = geometry;
@@ -192,6 +194,8 @@ kelvane::dense_update found_update(const Options& options, const FlashImages& im
                    : options.effort == kelvane::plan_effort::normal ? dense_effort::normal
                                                                     : dense_effort::best;
   request.jobs = options.jobs;
+  request.report = [&](const kelvane::plan_progress& now) { progress.show(now); };
+  progress.begin("looking for the machine");
   std::vector<dense_target> targets = targets_of(options, images);
   if (targets.empty() && (options.order || options.update.base)) {
     targets = guessed_targets(request, options);
@@ -200,6 +204,7 @@ kelvane::dense_update found_update(const Options& options, const FlashImages& im
     request.base_is_known = !images.targets.empty() || options.update.base;
     request.target = best_target(request, targets);
   }
+  progress.begin("making the update");
   return searched(request);
 }
 
@@ -232,29 +237,31 @@ Bytes bundle_of(const Options& options, const FlashImages& images,
   return make_bundle(plan, parts);
 }
 
-// Ends the run unless a device of that geometry gets from the old image to the new one.
-void prove(const Options& options, const FlashImages& images, const UpdateFile& update) {
+// Ends the run unless a device of that geometry gets from the old image to the new one. Gives what
+// came of cuts of power, if the options ask for that.
+std::string prove(const Options& options, const FlashImages& images, const UpdateFile& update,
+                  ProgressLine& progress) {
   if (kelpatch::updated(update, options.old_name, images.old_image, UINT32_MAX) !=
       images.new_image) {
     fatal("internal: the update from '%s' to '%s' makes another image", options.old_name.c_str(),
           options.new_name.c_str());
   }
-  if (options.update.simulate) {
-    const std::string line =
-        kelpatch::simulate_cuts(kelpatch::device_for(update), images.old_image, images.new_image,
-                                update.bytes(), options.patch_name);
-    if (!options.quiet) {
-      std::fputs(line.c_str(), stdout);
-    }
+  if (!options.update.simulate) {
+    return {};
   }
+  progress.begin("cutting power");
+  return kelpatch::simulate_cuts(kelpatch::device_for(update), images.old_image, images.new_image,
+                                 update.bytes(), options.patch_name);
 }
 
 // ---- The same by a patch ------------------------------------------------------------------------
 
 // The bundle with a patch that needs the fewest spare pages.
 PatchWay way_by_patch(const Options& options, const FlashImages& images,
-                      const kelvane::flash_geometry& geometry) {
+                      const kelvane::flash_geometry& geometry, ProgressLine& progress) {
   kelvane::plan_request request;
+  request.report = [&](const kelvane::plan_progress& now) { progress.show(now); };
+  progress.begin("making a patch to compare");
   request.images = {images.old_image, images.new_image};
   request.rules = kelvane::rules_for(kelvane::patch_profile::wide, 1);
   request.effort = options.effort;
@@ -294,9 +301,11 @@ void make_update(const Options& options) {
     std::fputs(text_of_images(options, images).c_str(), stdout);
     std::fflush(stdout);
   }
-  const kelvane::dense_update found = found_update(options, images, geometry);
+  std::optional<ProgressLine> progress(std::in_place, options);
+  const kelvane::dense_update found = found_update(options, images, geometry, *progress);
+  progress->begin("trying the update");
   const UpdateFile update(options.patch_name, bundle_of(options, images, geometry, found));
-  prove(options, images, update);
+  const std::string cuts = prove(options, images, update, *progress);
   // A report tells what a patch would take too; without one the update need not wait for that.
   const bool has_report = !options.report_name.empty();
   if (!has_report) {
@@ -310,13 +319,14 @@ void make_update(const Options& options) {
       images,
       found,
       update,
-      way_by_patch(options, images, geometry),
+      way_by_patch(options, images, geometry, *progress),
       std::chrono::duration<double>(steady_clock::now() - start).count()};
+  progress.reset();
   if (has_report) {
     write_outputs(options, update.bytes(), json_of_update(outcome));
   }
   if (!options.quiet) {
-    std::fputs(text_of_update(outcome).c_str(), stdout);
+    std::fputs((cuts + text_of_update(outcome)).c_str(), stdout);
   }
 }
 

@@ -82,17 +82,8 @@ Needs needs_of_patch(const PatchWay& patch) {
           size.code};
 }
 
-std::string row(const char* name, uint64_t update, uint64_t patch, const std::string& remark = "") {
-  return formatted("  %-22s %10" PRIu64 " %10" PRIu64 "%s%s\n", name, update, patch,
-                   remark.empty() ? "" : "   ", remark.c_str());
-}
-
-std::string pages_of(const Needs& needs) {
-  std::string text = formatted("ring %" PRIu32 ", slots %" PRIu32, needs.ring, needs.slots);
-  if (needs.checkpoint != 0) {
-    text += formatted(", checkpoints 2 x %" PRIu32, needs.checkpoint);
-  }
-  return text;
+std::string row(const char* name, uint64_t update, uint64_t patch) {
+  return formatted("  %-26s %12" PRIu64 " %12" PRIu64 "\n", name, update, patch);
 }
 
 const char* name_of_bool(bool value) {
@@ -147,17 +138,22 @@ std::string text_of_update(const UpdateOutcome& outcome) {
                 info.map_entries == 1 ? "1 entry"
                                       : formatted("%" PRIu32 " entries", info.map_entries).c_str());
   text += formatted("  %zu of %" PRIu32 " pages change\n", plan.changed.size(), plan.pages);
-  text += formatted("a device needs %19s %10s\n", "update", "by a patch");
+  text += formatted("%-28s %12s %12s\n", "a device needs", "this update", "by a patch");
   text += row("bytes to receive", dense.bytes, patch.bytes);
-  text += row("spare pages", dense.spare(), patch.spare(),
-              "(" + pages_of(dense) + "; by a patch " + pages_of(patch) + ")");
-  text += row("RAM without window", dense.memory, patch.memory);
+  text += row("spare pages of flash", dense.spare(), patch.spare());
+  text += row("  ring of saved pages", dense.ring, patch.ring);
+  text += row("  slots of kept pages", dense.slots, patch.slots);
+  text += row("  two checkpoints", 2 * dense.checkpoint, 2 * patch.checkpoint);
+  text += row("bytes of RAM, and a window", dense.memory, patch.memory);
+  text += row("bytes of code", dense.code, patch.code);
   text +=
-      row("code", dense.code, patch.code, formatted("(%s, %s, all machines)", kProcessor, kLevel));
+      formatted("RAM and code are those of a %s, code by clang %s; a window is at most a page.\n",
+                kProcessor, kLevel);
   if (options.update.spare && patch.spare() > *options.update.spare) {
     text +=
         formatted("A patch would not fit into %" PRIu32 " spare pages.\n", *options.update.spare);
   }
+  text += "Carried out on a model of the flash, it made the new image.\n";
   text +=
       info.reads_new != 0
           ? "The device cannot compute the new image before it erases a page; with --rehearse it "
