@@ -285,6 +285,10 @@ void ProgressLine::show(const kelvane::plan_progress& progress) {
                 stage_, progress.tries, progress.most_tries, progress.best_size, left));
 }
 
+void ProgressLine::show(const char* unit, uint64_t count, uint64_t all) {
+  put(formatted("%s: %s %" PRIu64 " of %" PRIu64, stage_, unit, count, all));
+}
+
 void ProgressLine::put(const std::string& line) {
   if (!is_on_) {
     return;

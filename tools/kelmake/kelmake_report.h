@@ -65,6 +65,8 @@ class ProgressLine {
   // `stage` says what is being done, and stays the caller's until the next one begins.
   void begin(const char* stage);
   void show(const kelvane::plan_progress& progress);
+  // "<stage>: <unit> 3 of 20".
+  void show(const char* unit, uint64_t count, uint64_t all);
 
  private:
   using Clock = std::chrono::steady_clock;

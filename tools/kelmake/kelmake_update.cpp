@@ -250,8 +250,10 @@ std::string prove(const Options& options, const FlashImages& images, const Updat
     return {};
   }
   progress.begin("cutting power");
-  return kelpatch::simulate_cuts(kelpatch::device_for(update), images.old_image, images.new_image,
-                                 update.bytes(), options.patch_name);
+  return kelpatch::simulate_cuts(
+      kelpatch::device_for(update), images.old_image, images.new_image, update.bytes(),
+      options.patch_name,
+      [&](uint64_t operations, uint64_t all) { progress.show("operation", operations, all); });
 }
 
 // ---- The same by a patch ------------------------------------------------------------------------

@@ -169,7 +169,7 @@ Bytes tried_bundle(const std::string& name, const Bytes& way, const NamedImage& 
   SimulatedDevice tried(shape, view_of(from.bytes), 1);
   require_right(tried.run(source_of(bundle)), tried, to.bytes, name);
   if (device.simulate) {
-    std::fputs(simulate_cuts(shape, from.bytes, to.bytes, bundle, name).c_str(), stdout);
+    std::fputs(simulate_cuts(shape, from.bytes, to.bytes, bundle, name, {}).c_str(), stdout);
   }
   return bundle;
 }

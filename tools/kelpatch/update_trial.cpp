@@ -100,7 +100,8 @@ void require_right(int code, SimulatedDevice& tried, const Bytes& new_image,
 }
 
 std::string simulate_cuts(const DeviceShape& shape, const Bytes& old_image, const Bytes& new_image,
-                          const Bytes& update, const std::string& name) {
+                          const Bytes& update, const std::string& name,
+                          const std::function<void(uint64_t operations, uint64_t all)>& report) {
   // Each cut takes a few updates, whose time grows with the image.
   constexpr uint64_t kBytes = 1U << 30U;
   const uint64_t most_cuts =
@@ -108,8 +109,12 @@ std::string simulate_cuts(const DeviceShape& shape, const Bytes& old_image, cons
   SimulatedDevice counting(shape, view_of(old_image), 1);
   counting.run(source_of(update));
   CutPlan cuts;
-  cuts.every = counting.flash().operations() / most_cuts + 1;
+  const uint64_t all = counting.flash().operations();
+  cuts.every = all / most_cuts + 1;
   cuts.more = 3;
+  if (report) {
+    cuts.report = [&](uint64_t operations) { report(operations, all); };
+  }
   const CutResult result =
       cut_everywhere(shape, view_of(old_image), view_of(new_image), source_of(update), cuts);
   if (result.wrong != 0 || result.violations != 0) {
