@@ -44,6 +44,7 @@ echo text >plain
 run kelmake --ram plain new.elf -o other
 run kelmake --ram old.elf plain -o other
 run kelmake --ram old.elf missing -o other
-head -c 60 new.elf >cut.elf
-run kelmake --ram old.elf cut.elf -o other
+# A message of a reader gets the name of the file, also where its letters happen to stand in it.
+head -c 60 new.elf >e
+run kelmake --ram old.elf e -o other
 ls
