@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // Erases and seconds of an update in flash, power-safe by pages, against the applier in file order
 // through a write buffer of one page, which is not power-safe; and what checkpoints cost a dense
-// update. Prints the tables of docs/device.md.
+// update. Prints the tables of docs/device.md: made-up pairs, and ahead of them those that are
+// given.
+//   flash_bench [NAME OLD NEW PATCH]...
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
@@ -19,10 +23,15 @@
 namespace kelvane {
 namespace {
 
-constexpr uint32_t kPage = 4096;
+// Flash of a larger part, and of one as small as the given images.
+struct Geometry {
+  uint32_t page;
+  double erase_seconds;
+  double program_seconds;  // for a page
+};
+constexpr Geometry kLarge = {4096, 0.085, 0.042};
+constexpr Geometry kSmall = {1024, 0.022, 0.012};
 constexpr uint32_t kSpare = 8;
-constexpr double kEraseSeconds = 0.085;
-constexpr double kProgramSeconds = 0.042;  // for a page
 constexpr uint32_t kSize = 400000;
 
 struct Pair {
@@ -34,6 +43,7 @@ struct Pair {
 
 // A write buffer of one page: counts how often each page is written.
 struct Buffered {
+  uint32_t page_size;
   std::string bytes;
   std::vector<uint32_t> writes;
   uint32_t held = UINT32_MAX;
@@ -58,7 +68,7 @@ struct Buffered {
   static int write(void* context, uint32_t address, const uint8_t* in, uint32_t count) {
     auto& self = *static_cast<Buffered*>(context);
     for (uint32_t i = 0; i < count; ++i) {
-      self.hold((address + i) / kPage);
+      self.hold((address + i) / self.page_size);
       self.changed = true;
       self.bytes[address + i] = static_cast<char>(in[i]);
     }
@@ -67,16 +77,17 @@ struct Buffered {
 };
 
 Buffered in_place(const std::string& patch, const std::string& old_image, uint32_t size,
-                  uint32_t flags, uint32_t skip) {
+                  uint32_t page_size, uint32_t flags, uint32_t skip) {
   Buffered memory;
+  memory.page_size = page_size;
   memory.bytes = old_image;
   memory.bytes.resize(size, '\xFF');
-  memory.writes.resize(size / kPage + 1);
+  memory.writes.resize(size / page_size + 1);
   kelvane_applier applier;
   const kelvane_region room = {0, size};
   const kelvane_memory access = {
-      &memory, Buffered::read, Buffered::write, &room, 1, static_cast<uint32_t>(old_image.size()),
-      kPage};
+      &memory,  Buffered::read, Buffered::write, &room, 1, static_cast<uint32_t>(old_image.size()),
+      page_size};
   int code = kelvane_apply_open(&applier, reinterpret_cast<const uint8_t*>(patch.data()),
                                 static_cast<uint32_t>(patch.size()), flags);
   if (code == KELVANE_APPLY_OK) {
@@ -93,9 +104,10 @@ Pair pair_of(const char* name, const PatchBuilder& commands, const std::string& 
              uint32_t new_size) {
   const uint32_t size = std::max(new_size, static_cast<uint32_t>(old_image.size()));
   Pair pair = {name, old_image, "", ""};
-  pair.new_image = in_place(std::string(16, '\0') + commands.commands(), old_image, size,
-                            KELVANE_V0_MEMORY_MODE, KELVANE_SKIP_OLD | KELVANE_SKIP_NEW)
-                       .bytes.substr(0, new_size);
+  pair.new_image =
+      in_place(std::string(16, '\0') + commands.commands(), old_image, size, kLarge.page,
+               KELVANE_V0_MEMORY_MODE, KELVANE_SKIP_OLD | KELVANE_SKIP_NEW)
+          .bytes.substr(0, new_size);
   pair.patch = commands.version1(old_image, pair.new_image);
   return pair;
 }
@@ -168,7 +180,8 @@ struct Taken {
   double seconds = 0;
 };
 
-Taken run(const DeviceShape& shape, const std::string& old_image, const kelpatch::Bytes& bundle) {
+Taken run(const DeviceShape& shape, const Geometry& geometry, const std::string& old_image,
+          const kelpatch::Bytes& bundle) {
   SimulatedDevice device(shape, old_image, 1);
   Taken taken;
   taken.code =
@@ -176,8 +189,9 @@ Taken run(const DeviceShape& shape, const std::string& old_image, const kelpatch
   for (const uint32_t count : device.flash().erases) {
     taken.erases += count;
   }
-  taken.seconds = taken.erases * kEraseSeconds +
-                  static_cast<double>(device.flash().programmed) / kPage * kProgramSeconds;
+  taken.seconds =
+      taken.erases * geometry.erase_seconds +
+      static_cast<double>(device.flash().programmed) / geometry.page * geometry.program_seconds;
   return taken;
 }
 
@@ -185,23 +199,24 @@ const char* failure(const Taken& taken) {
   return taken.code == KELVANE_APPLY_OK ? "" : " FAILED";
 }
 
-void show(const Pair& pair) {
+void show(const Pair& pair, const Geometry& geometry) {
   const kelpatch::Bytes old_file(pair.old_image.begin(), pair.old_image.end());
   const kelpatch::Bytes new_file(pair.new_image.begin(), pair.new_image.end());
   kelpatch::PatchFile patch("patch", {pair.patch.begin(), pair.patch.end()});
-  const kelpatch::PagePlan plan = kelpatch::plan_for(patch, old_file, new_file, {kPage, 2, kSpare});
+  const kelpatch::PagePlan plan =
+      kelpatch::plan_for(patch, old_file, new_file, {geometry.page, 2, kSpare});
   kelpatch::BundleParts parts;
   parts.payload = patch.bytes();
   const kelpatch::Bytes bundle = make_bundle(plan, parts);
   DeviceShape shape;
-  shape.flash.page_size = kPage;
+  shape.flash.page_size = geometry.page;
   shape.image_pages = plan.pages;
   shape.spare_pages = kSpare;
-  const Taken taken = run(shape, pair.old_image, bundle);
+  const Taken taken = run(shape, geometry, pair.old_image, bundle);
   const auto changed = static_cast<double>(plan.changed.size());
   const uint32_t size =
       static_cast<uint32_t>(std::max(pair.old_image.size(), pair.new_image.size()));
-  const Buffered plain = in_place(pair.patch, pair.old_image, size, 0, 0);
+  const Buffered plain = in_place(pair.patch, pair.old_image, size, geometry.page, 0, 0);
   uint32_t writes = 0;
   for (const uint32_t count : plain.writes) {
     writes += count;
@@ -209,7 +224,15 @@ void show(const Pair& pair) {
   std::printf("| %s%s | %.0f of %u | %.2f | %.1f | %.1f | %u | %.1f |\n", pair.name, failure(taken),
               changed, plan.pages, taken.erases / changed, taken.seconds, writes / changed,
               *std::max_element(plain.writes.begin(), plain.writes.end()),
-              writes * (kEraseSeconds + kProgramSeconds));
+              writes * (geometry.erase_seconds + geometry.program_seconds));
+}
+
+std::string contents(const char* name) {
+  std::ifstream file(name, std::ios::binary);
+  if (!file) {
+    std::printf("unable to open '%s'\n", name);
+  }
+  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 // Made-up programs of that size, whose parts refer to each other.
@@ -247,17 +270,17 @@ void show_dense(const Programs& pair, uint32_t checkpoint) {
   static const kelvane_payload_kind* const kinds[] = {&kelvane_dense_kind, nullptr};
   dense_request request;
   request.images = {pair.old_image, pair.new_image};
-  request.geometry = {kPage, 2, 4};
+  request.geometry = {kLarge.page, 2, 4};
   request.effort = dense_effort::quick;
   const DenseBundle bundle = dense_bundle(request, checkpoint);
   const kelpatch::PagePlan& plan = bundle.plan;
   DeviceShape shape;
-  shape.flash.page_size = kPage;
+  shape.flash.page_size = kLarge.page;
   shape.image_pages = plan.pages;
-  shape.spare_pages = plan.spare() + 2 * ((kelvane_dense_kind.state_size - 1) / kPage + 1);
+  shape.spare_pages = plan.spare() + 2 * ((kelvane_dense_kind.state_size - 1) / kLarge.page + 1);
   shape.kinds = kinds;
   shape.state_size = dense_memory(bundle.map_entries);
-  const Taken taken = run(shape, text_of(pair.old_image), bundle.bytes);
+  const Taken taken = run(shape, kLarge, text_of(pair.old_image), bundle.bytes);
   const auto changed = static_cast<double>(plan.changed.size());
   std::printf("| %s%s | %u | %zu | %.0f of %u | %u + %u + %u | %.2f | %.1f |\n", pair.name,
               failure(taken), checkpoint, bundle.bytes.size(), changed, plan.pages, plan.ring,
@@ -267,11 +290,16 @@ void show_dense(const Programs& pair, uint32_t checkpoint) {
 }  // namespace
 }  // namespace kelvane
 
-int main() {
+int main(int argc, char** argv) {
+  for (int at = 1; at + 3 < argc; at += 4) {
+    kelvane::show({argv[at], kelvane::contents(argv[at + 1]), kelvane::contents(argv[at + 2]),
+                   kelvane::contents(argv[at + 3])},
+                  kelvane::kSmall);
+  }
   std::mt19937 random(11);
   for (kelvane::Pair (*const make)(std::mt19937&) :
        {kelvane::insert, kelvane::reorder, kelvane::grown, kelvane::spread}) {
-    kelvane::show(make(random));
+    kelvane::show(make(random), kelvane::kLarge);
   }
   for (const kelvane::Programs& pair : kelvane::programs()) {
     for (const uint32_t checkpoint : {4U, 8U, 16U}) {

@@ -53,7 +53,9 @@ void touch_items(kelvane_applier* applier, const uint8_t* patch) {
   uint32_t sum = 0;
   kelvane_cursor_start(&cursor, applier);
   while (kelvane_item_next(&cursor, &item) != 0) {
-    sum = kelvane_apply_checksum(sum, patch + item.data, item.data_size);
+    if (item.kind == KELVANE_ITEM_STORE) {
+      sum = kelvane_apply_checksum(sum, patch + item.value, item.count);
+    }
   }
   if (cursor.code != KELVANE_APPLY_OK) {
     std::abort();

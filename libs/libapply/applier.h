@@ -34,6 +34,7 @@
 //     static kelvane_applier applier;
 //     const kelvane_region room = {0, capacity};
 //     const kelvane_memory memory = {image, read_memory, write_memory, &room, 1, old_size, 0};
+//     kelvane_patch_info info;
 //     // The words of a patch between raw images are little-endian, whatever the target's are. Only
 //     // version 0 has to be told.
 //     int code = kelvane_apply_open(&applier, patch, patch_size, KELVANE_V0_LITTLE_ENDIAN);
@@ -44,7 +45,7 @@
 //       printf("%s (at %u of the patch, %u of the memory)\n", kelvane_apply_text(code),
 //              (unsigned)applier.error_position, (unsigned)applier.error_address);
 //     }
-//     *new_size = applier.info.new_size;
+//     *new_size = kelvane_apply_info(&applier, &info) == KELVANE_APPLY_OK ? info.new_size : 0;
 //     return code;
 //   }
 //
@@ -60,14 +61,14 @@
 extern "C" {
 #endif
 
-// The bytes that are moved, filled, expanded and summed at a time. A larger one makes fewer calls;
-// 32 is the least.
+// The bytes that are moved, filled, expanded and summed at a time, also room for what is fetched of
+// the patch. A larger one makes fewer calls; 32 is the least.
 #ifndef KELVANE_APPLY_CHUNK
 #define KELVANE_APPLY_CHUNK 256
 #endif
 
 // Nothing larger is ever needed for a kelvane_applier, with pointers of up to 64 bits.
-#define KELVANE_APPLIER_BYTES (KELVANE_APPLY_CHUNK + 128)
+#define KELVANE_APPLIER_BYTES (KELVANE_APPLY_CHUNK + 64)
 
 // Define KELVANE_APPLY_FILE_MODE_ONLY for a target that takes patches between raw images alone: the
 // code for patches of target memory drops out, and such a patch is refused as damaged.
@@ -129,8 +130,8 @@ enum kelvane_command {
 #define KELVANE_V0_MEMORY_MODE 2u  // the addresses are those of the target, not offsets in a file
 
 // Verifications that kelvane_apply_run is to leave out.
-#define KELVANE_SKIP_OLD 1u
-#define KELVANE_SKIP_NEW 2u
+#define KELVANE_SKIP_OLD 2u
+#define KELVANE_SKIP_NEW 8u
 
 // For kelvane_memory.old_size: the target can't tell how long the old file is.
 #define KELVANE_SIZE_UNKNOWN 0xFFFFFFFFu
@@ -161,8 +162,9 @@ typedef struct kelvane_memory {
   uint32_t region_count;
   // File mode: the bytes that the old file has, or KELVANE_SIZE_UNKNOWN.
   uint32_t old_size;
-  // Bytes of a page of the memory, a power of two, or 0. No piece of a moved block is written over
-  // the end of a page, so that a write buffer of one page takes each page in once.
+  // Bytes of a page of the memory, a power of two, or 0. No piece of a block that is moved, stored
+  // or filled is written over the end of a page, so that a write buffer of one page takes each page
+  // in once.
   uint32_t page_size;
 } kelvane_memory;
 
@@ -180,60 +182,55 @@ typedef struct kelvane_patch_info {
   uint32_t new_crt1;  // and in the new image
 } kelvane_patch_info;
 
-// Bytes of the patch that are fetched at a time.
-enum { KELVANE_APPLY_FETCHED = 16 };
-
-// The working memory. `info`, `error_position` and `error_address` are for the caller to read.
+// The working memory. `error_position` and `error_address` are for the caller to read.
 typedef struct kelvane_applier {
+  uint8_t header_size;  // of the patch; 0 if none is opened
+  uint8_t memory_mode;
+  uint8_t big_endian;
+  uint8_t fetch_code;  // KELVANE_APPLY_FETCH_FAILED once that has happened
   kelvane_source patch;
-  kelvane_patch_info info;
-  uint32_t error_position;  // with a code other than OK: the place in the patch
+  uint32_t error_position;  // where the item of the patch at hand begins: with a code other than
+                            // OK, the place in the patch that it is about
   uint32_t error_address;   // OUTSIDE, READ_FAILED, WRITE_FAILED: where in memory;
                             // NEW_SIZE: the size that the file would have
-  uint8_t opened;
-  uint8_t fetch_failed;
-  uint8_t fetched_count;
-  uint32_t fetched_position;  // of the bytes in `fetched`
-  uint8_t fetched[KELVANE_APPLY_FETCHED];
+  uint32_t fetched;         // the position of what is fetched, at the end of the chunk
   uint8_t chunk[KELVANE_APPLY_CHUNK];
 } kelvane_applier;
 
 #ifdef __cplusplus
 static_assert(sizeof(kelvane_applier) <= KELVANE_APPLIER_BYTES, "as stated");
-static_assert(KELVANE_APPLY_CHUNK >= 32, "the longest reference fits");
+static_assert(KELVANE_APPLY_CHUNK >= 32, "what is fetched leaves room");
 #else
 _Static_assert(sizeof(kelvane_applier) <= KELVANE_APPLIER_BYTES, "as stated");
-_Static_assert(KELVANE_APPLY_CHUNK >= 32, "the longest reference fits");
+_Static_assert(KELVANE_APPLY_CHUNK >= 32, "what is fetched leaves room");
 #endif
 
 // The things that a patch consists of, in the order in which they come:
-//   COMMAND (then, for the three substitutions, LIST) (then the items of the command) COMMAND_END
+//   COMMAND, then (for the three substitutions) LIST, then the items of the command
 enum kelvane_item_kind {
-  KELVANE_ITEM_COMMAND,      // count: blocks, lists, fills, regions, or bytes of the stream
-  KELVANE_ITEM_COMMAND_END,  // data_size: the bytes that the whole command has in the patch
+  KELVANE_ITEM_COMMAND = 1,  // count: blocks, lists, fills, regions, or bytes of the stream
   KELVANE_ITEM_LIST,         // count: commands; relative; address: base of a relative list
   KELVANE_ITEM_MOVE,         // address: source; size; value: what to add to get the destination
-  KELVANE_ITEM_STORE,        // address; size; data (data_size bytes; compressed in CM_SUB_COMP,
-                             // where size counts the expanded bytes)
-  KELVANE_ITEM_FILL,         // address; size; value: the byte
-  KELVANE_ITEM_CLASS,        // value: what to add to the words of this class; count: its map
-  KELVANE_ITEM_INCREMENT,    // address: the word; size: 4; value: what to add to it
-  KELVANE_ITEM_REGION,       // address; size: a region under a checksum
-  KELVANE_ITEM_CHECKSUM      // value: the checksum of all regions of this command together
+  KELVANE_ITEM_STORE,  // address; size; value: offset of its bytes in the patch; count: how many
+                       // these are (compressed in CM_SUB_COMP; size counts the expanded ones)
+  KELVANE_ITEM_FILL,   // address; size; value: the byte
+  KELVANE_ITEM_CLASS,  // value: what to add to the words of this class; count: its map
+  KELVANE_ITEM_INCREMENT,  // address: the word; size: 4; value: what to add to it
+  KELVANE_ITEM_REGION,     // address; size: a region under a checksum
+  KELVANE_ITEM_CHECKSUM    // value: the checksum of all regions of this command together
 };
 
+// What a kind does not name is not set, but for the size, which is 0 then. Where the item begins in
+// the patch is told by `error_position` of the applier, until the next item is taken.
 typedef struct kelvane_item {
-  uint8_t kind;       // KELVANE_ITEM_...
-  uint8_t command;    // KELVANE_CM_..., the command that it belongs to
-  uint8_t relative;   // of the list: 0 absolute, 1 relative
-  uint8_t after;      // of CM_CHECKSUM: 0 describes the old contents, 1 the new ones
-  uint32_t position;  // offset of its first byte in the patch
-  uint32_t count;
+  uint8_t kind;      // KELVANE_ITEM_...
+  uint8_t command;   // KELVANE_CM_..., the command that it belongs to
+  uint8_t relative;  // of the list: 0 absolute, 1 relative
+  uint8_t after;     // of CM_CHECKSUM: 0 describes the old contents, 1 the new ones
   uint32_t address;
   uint32_t size;
   uint32_t value;
-  uint32_t data;  // offset of its data in the patch
-  uint32_t data_size;
+  uint32_t count;
 } kelvane_item;
 
 // How far the words of one increment class are read. A copy goes on from there by itself.
@@ -244,34 +241,44 @@ typedef struct kelvane_words {
   uint32_t map;       // of the class; from bit 29 on the bit in the byte; bit 28: overrun
 } kelvane_words;
 
+// How far a command of another kind is read.
+typedef struct kelvane_listed {
+  uint32_t left;   // items of the command, or of the list, that are still to come
+  uint32_t base;   // of a relative list: what the next address is told from,
+  uint32_t reach;  // and how far it may lie behind
+} kelvane_listed;
+
 // A walk over the items of a patch. It may be copied, and the copy goes on by itself. `code` is for
 // the caller to read.
 typedef struct kelvane_cursor {
   kelvane_applier* applier;
-  uint32_t position;  // in the patch
-  uint32_t command_position;
-  uint32_t left;  // items of the command, or of the list, that are still to come
-  uint32_t end;   // of the stream of increments
-  kelvane_words words;
-  uint16_t lists;  // that are still to come
   uint8_t command;
   uint8_t stage;
   uint8_t relative;
-  uint8_t in_set;  // a command other than CM_CHECKSUM has been met
-  uint8_t closed;  // and a CM_CHECKSUM behind it
-  uint8_t code;    // KELVANE_APPLY_..., once there is no further item
+  uint8_t in_set;     // a command other than CM_CHECKSUM has been met
+  uint8_t closed;     // and a CM_CHECKSUM behind it
+  uint8_t code;       // KELVANE_APPLY_..., once there is no further item
+  uint16_t lists;     // that are still to come; among increments, the form of the class
+  uint32_t position;  // in the patch; among increments, the end of their stream
+  union {
+    kelvane_listed list;
+    kelvane_words words;
+  };
 } kelvane_cursor;
 
 // Reads the patch of `size` bytes at `patch` and checks all that can be checked without the
 // target: header, size, checksum, the structure of every command with its streams. `version0_flags`
 // (KELVANE_V0_...) tell what a version 0 patch leaves open. The patch must stay where it is as long
-// as `applier` is used. Gives a code; with KELVANE_APPLY_OK `applier->info` holds the header.
+// as `applier` is used. Gives a code.
 int kelvane_apply_open(kelvane_applier* applier, const uint8_t* patch, uint32_t size,
                        uint32_t version0_flags);
 
 // The same for a patch that is fetched. `source` is copied.
 int kelvane_apply_open_source(kelvane_applier* applier, const kelvane_source* source,
                               uint32_t version0_flags);
+
+// Reads the header of an opened patch. Gives a code.
+int kelvane_apply_info(kelvane_applier* applier, kelvane_patch_info* info);
 
 // Goes to the start of an opened patch, for:
 //   while (kelvane_item_next(&cursor, &item)) { ... }
@@ -297,7 +304,7 @@ int kelvane_apply_verify_new(kelvane_applier* applier, const kelvane_memory* mem
 // Carries out the patch: kelvane_apply_check, kelvane_apply_verify_old, then every command in the
 // order of the patch, then kelvane_apply_verify_new. `skip` (KELVANE_SKIP_..., 0 for none) leaves
 // out a verification; the check is never left out. Nothing is written before all of that has
-// passed. In file mode the result is the first `info.new_size` bytes.
+// passed. In file mode the result is the first `new_size` bytes that the header tells.
 int kelvane_apply_run(kelvane_applier* applier, const kelvane_memory* memory, uint32_t skip);
 
 // Folds `count` bytes into the checksum `sum` and gives the new one; start with 0. For each byte

@@ -2,142 +2,150 @@
 #include "applier_internal.h"
 
 // The walk over the commands: takes them apart and checks their structure as it goes. What it
-// stands ahead of is its stage.
+// stands ahead of is its stage. From AT_CLASS on its place is that of its words.
 enum stage {
   AT_COMMAND,
   AT_MOVE,
+  AT_FILL,
   AT_LIST,
   AT_STORE,
-  AT_FILL,
   AT_REGION,
-  AT_STREAM,
   AT_CLASS,
   AT_WORD,
-  AT_COMMAND_END,
   AT_END
 };
 
-// What a stage gives besides the kind of an item and the (larger) codes of damages.
-enum { NEXT_STAGE = 64, NO_ITEM = 65, DAMAGE = 128 };
+// What a stage gives in place of the kind of an item.
+enum { NO_ITEM = 0 };
 
 // Codes 7 and 8 in front of a class tell the form of its value, 9 ends the stream. The first class
 // has a single bit instead.
-enum { SHORT_FORM = 7, LONG_FORM = 8, END_OF_STREAM = 9, RANKS = 7 };
+enum { SHORT_FORM = 7, LONG_FORM = 8, END_OF_STREAM = 9 };
 static const uint32_t default_map = 0x1AC688;
 
-static uint32_t damaged(uint32_t code) {
-  return DAMAGE + code;
+// Jumps between the words of a class, by category: the smallest. Behind it come 0, 1, 2, 4, 8, 16
+// or 32 bits of what is to be added. A map gives each rank a category.
+enum { RANKS = 7, BIT_SHIFT = 29 };
+static const uint32_t smallest_jump[RANKS] = {1, 2, 4, 8, 24, 280, 65816};
+
+// In kelvane_words.map: more was asked for than there is.
+#define WORDS_OVERRUN 0x10000000u
+
+// Of all that is wrong the first counts.
+static uint32_t damaged(kelvane_cursor* cursor, uint32_t code) {
+  if (cursor->code == KELVANE_APPLY_OK) {
+    cursor->code = (uint8_t)code;
+  }
+  return NO_ITEM;
 }
 
-// Whether `count` elements of `size` bytes each, 12 at most, still lie ahead.
-static int ahead(const kelvane_cursor* cursor, uint32_t count, uint32_t size) {
-  const uint32_t left = cursor->applier->patch.size - cursor->position;
-  return count <= left && (size == 1 || (count < 0x10000000u && count * size <= left));
+// Goes behind `size` bytes.
+static void skip(kelvane_cursor* cursor, uint32_t size) {
+  if (size > cursor->applier->patch.size - cursor->position) {
+    damaged(cursor, KELVANE_APPLY_TRUNCATED);
+  } else {
+    cursor->position += size;
+  }
 }
 
-// These take the next field; the caller has made sure that it lies ahead.
-static uint32_t take_byte(kelvane_cursor* cursor) {
-  return kelvane_apply_byte(cursor->applier, cursor->position++);
-}
-
-static uint32_t take_half(kelvane_cursor* cursor) {
-  const uint32_t first = take_byte(cursor);
-  const uint32_t second = take_byte(cursor);
-  return cursor->applier->info.big_endian ? (first << 8) | second : (second << 8) | first;
-}
-
-static uint32_t take_word(kelvane_cursor* cursor) {
-  cursor->position += 4;
-  return kelvane_apply_word(cursor->applier, cursor->position - 4);
+// Takes a field of `size` bytes, up to 4.
+static uint32_t take(kelvane_cursor* cursor, uint32_t size) {
+  uint32_t number = 0;
+  uint32_t shift;
+  if (size > cursor->applier->patch.size - cursor->position) {
+    return damaged(cursor, KELVANE_APPLY_TRUNCATED);
+  }
+  for (shift = 0; shift < 8 * size; shift += 8) {
+    const uint32_t byte = kelvane_apply_byte(cursor->applier, cursor->position++);
+    number = cursor->applier->big_endian ? number << 8 | byte : number | byte << shift;
+  }
+  return number;
 }
 
 // ---- Stores -------------------------------------------------------------------------------------
 
 static uint32_t next_list(kelvane_cursor* cursor, kelvane_item* item) {
   if (cursor->lists == 0) {
-    cursor->stage = AT_COMMAND_END;
-    return NEXT_STAGE;
+    cursor->stage = AT_COMMAND;
+    return NO_ITEM;
   }
   --cursor->lists;
-  if (!ahead(cursor, 1, cursor->relative ? 6 : 2)) {
-    return damaged(KELVANE_APPLY_TRUNCATED);
-  }
-  cursor->left = item->count = take_half(cursor);
+  cursor->list.left = item->count = take(cursor, 2);
+  item->size = 0;
+  item->relative = cursor->relative;
   if (cursor->relative) {
-    cursor->words.address = item->address = take_word(cursor);
+    cursor->list.base = item->address = take(cursor, 4);
     if (item->count < 2) {
-      return damaged(KELVANE_APPLY_BAD_LIST);
+      return damaged(cursor, KELVANE_APPLY_BAD_LIST);
     }
   }
-  item->relative = cursor->relative;
   // The first one of a relative list has no distance.
-  cursor->words.value = 1;
+  cursor->list.reach = 0;
   cursor->stage = AT_STORE;
   return KELVANE_ITEM_LIST;
 }
 
 static uint32_t next_store(kelvane_cursor* cursor, kelvane_item* item) {
-  const uint32_t sized = item->command != KELVANE_CM_SUB_ONE;
-  if (cursor->left == 0) {
+  const uint32_t field = cursor->relative ? 1 : 4;
+  if (cursor->list.left == 0) {
     cursor->relative = 1;
     cursor->stage = AT_LIST;
-    return NEXT_STAGE;
+    return NO_ITEM;
   }
-  --cursor->left;
-  item->data_size = 1;
-  if (!ahead(cursor, 1, cursor->relative ? 1 + sized : 4 + 4 * sized)) {
-    return damaged(KELVANE_APPLY_TRUNCATED);
-  }
+  --cursor->list.left;
+  item->address = take(cursor, field);
+  item->count = cursor->command != KELVANE_CM_SUB_ONE ? take(cursor, field) : 1;
   if (cursor->relative) {
-    const uint32_t distance = take_byte(cursor);
-    if ((cursor->words.value && distance != 0) || distance > 0xFFFFFFFFu - cursor->words.address) {
-      return damaged(KELVANE_APPLY_BAD_LIST);
+    // None lies beyond the last address.
+    if (item->address > cursor->list.reach || item->address > ~cursor->list.base) {
+      damaged(cursor, KELVANE_APPLY_BAD_LIST);
     }
-    item->address = cursor->words.address + distance;
-    cursor->words.address = item->address;
-    cursor->words.value = 0;
-    if (sized) {
-      item->data_size = take_byte(cursor);
-    }
-  } else {
-    item->address = take_word(cursor);
-    if (sized) {
-      item->data_size = take_word(cursor);
-    }
+    item->address += cursor->list.base;
+    cursor->list.base = item->address;
+    cursor->list.reach = 0xFF;
   }
-  item->data = cursor->position;
-  item->size = item->data_size;
-  if (!ahead(cursor, item->data_size, 1)) {
-    return damaged(KELVANE_APPLY_TRUNCATED);
-  }
-  cursor->position += item->data_size;
-  if (item->command == KELVANE_CM_SUB_COMP && !kelvane_apply_expanded_size(cursor->applier, item)) {
-    return damaged(KELVANE_APPLY_BAD_COMPRESSION);
-  }
+  item->value = cursor->position;
+  item->size = item->count;
+  skip(cursor, item->count);
   return KELVANE_ITEM_STORE;
 }
 
 // ---- Increments ---------------------------------------------------------------------------------
 
+// Takes a field of up to 32 bits, lowest bit first; 0 bits give 0.
 static uint32_t take_bits(kelvane_cursor* cursor, uint32_t count) {
-  return kelvane_apply_take_bits(cursor->applier, &cursor->words, cursor->end, count);
+  uint32_t value = 0;  // what is taken comes in at the top
+  uint32_t left;
+  for (left = count; left > 0; --left) {
+    uint32_t byte;
+    if (cursor->words.position >= cursor->position) {
+      cursor->words.map |= WORDS_OVERRUN;
+      return 0;
+    }
+    byte = kelvane_apply_byte(cursor->applier, cursor->words.position);
+    value = value >> 1 | byte >> (cursor->words.map >> BIT_SHIFT) << 31;
+    cursor->words.map += 1u << BIT_SHIFT;
+    if (cursor->words.map >> BIT_SHIFT == 0) {
+      ++cursor->words.position;
+    }
+  }
+  return value >> ((0u - count) & 31u);
 }
 
-static uint32_t start_stream(kelvane_cursor* cursor) {
+// Goes ahead of the first class of a stream of `size` bytes that lie ahead.
+static void start_stream(kelvane_cursor* cursor, uint32_t size) {
   kelvane_words* const words = &cursor->words;
   words->position = cursor->position;
   words->value = 0;
   words->map = 0;
-  cursor->end = cursor->position + cursor->left;
-  cursor->position = cursor->end;
+  cursor->position += size;
   // Without a class there is just the end code, which is shorter than any class.
-  cursor->stage = AT_COMMAND_END;
-  if (cursor->left != 2 || kelvane_apply_byte(cursor->applier, words->position) != 0x00 ||
-      kelvane_apply_byte(cursor->applier, words->position + 1) != 0x02) {
-    cursor->stage = AT_CLASS;
-    cursor->left = SHORT_FORM + take_bits(cursor, 1);
+  if (size == 2 && take_bits(cursor, 16) == 0x0200) {
+    cursor->stage = AT_COMMAND;
+    return;
   }
-  return NEXT_STAGE;
+  words->position = cursor->position - size;
+  cursor->lists = (uint16_t)(SHORT_FORM + take_bits(cursor, 1));
 }
 
 // A map gives each rank a category of its own.
@@ -145,26 +153,25 @@ static int is_map(uint32_t map) {
   uint32_t seen = 0;
   uint32_t rank;
   for (rank = 0; rank < RANKS; ++rank) {
-    seen |= 1u << ((map >> (3 * rank)) & 7u);
+    seen |= 1u << (map & 7u);
+    map >>= 3;
   }
   return seen == 0x7F;
 }
 
-// `left` is the form of the class.
+// `lists` is the form of the class.
 static uint32_t next_class(kelvane_cursor* cursor, kelvane_item* item) {
   kelvane_words* const words = &cursor->words;
-  const uint32_t bits_in_use = words->map >> 29;
   uint32_t map = default_map;
-  item->position = words->position;
-  if (cursor->left == END_OF_STREAM) {
+  if (cursor->lists == END_OF_STREAM) {
     // Bits of 0 fill the last byte, and nothing follows it.
-    cursor->stage = AT_COMMAND_END;
-    return (bits_in_use != 0 && take_bits(cursor, 8 - bits_in_use) != 0) ||
-                   words->position != cursor->end
-               ? damaged(KELVANE_APPLY_BAD_INCREMENTS)
-               : (uint32_t)NEXT_STAGE;
+    cursor->stage = AT_COMMAND;
+    return take_bits(cursor, (0u - (words->map >> BIT_SHIFT)) & 7u) != 0 ||
+                   words->position != cursor->position
+               ? damaged(cursor, KELVANE_APPLY_BAD_INCREMENTS)
+               : (uint32_t)NO_ITEM;
   }
-  if (cursor->left == SHORT_FORM) {
+  if (cursor->lists == SHORT_FORM) {
     words->value += take_bits(cursor, 16) + 1;
   } else {
     words->value = take_bits(cursor, 32);
@@ -175,31 +182,44 @@ static uint32_t next_class(kelvane_cursor* cursor, kelvane_item* item) {
     map = map == 0 ? default_map : map;
   }
   if ((words->map & WORDS_OVERRUN) != 0 || !is_map(map)) {
-    return damaged(KELVANE_APPLY_BAD_INCREMENTS);
+    return damaged(cursor, KELVANE_APPLY_BAD_INCREMENTS);
   }
   words->map = (words->map & 0xE0000000u) | map;
   words->address = 0;
+  item->size = 0;
   item->value = words->value;
   item->count = map;
   cursor->stage = AT_WORD;
   return KELVANE_ITEM_CLASS;
 }
 
-static uint32_t next_word(kelvane_cursor* cursor, kelvane_item* item) {
-  uint32_t code;
-  item->position = cursor->words.position;
-  code = kelvane_apply_take_word(cursor->applier, &cursor->words, cursor->end);
-  if (code == WORD_DAMAGED) {
-    return damaged(KELVANE_APPLY_BAD_INCREMENTS);
+uint32_t kelvane_apply_next_word(kelvane_cursor* cursor, kelvane_item* item) {
+  kelvane_words* const words = &cursor->words;
+  uint32_t rank = 0;
+  uint32_t category;
+  uint32_t jump;
+  // The number of 0 bits ahead of the next 1 bit: up to 6 a rank, 7 to 9 the end of a class. More
+  // means a damaged stream.
+  while (take_bits(cursor, 1) == 0) {
+    if ((words->map & WORDS_OVERRUN) != 0 || ++rank > END_OF_STREAM) {
+      return damaged(cursor, KELVANE_APPLY_BAD_INCREMENTS);
+    }
   }
-  if (code != WORD_TAKEN) {
-    cursor->left = code;
+  if (rank >= RANKS) {
+    cursor->lists = (uint16_t)rank;
     cursor->stage = AT_CLASS;
-    return NEXT_STAGE;
+    return NO_ITEM;
   }
-  item->address = cursor->words.address;
+  category = (words->map >> (3 * rank)) & 7u;
+  jump = smallest_jump[category] + take_bits(cursor, (1u << category) >> 1);
+  // Addresses ascend, so none lies beyond the last word of the address space.
+  if ((words->map & WORDS_OVERRUN) != 0 || jump > (~words->address >> 2)) {
+    return damaged(cursor, KELVANE_APPLY_BAD_INCREMENTS);
+  }
+  words->address += jump * 4;
+  item->address = words->address;
   item->size = 4;
-  item->value = cursor->words.value;
+  item->value = words->value;
   return KELVANE_ITEM_INCREMENT;
 }
 
@@ -209,20 +229,18 @@ static uint32_t next_word(kelvane_cursor* cursor, kelvane_item* item) {
 static uint32_t next_region(kelvane_cursor* cursor, kelvane_item* item) {
   uint32_t end;
   item->after = cursor->closed;
-  if (cursor->left == 0) {
-    if (!ahead(cursor, 1, 4)) {
-      return damaged(KELVANE_APPLY_TRUNCATED);
-    }
-    item->value = take_word(cursor);
-    cursor->stage = AT_COMMAND_END;
+  if (cursor->list.left == 0) {
+    item->size = 0;
+    item->value = take(cursor, 4);
+    cursor->stage = AT_COMMAND;
     return KELVANE_ITEM_CHECKSUM;
   }
-  --cursor->left;
-  item->address = take_word(cursor);
-  end = take_word(cursor);
+  --cursor->list.left;
+  item->address = take(cursor, 4);
+  end = take(cursor, 4);
   // An end of 0 stands for the end of the address space.
   if (end < item->address && end != 0) {
-    return damaged(KELVANE_APPLY_BAD_REGION);
+    return damaged(cursor, KELVANE_APPLY_BAD_REGION);
   }
   item->size = end - item->address;
   return KELVANE_ITEM_REGION;
@@ -240,9 +258,9 @@ static const uint8_t commands[8][3] = {
 #else
     {AT_REGION, 4, 8},  // CM_CHECKSUM
 #endif
-    {AT_LIST, 2, 0},    // CM_SUB_COMP
-    {AT_FILL, 2, 7},    // CM_FILL
-    {AT_STREAM, 4, 1},  // CM_INCRS
+    {AT_LIST, 2, 0},   // CM_SUB_COMP
+    {AT_FILL, 2, 7},   // CM_FILL
+    {AT_CLASS, 4, 1},  // CM_INCRS
 };
 
 // Whether the command may stand here: CM_CHECKSUM frames the others, and only a version 1 patch in
@@ -250,146 +268,112 @@ static const uint8_t commands[8][3] = {
 static int is_placed(kelvane_cursor* cursor) {
   if (cursor->command == KELVANE_CM_CHECKSUM) {
     cursor->closed = cursor->in_set;
-    return cursor->applier->info.version != 0 && cursor->applier->info.memory_mode;
+    return cursor->applier->header_size == MEMORY_HEADER_SIZE;
   }
   cursor->in_set = 1;
   return !cursor->closed;
 }
 
+// Whether `count` elements of `size` bytes each, 12 at most, still lie ahead.
+static int ahead(const kelvane_cursor* cursor, uint32_t count, uint32_t size) {
+  const uint32_t left = cursor->applier->patch.size - cursor->position;
+  return count <= left && (size == 1 || (count < 0x10000000u && count * size <= left));
+}
+
 static uint32_t next_command(kelvane_cursor* cursor, kelvane_item* item) {
   const uint8_t* form;
-  cursor->command_position = cursor->position;
   if (cursor->position >= cursor->applier->patch.size) {
     cursor->stage = AT_END;
-    return cursor->in_set ? (uint32_t)NO_ITEM : damaged(KELVANE_APPLY_NO_COMMANDS);
+    return cursor->in_set ? (uint32_t)NO_ITEM : damaged(cursor, KELVANE_APPLY_NO_COMMANDS);
   }
-  item->command = cursor->command = (uint8_t)take_byte(cursor);
+  cursor->command = (uint8_t)take(cursor, 1);
   if (!is_placed(cursor)) {
-    return damaged(KELVANE_APPLY_MISPLACED);
+    return damaged(cursor, KELVANE_APPLY_MISPLACED);
   }
   form = commands[cursor->command < 8 ? cursor->command : 0];
-  if (form[0] == AT_END) {
-    return damaged(KELVANE_APPLY_BAD_COMMAND);
-  }
-  if (!ahead(cursor, 1, form[1])) {
-    return damaged(KELVANE_APPLY_TRUNCATED);
-  }
-  item->count = form[1] == 2 ? take_half(cursor) : take_word(cursor);
-  item->after = cursor->closed;
-  cursor->left = item->count;
   cursor->stage = form[0];
+  if (form[0] == AT_END) {
+    return damaged(cursor, KELVANE_APPLY_BAD_COMMAND);
+  }
+  cursor->list.left = item->count = take(cursor, form[1]);
+  item->size = 0;
+  item->after = cursor->closed;
   if (form[0] == AT_LIST) {
     cursor->lists = (uint16_t)item->count;
     cursor->relative = 0;
     if (item->count == 0) {
-      return damaged(KELVANE_APPLY_BAD_LIST);
+      return damaged(cursor, KELVANE_APPLY_BAD_LIST);
     }
   } else if (!ahead(cursor, item->count, form[2])) {
-    return damaged(KELVANE_APPLY_TRUNCATED);
+    return damaged(cursor, KELVANE_APPLY_TRUNCATED);
+  }
+  if (form[0] == AT_CLASS) {
+    start_stream(cursor, item->count);
   }
   return KELVANE_ITEM_COMMAND;
 }
 
 // A move or a fill, whose command has been found to hold all of them.
 static uint32_t next_plain(kelvane_cursor* cursor, kelvane_item* item) {
-  if (cursor->left == 0) {
-    cursor->stage = AT_COMMAND_END;
-    return NEXT_STAGE;
+  const int is_fill = cursor->stage == AT_FILL;
+  if (cursor->list.left == 0) {
+    cursor->stage = AT_COMMAND;
+    return NO_ITEM;
   }
-  --cursor->left;
-  item->address = take_word(cursor);
-  if (cursor->stage == AT_FILL) {
-    item->size = take_half(cursor);
-    item->value = take_byte(cursor);
-    return KELVANE_ITEM_FILL;
-  }
-  item->size = take_word(cursor);
-  item->value = take_word(cursor);
-  return KELVANE_ITEM_MOVE;
+  --cursor->list.left;
+  item->address = take(cursor, 4);
+  item->size = take(cursor, is_fill ? 2 : 4);
+  item->value = take(cursor, is_fill ? 1 : 4);
+  return is_fill ? KELVANE_ITEM_FILL : KELVANE_ITEM_MOVE;
 }
 
-static uint32_t next(kelvane_cursor* cursor, kelvane_item* item) {
-  switch (cursor->stage) {
-    case AT_COMMAND:
-      return next_command(cursor, item);
-    case AT_MOVE:
-    case AT_FILL:
-      return next_plain(cursor, item);
-    case AT_LIST:
-      return next_list(cursor, item);
-    case AT_STORE:
-      return next_store(cursor, item);
-#ifndef KELVANE_APPLY_FILE_MODE_ONLY
-    case AT_REGION:
-      return next_region(cursor, item);
+// By stage. Each is called by itself, so that the stack holds what one of them needs.
+static uint32_t (*const next[])(kelvane_cursor* cursor, kelvane_item* item) = {
+    next_command, next_plain,
+    next_plain,   next_list,
+    next_store,
+#ifdef KELVANE_APPLY_FILE_MODE_ONLY
+    NULL,
+#else
+    next_region,
 #endif
-    case AT_STREAM:
-      return start_stream(cursor);
-    case AT_CLASS:
-      return next_class(cursor, item);
-    case AT_WORD:
-      return next_word(cursor, item);
-    case AT_COMMAND_END:
-      cursor->stage = AT_COMMAND;
-      item->position = cursor->command_position;
-      item->data_size = cursor->position - item->position;
-      return KELVANE_ITEM_COMMAND_END;
-    default:
-      return NO_ITEM;
-  }
-}
+    next_class,   kelvane_apply_next_word,
+};
 
-void kelvane_apply_start(kelvane_cursor* cursor, kelvane_applier* applier) {
+void kelvane_apply_start(kelvane_cursor* cursor, kelvane_applier* applier, uint32_t position) {
   cursor->applier = applier;
-  cursor->position = applier->info.header_size;
+  cursor->position = position;
   cursor->stage = AT_COMMAND;
-  cursor->command = 0;
   cursor->in_set = 0;
   cursor->closed = 0;
   cursor->code = KELVANE_APPLY_OK;
 }
 
 void kelvane_cursor_start(kelvane_cursor* cursor, kelvane_applier* applier) {
-  if (applier == NULL || !applier->opened) {
+  if (applier == NULL || applier->header_size == 0) {
     cursor->stage = AT_END;
     cursor->code = KELVANE_APPLY_BAD_ARGUMENT;
     return;
   }
-  kelvane_apply_start(cursor, applier);
+  kelvane_apply_start(cursor, applier, applier->header_size);
 }
 
 int kelvane_item_next(kelvane_cursor* cursor, kelvane_item* item) {
-  uint32_t result;
-  item->command = cursor->command;
   do {
-    item->relative = 0;
-    item->after = 0;
-    item->position = cursor->position;
-    item->count = 0;
-    item->address = 0;
-    item->size = 0;
-    item->value = 0;
-    item->data = 0;
-    item->data_size = 0;
-    result = next(cursor, item);
-  } while (result == NEXT_STAGE);
-  if (result < NEXT_STAGE) {
-    item->kind = (uint8_t)result;
-    if (!cursor->applier->fetch_failed) {
-      return 1;
+    if (cursor->code != KELVANE_APPLY_OK || cursor->stage == AT_END) {
+      return 0;
     }
+    cursor->applier->error_position =
+        cursor->stage >= AT_CLASS ? cursor->words.position : cursor->position;
+    item->kind = (uint8_t)next[cursor->stage](cursor, item);
+    if (cursor->applier->fetch_code != KELVANE_APPLY_OK) {
+      cursor->code = cursor->applier->fetch_code;
+    }
+  } while (item->kind == NO_ITEM);
+  item->command = cursor->command;
+  if (item->kind == KELVANE_ITEM_STORE && item->command == KELVANE_CM_SUB_COMP &&
+      cursor->code == KELVANE_APPLY_OK) {
+    cursor->code = (uint8_t)kelvane_apply_expanded_size(cursor->applier, item);
   }
-  if (result == NO_ITEM && cursor->code != KELVANE_APPLY_OK) {
-    return 0;
-  }
-  cursor->stage = AT_END;
-  if (cursor->applier->fetch_failed) {
-    cursor->code = KELVANE_APPLY_FETCH_FAILED;
-  } else if (result >= DAMAGE) {
-    cursor->code = (uint8_t)(result - DAMAGE);
-  }
-  if (cursor->code != KELVANE_APPLY_OK) {
-    kelvane_apply_fail(cursor->applier, item->position, cursor->code);
-  }
-  return 0;
+  return cursor->code == KELVANE_APPLY_OK;
 }

@@ -23,6 +23,7 @@ static int update(void* image, uint32_t old_size, uint32_t capacity, const uint8
   static kelvane_applier applier;
   const kelvane_region room = {0, capacity};
   const kelvane_memory memory = {image, read_memory, write_memory, &room, 1, old_size, 0};
+  kelvane_patch_info info;
   // The words of a patch between raw images are little-endian, whatever the target's are. Only
   // version 0 has to be told.
   int code = kelvane_apply_open(&applier, patch, patch_size, KELVANE_V0_LITTLE_ENDIAN);
@@ -33,7 +34,7 @@ static int update(void* image, uint32_t old_size, uint32_t capacity, const uint8
     printf("%s (at %u of the patch, %u of the memory)\n", kelvane_apply_text(code),
            (unsigned)applier.error_position, (unsigned)applier.error_address);
   }
-  *new_size = applier.info.new_size;
+  *new_size = kelvane_apply_info(&applier, &info) == KELVANE_APPLY_OK ? info.new_size : 0;
   return code;
 }
 

@@ -112,29 +112,31 @@ int kelvane_dense_open(kelvane_dense_decoder* decoder, const kelvane_dense_input
     decoder->by_source = (uint16_t*)(void*)(decoder->entries + decoder->info.map_entries);
   }
   *info = decoder->info;
-  return code;
-}
-
-static int read_map(kelvane_dense_decoder* decoder) {
-  for (uint32_t i = 0; i < KELVANE_DENSE_MAP_COUNTERS; ++i) {
-    decoder->map_counters[i] = KELVANE_DENSE_EVEN;
+  decoder->behind_map.range = 0;
+  if (code == KELVANE_DENSE_OK) {
+    decoder->state.failed = KELVANE_DENSE_OK;
+    kelvane_dense_start_coder(decoder);
+    code = kelvane_dense_read_map(decoder);
+    decoder->state.failed = KELVANE_DENSE_BAD_ARGUMENT;
   }
-  decoder->entry_count = 0;
-  kelvane_dense_start_coder(decoder);
-  return kelvane_dense_read_map(decoder);
+  if (code == KELVANE_DENSE_OK) {
+    decoder->behind_map = decoder->state.coder;
+  }
+  return code;
 }
 
 int kelvane_dense_restart(kelvane_dense_decoder* decoder) {
   kelvane_dense_fill(&decoder->state, 0, sizeof decoder->state);
   kelvane_dense_reset_model(decoder);
-  return read_map(decoder);
+  decoder->state.coder = decoder->behind_map;
+  return kelvane_dense_resume(decoder);
 }
 
 int kelvane_dense_resume(kelvane_dense_decoder* decoder) {
-  const kelvane_dense_coder coder = decoder->state.coder;
-  const int code = read_map(decoder);
-  decoder->state.coder = coder;
-  return code;
+  if (decoder->behind_map.range == 0) {
+    kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_ARGUMENT);
+  }
+  return decoder->state.failed;
 }
 
 // ---- Commands

@@ -27,11 +27,11 @@
 //   the caller compares info.new_checksum with the checksum of what came out
 //
 // Resuming: `state` is all that the next window depends on, besides payload, images and map, and
-// holds no pointer. Saved between two windows and put back later, it goes on from there once
-// kelvane_dense_resume has made the map again.
+// holds no pointer. Saved between two windows and put back later, into a decoder that has been
+// opened and asked to resume, it goes on from there.
 //
-// Room: the decoder itself (8156 bytes for a Cortex-M3, 7076 of them `state`) and 14 bytes for each
-// entry of the map. With KELVANE_DENSE_LARGEST_MODEL 0 it takes 4828 bytes (3748) and refuses
+// Room: the decoder itself (7144 bytes for a Cortex-M3, 7076 of them `state`) and 14 bytes for each
+// entry of the map. With KELVANE_DENSE_LARGEST_MODEL 0 it takes 3816 bytes (3748) and refuses
 // payloads made for the larger model. Machines whose KELVANE_DENSE_WITH_... is 0 cost no code, and
 // their payloads are refused.
 
@@ -126,28 +126,37 @@ typedef struct kelvane_dense_coder {
   uint32_t position;  // of the next byte of the payload
 } kelvane_dense_coder;
 
-// What the adaptive coding has seen so far.
+#define KELVANE_DENSE_MAP_COUNTERS 256u
+
+// What the adaptive coding has seen so far. What is small stands ahead, where instructions reach
+// it.
 typedef struct kelvane_dense_model {
-  uint32_t flags[512u << KELVANE_DENSE_LARGEST_MODEL];
-  uint16_t literals[512u << KELVANE_DENSE_LARGEST_MODEL];
-  uint32_t learned_from[32u << KELVANE_DENSE_LARGEST_MODEL];
-  uint32_t learned_to[32u << KELVANE_DENSE_LARGEST_MODEL];
-  uint32_t old_registers[32];
-  uint32_t new_registers[32];
-  uint32_t differences[3][6];
-  uint32_t shifts[3];
-  uint32_t match_shift;
-  uint32_t match_distance;
-  uint32_t tail;     // where the second half of an instruction lies that is taken by halves
   uint8_t matches;   // the last three: literal or match
   uint8_t outcomes;  // the last three predictions: right or wrong
   uint8_t outcomes_of[10];
+  uint32_t shifts[3];
+  uint32_t match_shift;
+  uint32_t match_distance;
+  uint32_t tail;  // where the second half of an instruction lies that is taken by halves
+  uint32_t differences[3][6];
+  uint32_t old_registers[32];
+  uint32_t new_registers[32];
+  uint32_t learned_from[32u << KELVANE_DENSE_LARGEST_MODEL];
+  uint32_t learned_to[32u << KELVANE_DENSE_LARGEST_MODEL];
+  union {
+    uint16_t literals[512u << KELVANE_DENSE_LARGEST_MODEL];
+    uint32_t map_counters[KELVANE_DENSE_MAP_COUNTERS];  // as long as the map is read
+  };
+  uint32_t flags[512u << KELVANE_DENSE_LARGEST_MODEL];
 } kelvane_dense_model;
 
 // All that the next window depends on.
 typedef struct kelvane_dense_state {
+  uint8_t match_is_new;
+  uint8_t pending_count;  // bytes of a copied word that did not fit into the last window
+  uint8_t pending[4];
+  int32_t failed;  // the code that ended it
   kelvane_dense_coder coder;
-  kelvane_dense_model model;
   uint32_t position;      // the next byte of the new image
   uint32_t literals_end;  // of the command at hand: literals end, copied bytes begin
   uint32_t copy_end;
@@ -156,13 +165,8 @@ typedef struct kelvane_dense_state {
   uint32_t match_left;  // bytes of the match at hand
   uint32_t match_from;
   uint32_t next_entry;  // of the map
-  uint8_t match_is_new;
-  uint8_t pending_count;  // bytes of a copied word that did not fit into the last window
-  uint8_t pending[4];
-  int32_t failed;  // the code that ended it
+  kelvane_dense_model model;
 } kelvane_dense_state;
-
-#define KELVANE_DENSE_MAP_COUNTERS 256u
 
 // The caller's memory for a decoder; only `state`, at its start, is to be saved.
 typedef struct kelvane_dense_decoder {
@@ -172,19 +176,19 @@ typedef struct kelvane_dense_decoder {
   kelvane_dense_entry* entries;  // in order of targets
   uint16_t* by_source;           // their numbers in order of sources
   uint32_t entry_count;
-  uint8_t in_map;  // the map is being read, with counters of its own
-  uint32_t map_counters[KELVANE_DENSE_MAP_COUNTERS];
+  kelvane_dense_coder behind_map;  // how a pass begins; a range of 0 if nothing is opened
+  uint8_t in_map;                  // the map is being read, with counters of its own
 } kelvane_dense_decoder;
 
-// Reads and checks the header and tells what it says. `input` and `map` (`map_size` bytes, aligned
-// for 32-bit numbers; may be null if there is no map) stay in use.
+// Reads and checks the header, tells what it says, and reads the map, whose memory stays in use as
+// `input` does: `map_size` bytes, aligned for 32-bit numbers; may be null if there is no map.
 int kelvane_dense_open(kelvane_dense_decoder* decoder, const kelvane_dense_input* input, void* map,
                        uint32_t map_size, kelvane_dense_info* info);
 
-// A pass begins, at address 0. Reads the map.
+// A pass begins, at address 0.
 int kelvane_dense_restart(kelvane_dense_decoder* decoder);
 
-// Goes on from a `state` that has been put back.
+// Goes on from a `state` that has been put back since the decoder was opened.
 int kelvane_dense_resume(kelvane_dense_decoder* decoder);
 
 // Computes `count` bytes of the new image from `address` on, where the last window ended. Bytes

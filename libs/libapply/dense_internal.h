@@ -98,7 +98,7 @@ static inline uint32_t* kelvane_dense_flag_counter(kelvane_dense_decoder* decode
                                                    uint32_t context) {
   uint32_t hash = context * 0x9E3779B1u;
   hash ^= hash >> 15;
-  return decoder->in_map ? &decoder->map_counters[hash >> 24]
+  return decoder->in_map ? &decoder->state.model.map_counters[hash >> 24]
                          : &decoder->state.model.flags[hash >> (23 - decoder->info.model)];
 }
 
@@ -152,8 +152,10 @@ static inline uint32_t kelvane_dense_bound(uint32_t range, uint32_t probability)
 #define KELVANE_DENSE_EVEN 0x80000000u
 #define KELVANE_DENSE_UNKNOWN 1u
 
-// Puts the model to where a pass begins.
+// Puts the model to where a pass begins; the map has to be done with by then.
 void kelvane_dense_reset_model(kelvane_dense_decoder* decoder);
+// Puts the counters of the map, which take the place of others, to where it begins.
+void kelvane_dense_begin_map(kelvane_dense_decoder* decoder);
 
 // ---- Reading
 

@@ -58,6 +58,14 @@ uint32_t kelvane_dense_hole_at(const kelvane_dense_decoder* decoder, uint32_t co
   return rest < room ? rest : room;
 }
 
+void kelvane_dense_begin_map(kelvane_dense_decoder* decoder) {
+  for (uint32_t i = 0; i < KELVANE_DENSE_MAP_COUNTERS; ++i) {
+    decoder->state.model.map_counters[i] = KELVANE_DENSE_EVEN;
+  }
+  decoder->entry_count = 0;
+  decoder->in_map = 1;
+}
+
 // A source is told by where it was to be expected: where the last one ended (0), or where one was
 // expected earlier and did not come (1 to 6, the last such place first), each pushed up past what
 // entries have already. Else it is a number from the first of these.
@@ -65,7 +73,7 @@ int kelvane_dense_read_map(kelvane_dense_decoder* decoder) {
   uint32_t left[KELVANE_DENSE_PLACES] = {0};
   uint32_t target = 0;
   uint32_t source_end = 0;
-  decoder->in_map = 1;
+  kelvane_dense_begin_map(decoder);
   for (uint32_t i = 0; i < decoder->info.map_entries; ++i) {
     kelvane_dense_entry* const entry = &decoder->entries[i];
     const uint32_t gap = kelvane_dense_read_number(decoder, KELVANE_DENSE_M_GAP);

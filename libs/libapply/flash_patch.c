@@ -30,30 +30,35 @@ static int check_addresses(kelvane_patch_payload* self) {
 static int find_moves(kelvane_patch_payload* self) {
   kelvane_cursor cursor;
   kelvane_item item;
-  int others = 0;
   self->move_commands = 0;
+  self->local = self->applier.patch.size;
   kelvane_cursor_start(&cursor, &self->applier);
-  self->local = cursor;
   while (kelvane_item_next(&cursor, &item)) {
     if (item.kind == KELVANE_ITEM_COMMAND) {
-      if (item.command != KELVANE_CM_MOVE) {
-        others = 1;
-      } else if (others) {
-        return KELVANE_UPDATE_MOVE_BEHIND;
-      } else {
+      const uint32_t position = self->applier.error_position;
+      if (item.command == KELVANE_CM_MOVE) {
+        if (position > self->local) {
+          return KELVANE_UPDATE_MOVE_BEHIND;
+        }
         ++self->move_commands;
+      } else if (position < self->local) {
+        self->local = position;
       }
-    } else if (item.kind == KELVANE_ITEM_COMMAND_END && !others) {
-      self->local = cursor;
     }
   }
   return cursor.code;
 }
 
+// Goes to the commands behind the moves. There may be none.
+static void start_local(kelvane_patch_payload* self, kelvane_cursor* cursor) {
+  kelvane_apply_start(cursor, &self->applier, self->local);
+  cursor->in_set = 1;
+}
+
 static int patch_open(void* state, uint32_t size, const kelvane_payload_input* input,
                       kelvane_payload_images* images) {
   kelvane_patch_payload* const self = (kelvane_patch_payload*)state;
-  const kelvane_patch_info* const info = &self->applier.info;
+  kelvane_patch_info info;
   int code;
   if (size < sizeof *self) {
     return KELVANE_UPDATE_BAD_GEOMETRY;
@@ -64,13 +69,17 @@ static int patch_open(void* state, uint32_t size, const kelvane_payload_input* i
   if (code != KELVANE_APPLY_OK) {
     return code;
   }
-  if (info->version == 0 || info->memory_mode) {
+  code = kelvane_apply_info(&self->applier, &info);
+  if (code != KELVANE_APPLY_OK) {
+    return code;
+  }
+  if (info.version == 0 || info.memory_mode) {
     return KELVANE_UPDATE_UNSUPPORTED;
   }
-  images->old_size = info->old_size;
-  images->new_size = info->new_size;
-  images->old_checksum = info->old_checksum;
-  images->new_checksum = info->new_checksum;
+  images->old_size = info.old_size;
+  images->new_size = info.new_size;
+  images->old_checksum = info.old_checksum;
+  images->new_checksum = info.new_checksum;
   code = check_addresses(self);
   return code == KELVANE_APPLY_OK ? find_moves(self) : code;
 }
@@ -78,23 +87,27 @@ static int patch_open(void* state, uint32_t size, const kelvane_payload_input* i
 // Goes to the first words of the classes of the first command of increments, as many as have room.
 static int patch_restart(void* state) {
   kelvane_patch_payload* const self = (kelvane_patch_payload*)state;
-  kelvane_cursor cursor = self->local;
+  kelvane_cursor cursor;
   kelvane_item item;
   self->reached = 0;
   self->increments = 0;
   self->classes = 0;
+  start_local(self, &cursor);
   self->behind = cursor;
   while (self->room > 0 && kelvane_item_next(&cursor, &item)) {
-    if (item.command == KELVANE_CM_INCRS) {
-      if (item.kind == KELVANE_ITEM_COMMAND) {
-        self->increments = item.position;
-      } else if (item.kind == KELVANE_ITEM_COMMAND_END ||
-                 (item.kind == KELVANE_ITEM_CLASS && self->classes == self->room)) {
+    if (item.kind == KELVANE_ITEM_COMMAND) {
+      if (self->increments != 0) {
         return KELVANE_APPLY_OK;
-      } else if (item.kind == KELVANE_ITEM_CLASS) {
-        words_of(self)[self->classes++] = cursor.words;
-        self->input->alive(self->input->update);
       }
+      if (item.command == KELVANE_CM_INCRS) {
+        self->increments = self->applier.error_position;
+      }
+    } else if (item.kind == KELVANE_ITEM_CLASS) {
+      if (self->classes == self->room) {
+        return KELVANE_APPLY_OK;
+      }
+      words_of(self)[self->classes++] = cursor.words;
+      self->input->alive(self->input->update);
     }
     self->behind = cursor;
   }
@@ -105,11 +118,9 @@ static int patch_restart(void* state) {
 
 // Where the moves of a command begin, and how many it has.
 static uint32_t moves_of(kelvane_applier* applier, uint32_t command, uint32_t* count) {
-  uint32_t position = applier->info.header_size;
+  uint32_t position = applier->header_size;
   for (;;) {
-    const uint32_t first = kelvane_apply_byte(applier, position + 1);
-    const uint32_t second = kelvane_apply_byte(applier, position + 2);
-    *count = applier->info.big_endian ? first << 8 | second : second << 8 | first;
+    *count = kelvane_apply_number(applier, position + 1, 2);
     position += 3;
     if (command-- == 0) {
       return position;
@@ -127,9 +138,9 @@ static uint32_t origin(kelvane_patch_payload* self, uint32_t at, uint32_t* count
     const uint32_t first = moves_of(applier, command, &moves);
     while (moves-- > 0) {
       const uint32_t place = first + 12 * moves;
-      const uint32_t size = kelvane_apply_word(applier, place + 4);
-      const uint32_t shift = kelvane_apply_word(applier, place + 8);
-      const uint32_t target = kelvane_apply_word(applier, place) + shift;
+      const uint32_t size = kelvane_apply_number(applier, place + 4, 4);
+      const uint32_t shift = kelvane_apply_number(applier, place + 8, 4);
+      const uint32_t target = kelvane_apply_number(applier, place, 4) + shift;
       if (at - target < size) {
         if (*count > size - (at - target)) {
           *count = size - (at - target);
@@ -155,20 +166,15 @@ typedef struct window {
 // The byte of a compressed store that lies `offset` behind its start: followed back to a literal.
 static uint8_t expanded_byte(kelvane_applier* applier, const kelvane_item* item, uint32_t offset) {
   for (;;) {
-    compressed_reader reader;
-    compressed_item next = {0, 0, 0};
+    compressed_reader next;
     uint32_t start = 0;
-    kelvane_apply_start_compressed(&reader, applier, item);
-    while (kelvane_apply_take_compressed(&reader, &next) == ITEM_TAKEN &&
-           offset - start >= next.length) {
+    kelvane_apply_start_compressed(&next, item);
+    while (kelvane_apply_take_compressed(applier, &next) && offset - start >= next.length) {
       start += next.length;
     }
-    if (next.distance == 0) {
+    // What is further back than the first byte is 0.
+    if (next.distance == 0 || next.distance > offset) {
       return next.literal;
-    }
-    // What is further back than the first byte is 0; a damaged stream ends here too.
-    if (next.distance > offset) {
-      return 0;
     }
     offset -= next.distance;
   }
@@ -176,11 +182,10 @@ static uint8_t expanded_byte(kelvane_applier* applier, const kelvane_item* item,
 
 static void expand(const window* part, const kelvane_item* item) {
   kelvane_applier* const applier = &part->self->applier;
-  compressed_reader reader;
-  compressed_item next = {0, 0, 0};
+  compressed_reader next;
   uint32_t offset = 0;
-  kelvane_apply_start_compressed(&reader, applier, item);
-  while (kelvane_apply_take_compressed(&reader, &next) == ITEM_TAKEN) {
+  kelvane_apply_start_compressed(&next, item);
+  while (kelvane_apply_take_compressed(applier, &next)) {
     for (; next.length > 0; --next.length, ++offset) {
       const uint32_t place = item->address + offset - part->address;
       if (item->address + offset >= part->address + part->count) {
@@ -189,10 +194,8 @@ static void expand(const window* part, const kelvane_item* item) {
       if (place >= part->count) {
         continue;  // ahead of the window
       }
-      if (next.distance == 0) {
+      if (next.distance == 0 || next.distance > offset) {
         part->bytes[place] = next.literal;
-      } else if (next.distance > offset) {
-        part->bytes[place] = 0;
       } else if (next.distance <= place) {
         part->bytes[place] = part->bytes[place - next.distance];
       } else {
@@ -204,7 +207,7 @@ static void expand(const window* part, const kelvane_item* item) {
 
 static void add(const window* part, uint32_t address, uint32_t value) {
   if (address - part->address < part->count) {
-    kelvane_apply_add(part->bytes + (address - part->address), part->self->applier.info.big_endian,
+    kelvane_apply_add(part->bytes + (address - part->address), part->self->applier.big_endian,
                       value);
   }
 }
@@ -233,7 +236,7 @@ static int carry_out(const window* part, const kelvane_item* item) {
     case KELVANE_ITEM_STORE:
       if (item->command == KELVANE_CM_SUB_COMP) {
         expand(part, item);
-      } else if (kelvane_source_read(&part->self->applier.patch, item->data + skipped,
+      } else if (kelvane_source_read(&part->self->applier.patch, item->value + skipped,
                                      part->bytes + start, count) != 0) {
         return KELVANE_APPLY_FETCH_FAILED;
       }
@@ -247,14 +250,16 @@ static int carry_out(const window* part, const kelvane_item* item) {
 // Reads the classes on that have words of their own.
 static void add_words(const window* part) {
   kelvane_patch_payload* const self = part->self;
+  kelvane_cursor next = self->behind;
+  kelvane_item item;
   uint32_t i;
   for (i = 0; i < self->classes; ++i) {
     kelvane_words* const words = words_of(self) + i;
-    kelvane_words next = *words;
-    while (kelvane_apply_take_word(&self->applier, &next, self->behind.end) == WORD_TAKEN &&
-           (next.address < part->address || next.address - part->address < part->count)) {
-      add(part, next.address, next.value);
-      *words = next;
+    next.words = *words;
+    while (kelvane_apply_next_word(&next, &item) == KELVANE_ITEM_INCREMENT &&
+           (item.address < part->address || item.address - part->address < part->count)) {
+      add(part, item.address, item.value);
+      *words = next.words;
     }
   }
 }
@@ -263,7 +268,7 @@ static int patch_window(void* state, uint32_t address, uint8_t* bytes, uint32_t 
   kelvane_patch_payload* const self = (kelvane_patch_payload*)state;
   const kelvane_payload_input* const input = self->input;
   window part;
-  kelvane_cursor cursor = self->local;
+  kelvane_cursor cursor;
   kelvane_item item;
   uint32_t done = 0;
   if (address < self->reached) {
@@ -286,9 +291,10 @@ static int patch_window(void* state, uint32_t address, uint8_t* bytes, uint32_t 
   part.address = address;
   part.count = count;
   part.bytes = bytes;
+  start_local(self, &cursor);
   while (kelvane_item_next(&cursor, &item)) {
     int code;
-    if (item.kind == KELVANE_ITEM_COMMAND && item.position == self->increments) {
+    if (item.kind == KELVANE_ITEM_COMMAND && self->applier.error_position == self->increments) {
       add_words(&part);
       cursor = self->behind;
       continue;
@@ -298,7 +304,7 @@ static int patch_window(void* state, uint32_t address, uint8_t* bytes, uint32_t 
       return code;
     }
   }
-  return self->applier.fetch_failed ? KELVANE_APPLY_FETCH_FAILED : cursor.code;
+  return self->applier.fetch_code != KELVANE_APPLY_OK ? self->applier.fetch_code : cursor.code;
 }
 
 const kelvane_payload_kind kelvane_patch_kind = {

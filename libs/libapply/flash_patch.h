@@ -21,7 +21,7 @@ extern "C" {
 typedef struct kelvane_patch_payload {
   kelvane_applier applier;
   const kelvane_payload_input* input;
-  kelvane_cursor local;    // ahead of the commands behind the moves
+  uint32_t local;          // position of the commands behind the moves
   kelvane_cursor behind;   // behind the classes that are read on, in their command
   uint32_t move_commands;  // at the head of the patch
   uint32_t increments;     // position of the command whose classes are read on; 0 for none

@@ -33,8 +33,6 @@ class dense_model {
     decoder_.info.model = options.model;
     decoder_.entries = entries_.data();
     decoder_.by_source = by_source_.data();
-    std::fill(std::begin(decoder_.map_counters), std::end(decoder_.map_counters),
-              KELVANE_DENSE_EVEN);
     kelvane_dense_reset_model(&decoder_);
   }
   dense_model(const dense_model&) = delete;

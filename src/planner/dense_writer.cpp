@@ -133,7 +133,7 @@ void payload_writer::write_map() {
   std::array<uint32_t, KELVANE_DENSE_PLACES> left = {};
   uint32_t target = 0;
   uint32_t source_end = 0;
-  decoder_.in_map = 1;
+  kelvane_dense_begin_map(&decoder_);
   for (uint32_t i = 0; i < plan_.map.size(); ++i) {
     const kelvane_dense_entry& entry = plan_.map[i];
     coder_.number(KELVANE_DENSE_M_GAP, entry.target - target);
@@ -169,6 +169,7 @@ void payload_writer::write_map() {
     decoder_.entry_count = i + 1;
   }
   decoder_.in_map = 0;
+  kelvane_dense_reset_model(&decoder_);
 }
 
 void payload_writer::write_command(uint32_t literals, const dense_copy& copy) {

@@ -100,12 +100,15 @@ std::string fault_of_memory_patch(const plan_images& images, const std::vector<u
                                    0};
     code = kelvane_apply_run(&applier, &target, 0);
   }
+  kelvane_patch_info info = {};
+  if (code == KELVANE_APPLY_OK) {
+    code = kelvane_apply_info(&applier, &info);
+  }
   if (code != KELVANE_APPLY_OK) {
     return std::string(kelvane_apply_text(code)) + ", at offset " +
            std::to_string(applier.error_position);
   }
-  if (applier.info.memory_mode == 0 ||
-      (applier.info.big_endian != 0) != (order == ByteOrder::kBig)) {
+  if (info.memory_mode == 0 || (info.big_endian != 0) != (order == ByteOrder::kBig)) {
     return "it is not for this memory";
   }
   return memory.fault();

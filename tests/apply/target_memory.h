@@ -121,7 +121,6 @@ class OpenedPatch {
   }
 
   kelvane_applier* applier() { return applier_.get(); }
-  const kelvane_patch_info& info() const { return applier_->info; }
 
   int code;  // what opening it gave
 

@@ -415,6 +415,7 @@ TEST(DenseDecoderTest, AWindowOutOfTurnAndALargerModelOrMapAreRefused) {
   input.largest_image = 100;
   EXPECT_EQ(kelvane_dense_open(decoder.get(), &input, map.data(), 4000, &info),
             KELVANE_DENSE_NO_ROOM);
+  EXPECT_EQ(kelvane_dense_restart(decoder.get()), KELVANE_DENSE_BAD_ARGUMENT);
 }
 
 // The worked payload of docs/dense-format.md.

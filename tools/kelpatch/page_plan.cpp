@@ -24,7 +24,7 @@ std::vector<uint32_t> origins(PatchFile& patch, uint32_t bytes) {
       if (item.command == KELVANE_CM_MOVE && behind) {
         fatal("'%s' moves behind another command (at offset %" PRIu32
               "), which a device can't carry out by pages",
-              patch.name().c_str(), item.position);
+              patch.name().c_str(), patch.applier()->error_position);
       }
       behind = behind || item.command != KELVANE_CM_MOVE;
     } else if (item.kind == KELVANE_ITEM_MOVE) {

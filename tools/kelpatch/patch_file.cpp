@@ -44,6 +44,19 @@ int no_read(void* /*context*/, uint32_t /*address*/, uint8_t* /*bytes*/, uint32_
   return 1;
 }
 
+// Where the header of version 0 tells the sizes of the files.
+constexpr size_t kV0OldSize = 8;
+constexpr size_t kV0NewSize = 12;
+
+// The word there; 0 if the file ends ahead of it.
+uint32_t word_at(const Bytes& bytes, size_t position, bool big_endian) {
+  uint32_t word = 0;
+  for (size_t i = 0; i < 4 && position + 4 <= bytes.size(); ++i) {
+    word = word << 8U | bytes[position + (big_endian ? i : 3 - i)];
+  }
+  return word;
+}
+
 }  // namespace
 
 std::string formatted(const char* format, ...) {
@@ -170,18 +183,25 @@ void PatchFile::open(uint32_t flags) {
     fatal("patch file '%s' is damaged at offset %u: %s", name_.c_str(), applier_.error_position,
           kelvane_apply_text(code));
   }
+  kelvane_apply_info(&applier_, &info_);
 }
 
 PatchFile::Rank PatchFile::rank(uint32_t flags, const KnownSizes& known) {
   const bool sound =
       kelvane_apply_open(&applier_, bytes_.data(), size(), flags) == KELVANE_APPLY_OK;
-  const kelvane_patch_info& header = applier_.info;
+  // The sizes count where the commands are damaged, too.
+  const bool big_endian = (flags & KELVANE_V0_BIG_ENDIAN) != 0;
+  info_.old_size = word_at(bytes_, kV0OldSize, big_endian);
+  info_.new_size = word_at(bytes_, kV0NewSize, big_endian);
+  if (sound) {
+    kelvane_apply_info(&applier_, &info_);
+  }
   uint32_t merits = 0;
-  merits += known.old_file == header.old_size ? 4U : 0U;
-  merits += known.new_file == header.new_size ? 4U : 0U;
+  merits += known.old_file == info_.old_size ? 4U : 0U;
+  merits += known.new_file == info_.new_size ? 4U : 0U;
   merits += sound ? 2U : 0U;
   merits += sound && check_files() == KELVANE_APPLY_OK ? 1U : 0U;
-  return {merits, std::max(header.old_size, header.new_size)};
+  return {merits, std::max(info_.old_size, info_.new_size)};
 }
 
 int PatchFile::check_files() {

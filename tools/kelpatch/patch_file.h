@@ -80,7 +80,7 @@ class PatchFile {
   PatchFile(const std::string& name, Bytes bytes);
 
   const std::string& name() const { return name_; }
-  const kelvane_patch_info& info() const { return applier_.info; }
+  const kelvane_patch_info& info() const { return info_; }
   const Bytes& bytes() const { return bytes_; }
   uint32_t size() const { return static_cast<uint32_t>(bytes_.size()); }
   kelvane_applier* applier() { return &applier_; }
@@ -100,6 +100,7 @@ class PatchFile {
   std::string name_;
   Bytes bytes_;
   kelvane_applier applier_ = {};
+  kelvane_patch_info info_ = {};
 };
 
 }  // namespace kelpatch

@@ -41,6 +41,8 @@ struct Listing {
   const ShownImages& images;
   const uint8_t* patch;
   std::array<Total, kKinds.size()> totals;
+  uint8_t command;  // at hand, which begins at
+  uint32_t begin;
 };
 
 std::string in_section(const MemoryImage* image, uint32_t address) {
@@ -73,10 +75,10 @@ std::string counted(uint32_t count, const char* unit) {
 std::string hexadecimal(const kelvane_item& item, const uint8_t* data) {
   constexpr uint32_t kShown = 16;
   std::string text;
-  for (uint32_t i = 0; i < std::min(item.data_size, kShown); ++i) {
+  for (uint32_t i = 0; i < std::min(item.count, kShown); ++i) {
     text += formatted(" %02x", data[i]);
   }
-  return item.data_size > kShown ? text + " ..." : text;
+  return item.count > kShown ? text + " ..." : text;
 }
 
 void show_store(const ShownImages& images, const kelvane_item& item, const uint8_t* bytes) {
@@ -85,12 +87,18 @@ void show_store(const ShownImages& images, const kelvane_item& item, const uint8
   if (item.command == KELVANE_CM_SUB_ONE) {
     std::printf("    store 0x%02x at %s\n", bytes[0], place.c_str());
   } else if (item.command == KELVANE_CM_SUB_COMP) {
-    std::printf("    expand %s to %s at %s:%s\n", counted(item.data_size, "byte").c_str(),
+    std::printf("    expand %s to %s at %s:%s\n", counted(item.count, "byte").c_str(),
                 counted(item.size, "byte").c_str(), place.c_str(), data.c_str());
   } else {
     std::printf("    store %s at %s:%s\n", counted(item.size, "byte").c_str(), place.c_str(),
                 data.c_str());
   }
+}
+
+// Ends the command at hand.
+void end_command(Listing& listing, uint32_t position) {
+  listing.totals[listing.command].patch_bytes += position - listing.begin;
+  listing.begin = position;
 }
 
 void show_item(Listing& listing, const kelvane_item& item) {
@@ -107,9 +115,6 @@ void show_item(Listing& listing, const kelvane_item& item) {
                                                       : " of the old contents",
                   counted(item.count, kind.unit).c_str());
       break;
-    case KELVANE_ITEM_COMMAND_END:
-      total.patch_bytes += item.data_size;
-      break;
     case KELVANE_ITEM_LIST:
       if (item.relative != 0) {
         std::printf("  relative list from 0x%" PRIx32 ", %s\n", item.address,
@@ -124,7 +129,7 @@ void show_item(Listing& listing, const kelvane_item& item) {
                   moved_place(images, item.address + item.value).c_str(), signed_value);
       break;
     case KELVANE_ITEM_STORE:
-      show_store(images, item, listing.patch + item.data);
+      show_store(images, item, listing.patch + item.value);
       break;
     case KELVANE_ITEM_FILL:
       std::printf("  fill %s at %s with 0x%02" PRIx32 "\n", counted(item.size, "byte").c_str(),
@@ -189,17 +194,22 @@ void show_row(const char* name, const Total& total) {
 }  // namespace
 
 void show_patch(PatchFile& patch, ByteOrder order, const ShownImages& images) {
-  Listing listing = {images, patch.applier()->patch.bytes, {}};
+  Listing listing = {images, patch.applier()->patch.bytes, {}, 0, 0};
   show_header(patch, order);
   kelvane_cursor cursor;
   kelvane_item item;
   kelvane_cursor_start(&cursor, patch.applier());
   while (kelvane_item_next(&cursor, &item) != 0) {
+    if (item.kind == KELVANE_ITEM_COMMAND) {
+      end_command(listing, patch.applier()->error_position);
+      listing.command = item.command;
+    }
     show_item(listing, item);
   }
+  end_command(listing, patch.size());
   std::printf("\nkind            commands     items  patch bytes  target bytes\n");
   Total all;
-  all.patch_bytes = patch.info().header_size;
+  all.patch_bytes = listing.totals[0].patch_bytes;
   show_row("header", all);
   for (const uint8_t command : kTableOrder) {
     const Total& total = listing.totals[command];

@@ -114,23 +114,23 @@ class SplitCommand {
  public:
   SplitCommand(PatchFile& patch, uint32_t page_size) : patch_(&patch), page_size_(page_size) {}
 
-  void begin_list(const kelvane_item& item) {
-    end_list(item.position);
-    list_ = item.position;
+  void begin_list(const kelvane_item& item, uint32_t position) {
+    end_list(position);
+    list_ = position;
     relative_ = item.relative != 0;
     is_cut_ = false;
     stores_.clear();
   }
 
   void store(const kelvane_item& item) {
-    const uint8_t* const data = patch_->bytes().data() + item.data;
+    const uint8_t* const data = patch_->bytes().data() + item.value;
     const uint32_t behind = item.address + item.size;
     if (item.size == 0 || item.address / page_size_ == (behind - 1) / page_size_) {
-      stores_.push_back({item.address, Bytes(data, data + item.data_size)});
+      stores_.push_back({item.address, Bytes(data, data + item.count)});
       return;
     }
     is_cut_ = true;
-    const Expanded whole = expand(data, item.data_size);
+    const Expanded whole = expand(data, item.count);
     for (uint32_t at = item.address; at < behind;) {
       const uint32_t end = std::min(behind, (at / page_size_ + 1) * page_size_);
       stores_.push_back({at, piece_of(whole, at - item.address, end - item.address)});
@@ -215,32 +215,38 @@ Bytes split_at_pages(PatchFile& patch, uint32_t page_size) {
   const Bytes& bytes = patch.bytes();
   Bytes out(bytes.begin(), bytes.begin() + patch.info().header_size);
   SplitCommand command(patch, page_size);
+  uint32_t begin = patch.info().header_size;
+  bool compressed = false;
   bool is_cut = false;
+  const auto end_command = [&](uint32_t position) {
+    Bytes changed;
+    if (compressed) {
+      command.end(position, changed);
+    }
+    if (compressed && command.is_cut()) {
+      is_cut = true;
+      out.insert(out.end(), changed.begin(), changed.end());
+    } else {
+      out.insert(out.end(), bytes.begin() + begin, bytes.begin() + position);
+    }
+    begin = position;
+  };
   kelvane_cursor cursor;
   kelvane_item item;
   kelvane_cursor_start(&cursor, patch.applier());
   while (kelvane_item_next(&cursor, &item) != 0) {
-    const bool compressed = item.command == KELVANE_CM_SUB_COMP;
+    const uint32_t position = patch.applier()->error_position;
     if (item.kind == KELVANE_ITEM_COMMAND) {
+      end_command(position);
       command = SplitCommand(patch, page_size);
+      compressed = item.command == KELVANE_CM_SUB_COMP;
     } else if (compressed && item.kind == KELVANE_ITEM_LIST) {
-      command.begin_list(item);
+      command.begin_list(item, position);
     } else if (compressed && item.kind == KELVANE_ITEM_STORE) {
       command.store(item);
-    } else if (item.kind == KELVANE_ITEM_COMMAND_END) {
-      Bytes changed;
-      const uint32_t behind = item.position + item.data_size;
-      if (compressed) {
-        command.end(behind, changed);
-      }
-      if (compressed && command.is_cut()) {
-        is_cut = true;
-        out.insert(out.end(), changed.begin(), changed.end());
-      } else {
-        out.insert(out.end(), bytes.begin() + item.position, bytes.begin() + behind);
-      }
     }
   }
+  end_command(patch.size());
   if (!is_cut) {
     return bytes;
   }
