@@ -23,6 +23,7 @@ settings --machine arm --base 0x8000 --big-endian --effort quick
 settings --base 100 --little-endian --effort best
 settings --big-endian --effort quick --page 1024 --map 0
 kelmake --bundle --simulate --page 2048 old new -o update | grep cut
+kelmake --bundle --quiet --page 64 old new -o update && kelpatch verify --quiet old new update
 
 # Equal images, an empty one on either side, and one of a byte.
 : >empty

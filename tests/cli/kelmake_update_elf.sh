@@ -39,6 +39,12 @@ elf 40 0 0x8001 0x8000 longer 0x10000 table2 >new.elf
 
 kelmake --bundle --simulate --page 1024 --report report old.elf new.elf -o update | grep -v '^  bytes of '
 grep -E '"(ranges|pages|base)"' report
+# code_of PART: what the ledger of sizes has for it.
+code_of() {
+  sed -nE "s/^cortex-m3,-Oz,\"$1\",([0-9]+),.*/\1/p" "$(dirname "${BASH_SOURCE[0]}")/../apply/device_sizes.csv"
+}
+code=$(($(code_of 'update of flash, dense') - $(code_of 'dense, all machines') + $(code_of 'dense, Thumb')))
+grep -cE "\"update\": .*\"code\": $code" report
 kelpatch show update | grep -E '^(pages|range)'
 
 # The raw images of the same have the load address as their first byte.

@@ -42,6 +42,8 @@ uint32_t pages_of_larger_model(const UpdateFile& update) {
 DeviceShape device_for(const UpdateFile& update) {
   DeviceShape shape;
   shape.flash.page_size = update.plan().page_size;
+  // Into a page of 64 bytes go no more than the head and records of a journal of 4-byte units.
+  shape.flash.unit = shape.flash.page_size < 128 ? 4 : 8;
   shape.image_pages = update.plan().pages;
   shape.spare_pages = update.spare_pages() + pages_of_larger_model(update);
   if (update.dense()) {
