@@ -74,7 +74,8 @@ kelmake --bundle --big-endian --effort quick risc.elf risc2.elf -o update | grep
 { head -c 4 old.elf && bytes 00 && tail -c +6 old.elf; } >class.elf
 elf 40 0 0 0xFFFFF800 code >beyond.elf
 for pair in 'old.elf new.bin' 'old.bin new.elf' 'old.elf power.elf' 'old.elf overlap.elf' \
-  'old.elf far.elf' 'empty.elf new.elf' 'cut.elf new.elf' 'wide.elf new.elf' 'class.elf new.elf' 'old.elf beyond.elf'; do
+  'old.elf far.elf' 'empty.elf new.elf' 'cut.elf new.elf' 'wide.elf new.elf' 'class.elf new.elf' \
+  'old.elf beyond.elf'; do
   # shellcheck disable=SC2086
   run kelmake --bundle --quiet $pair -o kept
   # shellcheck disable=SC2086
