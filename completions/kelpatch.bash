@@ -34,7 +34,7 @@ _kelpatch() {
             ;;
           plan | bundle)
             candidates="--page --ring --spare --unit --window --classes --erase-time --program-time"
-            candidates+=" --help --version"
+            candidates+=" --max-size --help --version"
             if [[ $command == bundle ]]; then
               candidates+=" -o --output --rollback --signature --simulate"
             fi

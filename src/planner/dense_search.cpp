@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <mutex>
 #include <stdexcept>
 
 #include "dense_base.h"
@@ -34,6 +35,10 @@ struct effort_settings {
   // with, for which the settings of the alignment matter little.
   uint32_t single_rounds = 0;
   std::vector<try_settings> tries;
+  std::span<const try_settings> tries_of(uint32_t round) const {
+    const std::span<const try_settings> all = tries;
+    return round < single_rounds ? all.first(1) : all;
+  }
 };
 
 // Many tries in the last round alone take a fourth of the time that they take in each, and payloads
@@ -55,6 +60,21 @@ effort_settings settings_for(dense_effort effort, size_t new_size, bool is_far_a
     return settings;
   }
   return {3, 2, {{}, {40, 16}, {60, 16}, {40, 22}, {60, 22}}};
+}
+
+// How many machines go into the round behind this one.
+size_t most_machines_behind(uint32_t round) {
+  return round == 0 ? kFewMachines : kFewestMachines;
+}
+
+// From `round` on, if no more machines fall behind than have to.
+uint32_t most_tries_from(const effort_settings& settings, uint32_t round, size_t machines) {
+  size_t count = 0;
+  for (; round < settings.rounds; ++round) {
+    count += settings.tries_of(round).size() * machines;
+    machines = std::min(machines, most_machines_behind(round));
+  }
+  return static_cast<uint32_t>(count);
 }
 
 // A plan and its payload.
@@ -134,6 +154,7 @@ class search {
   std::vector<dense_options> likely_options(std::span<const shift_stretch> stretches) const;
   void next_round(std::vector<contender>& contenders, std::span<const try_settings> tries);
   void drop_behind(std::vector<contender>& contenders, uint32_t round) const;
+  void note_try(size_t size);
   void take_winner(contender& contender, candidate& winner) const;
   static size_t index_of(ByteOrder order) { return order == ByteOrder::kBig ? 1 : 0; }
   void make_seeds(ByteOrder order);
@@ -148,6 +169,8 @@ class search {
   string_seeds strings_;
   bool is_far_apart_;
   std::array<std::optional<difference_seeds>, 2> differences_;  // by order, those asked for
+  std::mutex progress_lock_;
+  plan_progress progress_;
 };
 
 std::vector<shift_stretch> search::align(const dense_options& options,
@@ -312,6 +335,7 @@ void search::next_round(std::vector<contender>& contenders, std::span<const try_
         align(from.options, from.knowledge, tries[i % tries.size()], from.kept_shifts);
     made[i].plan = plan_of(made[i].stretches, from.options.reads_new);
     write(made[i]);
+    note_try(made[i].size());
   });
   for (size_t i = 0; i < contenders.size(); ++i) {
     const auto first = made.begin() + static_cast<ptrdiff_t>(i * tries.size());
@@ -327,11 +351,20 @@ void search::drop_behind(std::vector<contender>& contenders, uint32_t round) con
                    [](const contender& first, const contender& second) {
                      return is_smaller(first.best, second.best);
                    });
-  const size_t most = round == 0 ? kFewMachines : kFewestMachines;
+  const size_t most = most_machines_behind(round);
   const size_t percent = round == 0 && !is_far_apart_ ? 150 : 105;
   const size_t limit = contenders.front().best.size() * percent / 100 + kSlack;
   while (contenders.size() > most || contenders.back().best.size() > limit) {
     contenders.pop_back();
+  }
+}
+
+void search::note_try(size_t size) {
+  const std::lock_guard<std::mutex> held(progress_lock_);
+  progress_.best_size = progress_.tries == 0 ? size : std::min<uint64_t>(progress_.best_size, size);
+  ++progress_.tries;
+  if (request_.report) {
+    request_.report(progress_);
   }
 }
 
@@ -369,8 +402,9 @@ dense_update search::run() {
     contenders.push_back({options, {}, {}, {}});
   }
   for (uint32_t round = 0; round < settings.rounds; ++round) {
-    const std::span<const try_settings> tries = settings.tries;
-    next_round(contenders, round < settings.single_rounds ? tries.first(1) : tries);
+    const std::span<const try_settings> tries = settings.tries_of(round);
+    progress_.most_tries = progress_.tries + most_tries_from(settings, round, contenders.size());
+    next_round(contenders, tries);
     drop_behind(contenders, round);
   }
   candidate best = std::move(contenders.front().best);

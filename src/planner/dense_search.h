@@ -10,7 +10,7 @@
 // payload wins depends on sizes alone, so the number of threads changes no byte.
 
 #include "dense_plan.h"
-#include "plan.h"
+#include "plan_search.h"
 
 namespace kelvane {
 
@@ -32,6 +32,9 @@ struct dense_request {
   uint32_t map_limit = 2048;
   dense_effort effort = dense_effort::normal;
   uint32_t jobs = 1;
+  // Called after each try of the rounds, by one thread at a time; sizes are those of payloads. May
+  // be empty.
+  std::function<void(const plan_progress&)> report;
 };
 
 struct dense_update {

@@ -1,9 +1,8 @@
 # shellcheck shell=bash
-# What bash completes: every option of the manual page, and the values that an option knows.
+# What bash completes for kelvane and kelpatch: every option of the manual page, and the values that an
+# option knows. kelmake has a case of its own.
 folder=$(dirname "${BASH_SOURCE[0]}")/../../completions
 manuals=$folder/../docs
-# shellcheck source=/dev/null
-source "$folder/kelmake.bash"
 # shellcheck source=/dev/null
 source "$folder/kelvane.bash"
 # shellcheck source=/dev/null
@@ -27,14 +26,12 @@ options_of() {
 sed 's/\\-/-/g' "$manuals/kelvane.1" | options_of >told
 offered kelvane - | tr ' ' '\n' | comm -3 told -
 options_of <"$folder/_kelvane" | comm -3 told -
-sed 's/\\-/-/g' "$manuals/kelmake.1" | options_of >told
-offered kelmake - | tr ' ' '\n' | comm -3 told -
-options_of <"$folder/_kelmake" | comm -3 told -
 sed 's/\\-/-/g' "$manuals/kelpatch.1" | options_of >told
 for command in '' show apply verify plan bundle; do
   offered kelpatch "$command" -
 done | tr ' ' '\n' | sort -u | comm -3 told -
 options_of <"$folder/_kelpatch" | comm -3 told -
+kelpatch --help | options_of | comm -3 told -
 
 touch old.bin old.elf new.bin
 offered kelvane -version ''

@@ -13,6 +13,8 @@ ln old hard
 run kelmake old new -o hard
 run kelmake old new -o patch --report new
 run kelmake old new -o patch --report nowhere/report
+run kelmake old new -o patch --report ./patch
+run kelmake old new -o none --report folder/../none
 run kelmake old new -o /dev/null
 truncate -s 2147483648 large
 run kelmake old large -o patch

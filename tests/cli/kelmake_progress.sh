@@ -2,6 +2,13 @@
 # On a terminal a line tells how far it is, and is wiped out in the end; elsewhere there is none.
 seq 1 4000 >old
 seq 3 5 4000 >new
-script -qefc 'kelmake --jobs 1 old new -o patch' log </dev/null | tr '\r' '\n' |
-  grep -oE 'plan [0-9] of [0-9], best so far [0-9]+ bytes|^patch: .*' | sed 's/ [0-9]* bytes/ N bytes/'
-kelmake --jobs 1 old new -o patch | grep -c plan
+# shown OPTION ...: what a terminal is shown, a line for each that was rewritten.
+shown() {
+  script -qefc "kelmake --jobs 1 $* old new -o made" log </dev/null | tr '\r' '\n' |
+    sed -nE -e 's/ +$//' -e 's/[0-9]+ (of|bytes|s left|$)/N \1/g' -e 's/of [0-9]+/of N/; s/operation [0-9]+/operation N/' \
+      -e '/^(making|looking|trying|cutting|patch:|update:)/p' | uniq
+}
+shown
+shown --bundle --base 0 --simulate
+shown --quiet
+kelmake --jobs 1 old new -o made 2>&1 | grep -c making

@@ -36,11 +36,15 @@ run kelmake --ram old.elf new.elf -o other
 printf '.text\n' >words
 run kelmake --ram --format 0 --exclude words old.elf new.elf -o other
 run kelmake --ram --format 0 --exclude words old.elf new.elf -o words
+run kelpatch apply --ram --base 0 old.elf patch -o old.elf
+run kelpatch verify --ram --max-size 1 old.elf new.elf patch
+run kelpatch show --ram --byte-order big old.elf new.elf patch
 run kelmake --ram --exclude missing old.elf new.elf -o other
 echo text >plain
 run kelmake --ram plain new.elf -o other
 run kelmake --ram old.elf plain -o other
 run kelmake --ram old.elf missing -o other
-head -c 60 new.elf >cut.elf
-run kelmake --ram old.elf cut.elf -o other
+# A message of a reader gets the name of the file, also where its letters happen to stand in it.
+head -c 60 new.elf >e
+run kelmake --ram old.elf e -o other
 ls

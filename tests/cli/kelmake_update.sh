@@ -5,7 +5,7 @@ for ((i = 0; i < 400; ++i)); do printf 'word %06d' $((i * i % 7919)); done >old
 { head -c 2000 old && printf '%0300d' 7 && tail -c +2001 old | sed 's/word 000/WORD 000/'; } >new
 # What code and memory take changes with the device's sources.
 kelmake --bundle --jobs 1 --page 1024 --report 'report 1' old new -o update |
-  sed -E '/^  (RAM|code) /s/ +[0-9]+ +[0-9]+/ N N/'
+  sed -E '/^  bytes of (RAM|code)/s/ +[0-9]+ +[0-9]+/ N N/'
 sed -E -e 's/"seconds": [0-9.]*/"seconds": S/' -e 's/"(memory|code)": [0-9]{3,}/"\1": N/g' 'report 1'
 mv update update1
 kelmake --bundle --quiet --jobs 3 --page 1024 old new -o update
@@ -23,6 +23,7 @@ settings --machine arm --base 0x8000 --big-endian --effort quick
 settings --base 100 --little-endian --effort best
 settings --big-endian --effort quick --page 1024 --map 0
 kelmake --bundle --simulate --page 2048 old new -o update | grep cut
+kelmake --bundle --quiet --page 64 old new -o update && kelpatch verify --quiet old new update
 
 # Equal images, an empty one on either side, and one of a byte.
 : >empty
@@ -41,7 +42,7 @@ for ((i = 0; i < 24; ++i)); do
   dd if=old_blocks bs=4096 skip=$(((i * 5 + 3) % 24)) count=1 status=none
 done >new_blocks
 kelmake --bundle --ring 1 --checkpoint 1 --spare 6 --effort quick old_blocks new_blocks -o update |
-  sed -n '/^update:/p;/spare pages/p'
+  sed -n '/^update:/p;/spare pages/p;/^    /p'
 
 # What does not fit says what would.
 run kelmake --bundle --spare 5 old new -o kept

@@ -37,8 +37,14 @@ printf '%0204d' 12 >table2
 elf 40 0 0x8001 0x8000 code 0x10000 table >old.elf
 elf 40 0 0x8001 0x8000 longer 0x10000 table2 >new.elf
 
-kelmake --bundle --simulate --page 1024 --report report old.elf new.elf -o update | grep -vE '^  (RAM|code) '
+kelmake --bundle --simulate --page 1024 --report report old.elf new.elf -o update | grep -v '^  bytes of '
 grep -E '"(ranges|pages|base)"' report
+# code_of PART: what the ledger of sizes has for it.
+code_of() {
+  sed -nE "s/^cortex-m3,-Oz,\"$1\",([0-9]+),.*/\1/p" "$(dirname "${BASH_SOURCE[0]}")/../apply/device_sizes.csv"
+}
+code=$(($(code_of 'update of flash, dense') - $(code_of 'dense, all machines') + $(code_of 'dense, Thumb')))
+grep -cE "\"update\": .*\"code\": $code" report
 kelpatch show update | grep -E '^(pages|range)'
 
 # The raw images of the same have the load address as their first byte.
@@ -61,8 +67,15 @@ head -c 3000 old.elf | head -c 200 >cut.elf
 { bytes 7F454C46 02010100 && head -c 60 /dev/zero; } >wide.elf
 kelmake --bundle either.elf either2.elf -o update | grep '^  machine'
 kelmake --bundle --machine none --base 0x100000 --big-endian either.elf either2.elf -o update | grep '^  machine'
+# A machine whose code is little-endian keeps that where the command line tells another order.
+elf 243 0 0 0x8000 code >risc.elf
+elf 243 0 0 0x8000 longer >risc2.elf
+kelmake --bundle --big-endian --effort quick risc.elf risc2.elf -o update | grep '^  machine'
+{ head -c 4 old.elf && bytes 00 && tail -c +6 old.elf; } >class.elf
+elf 40 0 0 0xFFFFF800 code >beyond.elf
 for pair in 'old.elf new.bin' 'old.bin new.elf' 'old.elf power.elf' 'old.elf overlap.elf' \
-  'old.elf far.elf' 'empty.elf new.elf' 'cut.elf new.elf' 'wide.elf new.elf'; do
+  'old.elf far.elf' 'empty.elf new.elf' 'cut.elf new.elf' 'wide.elf new.elf' 'class.elf new.elf' \
+  'old.elf beyond.elf'; do
   # shellcheck disable=SC2086
   run kelmake --bundle --quiet $pair -o kept
   # shellcheck disable=SC2086

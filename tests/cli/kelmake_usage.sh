@@ -6,6 +6,7 @@ run kelmake old new
 run kelmake old new third -o patch
 run kelmake old new -o
 run kelmake old new -o ''
+run kelmake old new -o patch --report=
 run kelmake --effort some old new -o patch
 run kelmake --profile=none old new -o patch
 run kelmake --format 2 old new -o patch

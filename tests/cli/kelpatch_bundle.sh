@@ -13,7 +13,9 @@ head -c 8 made | od -An -tx1
 
 # What does not fit says what would.
 run kelpatch plan there old.bin --page 128 --spare 1
-run kelpatch bundle there old.bin new.bin -o made --page 1024 --window 96
+run kelpatch bundle there old.bin new.bin -o made --page 1024 --window 2048
+run kelpatch plan there old.bin --max-size 9999
+run kelpatch bundle there old.bin new.bin -o made --max-size 9999
 run kelpatch plan there old.bin --unit 5
 run kelpatch plan there old.bin --page 1048576 --spare 5000
 run kelpatch bundle there old.bin old.bin -o kept
@@ -32,6 +34,9 @@ head -c 4200000 /dev/zero >large.bin
 { cat large.bin && echo x; } >larger.bin
 kelvane -version 1 -b 100000 -o large large.bin larger.bin
 run kelpatch plan large large.bin --page 64
+for output in there old.bin new.bin back; do
+  run kelpatch bundle there old.bin new.bin --rollback back -o "$output"
+done
 ls kept 2>/dev/null
 
 run kelpatch plan there
@@ -41,4 +46,5 @@ run kelpatch plan there old.bin --simulate
 run kelpatch plan there old.bin --quiet
 run kelpatch show there --page 1024
 run kelpatch plan there old.bin --page 1k
+run kelpatch plan there old.bin --page 1000
 run kelpatch plan there old.bin --ring 0

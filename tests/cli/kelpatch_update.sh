@@ -37,6 +37,11 @@ run kelpatch verify old other update
 run kelpatch apply --max-size 4000 old update -o kept
 run kelpatch apply old update -o update
 run kelpatch show --ram old new update
+# Its header may tell of more spare pages than there is memory for.
+kelmake --bundle --quiet old new -o whole
+{ tail -c +7 whole | head -c 2 && bytes FFFF03 && tail -c +10 whole; } >summed
+{ printf KB && gzip -c summed | tail -c 8 | head -c 4 && cat summed; } >greedy
+run kelpatch apply old greedy -o kept
 size=$(stat -c %s update)
 for at in 2 6 7 8 $((size - 1)); do
   { head -c "$at" update && printf '\377' && tail -c +$((at + 2)) update; } >damaged

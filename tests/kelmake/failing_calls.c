@@ -3,11 +3,13 @@
 //   FAILING_CALL="NAME N"        the Nth call of NAME fails with EIO
 //   FAILING_CALL="NAME N short"  the Nth call of NAME, read or write, does half of what it was
 //   asked
+//   FAILING_CALL="NAME N interrupt"  SIGINT comes at the Nth call of NAME
 // The file that FAILING_CALL_MADE names is made when it comes to that.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -25,6 +27,10 @@ static int fate_of(const char* name) {
     return 0;
   }
   ((int (*)(const char*, mode_t))dlsym(RTLD_NEXT, "creat"))(getenv("FAILING_CALL_MADE"), 0600);
+  if (strstr(wanted, " interrupt") != NULL) {
+    raise(SIGINT);
+    return 0;
+  }
   errno = EIO;
   return strstr(wanted, " short") != NULL ? 2 : 1;
 }

@@ -33,11 +33,11 @@ TEST(KelmakeReportTest, TellsWhenAPatchIsNotWorthIt) {
     const char* end;
   };
   const Case cases[] = {
-      {100, 1000, 0, false, "2 words\n"},
-      {100, 1000, 101, false, "2 words\n"},
+      {100, 1000, 0, false, "2 words\nApplied in memory, it made the new file.\n"},
+      {100, 1000, 101, false, "2 words\nApplied in memory, it made the new file.\n"},
       {100, 1000, 100, false,
        "The patch is not worth it: the new file alone, compressed, takes 100 bytes.\n"},
-      {899, 1000, 2000, false, "2 words\n"},
+      {899, 1000, 2000, false, "2 words\nApplied in memory, it made the new file.\n"},
       {900, 1000, 2000, false,
        "The patch is not worth it: it is nearly as large as the new file.\n"},
       {900, 1000, 10, true, "The two files are equal: the patch changes nothing.\n"},
@@ -69,24 +69,30 @@ TEST(KelmakeReportTest, TellsOfAFewSectionsAndOfMemory) {
                     EndsWith("it is nearly as large as the new sections.\n")));
 }
 
-TEST(KelmakeReportTest, TellsWhenTheTimeWasOver) {
+TEST(KelmakeReportTest, TellsWhenTheTimeWasOverAndOfManyClasses) {
   const Options options;
   kelvane::found_plan found = found_of(100);
   const Outcome outcome = {options, kThousandBytes, false, 0, found, 1};
   EXPECT_THAT(text_of_outcome(outcome), Not(HasSubstr("time")));
   found.was_stopped = true;
+  found.planned.classes.resize(21);
   EXPECT_THAT(text_of_outcome(outcome),
-              HasSubstr("The time was over after 3 plans: another run may give another patch.\n"));
+              HasSubstr("The time was over after 3 plans: another run may give another patch.\n"
+                        "It has 21 classes of increments; for an applier that takes 20 at most "
+                        "use '--profile any'.\n"));
   EXPECT_THAT(json_of_outcome(outcome), HasSubstr("\"stopped\": true"));
 }
 
 TEST(KelmakeReportTest, QuotesNamesInJson) {
   Options options;
   options.old_name = "a\"b\\c\n\x01";
+  options.new_name = "\u00e9\U0001F600\xE9\xC0\x80\xED\xA0\x80\xF5z\xE2\x82";
   const kelvane::found_plan found = found_of(100);
   const Outcome outcome = {options, kThousandBytes, false, 0, found, 1};
   EXPECT_THAT(json_of_outcome(outcome),
               AllOf(HasSubstr(R"({"name": "a\"b\\c\u000a\u0001", "size": 1000})"),
+                    HasSubstr("\"\u00e9\U0001F600\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd"
+                              "\\ufffdz\\ufffd\\ufffd\""),
                     HasSubstr(R"("increments": {"bytes": 100, "count": 2})")));
 }
 

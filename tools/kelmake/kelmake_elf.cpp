@@ -20,6 +20,7 @@ namespace elf32 = kelvane::elf32;
 
 constexpr uint32_t kMostPages = 65535;
 constexpr uint64_t kMostBytes = uint64_t{256} << 20U;
+constexpr uint64_t kAddressEnd = uint64_t{1} << 32U;
 
 elf32::file_header file_header_of(ByteReader& reader) {
   elf32::file_header header = {};
@@ -91,6 +92,9 @@ std::vector<ElfSegment> segments_of(const std::string& name, ByteReader& reader,
       fatal("image '%s' is damaged: a segment overlaps another", name.c_str());
     }
     end = uint64_t{segment.load_address} + segment.size;
+  }
+  if (end > kAddressEnd) {
+    fatal("image '%s' is damaged: a segment lies beyond the last address", name.c_str());
   }
   return segments;
 }
@@ -238,8 +242,8 @@ ElfFile read_elf(const std::string& name, const Bytes& file) {
     fatal("'%s' is a 64-bit ELF file; an update is made from 32-bit ones or from raw images",
           name.c_str());
   }
-  if (file.size() < elf32::kFileHeaderSize) {
-    fatal("image '%s' is damaged: its header lies outside the file", name.c_str());
+  if (file.size() < elf32::kFileHeaderSize || file[elf32::EI_CLASS] != elf32::ELFCLASS32) {
+    fatal("image '%s' is damaged: it has no header of a 32-bit ELF file", name.c_str());
   }
   ElfFile elf;
   elf.data_order = kelvane::byte_order_of(file[elf32::EI_DATA] == elf32::ELFDATA2MSB);

@@ -1,21 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "kelmake_files.h"
 
-#include <sys/stat.h>
+#include <optional>
 
 #include "output_file.h"
 
 namespace kelmake {
 namespace {
-
-void refuse_input_as_output(const std::string& output, const std::string& input) {
-  struct stat one = {};
-  struct stat other = {};
-  if (::stat(output.c_str(), &one) == 0 && ::stat(input.c_str(), &other) == 0 &&
-      one.st_dev == other.st_dev && one.st_ino == other.st_ino) {
-    kelpatch::fatal("output file '%s' is also an input file", output.c_str());
-  }
-}
 
 void probe_output(const std::string& name) {
   const kelpatch::OutputFile probe(name);
@@ -24,21 +15,34 @@ void probe_output(const std::string& name) {
 }  // namespace
 
 void check_outputs(const Options& options) {
-  for (const std::string& output : {options.patch_name, options.report_name}) {
-    refuse_input_as_output(output, options.old_name);
-    refuse_input_as_output(output, options.new_name);
-    refuse_input_as_output(output, options.exclude_name);
+  const std::string& report = options.report_name;
+  for (const std::string& output : {options.patch_name, report}) {
+    kelpatch::refuse_inputs(output, {options.old_name, options.new_name, options.exclude_name});
   }
   probe_output(options.patch_name);
-  if (!options.report_name.empty()) {
-    probe_output(options.report_name);
+  if (!report.empty()) {
+    if (kelpatch::is_same_place(report, options.patch_name)) {
+      kelpatch::fatal("the report '%s' would take the place of what '-o' names", report.c_str());
+    }
+    probe_output(report);
   }
 }
 
-void write_file(const std::string& name, const kelpatch::Bytes& bytes) {
-  kelpatch::OutputFile output(name);
+void write_outputs(const Options& options, const kelpatch::Bytes& bytes,
+                   const std::string& report) {
+  kelpatch::OutputFile output(options.patch_name);
   output.write(bytes);
+  output.complete();
+  std::optional<kelpatch::OutputFile> report_file;
+  if (!report.empty()) {
+    report_file.emplace(options.report_name);
+    report_file->write({report.begin(), report.end()});
+    report_file->complete();
+  }
   output.keep();
+  if (report_file) {
+    report_file->keep();
+  }
 }
 
 }  // namespace kelmake

@@ -9,10 +9,11 @@
 namespace kelmake {
 
 // Ends the run by a kelpatch::Failure if a file that the options name to be written is one of those
-// to be read, or can't be written: now, not after the search.
+// to be read, if both are the same, or if one can't be written: now, not after the search.
 void check_outputs(const Options& options);
 
-// Writes a file whole, or ends the run.
-void write_file(const std::string& name, const kelpatch::Bytes& bytes);
+// Writes what -o names, and the report unless that is empty. Both are complete before either takes
+// the place of an older file. Ends the run if that fails.
+void write_outputs(const Options& options, const kelpatch::Bytes& bytes, const std::string& report);
 
 }  // namespace kelmake

@@ -181,14 +181,15 @@ const char* help_text() {
          "       kelmake --bundle [options] OLD NEW -o UPDATE\n"
          "\n"
          "Writes the smallest patch that it finds from the file OLD to the file NEW. The\n"
-         "patch is applied in memory and compared with NEW before it is written.\n"
+         "patch is applied in memory and compared with NEW before it is written. kelpatch\n"
+         "shows, applies and verifies it.\n"
          "\n"
          "  -o, --output PATCH   the file to write\n"
          "  --effort LEVEL       quick, normal (the default) or best\n"
          "  --time SECONDS       begins no further plan after so long; the patch then\n"
          "                       depends on the speed of the machine\n"
-         "  --jobs N             plans at the same time; by default the processors. The\n"
-         "                       patch is the same for any number\n"
+         "  --jobs N             plans made at the same time; by default one for each\n"
+         "                       processor. The patch is the same for any number\n"
          "  --profile NAME       any: for every applier of this format;\n"
          "                       wide: with more than 20 classes of increments (the default);\n"
          "                       libapply: with all that libapply takes\n"
@@ -205,26 +206,28 @@ const char* help_text() {
          "  --help               prints this text\n"
          "  --version            prints the version\n"
          "\n"
-         "With --bundle it writes an update of a device in flash, as small as it can be made\n"
-         "for a device that has these pages. It is tried on a model of the flash before it is\n"
-         "written. Where OLD and NEW are ELF files, what they load is the image.\n"
+         "With --bundle it writes an update of a device in flash instead, most often far smaller\n"
+         "than a patch, for a device that has these pages. It is tried on a model of the flash\n"
+         "before it is written. Where OLD and NEW are ELF files, what they load is the image.\n"
          "\n"
-         "  --page BYTES         of an erase page, 4096 by default\n"
-         "  --ring PAGES         how many pages back old contents can be read, 8 by default\n"
-         "  --spare PAGES        all spare pages; by default those that 8 slots take besides\n"
-         "                       the ring and the checkpoints\n"
-         "  --checkpoint PAGES   pages that change from one checkpoint to the next; 8\n"
-         "  --rehearse           lets the device compute the whole new image before it\n"
-         "                       erases anything; the update may be larger\n"
-         "  --model NAME         small: half the memory on the device; large (the default)\n"
-         "  --map ENTRIES        of the map at most, 14 bytes of memory on the device each;\n"
-         "                       2048 by default\n"
-         "  --machine NAME       none, thumb, arm, powerpc, mips or riscv\n"
-         "  --base ADDRESS       hexadecimal address of the first byte; both are found\n"
-         "                       unless they are told\n"
+         "  --page BYTES         size of an erase page of the flash; 4096 by default\n"
+         "  --ring PAGES         how many pages back old contents can be read; 8 by default\n"
+         "  --spare PAGES        all spare pages that the device has; by default what ring and\n"
+         "                       checkpoints take and 8 more, for pages that are kept longer\n"
+         "  --checkpoint PAGES   pages that change from one checkpoint of the device to the\n"
+         "                       next; 8 by default\n"
+         "  --rehearse           lets the device compute the whole new image before it erases\n"
+         "                       anything; the update may be larger\n"
+         "  --model NAME         large (the default) or small: takes half the memory on the\n"
+         "                       device, and a few per cent more bytes\n"
+         "  --map ENTRIES        the most entries of the map, each of which takes 14 bytes of\n"
+         "                       memory on the device; 2048 by default\n"
+         "  --machine NAME       none, thumb, arm, powerpc, mips or riscv: the processor. It is\n"
+         "                       found, as the address is, unless it is told\n"
+         "  --base ADDRESS       address of the first byte, hexadecimal\n"
          "  --simulate           cuts power at every operation, in the model\n"
          "\n"
-         "Exit status: 0 if the patch was written, 1 for trouble, 2 for wrong usage.\n";
+         "Exit status: 0 if the file was written, 1 for trouble, 2 for wrong usage.\n";
 }
 
 const char* name_of(patch_profile profile) {
@@ -259,14 +262,17 @@ Options parse_options(const std::vector<std::string>& arguments) {
     // A long option has its value behind '=' or in the next argument.
     const size_t equals = argument.starts_with("--") ? argument.find('=') : std::string::npos;
     const std::string name = argument.substr(0, equals);
-    const auto value = [&]() -> std::string {
+    const auto value = [&] {
+      std::string text;
       if (equals != std::string::npos) {
-        return argument.substr(equals + 1);
+        text = argument.substr(equals + 1);
+      } else if (i + 1 < arguments.size()) {
+        text = arguments[++i];
       }
-      if (i + 1 == arguments.size()) {
+      if (text.empty()) {
         usage_error("option '" + name + "' requires an argument");
       }
-      return arguments[++i];
+      return text;
     };
     if (name == "-o" || name == "--output") {
       options.patch_name = value();

@@ -7,6 +7,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <span>
+#include <string_view>
 
 #include "patch_file.h"
 
@@ -87,6 +88,30 @@ std::string text_of_sections(const std::vector<ComparedSection>& sections) {
   return text;
 }
 
+// Bytes of the UTF-8 character that the text begins with; 0 if that is none.
+size_t character_size(std::string_view text) {
+  const auto byte = [&](size_t i) {
+    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
+  };
+  const uint32_t first = byte(0);
+  if (first < 0x80) {
+    return 1;
+  }
+  const size_t size = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+  uint32_t character = first & (0x7FU >> size);
+  for (size_t i = 1; i < size; ++i) {
+    if ((byte(i) & 0xC0U) != 0x80) {
+      return 0;
+    }
+    character = character << 6U | (byte(i) & 0x3FU);
+  }
+  const uint32_t least = size == 4 ? 0x10000 : size == 3 ? 0x800 : 0x80;
+  const bool is_surrogate = character >> 11U == 0x1B;
+  const bool is_sound =
+      first >= 0xC0 && first < 0xF8 && character >= least && character <= 0x10FFFF && !is_surrogate;
+  return is_sound ? size : 0;
+}
+
 // A sentence for a patch that is of little use; empty for others.
 std::string advice(const Outcome& outcome) {
   const uint64_t size = outcome.found.cost.total();
@@ -119,16 +144,20 @@ double percent_of(uint64_t part, uint64_t whole) {
 
 std::string json_text(const std::string& text) {
   std::string quoted = "\"";
-  for (const char letter : text) {
-    const auto byte = static_cast<unsigned char>(letter);
-    if (letter == '"' || letter == '\\') {
+  for (size_t at = 0; at < text.size();) {
+    const size_t size = character_size(std::string_view(text).substr(at));
+    const auto byte = static_cast<unsigned char>(text[at]);
+    if (size == 0) {
+      quoted += "\\ufffd";
+    } else if (byte == '"' || byte == '\\') {
       quoted += '\\';
-      quoted += letter;
+      quoted += text[at];
     } else if (byte < 0x20) {
       quoted += formatted("\\u%04x", byte);
     } else {
-      quoted += letter;
+      quoted += text.substr(at, size);
     }
+    at += std::max<size_t>(size, 1);
   }
   return quoted + '"';
 }
@@ -185,6 +214,14 @@ std::string text_of_outcome(const Outcome& outcome) {
     text += formatted("The time was over after %s: another run may give another patch.\n",
                       counted(found.tries, "plan").c_str());
   }
+  const size_t classes = found.planned.classes.size();
+  const uint32_t limit = kelvane::rules_for(kelvane::patch_profile::any, 1).class_limit;
+  if (classes > limit) {
+    text += formatted("It has %zu classes of increments; for an applier that takes %" PRIu32
+                      " at most use '--profile any'.\n",
+                      classes, limit);
+  }
+  text += formatted("Applied in memory, it made the %s.\n", compared(outcome.options).is_new);
   return text + advice(outcome);
 }
 
@@ -230,19 +267,32 @@ ProgressLine::~ProgressLine() {
   }
 }
 
+void ProgressLine::begin(const char* stage) {
+  stage_ = stage;
+  stage_start_ = Clock::now();
+  put(stage_);
+}
+
 void ProgressLine::show(const kelvane::plan_progress& progress) {
+  const auto since = [now = Clock::now()](Clock::time_point point) {
+    return std::chrono::duration<double>(now - point).count();
+  };
+  double left = since(stage_start_) / progress.tries * (progress.most_tries - progress.tries);
+  if (options_.seconds) {
+    left = std::clamp(*options_.seconds - since(start_), 0.0, left);
+  }
+  put(formatted("%s: plan %" PRIu32 " of %" PRIu32 ", best so far %" PRIu64 " bytes, %.0f s left",
+                stage_, progress.tries, progress.most_tries, progress.best_size, left));
+}
+
+void ProgressLine::show(const char* unit, uint64_t count, uint64_t all) {
+  put(formatted("%s: %s %" PRIu64 " of %" PRIu64, stage_, unit, count, all));
+}
+
+void ProgressLine::put(const std::string& line) {
   if (!is_on_) {
     return;
   }
-  const double passed =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-  double left = passed / progress.tries * (progress.most_tries - progress.tries);
-  if (options_.seconds) {
-    left = std::clamp(*options_.seconds - passed, 0.0, left);
-  }
-  const std::string line =
-      formatted("plan %" PRIu32 " of %" PRIu32 ", best so far %" PRIu64 " bytes, %.0f s left",
-                progress.tries, progress.most_tries, progress.best_size, left);
   std::fprintf(stderr, "\r%-*s", static_cast<int>(shown_), line.c_str());
   std::fflush(stderr);
   shown_ = std::max(shown_, line.size());

@@ -100,35 +100,32 @@ void make_patch(const Options& options) {
       return steady_clock::now() - start >= limit;
     };
   }
+  std::optional<ProgressLine> progress(std::in_place, options);
+  request.report = [&](const kelvane::plan_progress& now) { progress->show(now); };
   Bytes patch;  // of the plan that was asked about last
   request.fault_of = [&](const kelvane::plan& planned) {
+    progress->begin("trying the patch");
     patch = kelvane::write_plan(request.images, planned, request.rules);
     return kelvane::fault_of_patch(request.images, patch, planned.order);
   };
-  kelvane::found_plan found;
-  {
-    ProgressLine progress(options);
-    request.report = [&](const kelvane::plan_progress& now) { progress.show(now); };
-    found = kelvane::search_plan(request);
-    request.report = nullptr;
-  }
+  progress->begin("making the patch");
+  const kelvane::found_plan found = kelvane::search_plan(request);
+  progress.reset();
   if (!found.fault.empty()) {
     fatal("internal: the patch from '%s' to '%s' does not hold: %s", options.old_name.c_str(),
           options.new_name.c_str(), found.fault.c_str());
   }
-  write_file(options.patch_name, patch);
-
+  const bool is_silent = options.quiet && options.report_name.empty();
   const Outcome outcome = {
       .options = options,
       .comparison = input.comparison,
       .equal_files = input.is_equal,
-      .packed_new_size = packed_size_if_near(input.images, input.comparison.new_size, patch.size()),
+      .packed_new_size =
+          is_silent ? 0
+                    : packed_size_if_near(input.images, input.comparison.new_size, patch.size()),
       .found = found,
       .seconds = std::chrono::duration<double>(steady_clock::now() - start).count()};
-  if (!options.report_name.empty()) {
-    const std::string report = json_of_outcome(outcome);
-    write_file(options.report_name, Bytes(report.begin(), report.end()));
-  }
+  write_outputs(options, patch, options.report_name.empty() ? "" : json_of_outcome(outcome));
   if (!options.quiet) {
     std::fputs(text_of_outcome(outcome).c_str(), stdout);
   }

@@ -13,6 +13,7 @@
 #include "dense_search.h"
 #include "kelmake_elf.h"
 #include "kelmake_files.h"
+#include "kelmake_report.h"
 #include "kelmake_update_report.h"
 #include "patch_split.h"
 #include "plan_patch.h"
@@ -70,21 +71,34 @@ std::vector<dense_target> with_orders(uint8_t machine, const std::optional<ByteO
   return targets;
 }
 
-// What the encoder is to choose from: what the files and the command line tell. Empty if both tell
-// nothing of the machine.
+// What the encoder is to choose from: what the files and the command line tell, the latter first.
+// Empty if both tell nothing of the machine.
 std::vector<dense_target> targets_of(const Options& options, const FlashImages& images) {
-  std::vector<dense_target> targets = images.targets;
-  if (options.update.machine && targets.empty()) {
-    targets = with_orders(*options.update.machine, options.order);
-  } else if (options.update.machine) {
-    targets.resize(1);
-    targets[0].machine = *options.update.machine;
+  const std::optional<uint8_t>& machine = options.update.machine;
+  std::vector<dense_target> targets;
+  if (images.targets.empty() && machine) {
+    targets = with_orders(*machine, options.order);
+  }
+  for (const dense_target& told : images.targets) {
+    // An order or a machine that agrees with the file adds nothing to it.
+    const bool is_same_order = options.order.value_or(told.data_order) == told.data_order;
+    if (is_same_order && machine.value_or(told.machine) == told.machine) {
+      targets.push_back(told);
+    }
+  }
+  if (targets.empty()) {
+    for (const dense_target& told : images.targets) {
+      for (dense_target target :
+           with_orders(machine.value_or(told.machine), options.order.value_or(told.data_order))) {
+        target.base = told.base;
+        targets.push_back(target);
+      }
+      if (machine) {
+        break;  // the others would be made the same
+      }
+    }
   }
   for (dense_target& target : targets) {
-    if (options.order && !images.targets.empty()) {
-      target.code_order = *options.order;
-      target.data_order = *options.order;
-    }
     target.base = options.update.base.value_or(target.base);
   }
   return targets;
@@ -168,7 +182,8 @@ dense_target best_target(kelvane::dense_request request, const std::vector<dense
 }
 
 kelvane::dense_update found_update(const Options& options, const FlashImages& images,
-                                   const kelvane::flash_geometry& geometry) {
+                                   const kelvane::flash_geometry& geometry,
+                                   ProgressLine& progress) {
   kelvane::dense_request request;
   request.images = {images.old_image, images.new_image};
   request.geometry = geometry;
@@ -179,6 +194,8 @@ kelvane::dense_update found_update(const Options& options, const FlashImages& im
                    : options.effort == kelvane::plan_effort::normal ? dense_effort::normal
                                                                     : dense_effort::best;
   request.jobs = options.jobs;
+  request.report = [&](const kelvane::plan_progress& now) { progress.show(now); };
+  progress.begin("looking for the machine");
   std::vector<dense_target> targets = targets_of(options, images);
   if (targets.empty() && (options.order || options.update.base)) {
     targets = guessed_targets(request, options);
@@ -187,6 +204,7 @@ kelvane::dense_update found_update(const Options& options, const FlashImages& im
     request.base_is_known = !images.targets.empty() || options.update.base;
     request.target = best_target(request, targets);
   }
+  progress.begin("making the update");
   return searched(request);
 }
 
@@ -219,29 +237,33 @@ Bytes bundle_of(const Options& options, const FlashImages& images,
   return make_bundle(plan, parts);
 }
 
-// Ends the run unless a device of that geometry gets from the old image to the new one.
-void prove(const Options& options, const FlashImages& images, const UpdateFile& update) {
+// Ends the run unless a device of that geometry gets from the old image to the new one. Gives what
+// came of cuts of power, if the options ask for that.
+std::string prove(const Options& options, const FlashImages& images, const UpdateFile& update,
+                  ProgressLine& progress) {
   if (kelpatch::updated(update, options.old_name, images.old_image, UINT32_MAX) !=
       images.new_image) {
     fatal("internal: the update from '%s' to '%s' makes another image", options.old_name.c_str(),
           options.new_name.c_str());
   }
-  if (options.update.simulate) {
-    const std::string line =
-        kelpatch::simulate_cuts(kelpatch::device_for(update), images.old_image, images.new_image,
-                                update.bytes(), options.patch_name);
-    if (!options.quiet) {
-      std::fputs(line.c_str(), stdout);
-    }
+  if (!options.update.simulate) {
+    return {};
   }
+  progress.begin("cutting power");
+  return kelpatch::simulate_cuts(
+      kelpatch::device_for(update), images.old_image, images.new_image, update.bytes(),
+      options.patch_name,
+      [&](uint64_t operations, uint64_t all) { progress.show("operation", operations, all); });
 }
 
 // ---- The same by a patch ------------------------------------------------------------------------
 
 // The bundle with a patch that needs the fewest spare pages.
 PatchWay way_by_patch(const Options& options, const FlashImages& images,
-                      const kelvane::flash_geometry& geometry) {
+                      const kelvane::flash_geometry& geometry, ProgressLine& progress) {
   kelvane::plan_request request;
+  request.report = [&](const kelvane::plan_progress& now) { progress.show(now); };
+  progress.begin("making a patch to compare");
   request.images = {images.old_image, images.new_image};
   request.rules = kelvane::rules_for(kelvane::patch_profile::wide, 1);
   request.effort = options.effort;
@@ -281,12 +303,17 @@ void make_update(const Options& options) {
     std::fputs(text_of_images(options, images).c_str(), stdout);
     std::fflush(stdout);
   }
-  const kelvane::dense_update found = found_update(options, images, geometry);
+  std::optional<ProgressLine> progress(std::in_place, options);
+  const kelvane::dense_update found = found_update(options, images, geometry, *progress);
+  progress->begin("trying the update");
   const UpdateFile update(options.patch_name, bundle_of(options, images, geometry, found));
-  prove(options, images, update);
-  write_file(options.patch_name, update.bytes());
-
-  if (options.quiet && options.report_name.empty()) {
+  const std::string cuts = prove(options, images, update, *progress);
+  // A report tells what a patch would take too; without one the update need not wait for that.
+  const bool has_report = !options.report_name.empty();
+  if (!has_report) {
+    write_outputs(options, update.bytes(), {});
+  }
+  if (options.quiet && !has_report) {
     return;
   }
   const UpdateOutcome outcome = {
@@ -294,14 +321,14 @@ void make_update(const Options& options) {
       images,
       found,
       update,
-      way_by_patch(options, images, geometry),
+      way_by_patch(options, images, geometry, *progress),
       std::chrono::duration<double>(steady_clock::now() - start).count()};
-  if (!options.report_name.empty()) {
-    const std::string report = json_of_update(outcome);
-    write_file(options.report_name, Bytes(report.begin(), report.end()));
+  progress.reset();
+  if (has_report) {
+    write_outputs(options, update.bytes(), json_of_update(outcome));
   }
   if (!options.quiet) {
-    std::fputs(text_of_update(outcome).c_str(), stdout);
+    std::fputs((cuts + text_of_update(outcome)).c_str(), stdout);
   }
 }
 

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <iterator>
 #include <string_view>
 
 #include "flash_dense.h"
@@ -32,6 +33,10 @@ constexpr char kProcessor[] = "cortex-m3";
 constexpr char kLevel[] = "-Oz";
 constexpr char kDensePart[] = "update of flash, dense";
 constexpr char kPatchPart[] = "update of flash";
+constexpr char kAllMachines[] = "dense, all machines";
+// The decoder with one machine, by kelvane_dense_machine. One for none is in no table.
+constexpr const char* kOneMachine[KELVANE_DENSE_MACHINES] = {
+    kAllMachines, "dense, Thumb", "dense, ARM", "dense, PowerPC", "dense, MIPS", "dense, RISC-V"};
 constexpr uint32_t kBytesOfClass = 16;
 
 constexpr bool is_equal(std::string_view first, const char* second) {
@@ -48,6 +53,14 @@ constexpr const DeviceSize* size_of(const char* part) {
   return nullptr;
 }
 static_assert(size_of(kPatchPart) != nullptr && size_of(kDensePart) != nullptr);
+static_assert(std::none_of(std::begin(kOneMachine), std::end(kOneMachine),
+                           [](const char* part) { return size_of(part) == nullptr; }));
+
+// The code of an update whose decoder is built for one machine.
+constexpr uint32_t code_for(uint8_t machine) {
+  return size_of(kDensePart)->code - size_of(kAllMachines)->code +
+         size_of(kOneMachine[machine])->code;
+}
 
 // What one way takes.
 struct Needs {
@@ -72,7 +85,7 @@ Needs needs_of_update(const UpdateOutcome& outcome) {
   needs.slots = plan.slots;
   needs.checkpoint = (kelpatch::dense_state_size(info.model) - 1) / plan.page_size + 1;
   needs.memory = size.state - saved + KELVANE_DENSE_ENTRY_SIZE * info.map_entries;
-  needs.code = size.code;
+  needs.code = code_for(info.machine);
   return needs;
 }
 
@@ -82,17 +95,8 @@ Needs needs_of_patch(const PatchWay& patch) {
           size.code};
 }
 
-std::string row(const char* name, uint64_t update, uint64_t patch, const std::string& remark = "") {
-  return formatted("  %-22s %10" PRIu64 " %10" PRIu64 "%s%s\n", name, update, patch,
-                   remark.empty() ? "" : "   ", remark.c_str());
-}
-
-std::string pages_of(const Needs& needs) {
-  std::string text = formatted("ring %" PRIu32 ", slots %" PRIu32, needs.ring, needs.slots);
-  if (needs.checkpoint != 0) {
-    text += formatted(", checkpoints 2 x %" PRIu32, needs.checkpoint);
-  }
-  return text;
+std::string row(const char* name, uint64_t update, uint64_t patch) {
+  return formatted("  %-26s %12" PRIu64 " %12" PRIu64 "\n", name, update, patch);
 }
 
 const char* name_of_bool(bool value) {
@@ -147,17 +151,26 @@ std::string text_of_update(const UpdateOutcome& outcome) {
                 info.map_entries == 1 ? "1 entry"
                                       : formatted("%" PRIu32 " entries", info.map_entries).c_str());
   text += formatted("  %zu of %" PRIu32 " pages change\n", plan.changed.size(), plan.pages);
-  text += formatted("a device needs %19s %10s\n", "update", "by a patch");
+  text += formatted("%-28s %12s %12s\n", "a device needs", "this update", "by a patch");
   text += row("bytes to receive", dense.bytes, patch.bytes);
-  text += row("spare pages", dense.spare(), patch.spare(),
-              "(" + pages_of(dense) + "; by a patch " + pages_of(patch) + ")");
-  text += row("RAM without window", dense.memory, patch.memory);
-  text +=
-      row("code", dense.code, patch.code, formatted("(%s, %s, all machines)", kProcessor, kLevel));
+  text += row("spare pages of flash", dense.spare(), patch.spare());
+  text += row("  ring of saved pages", dense.ring, patch.ring);
+  text += row("  slots of kept pages", dense.slots, patch.slots);
+  text += row("  two checkpoints", 2 * dense.checkpoint, 2 * patch.checkpoint);
+  text += row("bytes of RAM, and a window", dense.memory, patch.memory);
+  text += row("bytes of code", dense.code, patch.code);
+  const std::string machines =
+      info.machine == KELVANE_DENSE_NONE
+          ? "all machines"
+          : formatted("the machine %s alone", name_of_machine(info.machine));
+  text += formatted("RAM and code are those of a %s, code by clang %s with %s.\n", kProcessor,
+                    kLevel, machines.c_str());
+  text += "A window is at most a page.\n";
   if (options.update.spare && patch.spare() > *options.update.spare) {
     text +=
         formatted("A patch would not fit into %" PRIu32 " spare pages.\n", *options.update.spare);
   }
+  text += "Carried out on a model of the flash, it made the new image.\n";
   text +=
       info.reads_new != 0
           ? "The device cannot compute the new image before it erases a page; with --rehearse it "

@@ -126,15 +126,16 @@ void require_device(const UpdateFile& update, const SparePages& spare) {
 
 // Ends the run unless the patch or the update makes `to`.
 void require_way(const std::string& name, const Bytes& bytes, const NamedImage& from,
-                 const NamedImage& to, const DeviceOptions& device) {
+                 const NamedImage& to, const DeviceOptions& device,
+                 std::optional<uint32_t> max_size) {
   if (is_update(bytes)) {
     const UpdateFile update(name, bytes);
     require_device(update, device.spare);
-    require_same(updated(update, from.name, from.bytes, kLargestFile), to.bytes, name, to.name);
+    require_same(updated(update, from.name, from.bytes, max_size), to.bytes, name, to.name);
   } else {
     PatchFile patch(name, bytes, ByteOrder::kFound, {});
     require_bundled(patch);
-    require_same(patched(patch, from.name, from.bytes, {}), to.bytes, name, to.name);
+    require_same(patched(patch, from.name, from.bytes, max_size), to.bytes, name, to.name);
   }
 }
 
@@ -168,7 +169,7 @@ Bytes tried_bundle(const std::string& name, const Bytes& way, const NamedImage& 
   SimulatedDevice tried(shape, view_of(from.bytes), 1);
   require_right(tried.run(source_of(bundle)), tried, to.bytes, name);
   if (device.simulate) {
-    std::fputs(simulate_cuts(shape, from.bytes, to.bytes, bundle, name).c_str(), stdout);
+    std::fputs(simulate_cuts(shape, from.bytes, to.bytes, bundle, name, {}).c_str(), stdout);
   }
   return bundle;
 }
@@ -176,7 +177,7 @@ Bytes tried_bundle(const std::string& name, const Bytes& way, const NamedImage& 
 }  // namespace
 
 void plan_update(const std::string& patch_name, const std::string& old_name,
-                 const DeviceOptions& device) {
+                 const DeviceOptions& device, std::optional<uint32_t> max_size) {
   const Bytes old_file = read_input(old_name);
   Bytes bytes = read_input(patch_name);
   if (is_update(bytes)) {
@@ -184,7 +185,7 @@ void plan_update(const std::string& patch_name, const std::string& old_name,
   }
   PatchFile patch(patch_name, std::move(bytes), ByteOrder::kFound, {});
   require_bundled(patch);
-  const Bytes new_file = patched(patch, old_name, old_file, {});
+  const Bytes new_file = patched(patch, old_name, old_file, max_size);
   Update update = update_by(patch, old_file, new_file, device);
   BundleParts parts;
   parts.payload = update.payload;
@@ -198,7 +199,8 @@ void plan_update(const std::string& patch_name, const std::string& old_name,
 
 void make_update(const std::string& patch_name, const std::string& old_name,
                  const std::string& new_name, const std::string& bundle_name,
-                 const DeviceOptions& device) {
+                 const DeviceOptions& device, std::optional<uint32_t> max_size) {
+  refuse_inputs(bundle_name, {patch_name, old_name, new_name, device.rollback.value_or("")});
   OutputFile output(bundle_name);
   NamedImage old_image = {old_name, read_input(old_name)};
   NamedImage new_image = {new_name, read_input(new_name)};
@@ -206,11 +208,11 @@ void make_update(const std::string& patch_name, const std::string& old_name,
   if (is_update(way)) {
     load_linked(device.spare.page_size, old_image, &new_image);
   }
-  require_way(patch_name, way, old_image, new_image, device);
+  require_way(patch_name, way, old_image, new_image, device, max_size);
   Bytes back;
   if (device.rollback) {
     const Bytes way_back = read_input(*device.rollback);
-    require_way(*device.rollback, way_back, new_image, old_image, device);
+    require_way(*device.rollback, way_back, new_image, old_image, device, max_size);
     back = tried_bundle(*device.rollback, way_back, new_image, old_image, device, {}, 0);
   }
   output.write(tried_bundle(patch_name, way, old_image, new_image, device, std::move(back),

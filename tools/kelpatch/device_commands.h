@@ -19,21 +19,21 @@ struct DeviceOptions {
   std::optional<std::string> rollback;
   uint32_t signature = 0;
   bool simulate = false;
-  bool is_set = false;  // something was said
 };
 
 // Prints what an update of a device by the patch takes: pages, erases, wear, memory, time. Ends the
 // run with status 1 if the old file is not the one of the patch or the spare pages are too few,
-// with status 2 for a patch that no bundle can hold.
+// with status 2 for a patch that no bundle can hold, or that makes more than `max_size` bytes.
 void plan_update(const std::string& patch_name, const std::string& old_name,
-                 const DeviceOptions& device);
+                 const DeviceOptions& device, std::optional<uint32_t> max_size);
 
 // `patch_name` and the way back may be updates too, which are given what else the command line asks
 // for. Writes the bundle of plan and patch to `bundle_name`, after an update by it has come out
 // right in a model of the flash. Ends the run as plan_update does, and with status 1 if the patch
-// does not make the new file, or if any update whose power was cut ends wrong.
+// does not make the new file, or if any update whose power was cut ends wrong, and with status 2 if
+// `bundle_name` is an input too.
 void make_update(const std::string& patch_name, const std::string& old_name,
                  const std::string& new_name, const std::string& bundle_name,
-                 const DeviceOptions& device);
+                 const DeviceOptions& device, std::optional<uint32_t> max_size);
 
 }  // namespace kelpatch

@@ -21,6 +21,7 @@ constexpr uint32_t kProgramHeaderSize = 32;
 
 constexpr uint32_t kIsLoaded = 1;  // type of a program header
 constexpr uint64_t kMostBytes = uint64_t{256} << 20U;
+constexpr uint64_t kAddressEnd = uint64_t{1} << 32U;
 
 bool is_linked(const Bytes& bytes) {
   constexpr uint8_t kStart[] = {0x7F, 'E', 'L', 'F'};
@@ -72,6 +73,9 @@ std::vector<Piece> pieces_of(const NamedImage& file) {
   std::stable_sort(pieces.begin(), pieces.end(), [](const Piece& first_one, const Piece& other) {
     return first_one.address < other.address;
   });
+  if (!pieces.empty() && pieces.back().end > kAddressEnd) {
+    fatal("image '%s' is damaged: a segment lies beyond the last address", file.name.c_str());
+  }
   if (pieces.empty() || pieces.back().end - pieces.front().address > kMostBytes) {
     fatal("image '%s' loads nothing, or more than 256 MiB", file.name.c_str());
   }

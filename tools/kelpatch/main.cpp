@@ -2,6 +2,7 @@
 // applier that runs on targets and nothing else of this project.
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <charconv>
 #include <csignal>
@@ -41,9 +42,8 @@ constexpr char kHelp[] =
     "         erases, wear, memory, time\n"
     "bundle   makes the file BUNDLE, by which a device goes from OLD to NEW\n"
     "\n"
-    "PATCH may be an update of a device too, as 'bundle' or kelmake --bundle makes it:\n"
-    "for show, apply and verify, and for bundle, which adds the way back and room for a\n"
-    "signature.\n"
+    "PATCH may be an update of a device too, as 'bundle' or kelmake makes it: for show,\n"
+    "apply and verify, and for bundle, which adds the way back and room for a signature.\n"
     "\n"
     "  --byte-order big|little  byte order of the target, which a version 0 patch\n"
     "                           does not store; found from the sizes by default\n"
@@ -59,14 +59,14 @@ constexpr char kHelp[] =
     "  --alias ADDRESS:MASK     and regions with two addresses, as kelvane has them\n"
     "\n"
     "for plan and bundle:\n"
-    "  --page BYTES             of an erase page of the flash; 4096 by default\n"
-    "  --ring PAGES             spare pages that hold the last pages saved; 2\n"
-    "  --spare PAGES            all spare pages; 8\n"
-    "  --unit BYTES             that are programmed at once: 4, 8, 16 or 32; 8\n"
-    "  --window BYTES           computed at a time; a page by default\n"
-    "  --classes COUNT          increment classes that have memory of their own; 64\n"
-    "  --erase-time MS          for a page; 85\n"
-    "  --program-time MS        for a page; 42 for 4096 bytes\n"
+    "  --page BYTES             size of an erase page of the flash; 4096 by default\n"
+    "  --ring PAGES             spare pages that hold the last pages saved; 2 by default\n"
+    "  --spare PAGES            all spare pages that the device has; 8 by default\n"
+    "  --unit BYTES             what is programmed at once: 4, 8 (the default), 16 or 32\n"
+    "  --window BYTES           what is computed at a time; a page by default\n"
+    "  --classes COUNT          increment classes with memory of their own; 64 by default\n"
+    "  --erase-time MS          milliseconds for a page; 85 by default\n"
+    "  --program-time MS        milliseconds for a page; by default 42 for 4096 bytes\n"
     "  --rollback PATCH         bundle adds the way back to OLD by this patch\n"
     "  --signature BYTES        bundle leaves room for a signature\n"
     "  --simulate               bundle cuts power at every operation, in a model\n"
@@ -86,6 +86,7 @@ struct CommandLine {
   ImageOptions images;
   std::optional<uint32_t> base;
   DeviceOptions device;
+  std::string device_option;  // the first one of devices that was told
   bool quiet = false;
   bool help = false;
   bool version = false;
@@ -154,6 +155,7 @@ struct DeviceNumber {
   const char* name;
   uint32_t least;
   uint32_t most;
+  bool is_power;  // of two
   void (*set)(DeviceOptions& device, uint32_t number);
 };
 
@@ -162,16 +164,16 @@ constexpr uint32_t kMostPages = 65535;
 
 // clang-format off
 constexpr DeviceNumber kDeviceNumbers[] = {
-    // name           least most
-    {"--page",         64, kMostBytes, [](DeviceOptions& device, uint32_t number) { device.spare.page_size = number; }},
-    {"--ring",         1,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.spare.ring = number; }},
-    {"--spare",        1,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.spare.spare = number; }},
-    {"--unit",         4,  32,         [](DeviceOptions& device, uint32_t number) { device.unit = number; }},
-    {"--window",       4,  kMostBytes, [](DeviceOptions& device, uint32_t number) { device.window = number; }},
-    {"--classes",      0,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.classes = number; }},
-    {"--erase-time",   0,  kMostBytes, [](DeviceOptions& device, uint32_t number) { device.erase_time = number; }},
-    {"--program-time", 0,  kMostBytes, [](DeviceOptions& device, uint32_t number) { device.program_time = number; }},
-    {"--signature",    0,  kMostPages, [](DeviceOptions& device, uint32_t number) { device.signature = number; }},
+    // name           least most        power
+    {"--page",         64, kMostBytes, true,  [](DeviceOptions& device, uint32_t number) { device.spare.page_size = number; }},
+    {"--ring",         1,  kMostPages, false, [](DeviceOptions& device, uint32_t number) { device.spare.ring = number; }},
+    {"--spare",        1,  kMostPages, false, [](DeviceOptions& device, uint32_t number) { device.spare.spare = number; }},
+    {"--unit",         4,  32,         true,  [](DeviceOptions& device, uint32_t number) { device.unit = number; }},
+    {"--window",       4,  kMostBytes, true,  [](DeviceOptions& device, uint32_t number) { device.window = number; }},
+    {"--classes",      0,  kMostPages, false, [](DeviceOptions& device, uint32_t number) { device.classes = number; }},
+    {"--erase-time",   0,  kMostBytes, false, [](DeviceOptions& device, uint32_t number) { device.erase_time = number; }},
+    {"--program-time", 0,  kMostBytes, false, [](DeviceOptions& device, uint32_t number) { device.program_time = number; }},
+    {"--signature",    0,  kMostPages, false, [](DeviceOptions& device, uint32_t number) { device.signature = number; }},
 };
 // clang-format on
 
@@ -183,6 +185,9 @@ uint32_t number_named(const DeviceNumber& option, const std::string& word) {
     usage_error("'" + std::string(option.name) + "' takes a number from " +
                 std::to_string(option.least) + " to " + std::to_string(option.most) + ", not '" +
                 word + "'");
+  }
+  if (option.is_power && !std::has_single_bit(number)) {
+    usage_error("'" + std::string(option.name) + "' takes a power of two, not '" + word + "'");
   }
   return number;
 }
@@ -203,7 +208,6 @@ bool parse_device(DeviceOptions& device, const std::string& argument, const std:
   } else {
     return false;
   }
-  device.is_set = true;
   return true;
 }
 
@@ -219,14 +223,17 @@ CommandLine parse(const std::vector<std::string>& arguments) {
     // A long option has its value behind '=' or in the next argument.
     const size_t equals = argument.starts_with("--") ? argument.find('=') : std::string::npos;
     const std::string name = argument.substr(0, equals);
-    const auto value = [&]() -> std::string {
+    const auto value = [&] {
+      std::string text;
       if (equals != std::string::npos) {
-        return argument.substr(equals + 1);
+        text = argument.substr(equals + 1);
+      } else if (i + 1 < arguments.size()) {
+        text = arguments[++i];
       }
-      if (i + 1 == arguments.size()) {
+      if (text.empty()) {
         usage_error("option '" + name + "' requires an argument");
       }
-      return arguments[++i];
+      return text;
     };
     if (name == "-o" || name == "--output") {
       line.output = value();
@@ -254,6 +261,8 @@ CommandLine parse(const std::vector<std::string>& arguments) {
       only_operands = true;
     } else if (!parse_device(line.device, argument, name, value)) {
       usage_error("unknown option '" + argument + "'");
+    } else if (line.device_option.empty()) {
+      line.device_option = name;
     }
   }
   return line;
@@ -308,12 +317,12 @@ void verify(const CommandLine& line) {
 }
 
 void plan(const CommandLine& line) {
-  plan_update(line.operands[1], line.operands[2], line.device);
+  plan_update(line.operands[1], line.operands[2], line.device, line.options.max_size);
 }
 
 void bundle(const CommandLine& line) {
   const std::vector<std::string>& names = line.operands;
-  make_update(names[1], names[2], names[3], line.output, line.device);
+  make_update(names[1], names[2], names[3], line.output, line.device, line.options.max_size);
 }
 
 struct Command {
@@ -339,10 +348,14 @@ constexpr Command kCommands[] = {
 // Ends the run unless the options go together.
 void check_options(const CommandLine& line, const std::string& command) {
   const bool for_devices = command == "plan" || command == "bundle";
-  if (for_devices ? line.ram || line.quiet || line.options.max_size ||
-                        line.options.order != ByteOrder::kFound
-                  : line.device.is_set) {
-    usage_error("'" + command + "' does not take all of these options");
+  if (!for_devices && !line.device_option.empty()) {
+    usage_error("'" + line.device_option + "' is for 'plan' and 'bundle'");
+  }
+  if (for_devices && (line.ram || line.quiet || line.options.order != ByteOrder::kFound)) {
+    usage_error("'" + command + "' takes none of '--ram', '--quiet' and '--byte-order'");
+  }
+  if (line.ram && line.options.order != ByteOrder::kFound) {
+    usage_error("with '--ram' the images tell the byte order");
   }
   if (command == "plan" &&
       (line.device.rollback || line.device.simulate || line.device.signature != 0)) {
@@ -353,6 +366,9 @@ void check_options(const CommandLine& line, const std::string& command) {
   }
   if (command == "show" && (line.quiet || line.options.max_size)) {
     usage_error("'show' takes neither '--quiet' nor '--max-size'");
+  }
+  if (command == "verify" && line.ram && line.options.max_size) {
+    usage_error("'verify' takes no '--max-size' with '--ram'");
   }
   const bool has_images = !line.images.excluded.empty() || !line.images.aliases.empty();
   if (!line.ram && (line.base || has_images)) {

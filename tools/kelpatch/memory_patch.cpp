@@ -268,6 +268,7 @@ void verify_memory(const std::string& old_name, const std::string& new_name,
 
 void apply_memory(const std::string& old_name, const std::string& patch_name,
                   const MemoryOutput& output, const ImageOptions& options) {
+  refuse_inputs(output.name, {old_name, patch_name});
   const MemoryImage old_image(old_name, options);
   PatchFile patch = open_memory_patch(patch_name, old_image);
   if (patch.info().version == 0) {

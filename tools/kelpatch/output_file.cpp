@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -16,8 +16,8 @@ namespace kelpatch {
 namespace {
 
 struct State {
-  // The file that a signal has to remove, or null.
-  std::atomic<const char*> temporary_name = nullptr;
+  // The files that a signal has to remove; null: none.
+  std::array<std::atomic<const char*>, 2> temporary_names = {};
 };
 State state;
 static_assert(std::atomic<const char*>::is_always_lock_free, "a signal handler reads it");
@@ -34,9 +34,11 @@ sigset_t ending_signals() {
 }
 
 extern "C" void remove_and_end(int number) {
-  const char* const name = state.temporary_name;
-  if (name != nullptr) {
-    ::unlink(name);
+  for (const std::atomic<const char*>& place : state.temporary_names) {
+    const char* const name = place;
+    if (name != nullptr) {
+      ::unlink(name);
+    }
   }
   // The handler is gone by now, so that this ends the program as if there had been none.
   ::raise(number);
@@ -70,14 +72,43 @@ class SignalsHeld {
   sigset_t before_ = {};
 };
 
-// The name of a file that `name` stands for: a link is followed.
+// The full name that `name` stands for, or nothing where that does not exist.
+std::string resolved(const std::string& name) {
+  const std::unique_ptr<char, decltype(&std::free)> full(::realpath(name.c_str(), nullptr),
+                                                         std::free);
+  return full ? full.get() : "";
+}
+
+// The name of a file that `name` stands for: links are followed, but for one that leads nowhere.
 std::string without_links(const std::string& name) {
-  const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(name.c_str(), nullptr),
-                                                             std::free);
-  return resolved ? resolved.get() : name;
+  if (std::string full = resolved(name); !full.empty()) {
+    return full;
+  }
+  const size_t base = name.rfind('/') + 1;  // 0 if there is no folder
+  const std::string folder = resolved(base == 0 ? "." : name.substr(0, base));
+  return folder.empty() ? name : folder + "/" + name.substr(base);
+}
+
+bool is_same_file(const std::string& first, const std::string& second) {
+  struct stat one = {};
+  struct stat other = {};
+  return ::stat(first.c_str(), &one) == 0 && ::stat(second.c_str(), &other) == 0 &&
+         one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 }  // namespace
+
+void refuse_inputs(const std::string& output, std::initializer_list<std::string> inputs) {
+  for (const std::string& input : inputs) {
+    if (is_same_file(output, input)) {
+      fatal("output file '%s' is also an input file", output.c_str());
+    }
+  }
+}
+
+bool is_same_place(const std::string& first, const std::string& second) {
+  return without_links(first) == without_links(second);
+}
 
 OutputFile::OutputFile(const std::string& name)
     : shown_name_(name), name_(without_links(name)), temporary_name_(name_ + ".XXXXXX") {
@@ -93,7 +124,9 @@ OutputFile::OutputFile(const std::string& name)
     if (file_ < 0) {
       fatal_errno("unable to open output file '%s'", name.c_str());
     }
-    state.temporary_name = temporary_name_.c_str();
+    removed_by_signal_ = std::find(state.temporary_names.begin(), state.temporary_names.end(),
+                                   static_cast<const char*>(nullptr));
+    *removed_by_signal_ = temporary_name_.c_str();
   }
   const mode_t mask = ::umask(0);
   ::umask(mask);
@@ -104,10 +137,10 @@ OutputFile::~OutputFile() {
   if (file_ >= 0) {
     ::close(file_);
   }
-  if (state.temporary_name != nullptr) {
+  if (removed_by_signal_ != nullptr) {
     const SignalsHeld held;
     ::unlink(temporary_name_.c_str());
-    state.temporary_name = nullptr;
+    *removed_by_signal_ = nullptr;
   }
 }
 
@@ -122,16 +155,24 @@ void OutputFile::write(const Bytes& bytes) {
   }
 }
 
-void OutputFile::keep() {
+void OutputFile::complete() {
   if (::fsync(file_) != 0 && errno != EINVAL && errno != EROFS) {
     fail();
   }
-  const SignalsHeld held;
-  if (::close(std::exchange(file_, -1)) != 0 ||
-      std::rename(temporary_name_.c_str(), name_.c_str()) != 0) {
+  if (::close(std::exchange(file_, -1)) != 0) {
     fail();
   }
-  state.temporary_name = nullptr;
+}
+
+void OutputFile::keep() {
+  if (file_ >= 0) {
+    complete();
+  }
+  const SignalsHeld held;
+  if (std::rename(temporary_name_.c_str(), name_.c_str()) != 0) {
+    fail();
+  }
+  *std::exchange(removed_by_signal_, nullptr) = nullptr;
 }
 
 void OutputFile::fail() const {

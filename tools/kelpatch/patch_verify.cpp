@@ -1,7 +1,5 @@
 #include "patch_verify.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cinttypes>
 #include <utility>
@@ -27,13 +25,6 @@ int write_bytes(void* context, uint32_t address, const uint8_t* bytes, uint32_t 
 
 uint32_t size_of(const Bytes& bytes) {
   return static_cast<uint32_t>(bytes.size());
-}
-
-bool is_same_file(const std::string& first, const std::string& second) {
-  struct stat one = {};
-  struct stat other = {};
-  return ::stat(first.c_str(), &one) == 0 && ::stat(second.c_str(), &other) == 0 &&
-         one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 }  // namespace
@@ -120,9 +111,7 @@ Made made_by(const std::string& patch_name, NamedImage old_image, NamedImage* ne
 
 void apply_patch(const std::string& old_name, const std::string& patch_name,
                  const std::string& new_name, const PatchOptions& options) {
-  if (is_same_file(new_name, old_name) || is_same_file(new_name, patch_name)) {
-    fatal("output file '%s' is also an input file", new_name.c_str());
-  }
+  refuse_inputs(new_name, {old_name, patch_name});
   // First, so that a place which can't be written is known before the work.
   OutputFile output(new_name);
   output.write(made_by(patch_name, {old_name, read_input(old_name)}, nullptr, options).contents);

@@ -97,6 +97,9 @@ CutResult cut_everywhere(const DeviceShape& shape, std::string_view old_image,
     if (result.operations++ % cuts.every != 0) {
       return;
     }
+    if (cuts.report) {
+      cuts.report(result.operations);
+    }
     for (const Cut how : {Cut::kBefore, Cut::kTorn, Cut::kAfter}) {
       FlashModel flash(whole.flash());
       flash.cut_at(0, how);

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -65,6 +66,8 @@ struct CutPlan {
   uint64_t every = 1;  // operations from one that is cut to the next
   uint32_t more = 0;
   uint32_t seed = 1;
+  // Called ahead of each operation that is cut, with the operations so far. May be empty.
+  std::function<void(uint64_t operations)> report = {};
 };
 
 struct CutResult {

@@ -42,6 +42,8 @@ uint32_t pages_of_larger_model(const UpdateFile& update) {
 DeviceShape device_for(const UpdateFile& update) {
   DeviceShape shape;
   shape.flash.page_size = update.plan().page_size;
+  // Into a page of 64 bytes go no more than the head and records of a journal of 4-byte units.
+  shape.flash.unit = shape.flash.page_size < 128 ? 4 : 8;
   shape.image_pages = update.plan().pages;
   shape.spare_pages = update.spare_pages() + pages_of_larger_model(update);
   if (update.dense()) {
@@ -68,7 +70,16 @@ Bytes updated(const UpdateFile& update, const std::string& old_name, const Bytes
           "; if that is right, allow it by --max-size %" PRIu32,
           update.name().c_str(), images.new_size, max_size, images.new_size);
   }
-  SimulatedDevice device(device_for(update), view_of(old_image), 1);
+  const DeviceShape shape = device_for(update);
+  // A header may tell of any number of spare pages, which take memory here.
+  constexpr uint32_t kUsualSpare = 256U << 20U;
+  const uint32_t spare = shape.spare_pages * shape.flash.page_size;
+  if (spare > std::max(kUsualSpare, max_size)) {
+    fatal("'%s' needs %" PRIu32 " bytes of spare pages, more than %" PRIu32
+          "; if that is right, allow it by --max-size %" PRIu32,
+          update.name().c_str(), spare, std::max(kUsualSpare, max_size), spare);
+  }
+  SimulatedDevice device(shape, view_of(old_image), 1);
   const int code = device.run(source_of(update.bytes()));
   if (code != KELVANE_APPLY_OK) {
     mismatch("a device refuses '%s': %s", update.name().c_str(), kelvane_update_text(code));
@@ -91,7 +102,8 @@ void require_right(int code, SimulatedDevice& tried, const Bytes& new_image,
 }
 
 std::string simulate_cuts(const DeviceShape& shape, const Bytes& old_image, const Bytes& new_image,
-                          const Bytes& update, const std::string& name) {
+                          const Bytes& update, const std::string& name,
+                          const std::function<void(uint64_t operations, uint64_t all)>& report) {
   // Each cut takes a few updates, whose time grows with the image.
   constexpr uint64_t kBytes = 1U << 30U;
   const uint64_t most_cuts =
@@ -99,8 +111,12 @@ std::string simulate_cuts(const DeviceShape& shape, const Bytes& old_image, cons
   SimulatedDevice counting(shape, view_of(old_image), 1);
   counting.run(source_of(update));
   CutPlan cuts;
-  cuts.every = counting.flash().operations() / most_cuts + 1;
+  const uint64_t all = counting.flash().operations();
+  cuts.every = all / most_cuts + 1;
   cuts.more = 3;
+  if (report) {
+    cuts.report = [&](uint64_t operations) { report(operations, all); };
+  }
   const CutResult result =
       cut_everywhere(shape, view_of(old_image), view_of(new_image), source_of(update), cuts);
   if (result.wrong != 0 || result.violations != 0) {

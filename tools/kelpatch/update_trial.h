@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <functional>
+
 #include "update_file.h"
 #include "update_simulation.h"
 
@@ -33,8 +35,10 @@ void require_right(int code, kelvane::SimulatedDevice& tried, const Bytes& new_i
                    const std::string& name);
 
 // Cuts power at the operations of the update, all of them unless that takes long, and gives a line
-// that tells what came of it. Ends the run with status 1 if any device ends with another image.
+// that tells what came of it. `report` is told how far it is, and may be empty. Ends the run with
+// status 1 if any device ends with another image.
 std::string simulate_cuts(const kelvane::DeviceShape& shape, const Bytes& old_image,
-                          const Bytes& new_image, const Bytes& update, const std::string& name);
+                          const Bytes& new_image, const Bytes& update, const std::string& name,
+                          const std::function<void(uint64_t operations, uint64_t all)>& report);
 
 }  // namespace kelpatch
