@@ -107,6 +107,7 @@ void plan_stores(const plan_images& images, const moved_image& moved,
     }
     (store.kind == store_kind::compressed ? packed : linked).push_back(store);
   }
+  planned.packed.shrink_to_fit();  // of what doesn't compress nothing is left but the room
   planned.stores = linked;
   planned.stores.insert(planned.stores.end(), packed.begin(), packed.end());
   idle_bytes idle(images, moved, planned);
