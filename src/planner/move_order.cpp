@@ -137,12 +137,12 @@ class carrying_out {
   // itself are asked when only they are left.
   blocked_piece cheapest_blocked() {
     looks_ += places_.pending();
-    const piece_places::source_order order = places_.by_source();
+    const std::vector<int64_t> farthest = places_.farthest_ends();
     blocked_piece best;
     uint64_t least = UINT64_MAX;
     std::vector<uint32_t> blockers;
     for (const bool in_set_too : {false, true}) {
-      for (const uint32_t piece : order.pieces) {
+      for (const uint32_t piece : places_.by_source()) {
         const placed_piece& waiting = places_[piece];
         if (!in_set_too && waiting.in_feedback) {
           continue;
@@ -151,7 +151,7 @@ class carrying_out {
         bool is_possible = true;
         uint64_t weight = 0;
         places_.each_lying(
-            order, waiting.destination, waiting.destination_end(), [&](uint32_t blocker) {
+            farthest, waiting.destination, waiting.destination_end(), [&](uint32_t blocker) {
               const placed_piece& lying = places_[blocker];
               if (blocker == piece) {
                 return true;
