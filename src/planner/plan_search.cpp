@@ -32,7 +32,7 @@ effort_settings settings_of(plan_effort effort) {
   const std::span<const uint32_t> stored_bits(kStoredWordBits);
   switch (effort) {
     case plan_effort::quick:
-      return {1, block_bits.first(1), stored_bits.first(1), 1, false};
+      return {1, block_bits.first(1), stored_bits.first(1), 3, false};
     case plan_effort::normal:
       return {3, block_bits.first(2), stored_bits.first(1), 12, false};
     default:
