@@ -251,7 +251,7 @@ TEST(PlanOfMemoryTest, ParksInTheSwapRegionAndNoWhereElse) {
   Random random(5);
   const Bytes first = random.bytes(2000);
   const Bytes second = random.bytes(2000);
-  SectionedPair pair = {{joined({first, second}), joined({second, first})}, {}, {}};
+  SectionedPair pair = {{joined({first, second}), joined({second, first})}, {}, {}, {}};
   pair.sections = {{{0x8000, pair.bytes.old_image}, {0x8000, pair.bytes.new_image}}};
   plan_request request;
   request.rules = rules_for(patch_profile::any, 0);
@@ -305,6 +305,41 @@ TEST(PlanOfMemoryTest, IncrementsWholeWordsOnly) {
     EXPECT_EQ(planned.words.size(), 16 - gap);
     EXPECT_EQ(planned.stores.size(), gap);
   }
+}
+
+// Zeros that stay where they are take no room, however many they are.
+TEST(PlanOfMemoryTest, KeepsOnlyTheEndsOfZerosOfBothImages) {
+  Random random(7);
+  const Bytes code = random.bytes(3000);
+  const Bytes zeros(1000000, 0);
+  const std::span<const uint8_t> all(zeros);
+  std::vector<memory_section_pair> sections = {
+      {{0x8000, code}, {0x8000, code}},
+      {{0x100000, all.first(900000), true}, {0x100040, all, true}}};
+  const laid_out_memory memory(sections, {});
+  EXPECT_EQ(memory.target.still_zeros.size(), 1U);
+  const uint64_t ends = 2 * code.size() + 100000 + 0x80;
+  EXPECT_LT(memory.target.map.size(), 3000 + ends + 3 * 520);
+  plan_request request;
+  request.images = memory.images();
+  request.rules = rules_for(patch_profile::wide, 1);
+  request.order = ByteOrder::kLittle;
+  const found_plan found = search_plan(request);
+  const auto fault_of = [&](const plan& planned) {
+    return fault_of_patch(request.images, write_plan(request.images, planned, request.rules),
+                          ByteOrder::kLittle);
+  };
+  EXPECT_EQ(fault_of(found.planned), "");
+  EXPECT_LT(found.cost.total(), 140U);
+  plan outside = found.planned;
+  outside.fills.push_back({memory.target.map.place_of(0x100040 + 3000), 4, 0});
+  EXPECT_NE(fault_of(outside), "") << "it writes where nothing is to change";
+
+  const memory_range swap = {0x120000, 0x1000};
+  EXPECT_TRUE(laid_out_memory(sections, swap).target.still_zeros.empty());
+  EXPECT_LT(laid_out_memory(sections, {0x300000, 0x1000}).target.map.size(), 200000U);
+  sections[1].old_section.is_zero = false;
+  EXPECT_GT(laid_out_memory(sections, {}).target.map.size(), 1000000U);
 }
 
 TEST(LinearMapTest, KeepsNeighboursWordsAndSmallGaps) {
