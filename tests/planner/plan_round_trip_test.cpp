@@ -282,6 +282,22 @@ TEST(PlanOfMemoryTest, ParksInTheSwapRegionAndNoWhereElse) {
   }
 }
 
+// A section that ends inside a word ends with one store.
+TEST(PlanOfMemoryTest, StoresTheEndOfASectionWhole) {
+  const Bytes old_bytes(70, 0x10);
+  Random random(8);
+  const Bytes new_bytes = random.bytes(70);
+  const std::vector<memory_section_pair> sections = {{{0x1001, old_bytes}, {0x1001, new_bytes}}};
+  const laid_out_memory memory(sections, {});
+  plan_request request;
+  request.images = memory.images();
+  request.rules = rules_for(patch_profile::wide, 0);
+  request.order = ByteOrder::kBig;
+  const plan planned = search_plan(request).planned;
+  ASSERT_EQ(planned.stores.size(), 1U);
+  EXPECT_EQ(planned.stores[0].size, 70U);
+}
+
 // A word that no section has whole is stored by its bytes, and so is one whose sections touch.
 TEST(PlanOfMemoryTest, IncrementsWholeWordsOnly) {
   const Bytes old_bytes(64, 0x10);
