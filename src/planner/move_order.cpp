@@ -359,7 +359,7 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
     }
     const std::pair cut = {parts, now.cut_long};
     if (!sets.contains(cut)) {
-      sets[cut] = cut_pieces(images, lightened[parts], now.cut_long);
+      sets[cut] = cut_pieces(images, lightened[parts], now.cut_long, settings.fills);
       reserve(images, settings.outer_holes, sets[cut]);
     }
     const piece_set& set = sets[cut];

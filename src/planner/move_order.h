@@ -46,6 +46,7 @@ move_order order_moves(const piece_set& set, const order_settings& settings);
 struct order_search_settings {
   uint32_t tries = 1;
   bool outer_holes = false;
+  bool fills = true;  // whether the patch may have some
 };
 
 // The best order of some. Without pieces in each other's way one is enough, and only one is made.

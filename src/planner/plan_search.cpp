@@ -228,8 +228,8 @@ class plan_searcher {
       strings_.reset();
       differences_.reset();
     }
-    const move_order moves =
-        best_order(request_.images, stretches, {effort_.order_tries, rules_.outer_holes});
+    const move_order moves = best_order(
+        request_.images, stretches, {effort_.order_tries, rules_.outer_holes, rules_.compression});
     tried_plan best;
     if (request_.effort == plan_effort::quick) {
       const ByteOrder order =

@@ -8,8 +8,6 @@
 namespace kelvane {
 namespace {
 
-constexpr size_t kLeastFill = 40;
-constexpr size_t kLargestFill = 65534;
 constexpr uint32_t kLeastPacked = 16;
 // What stands in front of a store's bytes in the absolute list, and about that in a relative one.
 constexpr uint32_t kAbsoluteBytes = 8;
