@@ -49,6 +49,7 @@ constexpr uint32_t kDearPackedEntry = 160 * kBit;
 struct tried_plan {
   plan planned;
   plan_cost cost;
+  plan_settings settings;
   std::vector<int64_t> shifts;
   bool is_made = false;
 };
@@ -207,6 +208,7 @@ class plan_searcher {
       is_new = order_ != round_best->planned.order || shifts_ != round_best->shifts ||
                mean_prices_ != prices;
       order_ = round_best->planned.order;
+      settings_ = round_best->settings;
       shifts_ = round_best->shifts;
       mean_prices_ = std::move(prices);
       prices_ = class_prices(*mean_prices_);
@@ -237,12 +239,16 @@ class plan_searcher {
       take_cheaper(best, moves, {order, kPackedByte, kPackedEntry});
       return best;
     }
-    take_cheaper(best, moves, {order_, kPackedByte, kPackedEntry});
-    if (is_first_round && !request_.order) {
-      const ByteOrder other = order_ == ByteOrder::kBig ? ByteOrder::kLittle : ByteOrder::kBig;
-      take_cheaper(best, moves, {other, kPackedByte, kPackedEntry});
+    if (is_first_round) {
+      take_cheaper(best, moves, {order_, kPackedByte, kPackedEntry});
+      if (!request_.order) {
+        const ByteOrder other = order_ == ByteOrder::kBig ? ByteOrder::kLittle : ByteOrder::kBig;
+        take_cheaper(best, moves, {other, kPackedByte, kPackedEntry});
+      }
+      try_rates(best, moves);
+    } else {
+      take_cheaper(best, moves, settings_);
     }
-    try_rates(best, moves);
     best.shifts = widest_shifts(stretches);
     return best;
   }
@@ -269,6 +275,7 @@ class plan_searcher {
     tried_plan made;
     made.planned = make_plan(request_.images, moves.blocks, rules_, settings, forms_);
     made.cost = cost_of_plan(request_.images, made.planned, rules_);
+    made.settings = settings;
     made.is_made = true;
     if (!best.is_made || made.cost.total() < best.cost.total()) {
       best = std::move(made);
@@ -281,6 +288,7 @@ class plan_searcher {
   packed_runs& forms_;
   effort_settings effort_;
   ByteOrder order_;
+  plan_settings settings_;  // those of the best plan of the round before
   std::unique_ptr<string_seeds> strings_;
   std::unique_ptr<difference_seeds> differences_;
   ByteOrder differences_order_ = ByteOrder::kLittle;
