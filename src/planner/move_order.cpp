@@ -349,6 +349,7 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
   uint32_t part_bytes = 0;  // known from the first set, which sacrifices none
   std::optional<move_order> best;
   uint64_t looks = 0;
+  uint32_t made = 0;
   const uint64_t most_looks = kMostLooks * (1 + settings.tries / kTriesOfLooks);
   const std::vector<order_try> tries = order_tries();
   for (size_t i = 0; i < std::min<size_t>(tries.size(), settings.tries); ++i) {
@@ -366,6 +367,7 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
     part_bytes = i == 0 ? set.part_bytes : part_bytes;
     move_order order = order_moves(set, {now.park_percent, now.seed, holes_end});
     looks += order.looks;
+    ++made;
     if (!best || order.estimate < best->estimate) {
       best = std::move(order);
     }
@@ -378,7 +380,11 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
       break;
     }
   }
-  return best ? std::move(*best) : move_order{};
+  if (!best) {
+    return {};
+  }
+  best->tries = made;
+  return std::move(*best);
 }
 
 }  // namespace kelvane

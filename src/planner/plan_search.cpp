@@ -27,12 +27,14 @@ struct effort_settings {
 constexpr std::array<uint32_t, 3> kBlockBits = {240, 110, 160};
 constexpr std::array<uint32_t, 2> kStoredWordBits = {40, 22};
 
+constexpr uint32_t kQuickOrders = 3;
+
 effort_settings settings_of(plan_effort effort) {
   const std::span<const uint32_t> block_bits(kBlockBits);
   const std::span<const uint32_t> stored_bits(kStoredWordBits);
   switch (effort) {
     case plan_effort::quick:
-      return {1, block_bits.first(1), stored_bits.first(1), 3, false};
+      return {1, block_bits.first(1), stored_bits.first(1), kQuickOrders, false};
     case plan_effort::normal:
       return {3, block_bits.first(2), stored_bits.first(1), 12, false};
     default:
@@ -157,13 +159,13 @@ size_t alignments_of(const effort_settings& effort) {
 
 class plan_searcher {
  public:
-  plan_searcher(const plan_request& request, const plan_rules& rules, tried_plans& tried,
-                packed_runs& forms)
+  plan_searcher(const plan_request& request, const plan_rules& rules, plan_effort effort,
+                tried_plans& tried, packed_runs& forms)
       : request_(request),
         rules_(rules),
         tried_(tried),
         forms_(forms),
-        effort_(settings_of(request.effort)),
+        effort_(settings_of(effort)),
         order_(request.order.value_or(likely_order(request.images.new_image))),
         strings_(std::make_unique<string_seeds>(request.images.old_image, known_bytes())) {}
 
@@ -230,10 +232,9 @@ class plan_searcher {
       strings_.reset();
       differences_.reset();
     }
-    const move_order moves = best_order(
-        request_.images, stretches, {effort_.order_tries, rules_.outer_holes, rules_.compression});
+    const move_order moves = order_of(stretches, effort_.order_tries);
     tried_plan best;
-    if (request_.effort == plan_effort::quick) {
+    if (effort_.rounds == 1) {
       const ByteOrder order =
           request_.order ? *request_.order : likelier_order(request_.images, moves.blocks, order_);
       take_cheaper(best, moves, {order, kPackedByte, kPackedEntry});
@@ -245,12 +246,20 @@ class plan_searcher {
         const ByteOrder other = order_ == ByteOrder::kBig ? ByteOrder::kLittle : ByteOrder::kBig;
         take_cheaper(best, moves, {other, kPackedByte, kPackedEntry});
       }
+      // Estimates may be wrong: the order that effort quick takes is no worse a start.
+      if (index == 0 && moves.tries > kQuickOrders) {
+        take_cheaper(best, order_of(stretches, kQuickOrders), best.settings);
+      }
       try_rates(best, moves);
     } else {
       take_cheaper(best, moves, settings_);
     }
     best.shifts = widest_shifts(stretches);
     return best;
+  }
+
+  move_order order_of(std::span<const shift_stretch> stretches, uint32_t tries) const {
+    return best_order(request_.images, stretches, {tries, rules_.outer_holes, rules_.compression});
   }
 
   // The plan again with other rates of compressed stores, where there is much to store.
@@ -314,14 +323,30 @@ ByteOrder likely_order(std::span<const uint8_t> image) {
   return unevenness[0] > unevenness[1] ? ByteOrder::kBig : ByteOrder::kLittle;
 }
 
+// Searches go their own ways, and one that tries more may end worse: the best effort is the better
+// of two.
 found_plan search_plan(const plan_request& request) {
-  const effort_settings effort = settings_of(request.effort);
-  const auto tries = effort.rounds * static_cast<uint32_t>(alignments_of(effort));
-  tried_plans tried(request, request.narrower_rules ? 2 * tries : tries);
+  std::vector<plan_effort> efforts = {request.effort};
+  if (request.effort == plan_effort::best) {
+    efforts.insert(efforts.begin(), plan_effort::normal);
+  }
+  std::vector<const plan_rules*> all_rules = {&request.rules};
+  if (request.narrower_rules) {
+    all_rules.push_back(&*request.narrower_rules);
+  }
+  uint32_t most_tries = 0;
+  for (const plan_effort each : efforts) {
+    const effort_settings effort = settings_of(each);
+    most_tries += effort.rounds * static_cast<uint32_t>(alignments_of(effort) * all_rules.size());
+  }
+  tried_plans tried(request, most_tries);
   packed_runs forms(request.images.new_image);
-  plan_searcher(request, request.rules, tried, forms).run();
-  if (request.narrower_rules && !tried.was_stopped()) {
-    plan_searcher(request, *request.narrower_rules, tried, forms).run();
+  for (const plan_rules* const rules : all_rules) {
+    for (const plan_effort effort : efforts) {
+      if (!tried.was_stopped()) {
+        plan_searcher(request, *rules, effort, tried, forms).run();
+      }
+    }
   }
   return tried.best();
 }

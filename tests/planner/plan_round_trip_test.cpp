@@ -182,17 +182,24 @@ TEST(PlanSearchTest, FindsTheOrderOfTheWords) {
   }
 }
 
-TEST(PlanSearchTest, MakesNoMoreOfWideRulesThanOfNarrowOnes) {
-  for (uint32_t seed = 1; seed <= 40; ++seed) {
+TEST(PlanSearchTest, MakesNoMoreOfWideRulesOrMoreEffort) {
+  for (uint32_t seed = 1; seed <= 16; ++seed) {
     Random random(seed);
-    const ImagePair pair = make_pair_of(PairKind::kMixed, random);
+    const ImagePair pair =
+        seed % 16 == 0 ? shuffled_pair(seed) : make_pair_of(PairKind::kMixed, random);
     plan_request request;
     request.images = {pair.old_image, pair.new_image};
     request.rules = rules_for(patch_profile::wide, 1);
-    const uint64_t narrow = search_plan(request).cost.total();
+    uint64_t cost = UINT64_MAX;
+    for (const plan_effort effort : {plan_effort::quick, plan_effort::normal, plan_effort::best}) {
+      request.effort = effort;
+      const uint64_t now = search_plan(request).cost.total();
+      EXPECT_LE(now, cost) << "seed " << seed;
+      cost = now;
+    }
     request.narrower_rules = request.rules;
     request.rules = rules_for(patch_profile::libapply, 1);
-    EXPECT_LE(search_plan(request).cost.total(), narrow) << "seed " << seed;
+    EXPECT_LE(search_plan(request).cost.total(), cost) << "seed " << seed;
   }
 }
 
