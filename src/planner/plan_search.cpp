@@ -157,6 +157,13 @@ size_t alignments_of(const effort_settings& effort) {
   return effort.block_bits.size() * effort.stored_word_bits.size();
 }
 
+// At effort quick the rules don't matter before the order of the moves: one alignment does for
+// both.
+bool shares_alignments(const plan_request& request) {
+  return request.effort == plan_effort::quick && request.narrower_rules &&
+         request.rules.compression == request.narrower_rules->compression;
+}
+
 class plan_searcher {
  public:
   plan_searcher(const plan_request& request, const plan_rules& rules, plan_effort effort,
@@ -232,34 +239,44 @@ class plan_searcher {
       strings_.reset();
       differences_.reset();
     }
-    const move_order moves = order_of(stretches, effort_.order_tries);
     tried_plan best;
     if (effort_.rounds == 1) {
-      const ByteOrder order =
-          request_.order ? *request_.order : likelier_order(request_.images, moves.blocks, order_);
-      take_cheaper(best, moves, {order, kPackedByte, kPackedEntry});
+      take_quick(best, stretches, rules_);
+      if (shares_alignments(request_)) {
+        take_quick(best, stretches, *request_.narrower_rules);
+      }
       return best;
     }
+    const move_order moves = order_of(stretches, rules_, effort_.order_tries);
     if (is_first_round) {
-      take_cheaper(best, moves, {order_, kPackedByte, kPackedEntry});
+      take_cheaper(best, moves, rules_, {order_, kPackedByte, kPackedEntry});
       if (!request_.order) {
         const ByteOrder other = order_ == ByteOrder::kBig ? ByteOrder::kLittle : ByteOrder::kBig;
-        take_cheaper(best, moves, {other, kPackedByte, kPackedEntry});
+        take_cheaper(best, moves, rules_, {other, kPackedByte, kPackedEntry});
       }
       // Estimates may be wrong: the order that effort quick takes is no worse a start.
       if (index == 0 && moves.tries > kQuickOrders) {
-        take_cheaper(best, order_of(stretches, kQuickOrders), best.settings);
+        take_cheaper(best, order_of(stretches, rules_, kQuickOrders), rules_, best.settings);
       }
       try_rates(best, moves);
     } else {
-      take_cheaper(best, moves, settings_);
+      take_cheaper(best, moves, rules_, settings_);
     }
     best.shifts = widest_shifts(stretches);
     return best;
   }
 
-  move_order order_of(std::span<const shift_stretch> stretches, uint32_t tries) const {
-    return best_order(request_.images, stretches, {tries, rules_.outer_holes, rules_.compression});
+  move_order order_of(std::span<const shift_stretch> stretches, const plan_rules& rules,
+                      uint32_t tries) const {
+    return best_order(request_.images, stretches, {tries, rules.outer_holes, rules.compression});
+  }
+
+  void take_quick(tried_plan& best, std::span<const shift_stretch> stretches,
+                  const plan_rules& rules) {
+    const move_order moves = order_of(stretches, rules, effort_.order_tries);
+    const ByteOrder order =
+        request_.order ? *request_.order : likelier_order(request_.images, moves.blocks, order_);
+    take_cheaper(best, moves, rules, {order, kPackedByte, kPackedEntry});
   }
 
   // The plan again with other rates of compressed stores, where there is much to store.
@@ -272,18 +289,19 @@ class plan_searcher {
     if (effort_.all_rates) {
       for (const uint32_t tenths : {52U, 64U}) {
         for (const uint32_t entry : {kPackedEntry, kDearPackedEntry}) {
-          take_cheaper(best, moves, {order, tenths * kBit / 10, entry});
+          take_cheaper(best, moves, rules_, {order, tenths * kBit / 10, entry});
         }
       }
       return;
     }
-    take_cheaper(best, moves, {order, 64 * kBit / 10, kPackedEntry});
+    take_cheaper(best, moves, rules_, {order, 64 * kBit / 10, kPackedEntry});
   }
 
-  void take_cheaper(tried_plan& best, const move_order& moves, const plan_settings& settings) {
+  void take_cheaper(tried_plan& best, const move_order& moves, const plan_rules& rules,
+                    const plan_settings& settings) {
     tried_plan made;
-    made.planned = make_plan(request_.images, moves.blocks, rules_, settings, forms_);
-    made.cost = cost_of_plan(request_.images, made.planned, rules_);
+    made.planned = make_plan(request_.images, moves.blocks, rules, settings, forms_);
+    made.cost = cost_of_plan(request_.images, made.planned, rules);
     made.settings = settings;
     made.is_made = true;
     if (!best.is_made || made.cost.total() < best.cost.total()) {
@@ -331,7 +349,7 @@ found_plan search_plan(const plan_request& request) {
     efforts.insert(efforts.begin(), plan_effort::normal);
   }
   std::vector<const plan_rules*> all_rules = {&request.rules};
-  if (request.narrower_rules) {
+  if (request.narrower_rules && !shares_alignments(request)) {
     all_rules.push_back(&*request.narrower_rules);
   }
   uint32_t most_tries = 0;

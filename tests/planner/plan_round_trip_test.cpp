@@ -26,7 +26,12 @@ plan_request any_request(const ImagePair& pair, Random& random) {
                                              plan_effort::normal, plan_effort::best};
   plan_request request;
   request.images = {pair.old_image, pair.new_image};
-  request.rules = rules_for(kProfiles[random.below(3)], static_cast<uint8_t>(random.below(2)));
+  const patch_profile profile = kProfiles[random.below(3)];
+  const auto format = static_cast<uint8_t>(random.below(2));
+  request.rules = rules_for(profile, format);
+  if (profile == patch_profile::libapply && random.below(2) == 0) {
+    request.narrower_rules = rules_for(patch_profile::wide, format);
+  }
   request.effort = kEfforts[random.below(4)];
   if (random.below(2) == 0) {
     request.order = byte_order_of(random.below(2) == 0);
