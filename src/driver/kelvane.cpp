@@ -24,12 +24,6 @@ sym_addr* sym_addr_list2 = nullptr;
 
 namespace {
 
-constexpr uint64_t kHalfOfTheAddresses = uint64_t{1} << 31U;
-
-uint32_t address_of(const sym_addr& section) {
-  return section.addr.low;
-}
-
 // Gives the contents that motion may change: never the file image, which other sections may share.
 uint8_t* own_copy(section_contents* contents, uint32_t size) {
   if (contents->buffer == nullptr && size != 0) {

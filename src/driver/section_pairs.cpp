@@ -16,11 +16,6 @@ namespace {
 
 constexpr char kNotCompared[] = "XXX.starttext";
 constexpr uint64_t kAddressEnd = uint64_t{1} << 32U;
-constexpr uint64_t kHalfOfTheAddresses = uint64_t{1} << 31U;
-
-uint32_t address_of(const sym_addr& section) {
-  return section.addr.low;
-}
 
 uint32_t count_of(const file_data* file) {
   return static_cast<uint32_t>(file->sections_end - file->sections);
@@ -62,6 +57,7 @@ section_contents contents_of(const sym_addr& section, const file_data& file) {
                   file.name);
     }
     contents.buffer.reset(gen_alloc_array<uint8_t>(section.size));
+    contents.is_zero = true;
   } else {
     contents.bytes = stored_bytes(section, section.size, file);
     return contents;

@@ -12,10 +12,17 @@
 // here. What is refused ends the run with status 1.
 namespace kelvane {
 
+inline constexpr uint64_t kHalfOfTheAddresses = uint64_t{1} << 31U;
+
+inline uint32_t address_of(const sym_addr& section) {
+  return section.addr.low;
+}
+
 // What a section holds: in the file image, or in a buffer of its own.
 struct section_contents {
   const uint8_t* bytes = nullptr;
   gen_ptr<uint8_t> buffer;
+  bool is_zero = false;  // the file has no bytes for it
 };
 
 // A section of the second image with its partner in the first.

@@ -61,6 +61,7 @@ class aligner {
   }
   int32_t record_of(state& entered_from);
   void clamp_to_best(int64_t at);
+  int64_t next_part(int64_t at);
   int64_t next_difference(int64_t at);
   bool is_alive(int64_t shift) const;
   bool is_refused(int64_t shift, int64_t at) const;
@@ -87,6 +88,7 @@ class aligner {
   int64_t next_near_ = 0;
   int64_t near_step_ = kPoorFitStep;
   bool all_bounded_ = false;
+  size_t part_ = 0;  // of the new image, the first that ends behind the word at hand
   int64_t next_difference_ = -1;
   int64_t difference_of_ = INT64_MAX;  // the shift that next_difference_ belongs to
   int64_t last_shift_ = 0;
@@ -148,6 +150,20 @@ void aligner::clamp_to_best(int64_t at) {
       all_bounded_ = false;
     }
   }
+}
+
+// The word at `at`, or the first one that the new image has something of behind it.
+int64_t aligner::next_part(int64_t at) {
+  const linear_map* const map = map_of(input_.images);
+  if (map == nullptr) {
+    return at;
+  }
+  const std::vector<row_bytes::run>& parts = map->new_bytes().runs();
+  while (part_ < parts.size() && parts[part_].end <= at) {
+    ++part_;
+  }
+  const int64_t begin = part_ < parts.size() ? parts[part_].begin : new_size_;
+  return std::max(at, begin & ~int64_t{3});
 }
 
 // The next word that differs under the best shift, or what is kSkipBytes away.
@@ -370,6 +386,13 @@ std::vector<shift_stretch> aligner::way_back() const {
 std::vector<shift_stretch> aligner::run() {
   const int64_t words_end = new_size_ & ~int64_t{3};
   for (int64_t at = 0; at < words_end; at += 4) {
+    if (const int64_t next = next_part(at); next > at) {
+      for (state& alive : states_) {
+        alive.after_store = false;
+      }
+      at = next - 4;
+      continue;
+    }
     clamp_to_best(at);
     const int64_t difference = next_difference(at);
     if (all_bounded_ && difference > at + kSightBytes) {

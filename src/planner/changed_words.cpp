@@ -41,42 +41,45 @@ class word_differences {
   ByteOrder order_;
 };
 
-// Tells values that may come twice from those that come once, so that only the former are sorted:
-// on unlike images nearly all come once, and sorting them took half as much memory as the words.
-class repeated_values {
- public:
-  repeated_values(const changed_words& changed, const word_differences& differences) {
-    while (bits_ < kMostBits && (size_t{1} << bits_) < changed.words.size() * 8) {
-      ++bits_;
-    }
-    once_.resize(size_t{1} << bits_);
-    twice_.resize(size_t{1} << bits_);
+// Marks the words of values that may come twice, so that only these are sorted: on unlike images
+// nearly all come once, and sorting them took half as much memory as the words. Gives how many.
+size_t mark_repeated(changed_words& changed, const word_differences& differences) {
+  constexpr uint32_t kMostBits = 26;
+  uint32_t bits = 8;
+  while (bits < kMostBits && (size_t{1} << bits) < changed.words.size() * 8) {
+    ++bits;
+  }
+  const auto slot_of = [&](const changed_word& word) {
+    return (differences.of(word) * 2654435761U) >> (32U - bits);
+  };
+  std::vector<bool> twice(size_t{1} << bits);
+  {
+    std::vector<bool> once(size_t{1} << bits);
     for (const changed_word& word : changed.words) {
       if (word.is_whole) {
-        const size_t slot = slot_of(differences.of(word));
-        twice_[slot] = twice_[slot] || once_[slot];
-        once_[slot] = true;
+        const size_t slot = slot_of(word);
+        twice[slot] = twice[slot] || once[slot];
+        once[slot] = true;
       }
     }
   }
-  bool may_contain(uint32_t value) const { return twice_[slot_of(value)]; }
+  size_t count = 0;
+  for (changed_word& word : changed.words) {
+    word.has_twins = word.is_whole && twice[slot_of(word)];
+    count += word.has_twins ? 1U : 0U;
+  }
+  return count;
+}
 
- private:
-  static constexpr uint32_t kMostBits = 26;
-  size_t slot_of(uint32_t value) const { return (value * 2654435761U) >> (32U - bits_); }
-  uint32_t bits_ = 8;
-  std::vector<bool> once_;
-  std::vector<bool> twice_;
-};
-
-std::vector<uint64_t> sorted_values(const changed_words& changed,
-                                    const word_differences& differences) {
-  const repeated_values repeated(changed, differences);
+// The marked words by value, then address.
+std::vector<uint64_t> sorted_values(changed_words& changed, const word_differences& differences) {
   std::vector<uint64_t> sorted;
+  sorted.reserve(mark_repeated(changed, differences));
   for (size_t i = 0; i < changed.words.size(); ++i) {
-    const changed_word& word = changed.words[i];
-    if (const uint32_t value = differences.of(word); word.is_whole && repeated.may_contain(value)) {
-      sorted.push_back((uint64_t{value} << 32U) + i);
+    changed_word& word = changed.words[i];
+    if (word.has_twins) {
+      sorted.push_back((uint64_t{differences.of(word)} << 32U) + i);
+      word.has_twins = false;  // not before it is known for sure
     }
   }
   std::sort(sorted.begin(), sorted.end());

@@ -64,11 +64,13 @@ struct changed_words {
   uint32_t target_word(const changed_word& word) const {
     return map == nullptr ? word.word : map->address_of(word.word * 4) / 4;
   }
-  // Whether the image has all bytes from the word before to this one. Else no store reaches over.
+  // Whether the image has all bytes from where the word before begins to differ to where this one
+  // ends. Else no store reaches over.
   bool is_joined(size_t index) const {
     return map == nullptr || index == 0 ||
-           map->new_bytes().has_all(int64_t{words[index - 1].word} * 4,
-                                    (int64_t{words[index].word} + 1) * 4);
+           map->new_bytes().has_all(
+               int64_t{words[index - 1].word} * 4 + words[index - 1].first_byte(),
+               int64_t{words[index].word} * 4 + words[index].last_byte() + 1);
   }
   bool follows(size_t index) const {  // whether the word before differs, too
     return index > 0 && words[index - 1].word + 1 == words[index].word;

@@ -125,12 +125,26 @@ linear_map::linear_map(std::span<const memory_range> old_ranges,
   holes_ = row_bytes(without(all_bytes_.runs(), new_alone), size_);
 }
 
-uint32_t linear_map::place_of(uint32_t address) const {
+size_t linear_map::ranges_up_to(uint32_t address) const {
   const auto behind = std::upper_bound(
       memory_.begin(), memory_.end(), address,
       [](uint32_t value, const memory_range& range) { return value < range.address; });
-  const auto index = static_cast<size_t>(behind - memory_.begin()) - 1;
+  return static_cast<size_t>(behind - memory_.begin());
+}
+
+uint32_t linear_map::place_of(uint32_t address) const {
+  const size_t index = ranges_up_to(address) - 1;
   return begins_[index] + (address - memory_[index].address);
+}
+
+uint32_t linear_map::bytes_from(uint32_t address) const {
+  const size_t ranges = ranges_up_to(address);
+  if (ranges == 0) {
+    return 0;
+  }
+  const memory_range& range = memory_[ranges - 1];
+  const uint32_t offset = address - range.address;
+  return offset < range.size ? range.size - offset : 0;
 }
 
 uint32_t linear_map::address_of(uint32_t place) const {

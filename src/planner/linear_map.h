@@ -92,12 +92,16 @@ class linear_map {
   // A place of one of the images or of spare memory, from its address and back.
   uint32_t place_of(uint32_t address) const;
   uint32_t address_of(uint32_t place) const;
+  // How many bytes of the map's memory follow each other from an address on; 0 in a gap.
+  uint32_t bytes_from(uint32_t address) const;
 
   // Where nothing may be parked, ascending: all but the old image and spare memory that is not of
   // the new one. With `outer_holes` all memory of the map is good enough.
   std::vector<std::pair<int64_t, int64_t>> reserved(bool outer_holes) const;
 
  private:
+  size_t ranges_up_to(uint32_t address) const;  // the ranges that begin there or ahead of it
+
   std::vector<memory_range> memory_;
   std::vector<uint32_t> begins_;  // the place of each
   row_bytes old_bytes_;

@@ -29,12 +29,35 @@ class proof_memory {
 
   static int read(void* context, uint32_t address, uint8_t* bytes, uint32_t count) {
     const auto& memory = *static_cast<const proof_memory*>(context);
-    std::copy_n(memory.bytes_.begin() + memory.place_of(address), count, bytes);
+    while (count > 0) {
+      const uint32_t known = std::min(count, memory.images_.memory->map.bytes_from(address));
+      const uint32_t part = known > 0 ? known : std::min(count, memory.zeros_from(address));
+      if (part == 0) {
+        return 1;
+      }
+      if (known > 0) {
+        std::copy_n(memory.bytes_.begin() + memory.place_of(address), part, bytes);
+      } else {
+        std::fill_n(bytes, part, uint8_t{0});
+      }
+      address += part;
+      bytes += part;
+      count -= part;
+    }
     return 0;
   }
   static int write(void* context, uint32_t address, const uint8_t* bytes, uint32_t count) {
     auto& memory = *static_cast<proof_memory*>(context);
-    std::copy_n(bytes, count, memory.bytes_.begin() + memory.place_of(address));
+    while (count > 0) {
+      const uint32_t part = std::min(count, memory.images_.memory->map.bytes_from(address));
+      if (part == 0) {
+        return 1;
+      }
+      std::copy_n(bytes, part, memory.bytes_.begin() + memory.place_of(address));
+      address += part;
+      bytes += part;
+      count -= part;
+    }
     return 0;
   }
 
@@ -63,6 +86,14 @@ class proof_memory {
   }
 
  private:
+  uint32_t zeros_from(uint32_t address) const {
+    for (const memory_range& range : images_.memory->still_zeros) {
+      if (address >= range.address && address - range.address < range.size) {
+        return range.size - (address - range.address);
+      }
+    }
+    return 0;
+  }
   uint32_t place_of(uint32_t address) const { return images_.memory->map.place_of(address); }
   static void each(const row_bytes& bytes, const auto& take) {
     for (const row_bytes::run& run : bytes.runs()) {
@@ -87,15 +118,13 @@ std::string fault_of_memory_patch(const plan_images& images, const std::vector<u
   int code = kelvane_apply_open(&applier, patch.data(), static_cast<uint32_t>(patch.size()), flags);
   proof_memory memory(images);
   if (code == KELVANE_APPLY_OK) {
-    std::vector<kelvane_region> regions;
-    for (const memory_range& range : images.memory->map.memory()) {
-      regions.push_back({range.address, range.size});
-    }
+    // All addresses: the memory itself refuses those of no section, and finds out faster.
+    const std::array<kelvane_region, 2> regions = {{{0, UINT32_MAX}, {UINT32_MAX, 1}}};
     const kelvane_memory target = {&memory,
                                    proof_memory::read,
                                    proof_memory::write,
                                    regions.data(),
-                                   static_cast<uint32_t>(regions.size()),
+                                   regions.size(),
                                    KELVANE_SIZE_UNKNOWN,
                                    0};
     code = kelvane_apply_run(&applier, &target, 0);

@@ -23,6 +23,7 @@ namespace kelvane {
 struct memory_section {
   uint32_t address = 0;
   std::span<const uint8_t> bytes;
+  bool is_zero = false;  // all of them are, as in a section that has none in its file
 };
 
 // A section of both images. Both lie anywhere; sections of one image don't overlap.
@@ -33,6 +34,9 @@ struct memory_section_pair {
 
 struct memory_target {
   linear_map map;
+  // Zeros that both images have at the same addresses and that no move needs as a hole. They have
+  // no place in the row, and are as large as they like.
+  std::vector<memory_range> still_zeros;
   // In format 0 of the files, in format 1 the addresses of the start-up code.
   patch_header header;
   // What format 1 frames the commands with: the sections that are not empty, in the order of the

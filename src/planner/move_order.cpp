@@ -137,12 +137,12 @@ class carrying_out {
   // itself are asked when only they are left.
   blocked_piece cheapest_blocked() {
     looks_ += places_.pending();
-    const piece_places::source_order order = places_.by_source();
+    const std::vector<int64_t> farthest = places_.farthest_ends();
     blocked_piece best;
     uint64_t least = UINT64_MAX;
     std::vector<uint32_t> blockers;
     for (const bool in_set_too : {false, true}) {
-      for (const uint32_t piece : order.pieces) {
+      for (const uint32_t piece : places_.by_source()) {
         const placed_piece& waiting = places_[piece];
         if (!in_set_too && waiting.in_feedback) {
           continue;
@@ -151,7 +151,7 @@ class carrying_out {
         bool is_possible = true;
         uint64_t weight = 0;
         places_.each_lying(
-            order, waiting.destination, waiting.destination_end(), [&](uint32_t blocker) {
+            farthest, waiting.destination, waiting.destination_end(), [&](uint32_t blocker) {
               const placed_piece& lying = places_[blocker];
               if (blocker == piece) {
                 return true;
@@ -349,6 +349,7 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
   uint32_t part_bytes = 0;  // known from the first set, which sacrifices none
   std::optional<move_order> best;
   uint64_t looks = 0;
+  uint32_t made = 0;
   const uint64_t most_looks = kMostLooks * (1 + settings.tries / kTriesOfLooks);
   const std::vector<order_try> tries = order_tries();
   for (size_t i = 0; i < std::min<size_t>(tries.size(), settings.tries); ++i) {
@@ -359,13 +360,14 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
     }
     const std::pair cut = {parts, now.cut_long};
     if (!sets.contains(cut)) {
-      sets[cut] = cut_pieces(images, lightened[parts], now.cut_long);
+      sets[cut] = cut_pieces(images, lightened[parts], now.cut_long, settings.fills);
       reserve(images, settings.outer_holes, sets[cut]);
     }
     const piece_set& set = sets[cut];
     part_bytes = i == 0 ? set.part_bytes : part_bytes;
     move_order order = order_moves(set, {now.park_percent, now.seed, holes_end});
     looks += order.looks;
+    ++made;
     if (!best || order.estimate < best->estimate) {
       best = std::move(order);
     }
@@ -378,7 +380,11 @@ move_order best_order(const plan_images& images, std::span<const shift_stretch> 
       break;
     }
   }
-  return best ? std::move(*best) : move_order{};
+  if (!best) {
+    return {};
+  }
+  best->tries = made;
+  return std::move(*best);
 }
 
 }  // namespace kelvane

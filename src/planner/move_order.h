@@ -31,6 +31,7 @@ struct move_order {
   // 12 bytes a block and what giving up costs, in hundredths of a byte.
   uint64_t estimate = 0;
   uint64_t looks = 0;  // how many pieces were looked at, a measure of the time
+  uint32_t tries = 1;  // how many orders this one is the best of
 };
 
 struct order_settings {
@@ -46,6 +47,7 @@ move_order order_moves(const piece_set& set, const order_settings& settings);
 struct order_search_settings {
   uint32_t tries = 1;
   bool outer_holes = false;
+  bool fills = true;  // whether the patch may have some
 };
 
 // The best order of some. Without pieces in each other's way one is enough, and only one is made.

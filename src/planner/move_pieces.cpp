@@ -59,6 +59,13 @@ void trim(const plan_images& images, const shift_stretch& stretch, int64_t begin
   }
 }
 
+// Whether one fill makes these bytes of the new image.
+bool is_fill(std::span<const uint8_t> image, int64_t begin, int64_t end) {
+  const auto bytes = image.subspan(static_cast<size_t>(begin), static_cast<size_t>(end - begin));
+  return bytes.size() >= kLeastFill && bytes.size() <= kLargestFill &&
+         std::all_of(bytes.begin(), bytes.end(), [&](uint8_t byte) { return byte == bytes[0]; });
+}
+
 // Cuts the pieces of a circle so that a part goes where one other part lies, and not on two halves.
 // Where a piece ends at home, the one that lies there is cut; where this cut comes to lie at home,
 // again one is cut; and so on, until a cut would be near another one. Two blocks of any sizes that
@@ -318,8 +325,8 @@ lightened_stretches give_up_bytes(const plan_images& images,
   return result;
 }
 
-piece_set cut_pieces(const plan_images& images, const lightened_stretches& lightened,
-                     bool cut_long) {
+piece_set cut_pieces(const plan_images& images, const lightened_stretches& lightened, bool cut_long,
+                     bool fills) {
   piece_set set;
   set.given_up_weight = lightened.given_up_weight;
   for (const shift_stretch& stretch : lightened.stretches) {
@@ -330,7 +337,7 @@ piece_set cut_pieces(const plan_images& images, const lightened_stretches& light
       trim(images, stretch, part_begin, part_end, [&](int64_t begin, int64_t end) {
         if (stretch.shift == 0) {
           set.pinned.emplace_back(begin, end);
-        } else {
+        } else if (!fills || !is_fill(images.new_image, begin, end)) {
           set.pieces.push_back({begin - stretch.shift, end - begin, begin, 0});
         }
       });

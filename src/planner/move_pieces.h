@@ -63,11 +63,11 @@ inline constexpr uint32_t kLeastPart = 1024;
 
 // Cuts stretches to what the old image has, trims ends that differ, leaves out what is shorter than
 // a block costs, and finds the circles. With `cut_long`, pieces in circles that are twice as long
-// as the set's part_bytes are cut to about this length. Where more than a few million pairs of
-// pieces are in each other's way, which takes made-up images, short pieces are left out until they
-// are fewer.
-piece_set cut_pieces(const plan_images& images, const lightened_stretches& lightened,
-                     bool cut_long);
+// as the set's part_bytes are cut to about this length. With `fills`, pieces of one byte repeated
+// are left out: a fill costs 7 bytes, a block 12. Where more than a few million pairs of pieces are
+// in each other's way, which takes made-up images, short pieces are left out until they are fewer.
+piece_set cut_pieces(const plan_images& images, const lightened_stretches& lightened, bool cut_long,
+                     bool fills);
 
 // The pieces to park or give up, so that the rest can go in some order. `park_percent` is what
 // parking a piece is taken to cost, as a part of its length; `seed` starts the random numbers that

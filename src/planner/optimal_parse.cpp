@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "byte_order.h"
+
 namespace kelvane {
 namespace {
 
@@ -14,10 +16,13 @@ constexpr uint32_t kReferenceBits = 17;
 constexpr uint32_t kHashBits = 14;
 // Zeros in front that matches may begin in: a longer run of them is met by overlapping.
 constexpr size_t kZeros = kLongest;
+// Behind the block, so that a word can be read at each of its places.
+constexpr size_t kPadding = 3;
 
-uint32_t slot_of(const uint8_t* bytes) {
-  const uint32_t mixed = bytes[0] * 0x9E3779B1U + bytes[1] * 0x85EBCA77U + bytes[2] * 0xC2B2AE3DU;
-  return mixed >> (32U - kHashBits);
+constexpr uint32_t kThreeBytes = 0xFFFFFF;
+
+uint32_t slot_of(uint32_t bytes) {
+  return (bytes * 0x9E3779B1U) >> (32U - kHashBits);
 }
 
 // How many bytes agree, up to `limit`.
@@ -31,50 +36,87 @@ size_t agreeing(const uint8_t* first, const uint8_t* second, size_t limit) {
 
 }  // namespace
 
-optimal_parser::optimal_parser(int trials) : trials_(trials), newest_(size_t{1} << kHashBits, -1) {}
-
-void optimal_parser::find_matches(size_t context, size_t size) {
-  previous_.resize(ring_.size());
-  matches_.assign(size, {});
-  for (const uint32_t slot : touched_) {
-    newest_[slot] = -1;
+void optimal_parser::string_chains::begin(size_t places) {
+  previous.resize(places);
+  newest.resize(size_t{1} << kHashBits, 0);
+  if (number_of_first > UINT32_MAX - 2 * places) {
+    number_of_first = 1;
+    std::fill(newest.begin(), newest.end(), 0);
   }
-  touched_.clear();
-  for (size_t at = 0; at + kShortest <= ring_.size(); ++at) {
-    const uint32_t slot = slot_of(&ring_[at]);
-    int32_t candidate = newest_[slot];
-    if (candidate < 0) {
-      touched_.push_back(slot);
-    }
-    previous_[at] = candidate;
-    newest_[slot] = static_cast<int32_t>(at);
+}
+
+uint32_t optimal_parser::string_chains::add(size_t place, uint32_t bytes) {
+  uint32_t& last = newest[slot_of(bytes)];
+  const uint32_t found = last;
+  previous[place] = found;
+  last = number_of_first + static_cast<uint32_t>(place);
+  return found;
+}
+
+optimal_parser::optimal_parser(int trials) : trials_(trials) {}
+
+// What the place before was found to match goes on here, a byte shorter. So most places know a
+// match already, and ask for longer ones only. Places that know none ask for three equal bytes
+// first.
+void optimal_parser::find_matches(size_t context, size_t size) {
+  const size_t end = context + size;
+  matches_.assign(size, {});
+  threes_.begin(end);
+  fours_.begin(end);
+  const uint8_t* const ring = ring_.data();
+  match last;
+  for (size_t at = 0; at + kShortest <= end; ++at) {
+    const uint8_t* const here = ring + at;
+    const uint32_t word = load_word(here, ByteOrder::kLittle);
+    uint32_t three = threes_.add(at, word & kThreeBytes);
+    uint32_t four = fours_.add(at, word);
     if (at < context) {
       continue;
     }
-    match& found = matches_[at - context];
-    const size_t limit = std::min(kLongest, ring_.size() - at);
-    const uint8_t* const here = &ring_[at];
-    size_t longest = kShortest - 1;  // found so far, or what is not enough
-    for (int trial = 0; trial < trials_ && candidate >= 0; ++trial) {
-      const auto place = static_cast<size_t>(candidate);
-      if (at - place > kRingSize) {
-        break;
+    const size_t limit = std::min(kLongest, end - at);
+    // No match begins farther ahead than the ring is long.
+    const auto back = static_cast<uint32_t>(std::min<size_t>(at, kRingSize));
+    size_t length = 0;
+    size_t distance = 0;
+    if (last.length > kShortest) {
+      length = last.length - size_t{1};
+      distance = last.distance;
+      if (last.length == kLongest && limit == kLongest) {
+        length += agreeing(here + length, here + length - distance, 1);
       }
-      // What is longer agrees in the byte behind what was found.
-      const uint8_t* const there = &ring_[place];
-      if (there[longest] == here[longest]) {
-        const size_t length = agreeing(there, here, limit);
-        if (length > longest) {
-          longest = length;
-          found = {static_cast<uint16_t>(length), static_cast<uint16_t>(at - place)};
-          if (length == limit) {
-            break;
+    } else {
+      const uint32_t first = threes_.number_of(at) - back;
+      for (int trial = 0; trial < trials_ && three >= first; ++trial) {
+        const size_t place = threes_.place_of(three);
+        if (((load_word(ring + place, ByteOrder::kLittle) ^ word) & kThreeBytes) == 0) {
+          length = kShortest;
+          distance = at - place;
+          break;
+        }
+        three = threes_.previous[place];
+      }
+    }
+    if (length >= kShortest) {
+      const uint32_t first = fours_.number_of(at) - back;
+      for (int trial = 0; length < limit && trial < trials_ && four >= first; ++trial) {
+        const size_t place = fours_.place_of(four);
+        // What is longer agrees in the byte behind what was found.
+        const uint8_t* const there = ring + place;
+        if (there[length] == here[length]) {
+          const size_t agreed = agreeing(there, here, limit);
+          if (agreed > length) {
+            length = agreed;
+            distance = at - place;
           }
         }
+        four = fours_.previous[place];
       }
-      candidate = previous_[place];
     }
+    last = {static_cast<uint16_t>(length), static_cast<uint16_t>(distance)};
+    matches_[at - context] = last;
   }
+  threes_.number_of_first += static_cast<uint32_t>(end);
+  fours_.number_of_first += static_cast<uint32_t>(end);
 }
 
 uint64_t optimal_parser::parse_block(std::span<const uint8_t> data, size_t begin) {
@@ -88,6 +130,7 @@ uint64_t optimal_parser::parse_block(std::span<const uint8_t> data, size_t begin
   }
   const auto block = data.subspan(begin, size);
   ring_.insert(ring_.end(), block.begin(), block.end());
+  ring_.insert(ring_.end(), kPadding, 0);
   find_matches(context, size);
   costs_.resize(size + 1);
   costs_[size] = 0;

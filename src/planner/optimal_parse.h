@@ -4,8 +4,8 @@
 //
 // A literal costs 9 bits and a reference 17, whatever its length and distance. So the longest match
 // at each place is all that is worth knowing (any shorter one is a part of it), and one pass from
-// the back finds the cheapest way through. Matches are found by chains of equal three-byte strings
-// within the ring of 4096 bytes, which begins with zeros.
+// the back finds the cheapest way through. Matches are found within the ring of 4096 bytes, which
+// begins with zeros, by chains of places with equal strings of three bytes and of four.
 
 #include <cstdint>
 #include <span>
@@ -39,12 +39,27 @@ class optimal_parser {
   uint64_t parse_block(std::span<const uint8_t> data, size_t begin);
   void find_matches(size_t context, size_t size);
 
+  // Places that share the hash of the bytes there. A place has a number that none had in the blocks
+  // before, so that nothing has to be cleared from one block to the next.
+  struct string_chains {
+    std::vector<uint32_t> newest;    // by hash, the last number with it
+    std::vector<uint32_t> previous;  // by place, the number before of the same hash
+    uint32_t number_of_first = 1;    // in this block; smaller numbers are of those before
+
+    void begin(size_t places);
+    // Gives the newest number of the same hash.
+    uint32_t add(size_t place, uint32_t bytes);
+    uint32_t number_of(size_t place) const {
+      return number_of_first + static_cast<uint32_t>(place);
+    }
+    size_t place_of(uint32_t number) const { return number - number_of_first; }
+  };
+
   int trials_;
-  std::vector<uint8_t> ring_;      // what lies before the block, then the block
-  std::vector<int32_t> newest_;    // by hash, the last place in ring_ with it
-  std::vector<uint32_t> touched_;  // the slots of newest_ that the last block used
-  std::vector<int32_t> previous_;  // by place, the one before of the same hash
-  std::vector<match> matches_;     // by place in the block
+  std::vector<uint8_t> ring_;  // what lies before the block, then the block
+  string_chains threes_;
+  string_chains fours_;
+  std::vector<match> matches_;  // by place in the block
   std::vector<uint32_t> costs_;
 };
 

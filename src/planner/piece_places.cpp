@@ -27,6 +27,11 @@ piece_places::piece_places(const piece_set& set, std::span<const uint32_t> feedb
                    [&](uint32_t first, uint32_t second) {
                      return pieces_[first].destination < pieces_[second].destination;
                    });
+  by_source_.resize(pieces_.size());
+  std::iota(by_source_.begin(), by_source_.end(), 0U);
+  std::stable_sort(by_source_.begin(), by_source_.end(), [&](uint32_t first, uint32_t second) {
+    return pieces_[first].current < pieces_[second].current;
+  });
   for (uint32_t piece = 0; piece < pieces_.size(); ++piece) {
     if (pieces_[piece].blockers == 0) {
       set_ready(piece);
@@ -85,7 +90,15 @@ void piece_places::each_going(int64_t begin, int64_t end, const Take& take) {
   }
 }
 
+std::vector<uint32_t>::iterator piece_places::place_by_source(uint32_t piece) {
+  const auto key_of = [&](uint32_t each) { return key(pieces_[each].current, each); };
+  return std::lower_bound(
+      by_source_.begin(), by_source_.end(), piece,
+      [&](uint32_t first, uint32_t second) { return key_of(first) < key_of(second); });
+}
+
 void piece_places::leave(uint32_t piece) {
+  by_source_.erase(place_by_source(piece));
   each_going(pieces_[piece].current, pieces_[piece].current_end(), [&](uint32_t other) {
     if (other != piece && pieces_[other].is_pending() && --pieces_[other].blockers == 0) {
       set_ready(other);
@@ -94,6 +107,7 @@ void piece_places::leave(uint32_t piece) {
 }
 
 void piece_places::arrive(uint32_t piece) {
+  by_source_.insert(place_by_source(piece), piece);
   each_going(pieces_[piece].current, pieces_[piece].current_end(), [&](uint32_t other) {
     if (other != piece && pieces_[other].is_pending() && pieces_[other].blockers++ == 0) {
       unset_ready(other);
@@ -167,35 +181,28 @@ uint32_t piece_places::split(uint32_t piece, int64_t length) {
   return rest;
 }
 
-piece_places::source_order piece_places::by_source() const {
-  source_order order;
-  for (uint32_t piece = 0; piece < pieces_.size(); ++piece) {
-    if (pieces_[piece].is_pending()) {
-      order.pieces.push_back(piece);
-    }
-  }
-  std::stable_sort(order.pieces.begin(), order.pieces.end(), [&](uint32_t first, uint32_t second) {
-    return pieces_[first].current < pieces_[second].current;
-  });
+std::vector<int64_t> piece_places::farthest_ends() const {
+  std::vector<int64_t> farthest;
+  farthest.reserve(by_source_.size());
   int64_t end = 0;
-  for (const uint32_t piece : order.pieces) {
+  for (const uint32_t piece : by_source_) {
     end = std::max(end, pieces_[piece].current_end());
-    order.farthest.push_back(end);
+    farthest.push_back(end);
   }
-  return order;
+  return farthest;
 }
 
 // What has to be home before `piece`, itself included: everything that lies where it goes, and so
 // on.
 std::vector<uint8_t> piece_places::needed_before(uint32_t piece) const {
-  const source_order order = by_source();
+  const std::vector<int64_t> farthest = farthest_ends();
   std::vector<uint8_t> needed(pieces_.size(), 0);
   std::vector<uint32_t> open = {piece};
   needed[piece] = 1;
   while (!open.empty()) {
     const placed_piece& going = pieces_[open.back()];
     open.pop_back();
-    each_lying(order, going.destination, going.destination_end(), [&](uint32_t lying) {
+    each_lying(farthest, going.destination, going.destination_end(), [&](uint32_t lying) {
       if (needed[lying] == 0) {
         needed[lying] = 1;
         open.push_back(lying);
@@ -206,33 +213,34 @@ std::vector<uint8_t> piece_places::needed_before(uint32_t piece) const {
   return needed;
 }
 
-// All memory that is no hole. With `needed` only those destinations of pending pieces count that it
-// marks.
-std::vector<std::pair<int64_t, int64_t>> piece_places::taken_memory(
-    const std::vector<uint8_t>* needed) const {
-  // Destinations are kept in order; only the places at hand have to be sorted.
-  std::vector<std::pair<int64_t, int64_t>> going = pinned_;
-  const auto pinned = static_cast<ptrdiff_t>(going.size());
-  for (const uint32_t index : by_destination_) {
-    const placed_piece& piece = pieces_[index];
-    if (piece.place == piece_place::home ||
-        (piece.is_pending() && (needed == nullptr || (*needed)[index] != 0))) {
-      going.emplace_back(piece.destination, piece.destination_end());
+// The three lists are in order, and gone over side by side.
+template <typename Take>
+void piece_places::each_taken(const std::vector<uint8_t>* needed, const Take& take) const {
+  auto pinned = pinned_.begin();
+  auto going = by_destination_.begin();
+  auto lying = by_source_.begin();
+  for (;;) {
+    const int64_t pinned_begin = pinned != pinned_.end() ? pinned->first : INT64_MAX;
+    const int64_t going_begin =
+        going != by_destination_.end() ? pieces_[*going].destination : INT64_MAX;
+    const int64_t lying_begin = lying != by_source_.end() ? pieces_[*lying].current : INT64_MAX;
+    const int64_t begin = std::min({pinned_begin, going_begin, lying_begin});
+    if (begin == INT64_MAX) {
+      return;
+    }
+    if (begin == lying_begin) {
+      take(begin, pieces_[*lying++].current_end());
+    } else if (begin == pinned_begin) {
+      take(begin, (pinned++)->second);
+    } else {
+      const uint32_t index = *going++;
+      const placed_piece& piece = pieces_[index];
+      if (piece.place == piece_place::home ||
+          (piece.is_pending() && (needed == nullptr || (*needed)[index] != 0))) {
+        take(begin, piece.destination_end());
+      }
     }
   }
-  std::inplace_merge(going.begin(), going.begin() + pinned, going.end());
-  std::vector<std::pair<int64_t, int64_t>> taken;
-  taken.reserve(going.size() + pending_ + 1);
-  for (const placed_piece& piece : pieces_) {
-    if (piece.is_pending()) {
-      taken.emplace_back(piece.current, piece.current_end());
-    }
-  }
-  std::sort(taken.begin(), taken.end());
-  const auto lying = static_cast<ptrdiff_t>(taken.size());
-  taken.insert(taken.end(), going.begin(), going.end());
-  std::inplace_merge(taken.begin(), taken.begin() + lying, taken.end());
-  return taken;
 }
 
 hole piece_places::find_hole(uint32_t piece, int64_t wanted) const {
@@ -242,11 +250,9 @@ hole piece_places::find_hole(uint32_t piece, int64_t wanted) const {
     if (soft) {
       needed = needed_before(piece);
     }
-    std::vector<std::pair<int64_t, int64_t>> taken = taken_memory(soft ? &needed : nullptr);
-    taken.emplace_back(holes_end_, holes_end_);
     hole smallest = {0, INT64_MAX};
     int64_t end = 0;
-    for (const auto& [taken_begin, taken_end] : taken) {
+    const auto look_ahead_of = [&](int64_t taken_begin, int64_t taken_end) {
       const hole free = {end, std::min(taken_begin, holes_end_) - end};
       if (free.size >= wanted && free.size < smallest.size) {
         smallest = free;
@@ -255,7 +261,9 @@ hole piece_places::find_hole(uint32_t piece, int64_t wanted) const {
         largest = free;
       }
       end = std::max(end, taken_end);
-    }
+    };
+    each_taken(soft ? &needed : nullptr, look_ahead_of);
+    look_ahead_of(holes_end_, holes_end_);
     if (smallest.size != INT64_MAX) {
       return smallest;
     }

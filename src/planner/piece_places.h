@@ -56,23 +56,22 @@ class piece_places {
   // The piece keeps its first `length` bytes; gives the new piece, which is the rest.
   uint32_t split(uint32_t piece, int64_t length);
 
-  // Pending pieces by their current place, with the farthest end of all up to each.
-  struct source_order {
-    std::vector<uint32_t> pieces;
-    std::vector<int64_t> farthest;
-  };
-  source_order by_source() const;
+  // Pending pieces by their current place.
+  const std::vector<uint32_t>& by_source() const { return by_source_; }
+  // The farthest end of all up to each of them.
+  std::vector<int64_t> farthest_ends() const;
   // Calls take(piece) for the pending pieces that lie between `begin` and `end`, the farthest
-  // first; stops when it gives false.
+  // first; stops when it gives false. `farthest`: as it is now.
   template <typename Take>
-  void each_lying(const source_order& order, int64_t begin, int64_t end, const Take& take) const {
-    auto i = static_cast<size_t>(std::lower_bound(order.pieces.begin(), order.pieces.end(), end,
+  void each_lying(const std::vector<int64_t>& farthest, int64_t begin, int64_t end,
+                  const Take& take) const {
+    auto i = static_cast<size_t>(std::lower_bound(by_source_.begin(), by_source_.end(), end,
                                                   [&](uint32_t piece, int64_t limit) {
                                                     return pieces_[piece].current < limit;
                                                   }) -
-                                 order.pieces.begin());
-    while (i-- > 0 && order.farthest[i] > begin) {
-      const uint32_t piece = order.pieces[i];
+                                 by_source_.begin());
+    while (i-- > 0 && farthest[i] > begin) {
+      const uint32_t piece = by_source_[i];
       if (pieces_[piece].current_end() > begin && !take(piece)) {
         return;
       }
@@ -93,10 +92,16 @@ class piece_places {
   void leave(uint32_t piece);
   void arrive(uint32_t piece);
   std::vector<uint8_t> needed_before(uint32_t piece) const;
-  std::vector<std::pair<int64_t, int64_t>> taken_memory(const std::vector<uint8_t>* needed) const;
+  // Calls take(begin, end) for all memory that is no hole, by ascending begin. With `needed` only
+  // those destinations of pending pieces count that it marks.
+  template <typename Take>
+  void each_taken(const std::vector<uint8_t>* needed, const Take& take) const;
+  // Where a pending piece stands in by_source_, or would stand.
+  std::vector<uint32_t>::iterator place_by_source(uint32_t piece);
 
   std::vector<placed_piece> pieces_;
   std::vector<uint32_t> by_destination_;
+  std::vector<uint32_t> by_source_;  // of equal places, the lower number first
   std::vector<std::pair<int64_t, int64_t>> pinned_;
   std::set<key> ready_;
   std::set<key> ready_parked_;

@@ -67,6 +67,9 @@ struct planned_store {
   store_kind kind = store_kind::plain;
 };
 
+inline constexpr size_t kLeastFill = 40;  // of fewer bytes others are about as good
+inline constexpr size_t kLargestFill = 65534;
+
 // One byte, `size` times (3 to 65534).
 struct planned_fill {
   uint32_t address = 0;

@@ -27,12 +27,14 @@ struct effort_settings {
 constexpr std::array<uint32_t, 3> kBlockBits = {240, 110, 160};
 constexpr std::array<uint32_t, 2> kStoredWordBits = {40, 22};
 
+constexpr uint32_t kQuickOrders = 3;
+
 effort_settings settings_of(plan_effort effort) {
   const std::span<const uint32_t> block_bits(kBlockBits);
   const std::span<const uint32_t> stored_bits(kStoredWordBits);
   switch (effort) {
     case plan_effort::quick:
-      return {1, block_bits.first(1), stored_bits.first(1), 1, false};
+      return {1, block_bits.first(1), stored_bits.first(1), kQuickOrders, false};
     case plan_effort::normal:
       return {3, block_bits.first(2), stored_bits.first(1), 12, false};
     default:
@@ -49,6 +51,7 @@ constexpr uint32_t kDearPackedEntry = 160 * kBit;
 struct tried_plan {
   plan planned;
   plan_cost cost;
+  plan_settings settings;
   std::vector<int64_t> shifts;
   bool is_made = false;
 };
@@ -154,15 +157,22 @@ size_t alignments_of(const effort_settings& effort) {
   return effort.block_bits.size() * effort.stored_word_bits.size();
 }
 
+// At effort quick the rules don't matter before the order of the moves: one alignment does for
+// both.
+bool shares_alignments(const plan_request& request) {
+  return request.effort == plan_effort::quick && request.narrower_rules &&
+         request.rules.compression == request.narrower_rules->compression;
+}
+
 class plan_searcher {
  public:
-  plan_searcher(const plan_request& request, const plan_rules& rules, tried_plans& tried,
-                packed_runs& forms)
+  plan_searcher(const plan_request& request, const plan_rules& rules, plan_effort effort,
+                tried_plans& tried, packed_runs& forms)
       : request_(request),
         rules_(rules),
         tried_(tried),
         forms_(forms),
-        effort_(settings_of(request.effort)),
+        effort_(settings_of(effort)),
         order_(request.order.value_or(likely_order(request.images.new_image))),
         strings_(std::make_unique<string_seeds>(request.images.old_image, known_bytes())) {}
 
@@ -207,6 +217,7 @@ class plan_searcher {
       is_new = order_ != round_best->planned.order || shifts_ != round_best->shifts ||
                mean_prices_ != prices;
       order_ = round_best->planned.order;
+      settings_ = round_best->settings;
       shifts_ = round_best->shifts;
       mean_prices_ = std::move(prices);
       prices_ = class_prices(*mean_prices_);
@@ -228,23 +239,44 @@ class plan_searcher {
       strings_.reset();
       differences_.reset();
     }
-    const move_order moves =
-        best_order(request_.images, stretches, {effort_.order_tries, rules_.outer_holes});
     tried_plan best;
-    if (request_.effort == plan_effort::quick) {
-      const ByteOrder order =
-          request_.order ? *request_.order : likelier_order(request_.images, moves.blocks, order_);
-      take_cheaper(best, moves, {order, kPackedByte, kPackedEntry});
+    if (effort_.rounds == 1) {
+      take_quick(best, stretches, rules_);
+      if (shares_alignments(request_)) {
+        take_quick(best, stretches, *request_.narrower_rules);
+      }
       return best;
     }
-    take_cheaper(best, moves, {order_, kPackedByte, kPackedEntry});
-    if (is_first_round && !request_.order) {
-      const ByteOrder other = order_ == ByteOrder::kBig ? ByteOrder::kLittle : ByteOrder::kBig;
-      take_cheaper(best, moves, {other, kPackedByte, kPackedEntry});
+    const move_order moves = order_of(stretches, rules_, effort_.order_tries);
+    if (is_first_round) {
+      take_cheaper(best, moves, rules_, {order_, kPackedByte, kPackedEntry});
+      if (!request_.order) {
+        const ByteOrder other = order_ == ByteOrder::kBig ? ByteOrder::kLittle : ByteOrder::kBig;
+        take_cheaper(best, moves, rules_, {other, kPackedByte, kPackedEntry});
+      }
+      // Estimates may be wrong: the order that effort quick takes is no worse a start.
+      if (index == 0 && moves.tries > kQuickOrders) {
+        take_cheaper(best, order_of(stretches, rules_, kQuickOrders), rules_, best.settings);
+      }
+      try_rates(best, moves);
+    } else {
+      take_cheaper(best, moves, rules_, settings_);
     }
-    try_rates(best, moves);
     best.shifts = widest_shifts(stretches);
     return best;
+  }
+
+  move_order order_of(std::span<const shift_stretch> stretches, const plan_rules& rules,
+                      uint32_t tries) const {
+    return best_order(request_.images, stretches, {tries, rules.outer_holes, rules.compression});
+  }
+
+  void take_quick(tried_plan& best, std::span<const shift_stretch> stretches,
+                  const plan_rules& rules) {
+    const move_order moves = order_of(stretches, rules, effort_.order_tries);
+    const ByteOrder order =
+        request_.order ? *request_.order : likelier_order(request_.images, moves.blocks, order_);
+    take_cheaper(best, moves, rules, {order, kPackedByte, kPackedEntry});
   }
 
   // The plan again with other rates of compressed stores, where there is much to store.
@@ -257,18 +289,20 @@ class plan_searcher {
     if (effort_.all_rates) {
       for (const uint32_t tenths : {52U, 64U}) {
         for (const uint32_t entry : {kPackedEntry, kDearPackedEntry}) {
-          take_cheaper(best, moves, {order, tenths * kBit / 10, entry});
+          take_cheaper(best, moves, rules_, {order, tenths * kBit / 10, entry});
         }
       }
       return;
     }
-    take_cheaper(best, moves, {order, 64 * kBit / 10, kPackedEntry});
+    take_cheaper(best, moves, rules_, {order, 64 * kBit / 10, kPackedEntry});
   }
 
-  void take_cheaper(tried_plan& best, const move_order& moves, const plan_settings& settings) {
+  void take_cheaper(tried_plan& best, const move_order& moves, const plan_rules& rules,
+                    const plan_settings& settings) {
     tried_plan made;
-    made.planned = make_plan(request_.images, moves.blocks, rules_, settings, forms_);
-    made.cost = cost_of_plan(request_.images, made.planned, rules_);
+    made.planned = make_plan(request_.images, moves.blocks, rules, settings, forms_);
+    made.cost = cost_of_plan(request_.images, made.planned, rules);
+    made.settings = settings;
     made.is_made = true;
     if (!best.is_made || made.cost.total() < best.cost.total()) {
       best = std::move(made);
@@ -281,6 +315,7 @@ class plan_searcher {
   packed_runs& forms_;
   effort_settings effort_;
   ByteOrder order_;
+  plan_settings settings_;  // those of the best plan of the round before
   std::unique_ptr<string_seeds> strings_;
   std::unique_ptr<difference_seeds> differences_;
   ByteOrder differences_order_ = ByteOrder::kLittle;
@@ -306,14 +341,30 @@ ByteOrder likely_order(std::span<const uint8_t> image) {
   return unevenness[0] > unevenness[1] ? ByteOrder::kBig : ByteOrder::kLittle;
 }
 
+// Searches go their own ways, and one that tries more may end worse: the best effort is the better
+// of two.
 found_plan search_plan(const plan_request& request) {
-  const effort_settings effort = settings_of(request.effort);
-  const auto tries = effort.rounds * static_cast<uint32_t>(alignments_of(effort));
-  tried_plans tried(request, request.narrower_rules ? 2 * tries : tries);
+  std::vector<plan_effort> efforts = {request.effort};
+  if (request.effort == plan_effort::best) {
+    efforts.insert(efforts.begin(), plan_effort::normal);
+  }
+  std::vector<const plan_rules*> all_rules = {&request.rules};
+  if (request.narrower_rules && !shares_alignments(request)) {
+    all_rules.push_back(&*request.narrower_rules);
+  }
+  uint32_t most_tries = 0;
+  for (const plan_effort each : efforts) {
+    const effort_settings effort = settings_of(each);
+    most_tries += effort.rounds * static_cast<uint32_t>(alignments_of(effort) * all_rules.size());
+  }
+  tried_plans tried(request, most_tries);
   packed_runs forms(request.images.new_image);
-  plan_searcher(request, request.rules, tried, forms).run();
-  if (request.narrower_rules && !tried.was_stopped()) {
-    plan_searcher(request, *request.narrower_rules, tried, forms).run();
+  for (const plan_rules* const rules : all_rules) {
+    for (const plan_effort effort : efforts) {
+      if (!tried.was_stopped()) {
+        plan_searcher(request, *rules, effort, tried, forms).run();
+      }
+    }
   }
   return tried.best();
 }

@@ -23,9 +23,9 @@
 namespace kelvane {
 
 enum class plan_effort : uint8_t {
-  quick,   // one alignment, one order
+  quick,   // one alignment, up to three orders
   normal,  // three rounds of two alignments, up to 12 orders each
-  best     // three rounds of six alignments, up to 54 orders each, several rates
+  best     // as well, three rounds of six alignments, up to 54 orders each, several rates
 };
 
 struct plan_progress {

@@ -8,8 +8,6 @@
 namespace kelvane {
 namespace {
 
-constexpr size_t kLeastFill = 40;
-constexpr size_t kLargestFill = 65534;
 constexpr uint32_t kLeastPacked = 16;
 // What stands in front of a store's bytes in the absolute list, and about that in a relative one.
 constexpr uint32_t kAbsoluteBytes = 8;
@@ -107,6 +105,7 @@ void plan_stores(const plan_images& images, const moved_image& moved,
     }
     (store.kind == store_kind::compressed ? packed : linked).push_back(store);
   }
+  planned.packed.shrink_to_fit();  // of what doesn't compress nothing is left but the room
   planned.stores = linked;
   planned.stores.insert(planned.stores.end(), packed.begin(), packed.end());
   idle_bytes idle(images, moved, planned);

@@ -32,8 +32,10 @@ class class_chooser {
       std::vector<stored_run> next = walk_words(changed_, densities_, settings_.walk);
       const bool is_same = next == runs;
       runs = std::move(next);
-      densities_ = measure_density(changed_, runs);
       const uint64_t uses = changed_uses_;
+      if (turn + 1 < kTurns) {
+        densities_ = measure_density(changed_, runs);
+      }
       if (turn >= 1 && turn + 1 < kTurns) {
         if (settings_.class_limit == UINT32_MAX) {
           drop_losing();

@@ -6,14 +6,6 @@
 namespace kelvane {
 namespace {
 
-// Entries of a plain store with two other ones in reach, with one, and alone; the same for single
-// bytes, their byte included. A single byte can also join the list of plain stores that passes by,
-// as two bytes or, where short stores are allowed, as one.
-constexpr std::array<uint32_t, 3> kPlainEntry = {64 * kBit, 28 * kBit, 18 * kBit};
-constexpr std::array<uint32_t, 3> kSingleStore = {40 * kBit, 24 * kBit, 16 * kBit};
-constexpr uint32_t kSingleBesidePlain = 32 * kBit;
-constexpr uint32_t kShortBesidePlain = 24 * kBit;
-constexpr uint32_t kUnknownSingle = 20 * kBit;
 constexpr uint32_t kByte = 8 * kBit;
 // The first and the last byte of a word, stored as two.
 constexpr uint8_t kOuterBytes = 9;
@@ -266,19 +258,6 @@ class run_window {
 };
 
 }  // namespace
-
-uint32_t plain_entry(const store_density& density) {
-  return kPlainEntry[density.plain];
-}
-
-uint32_t single_store(const store_density& density, bool short_stores) {
-  if (!density.is_known) {
-    return kUnknownSingle;
-  }
-  const uint32_t beside_plain = short_stores ? kShortBesidePlain : kSingleBesidePlain;
-  const uint32_t alone = kSingleStore[density.single];
-  return density.plain > 0 ? std::min(alone, beside_plain) : alone;
-}
 
 std::vector<stored_run> walk_words(changed_words& changed, std::span<const store_density> densities,
                                    const walk_settings& settings) {

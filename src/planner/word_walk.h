@@ -9,6 +9,8 @@
 // Whole words decide, not stretches of bytes: one word of no class doesn't keep its neighbours from
 // their classes.
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -42,9 +44,24 @@ struct walk_settings {
   uint32_t packed_entry = 66 * kBit;
 };
 
-// The entry of a plain store, and a single byte with its entry, in bit parts.
-uint32_t plain_entry(const store_density& density);
-uint32_t single_store(const store_density& density, bool short_stores);
+// The entry of a plain store alone, with another one in reach, and with two, in bit parts.
+inline uint32_t plain_entry(const store_density& density) {
+  constexpr std::array<uint32_t, 3> kEntry = {64 * kBit, 28 * kBit, 18 * kBit};
+  return kEntry[density.plain];
+}
+
+// The same for a single byte, its byte included. It can also join the list of plain stores that
+// passes by, as two bytes or, where short stores are allowed, as one.
+inline uint32_t single_store(const store_density& density, bool short_stores) {
+  constexpr std::array<uint32_t, 3> kAlone = {40 * kBit, 24 * kBit, 16 * kBit};
+  constexpr uint32_t kUnknown = 20 * kBit;
+  if (!density.is_known) {
+    return kUnknown;
+  }
+  const uint32_t beside_plain = (short_stores ? 24 : 32) * kBit;
+  const uint32_t alone = kAlone[density.single];
+  return density.plain > 0 ? std::min(alone, beside_plain) : alone;
+}
 
 // Chooses, sets changed_word::is_increment, and gives the runs of bytes to store, ascending.
 // `densities` has one element a word, or none the first time.

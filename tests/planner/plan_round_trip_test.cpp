@@ -26,7 +26,12 @@ plan_request any_request(const ImagePair& pair, Random& random) {
                                              plan_effort::normal, plan_effort::best};
   plan_request request;
   request.images = {pair.old_image, pair.new_image};
-  request.rules = rules_for(kProfiles[random.below(3)], static_cast<uint8_t>(random.below(2)));
+  const patch_profile profile = kProfiles[random.below(3)];
+  const auto format = static_cast<uint8_t>(random.below(2));
+  request.rules = rules_for(profile, format);
+  if (profile == patch_profile::libapply && random.below(2) == 0) {
+    request.narrower_rules = rules_for(patch_profile::wide, format);
+  }
   request.effort = kEfforts[random.below(4)];
   if (random.below(2) == 0) {
     request.order = byte_order_of(random.below(2) == 0);
@@ -182,17 +187,24 @@ TEST(PlanSearchTest, FindsTheOrderOfTheWords) {
   }
 }
 
-TEST(PlanSearchTest, MakesNoMoreOfWideRulesThanOfNarrowOnes) {
-  for (uint32_t seed = 1; seed <= 40; ++seed) {
+TEST(PlanSearchTest, MakesNoMoreOfWideRulesOrMoreEffort) {
+  for (uint32_t seed = 1; seed <= 16; ++seed) {
     Random random(seed);
-    const ImagePair pair = make_pair_of(PairKind::kMixed, random);
+    const ImagePair pair =
+        seed % 16 == 0 ? shuffled_pair(seed) : make_pair_of(PairKind::kMixed, random);
     plan_request request;
     request.images = {pair.old_image, pair.new_image};
     request.rules = rules_for(patch_profile::wide, 1);
-    const uint64_t narrow = search_plan(request).cost.total();
+    uint64_t cost = UINT64_MAX;
+    for (const plan_effort effort : {plan_effort::quick, plan_effort::normal, plan_effort::best}) {
+      request.effort = effort;
+      const uint64_t now = search_plan(request).cost.total();
+      EXPECT_LE(now, cost) << "seed " << seed;
+      cost = now;
+    }
     request.narrower_rules = request.rules;
     request.rules = rules_for(patch_profile::libapply, 1);
-    EXPECT_LE(search_plan(request).cost.total(), narrow) << "seed " << seed;
+    EXPECT_LE(search_plan(request).cost.total(), cost) << "seed " << seed;
   }
 }
 
@@ -251,7 +263,7 @@ TEST(PlanOfMemoryTest, ParksInTheSwapRegionAndNoWhereElse) {
   Random random(5);
   const Bytes first = random.bytes(2000);
   const Bytes second = random.bytes(2000);
-  SectionedPair pair = {{joined({first, second}), joined({second, first})}, {}, {}};
+  SectionedPair pair = {{joined({first, second}), joined({second, first})}, {}, {}, {}};
   pair.sections = {{{0x8000, pair.bytes.old_image}, {0x8000, pair.bytes.new_image}}};
   plan_request request;
   request.rules = rules_for(patch_profile::any, 0);
@@ -282,6 +294,22 @@ TEST(PlanOfMemoryTest, ParksInTheSwapRegionAndNoWhereElse) {
   }
 }
 
+// A section that ends inside a word ends with one store.
+TEST(PlanOfMemoryTest, StoresTheEndOfASectionWhole) {
+  const Bytes old_bytes(70, 0x10);
+  Random random(8);
+  const Bytes new_bytes = random.bytes(70);
+  const std::vector<memory_section_pair> sections = {{{0x1001, old_bytes}, {0x1001, new_bytes}}};
+  const laid_out_memory memory(sections, {});
+  plan_request request;
+  request.images = memory.images();
+  request.rules = rules_for(patch_profile::wide, 0);
+  request.order = ByteOrder::kBig;
+  const plan planned = search_plan(request).planned;
+  ASSERT_EQ(planned.stores.size(), 1U);
+  EXPECT_EQ(planned.stores[0].size, 70U);
+}
+
 // A word that no section has whole is stored by its bytes, and so is one whose sections touch.
 TEST(PlanOfMemoryTest, IncrementsWholeWordsOnly) {
   const Bytes old_bytes(64, 0x10);
@@ -305,6 +333,41 @@ TEST(PlanOfMemoryTest, IncrementsWholeWordsOnly) {
     EXPECT_EQ(planned.words.size(), 16 - gap);
     EXPECT_EQ(planned.stores.size(), gap);
   }
+}
+
+// Zeros that stay where they are take no room, however many they are.
+TEST(PlanOfMemoryTest, KeepsOnlyTheEndsOfZerosOfBothImages) {
+  Random random(7);
+  const Bytes code = random.bytes(3000);
+  const Bytes zeros(1000000, 0);
+  const std::span<const uint8_t> all(zeros);
+  std::vector<memory_section_pair> sections = {
+      {{0x8000, code}, {0x8000, code}},
+      {{0x100000, all.first(900000), true}, {0x100040, all, true}}};
+  const laid_out_memory memory(sections, {});
+  EXPECT_EQ(memory.target.still_zeros.size(), 1U);
+  const uint64_t ends = 2 * code.size() + 100000 + 0x80;
+  EXPECT_LT(memory.target.map.size(), 3000 + ends + 3 * 520);
+  plan_request request;
+  request.images = memory.images();
+  request.rules = rules_for(patch_profile::wide, 1);
+  request.order = ByteOrder::kLittle;
+  const found_plan found = search_plan(request);
+  const auto fault_of = [&](const plan& planned) {
+    return fault_of_patch(request.images, write_plan(request.images, planned, request.rules),
+                          ByteOrder::kLittle);
+  };
+  EXPECT_EQ(fault_of(found.planned), "");
+  EXPECT_LT(found.cost.total(), 140U);
+  plan outside = found.planned;
+  outside.fills.push_back({memory.target.map.place_of(0x100040 + 3000), 4, 0});
+  EXPECT_NE(fault_of(outside), "") << "it writes where nothing is to change";
+
+  const memory_range swap = {0x120000, 0x1000};
+  EXPECT_TRUE(laid_out_memory(sections, swap).target.still_zeros.empty());
+  EXPECT_LT(laid_out_memory(sections, {0x300000, 0x1000}).target.map.size(), 200000U);
+  sections[1].old_section.is_zero = false;
+  EXPECT_GT(laid_out_memory(sections, {}).target.map.size(), 1000000U);
 }
 
 TEST(LinearMapTest, KeepsNeighboursWordsAndSmallGaps) {

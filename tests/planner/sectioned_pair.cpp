@@ -35,6 +35,24 @@ std::vector<uint32_t> addresses_of(const std::vector<uint32_t>& sizes,
   return addresses;
 }
 
+// Sections without bytes in their files, where none of the others lie.
+void add_zeros(SectionedPair& made, bool at_the_end, Random& random) {
+  uint64_t end = 0;
+  for (const auto& [old_section, new_section] : made.sections) {
+    end = std::max({end, old_section.address + uint64_t{old_section.bytes.size()},
+                    new_section.address + uint64_t{new_section.bytes.size()}});
+  }
+  made.zeros.assign(12000, 0);
+  memory_section_pair pair;
+  for (memory_section* const section : {&pair.old_section, &pair.new_section}) {
+    section->address =
+        (at_the_end ? 0x1000 : static_cast<uint32_t>(end)) + random.below(any_gap(random) + 1);
+    section->bytes = std::span(made.zeros).first(random.below(12000));
+    section->is_zero = true;
+  }
+  made.sections.push_back(pair);
+}
+
 class Target {
  public:
   explicit Target(const SectionedPair& pair) : pair_(pair) {
@@ -111,7 +129,7 @@ class Target {
 }  // namespace
 
 SectionedPair make_sections(ImagePair pair, Random& random) {
-  SectionedPair made = {std::move(pair), {}, {}};
+  SectionedPair made = {std::move(pair), {}, {}, {}};
   const std::span<const uint8_t> old_bytes(made.bytes.old_image);
   const std::span<const uint8_t> new_bytes(made.bytes.new_image);
   const uint32_t count = 1 + random.below(6);
@@ -153,9 +171,13 @@ SectionedPair make_sections(ImagePair pair, Random& random) {
   }
   lay_out(
       new_bytes, [](memory_section_pair & each) -> auto& { return each.new_section; });
+  if (random.below(3) == 0) {
+    add_zeros(made, at_the_end, random);
+  }
   if (random.below(2) == 0) {
     // Anywhere, even over a section.
-    const memory_section& near = made.sections[random.below(count)].old_section;
+    const auto near_which = random.below(static_cast<uint32_t>(made.sections.size()));
+    const memory_section& near = made.sections[near_which].old_section;
     made.spare.address = near.address + random.below(5000);
     made.spare.size = static_cast<uint32_t>(
         std::min<uint64_t>(random.below(1500), kAddressEnd - made.spare.address));

@@ -13,6 +13,7 @@ namespace kelvane {
 
 struct SectionedPair {
   ImagePair bytes;
+  Bytes zeros;
   std::vector<memory_section_pair> sections;
   memory_range spare;
 };

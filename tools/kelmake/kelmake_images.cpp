@@ -131,8 +131,9 @@ void MemoryImages::pair_sections() {
       continue;
     }
     kelvane::refuse_far_pair(*pair);
-    pairs_.push_back({{pair->address1, {pair->contents1.bytes, pair->size1}},
-                      {pair->address2, {pair->contents2.bytes, pair->size2}}});
+    pairs_.push_back(
+        {{pair->address1, {pair->contents1.bytes, pair->size1}, pair->contents1.is_zero},
+         {pair->address2, {pair->contents2.bytes, pair->size2}, pair->contents2.is_zero}});
     sections_.push_back({pair->name, pair->address1, pair->size1, pair->address2, pair->size2});
     contents_.push_back(*std::move(pair));
   }
