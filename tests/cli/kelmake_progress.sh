@@ -5,7 +5,7 @@ seq 3 5 4000 >new
 # shown OPTION ...: what a terminal is shown, a line for each that was rewritten.
 shown() {
   script -qefc "kelmake --jobs 1 $* old new -o made" log </dev/null | tr '\r' '\n' |
-    sed -nE -e 's/ +$//' -e 's/[0-9]+ (of|bytes|s left|$)/N \1/g' -e 's/of [0-9]+/of N/; s/operation [0-9]+/operation N/' \
+    sed -nE -e 's/ +$//' -e 's/[0-9]+ (of|bytes|s left|$)/N \1/g' -e 's/of [0-9]+/of N/; s/[0-9.]+ %/N %/; s/operation [0-9]+/operation N/' \
       -e '/^(making|looking|trying|cutting|patch:|update:)/p' | uniq
 }
 shown

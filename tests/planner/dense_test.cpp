@@ -356,7 +356,7 @@ TEST(DenseSearchTest, TheNumberOfJobsChangesNoByte) {
 TEST(DenseSearchTest, APatternThatRepeatsCostsFewBytesAndLittleTime) {
   Random random(4);
   const Bytes before = random.bytes(4096);
-  for (const size_t period : {1, 2, 4, 600}) {
+  for (const uint32_t period : {1U, 2U, 4U, 600U}) {
     SCOPED_TRACE(period);
     const Bytes pattern = random.bytes(period);
     Bytes after = before;
