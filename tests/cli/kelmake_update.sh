@@ -49,6 +49,10 @@ run kelmake --bundle --spare 5 old new -o kept
 run kelmake --bundle --page 64 --ring 4 --checkpoint 2 --spare 5 old new -o kept
 head -c 4200000 /dev/zero >large
 run kelmake --bundle --quiet --page 64 large old -o kept
+head -c 2200000 large | tr '\0' x >other
+run kelmake --bundle --quiet --page 64 old other -o kept
+kelmake --quiet --effort quick old other -o patch
+run kelpatch plan patch old --page 64 --unit 4
 run kelmake --bundle old missing -o kept
 run kelmake --bundle old new -o old
 ls kept 2>/dev/null

@@ -208,16 +208,23 @@ kelvane::dense_update found_update(const Options& options, const FlashImages& im
   return searched(request);
 }
 
-// The file of the update. Its ring is the shortest that a device takes it with; the encoder may
-// have used less than it was given.
-Bytes bundle_of(const Options& options, const FlashImages& images,
-                const kelvane::flash_geometry& geometry, const kelvane::dense_update& update) {
+// Which pages change. Ends the run if they are more than a device can deal with.
+PagePlan changes_of(const Options& options, const FlashImages& images) {
   std::vector<kelpatch::PageRange> ranges;
   for (const FlashRange& range : images.ranges) {
     ranges.push_back({range.first, range.pages});
   }
-  PagePlan plan = kelpatch::plan_changes(images.old_image, images.new_image, geometry.page_size,
-                                         std::move(ranges), options.patch_name);
+  PagePlan plan =
+      kelpatch::plan_changes(images.old_image, images.new_image, options.update.page_size,
+                             std::move(ranges), options.patch_name);
+  kelpatch::require_countable(plan, options.update.checkpoint, options.patch_name);
+  return plan;
+}
+
+// The file of the update. Its ring is the shortest that a device takes it with; the encoder may
+// have used less than it was given.
+Bytes bundle_of(const Options& options, const FlashImages& images, PagePlan plan,
+                const kelvane::flash_geometry& geometry, const kelvane::dense_update& update) {
   for (const kelvane::kept_page& kept : update.kept) {
     plan.kept.push_back({kept.page, kept.slot});
     plan.slots = std::max(plan.slots, kept.slot + 1);
@@ -303,10 +310,12 @@ void make_update(const Options& options) {
     std::fputs(text_of_images(options, images).c_str(), stdout);
     std::fflush(stdout);
   }
+  PagePlan changes = changes_of(options, images);
   std::optional<ProgressLine> progress(std::in_place, options);
   const kelvane::dense_update found = found_update(options, images, geometry, *progress);
   progress->begin("trying the update");
-  const UpdateFile update(options.patch_name, bundle_of(options, images, geometry, found));
+  const UpdateFile update(options.patch_name,
+                          bundle_of(options, images, std::move(changes), geometry, found));
   const std::string cuts = prove(options, images, update, *progress);
   // A report tells what a patch would take too; without one the update need not wait for that.
   const bool has_report = !options.report_name.empty();

@@ -6,6 +6,8 @@
 #include <numeric>
 #include <utility>
 
+#include "flash_journal.h"
+
 namespace kelpatch {
 namespace {
 
@@ -205,6 +207,16 @@ PagePlan plan_changes(const Bytes& old_file, const Bytes& new_file, uint32_t pag
   return plan;
 }
 
+void require_countable(const PagePlan& plan, uint32_t checkpoint, const std::string& name) {
+  const uint64_t changed = plan.changed.size();
+  const uint64_t checkpoints = checkpoint == 0 || changed == 0 ? 0 : (changed - 1) / checkpoint;
+  if (2 * changed + checkpoints >= KELVANE_JOURNAL_FINISHED) {
+    fatal("'%s' changes %" PRIu64 " pages of %" PRIu32
+          " bytes, more than a device counts; larger pages would do",
+          name.c_str(), changed, plan.page_size);
+  }
+}
+
 PagePlan plan_pages(PatchFile& patch, const Bytes& old_file, const Bytes& new_file,
                     uint32_t page_size, uint32_t ring) {
   PagePlan plan = plan_changes(old_file, new_file, page_size, {}, patch.name());
@@ -217,6 +229,7 @@ PagePlan plan_pages(PatchFile& patch, const Bytes& old_file, const Bytes& new_fi
 PagePlan plan_for(PatchFile& patch, const Bytes& old_file, const Bytes& new_file,
                   const SparePages& spare) {
   PagePlan plan = plan_pages(patch, old_file, new_file, spare.page_size, spare.ring);
+  require_countable(plan, 0, patch.name());
   if (plan.spare() <= spare.spare) {
     return plan;
   }

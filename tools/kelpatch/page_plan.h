@@ -57,6 +57,10 @@ void put_number(Bytes& bytes, uint32_t number);
 PagePlan plan_changes(const Bytes& old_file, const Bytes& new_file, uint32_t page_size,
                       std::vector<PageRange> ranges, const std::string& name);
 
+// Ends the run if so many pages change that the journal of a device can't count the steps, with a
+// checkpoint behind every `checkpoint` of them (0: none).
+void require_countable(const PagePlan& plan, uint32_t checkpoint, const std::string& name);
+
 // Makes the plan for a patch in file mode, which has been checked against the two images. `ring`
 // pages are at least 1. Ends the run if the images have more than 65535 pages, or if a move stands
 // behind another command.
