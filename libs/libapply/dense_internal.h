@@ -10,6 +10,13 @@
 extern "C" {
 #endif
 
+// For what is to stand in the code once, where a compiler would copy it into each of its callers.
+#if defined(__GNUC__)
+#define KELVANE_DENSE_ONCE __attribute__((noinline))
+#else
+#define KELVANE_DENSE_ONCE
+#endif
+
 // A decision's context is its number here, in bits 8 and up, and what it depends on, below. The map
 // has counters and numbers of its own.
 enum kelvane_dense_context {
@@ -38,13 +45,16 @@ enum kelvane_dense_context {
   KELVANE_DENSE_M_LENGTH            // number
 };
 
+// Lists of what came last have as many entries, the last one first.
+#define KELVANE_DENSE_LISTED 6u
+
 // The choices behind "not as predicted": 0 to 5 are the last differences.
-#define KELVANE_DENSE_DIFFERENCES 6u
+#define KELVANE_DENSE_DIFFERENCES KELVANE_DENSE_LISTED
 #define KELVANE_DENSE_CHOICE_DIFFERENCE 6u
 #define KELVANE_DENSE_CHOICE_BYTES 7u
 
 // The choices of a source in the map: 1 to 6 are the last places left.
-#define KELVANE_DENSE_PLACES 6u
+#define KELVANE_DENSE_PLACES KELVANE_DENSE_LISTED
 #define KELVANE_DENSE_PLACE_NUMBER 7u
 
 enum kelvane_dense_token_kind {
@@ -65,8 +75,11 @@ enum kelvane_dense_token_kind {
 typedef struct kelvane_dense_token {
   uint32_t old_value;
   uint32_t predicted;
-  uint32_t address;  // what the old value refers to, in target addresses
-  uint32_t target;   // what the new one is expected to refer to
+  uint32_t address;   // what the old value refers to, in target addresses
+  uint32_t target;    // what the new one is expected to refer to
+  uint32_t source;    // its place in the old image
+  uint32_t position;  // and in the new one
+  uint32_t left;      // bytes of the copy from here on
   uint8_t kind;
   uint8_t length;
   uint8_t flip;
@@ -93,6 +106,15 @@ static inline uint32_t kelvane_dense_bit_context(uint32_t length, uint32_t numbe
 
 // ---- Counters: probability of 1 and how often it was asked
 
+// A probability of as many bits as `most` after a bit: a part of 2 / `divisor` nearer to it.
+static inline uint32_t kelvane_dense_adapted(uint32_t probability, uint32_t most, unsigned bit,
+                                             uint32_t divisor) {
+  const uint32_t mirror = bit ? most : 0;  // what is left to 1 in place of 0
+  probability ^= mirror;
+  probability -= probability * 2 / divisor;
+  return probability ^ mirror;
+}
+
 // Flags: 22 bits of probability above 10 bits of count, 127 at most.
 static inline uint32_t* kelvane_dense_flag_counter(kelvane_dense_decoder* decoder,
                                                    uint32_t context) {
@@ -102,22 +124,13 @@ static inline uint32_t* kelvane_dense_flag_counter(kelvane_dense_decoder* decode
                          : &decoder->state.model.flags[hash >> (23 - decoder->info.model)];
 }
 
-static inline uint32_t kelvane_dense_clamped(uint32_t probability) {
-  return probability < 16 ? 16 : probability > 65520 ? 65520 : probability;
-}
-
 static inline uint32_t kelvane_dense_flag_probability(uint32_t counter) {
-  return kelvane_dense_clamped(counter >> 16);
+  return counter >> 16;
 }
 
 static inline uint32_t kelvane_dense_flag_after(uint32_t counter, unsigned bit) {
   const uint32_t count = counter & 1023u;
-  uint32_t probability = counter >> 10;
-  if (bit) {
-    probability += (0x3FFFFFu - probability) / (count + 2);
-  } else {
-    probability -= probability / (count + 2);
-  }
+  const uint32_t probability = kelvane_dense_adapted(counter >> 10, 0x3FFFFFu, bit, 2 * count + 4);
   return probability << 10 | (count + (count < 127));
 }
 
@@ -129,22 +142,18 @@ static inline uint16_t* kelvane_dense_literal_counter(kelvane_dense_decoder* dec
 }
 
 static inline uint32_t kelvane_dense_literal_probability(uint32_t counter) {
-  return kelvane_dense_clamped(counter & 0xFFF0u);
+  return counter & 0xFFF0u;
 }
 
 static inline uint16_t kelvane_dense_literal_after(uint32_t counter, unsigned bit) {
   const uint32_t count = counter & 15u;
-  uint32_t probability = counter >> 4;
-  if (bit) {
-    probability += (4095u - probability) * 2 / (2 * count + 3);
-  } else {
-    probability -= probability * 2 / (2 * count + 3);
-  }
+  const uint32_t probability = kelvane_dense_adapted(counter >> 4, 4095u, bit, 2 * count + 3);
   return (uint16_t)(probability << 4 | (count + (count < 15)));
 }
 
-// The part of `range` that stands for 1.
+// The part of `range` that stands for 1, by a counter's probability, which never is 0 or 1 in full.
 static inline uint32_t kelvane_dense_bound(uint32_t range, uint32_t probability) {
+  probability = probability < 16 ? 16 : probability > 65520 ? 65520 : probability;
   return (range >> 16) * probability + ((range & 0xFFFFu) * probability >> 16);
 }
 
@@ -218,6 +227,10 @@ void kelvane_dense_note(kelvane_dense_decoder* decoder, const kelvane_dense_toke
 // Moves a difference to the front of its list, from `choice` or, if that is none of the list, from
 // outside.
 void kelvane_dense_note_difference(uint32_t* list, uint32_t choice, uint32_t difference);
+
+// Puts a value ahead of a list: the one at `place` drops out, or the last if that is none of the
+// list.
+void kelvane_dense_to_front(uint32_t* list, uint32_t place, uint32_t value);
 
 // Moves a shift to the front of the last ones; matches begin from it.
 void kelvane_dense_note_shift(kelvane_dense_model* model, uint32_t shift);
