@@ -153,7 +153,7 @@ static int check_commands(kelvane_applier* applier) {
   return cursor.code;
 }
 
-static int open_patch(kelvane_applier* applier, uint32_t version0_flags) {
+int kelvane_apply_open_header(kelvane_applier* applier, uint32_t version0_flags) {
   int code;
   applier->header_size = 0;
   applier->error_position = 0;
@@ -170,6 +170,14 @@ static int open_patch(kelvane_applier* applier, uint32_t version0_flags) {
   if (applier->fetch_code != KELVANE_APPLY_OK) {
     code = applier->fetch_code;
   }
+  if (code != KELVANE_APPLY_OK) {
+    applier->header_size = 0;
+  }
+  return code;
+}
+
+static int open_patch(kelvane_applier* applier, uint32_t version0_flags) {
+  int code = kelvane_apply_open_header(applier, version0_flags);
   if (code == KELVANE_APPLY_OK) {
     code = check_commands(applier);
   }
