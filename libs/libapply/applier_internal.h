@@ -72,6 +72,9 @@ int kelvane_apply_expanded_size(kelvane_applier* applier, kelvane_item* item);
 // Adds `value` to the word of 4 bytes there.
 void kelvane_apply_add(uint8_t* bytes, uint8_t big_endian, uint32_t value);
 
+// Looks at the structure of every command. Gives a code.
+int kelvane_apply_check_commands(kelvane_applier* applier);
+
 // Goes ahead of the command at `position`, with a set of commands if one has been met before.
 void kelvane_apply_start(kelvane_cursor* cursor, kelvane_applier* applier, uint32_t position);
 

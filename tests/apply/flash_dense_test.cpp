@@ -170,7 +170,7 @@ TEST(FlashDense, CheckpointsOfAnyDistanceSurviveCuts) {
       uint64_t cuts = 0;
       for (uint32_t run = 1; run <= runs_asked_for(); ++run) {
         const CutResult result =
-            cut_everywhere(shape_for(bundle, device.unit, run % 2 == 0 ? 64 : 0),
+            cut_everywhere(shape_for(bundle, device.unit, run % 2 == 0 ? device.page / 2 : 0),
                            text_of(images.before), text_of(images.after), bundle.source(),
                            {is_long ? 1U : 29U, is_long ? 4U : 1U, 100 * run + checkpoint});
         EXPECT_EQ(result.code, KELVANE_APPLY_OK);
