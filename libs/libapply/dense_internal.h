@@ -179,9 +179,8 @@ static inline uint16_t kelvane_dense_literal_after(uint32_t counter, unsigned bi
   return (uint16_t)(probability << 4 | (count + (count < 15)));
 }
 
-// The part of `range` that stands for 1, by a counter's probability, which never is 0 or 1 in full.
+// The part of `range` that stands for 1.
 static inline uint32_t kelvane_dense_bound(uint32_t range, uint32_t probability) {
-  probability = probability < 16 ? 16 : probability > 65520 ? 65520 : probability;
   return (range >> 16) * probability + ((range & 0xFFFFu) * probability >> 16);
 }
 
