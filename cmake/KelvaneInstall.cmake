@@ -71,6 +71,7 @@ install(
     libs/libapply/applier.c
     libs/libapply/applier.h
     libs/libapply/applier_cursor.c
+    libs/libapply/applier_memory.c
     libs/libapply/applier_internal.h
     libs/libapply/applier_reader.c
     libs/libapply/applier_streams.c

@@ -130,8 +130,8 @@ enum kelvane_command {
 #define KELVANE_V0_MEMORY_MODE 2u  // the addresses are those of the target, not offsets in a file
 
 // Verifications that kelvane_apply_run is to leave out.
-#define KELVANE_SKIP_OLD 1u
-#define KELVANE_SKIP_NEW 2u
+#define KELVANE_SKIP_OLD 2u
+#define KELVANE_SKIP_NEW 8u
 
 // For kelvane_memory.old_size: the target can't tell how long the old file is.
 #define KELVANE_SIZE_UNKNOWN 0xFFFFFFFFu
@@ -187,7 +187,7 @@ typedef struct kelvane_applier {
   uint8_t header_size;  // of the patch; 0 if none is opened
   uint8_t memory_mode;
   uint8_t big_endian;
-  uint8_t fetch_failed;
+  uint8_t fetch_code;  // KELVANE_APPLY_FETCH_FAILED once that has happened
   kelvane_source patch;
   uint32_t error_position;  // where the item of the patch at hand begins: with a code other than
                             // OK, the place in the patch that it is about

@@ -50,9 +50,16 @@ static void skip(kelvane_cursor* cursor, uint32_t size) {
 
 // Takes a field of `size` bytes, up to 4.
 static uint32_t take(kelvane_cursor* cursor, uint32_t size) {
-  const uint32_t position = cursor->position;
-  skip(cursor, size);
-  return kelvane_apply_number(cursor->applier, position, cursor->position - position);
+  uint32_t number = 0;
+  uint32_t shift;
+  if (size > cursor->applier->patch.size - cursor->position) {
+    return damaged(cursor, KELVANE_APPLY_TRUNCATED);
+  }
+  for (shift = 0; shift < 8 * size; shift += 8) {
+    const uint32_t byte = kelvane_apply_byte(cursor->applier, cursor->position++);
+    number = cursor->applier->big_endian ? number << 8 | byte : number | byte << shift;
+  }
+  return number;
 }
 
 // ---- Stores -------------------------------------------------------------------------------------
@@ -64,6 +71,7 @@ static uint32_t next_list(kelvane_cursor* cursor, kelvane_item* item) {
   }
   --cursor->lists;
   cursor->list.left = item->count = take(cursor, 2);
+  item->size = 0;
   item->relative = cursor->relative;
   if (cursor->relative) {
     cursor->list.base = item->address = take(cursor, 4);
@@ -106,26 +114,22 @@ static uint32_t next_store(kelvane_cursor* cursor, kelvane_item* item) {
 
 // Takes a field of up to 32 bits, lowest bit first; 0 bits give 0.
 static uint32_t take_bits(kelvane_cursor* cursor, uint32_t count) {
-  kelvane_words* const words = &cursor->words;
   uint32_t value = 0;  // what is taken comes in at the top
-  uint32_t left = count;
-  while (left > 0) {
+  uint32_t left;
+  for (left = count; left > 0; --left) {
     uint32_t byte;
-    uint32_t bit;
-    uint32_t step;
-    if (words->position >= cursor->position) {
-      words->map |= WORDS_OVERRUN;
+    if (cursor->words.position >= cursor->position) {
+      cursor->words.map |= WORDS_OVERRUN;
       return 0;
     }
-    byte = kelvane_apply_byte(cursor->applier, words->position);
-    bit = words->map >> BIT_SHIFT;
-    step = left < 8 - bit ? left : 8 - bit;
-    value = (value >> step) | ((byte >> bit) << (32 - step));
-    left -= step;
-    words->position += (bit + step) >> 3;
-    words->map += step << BIT_SHIFT;
+    byte = kelvane_apply_byte(cursor->applier, cursor->words.position);
+    value = value >> 1 | byte >> (cursor->words.map >> BIT_SHIFT) << 31;
+    cursor->words.map += 1u << BIT_SHIFT;
+    if (cursor->words.map >> BIT_SHIFT == 0) {
+      ++cursor->words.position;
+    }
   }
-  return value >> ((32 - count) & 31u);
+  return value >> ((0u - count) & 31u);
 }
 
 // Goes ahead of the first class of a stream of `size` bytes that lie ahead.
@@ -182,6 +186,7 @@ static uint32_t next_class(kelvane_cursor* cursor, kelvane_item* item) {
   }
   words->map = (words->map & 0xE0000000u) | map;
   words->address = 0;
+  item->size = 0;
   item->value = words->value;
   item->count = map;
   cursor->stage = AT_WORD;
@@ -225,6 +230,7 @@ static uint32_t next_region(kelvane_cursor* cursor, kelvane_item* item) {
   uint32_t end;
   item->after = cursor->closed;
   if (cursor->list.left == 0) {
+    item->size = 0;
     item->value = take(cursor, 4);
     cursor->stage = AT_COMMAND;
     return KELVANE_ITEM_CHECKSUM;
@@ -290,6 +296,7 @@ static uint32_t next_command(kelvane_cursor* cursor, kelvane_item* item) {
     return damaged(cursor, KELVANE_APPLY_BAD_COMMAND);
   }
   cursor->list.left = item->count = take(cursor, form[1]);
+  item->size = 0;
   item->after = cursor->closed;
   if (form[0] == AT_LIST) {
     cursor->lists = (uint16_t)item->count;
@@ -352,22 +359,21 @@ void kelvane_cursor_start(kelvane_cursor* cursor, kelvane_applier* applier) {
 }
 
 int kelvane_item_next(kelvane_cursor* cursor, kelvane_item* item) {
-  while (cursor->code == KELVANE_APPLY_OK && cursor->stage != AT_END) {
-    kelvane_applier* const applier = cursor->applier;
-    applier->error_position = cursor->stage >= AT_CLASS ? cursor->words.position : cursor->position;
-    item->size = 0;
+  do {
+    if (cursor->code != KELVANE_APPLY_OK || cursor->stage == AT_END) {
+      return 0;
+    }
+    cursor->applier->error_position =
+        cursor->stage >= AT_CLASS ? cursor->words.position : cursor->position;
     item->kind = (uint8_t)next[cursor->stage](cursor, item);
-    item->command = cursor->command;
-    if (item->kind == KELVANE_ITEM_STORE && item->command == KELVANE_CM_SUB_COMP &&
-        cursor->code == KELVANE_APPLY_OK && !kelvane_apply_expanded_size(applier, item)) {
-      cursor->code = KELVANE_APPLY_BAD_COMPRESSION;
+    if (cursor->applier->fetch_code != KELVANE_APPLY_OK) {
+      cursor->code = cursor->applier->fetch_code;
     }
-    if (applier->fetch_failed) {
-      cursor->code = KELVANE_APPLY_FETCH_FAILED;
-    }
-    if (item->kind != NO_ITEM && cursor->code == KELVANE_APPLY_OK) {
-      return 1;
-    }
+  } while (item->kind == NO_ITEM);
+  item->command = cursor->command;
+  if (item->kind == KELVANE_ITEM_STORE && item->command == KELVANE_CM_SUB_COMP &&
+      cursor->code == KELVANE_APPLY_OK) {
+    cursor->code = (uint8_t)kelvane_apply_expanded_size(cursor->applier, item);
   }
-  return 0;
+  return cursor->code == KELVANE_APPLY_OK;
 }

@@ -3,7 +3,8 @@
 
 // What the parts of the applier share: applier_reader.c reads the bytes of the patch and its
 // header, applier_cursor.c takes its commands apart and checks their structure, applier_streams.c
-// takes compressed bytes apart, applier.c checks commands against the memory and carries them out.
+// takes compressed bytes apart, applier_memory.c checks items against the memory and carries them
+// out, applier.c goes over all of a patch.
 
 #include "applier.h"
 
@@ -62,7 +63,7 @@ void kelvane_apply_start_compressed(compressed_reader* reader, const kelvane_ite
 // Takes the next item and gives 1; or gives 0 at the end of the stream, or inside its last item.
 int kelvane_apply_take_compressed(kelvane_applier* applier, compressed_reader* reader);
 
-// Sets the size of a compressed store; gives 0 if its stream is damaged.
+// Sets the size of a compressed store. Gives a code: BAD_COMPRESSION if its stream is damaged.
 int kelvane_apply_expanded_size(kelvane_applier* applier, kelvane_item* item);
 
 // Adds `value` to the word of 4 bytes there.
@@ -70,6 +71,43 @@ void kelvane_apply_add(uint8_t* bytes, uint8_t big_endian, uint32_t value);
 
 // Goes ahead of the command at `position`, with a set of commands if one has been met before.
 void kelvane_apply_start(kelvane_cursor* cursor, kelvane_applier* applier, uint32_t position);
+
+// What is done with a patch, in this order. A flag that leaves one out is the pass.
+enum pass {
+  CHECK = 1,
+  VERIFY_OLD = KELVANE_SKIP_OLD,
+  CARRY_OUT = 4,
+  VERIFY_NEW = KELVANE_SKIP_NEW,
+  ALL_PASSES = 15
+};
+
+// A walk over the patch for a memory, and the item at hand.
+typedef struct job {
+  kelvane_cursor cursor;
+  kelvane_item item;
+  const kelvane_memory* memory;
+  uint32_t limit;  // file mode: no offset behind it
+  union {
+    uint32_t reached;  // in a check, file mode: the end of the last byte that is written
+    uint32_t sum;      // in a verification: the checksum of what was read
+  };
+  uint8_t wanted;  // the passes to take
+  uint8_t pass;    // the one at hand
+} job;
+
+// Sets up `self`, in which `wanted` is set. Gives a code, as all these do.
+int kelvane_apply_begin(job* self, kelvane_applier* applier, const kelvane_memory* memory);
+
+// Does what the pass is about with the item at hand; or checks it.
+int kelvane_apply_item(job* self);
+int kelvane_apply_check_item(job* self);
+
+// What a pass gives behind the last item: a code of the patch, or that a file which grows is not
+// written up to its end.
+int kelvane_apply_end(const job* self);
+
+// Compares a file with what the header says of the old or the new one.
+int kelvane_apply_verify_file(job* self);
 
 #ifdef __cplusplus
 }

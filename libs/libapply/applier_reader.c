@@ -48,7 +48,7 @@ uint8_t kelvane_apply_byte(kelvane_applier* applier, uint32_t position) {
     applier->fetched = position;
     if (patch->fetch(patch->context, patch->start + position, applier->chunk + CHUNK_BESIDE_FETCHED,
                      left < most ? left : most) != 0) {
-      applier->fetch_failed = 1;
+      applier->fetch_code = KELVANE_APPLY_FETCH_FAILED;
     }
   }
   return applier->chunk[CHUNK_BESIDE_FETCHED + (position - applier->fetched)];
@@ -162,13 +162,13 @@ static int open_patch(kelvane_applier* applier, uint32_t version0_flags) {
     return KELVANE_APPLY_BAD_ARGUMENT;
   }
   kelvane_apply_chunk(applier);
-  applier->fetch_failed = 0;
+  applier->fetch_code = KELVANE_APPLY_OK;
   applier->header_size = V0_HEADER_SIZE;
   applier->memory_mode = (version0_flags & KELVANE_V0_MEMORY_MODE) != 0;
   applier->big_endian = (version0_flags & KELVANE_V0_BIG_ENDIAN) != 0;
   code = open_header(applier);
-  if (applier->fetch_failed) {
-    code = KELVANE_APPLY_FETCH_FAILED;
+  if (applier->fetch_code != KELVANE_APPLY_OK) {
+    code = applier->fetch_code;
   }
   if (code == KELVANE_APPLY_OK) {
     code = check_commands(applier);
@@ -222,5 +222,5 @@ int kelvane_apply_info(kelvane_applier* applier, kelvane_patch_info* info) {
     info->old_size = kelvane_apply_header(applier, OLD_SIZE);
     info->new_size = kelvane_apply_header(applier, NEW_SIZE);
   }
-  return applier->fetch_failed ? KELVANE_APPLY_FETCH_FAILED : KELVANE_APPLY_OK;
+  return applier->fetch_code;
 }

@@ -42,11 +42,16 @@ int kelvane_apply_expanded_size(kelvane_applier* applier, kelvane_item* item) {
   while (kelvane_apply_take_compressed(applier, &reader)) {
     item->size += reader.length;
     if (item->size < reader.length) {
-      return 0;
+      return KELVANE_APPLY_BAD_COMPRESSION;
     }
+  }
+  if (applier->fetch_code != KELVANE_APPLY_OK) {
+    return applier->fetch_code;
   }
   // Flags that have no item are 0, so that the mark behind the last is alone; and the first has
   // one.
   return reader.position == reader.end && reader.flags < 0x100u &&
-         (reader.flags & (reader.flags - 1u)) == 0;
+                 (reader.flags & (reader.flags - 1u)) == 0
+             ? KELVANE_APPLY_OK
+             : KELVANE_APPLY_BAD_COMPRESSION;
 }

@@ -304,7 +304,7 @@ static int patch_window(void* state, uint32_t address, uint8_t* bytes, uint32_t 
       return code;
     }
   }
-  return self->applier.fetch_failed ? KELVANE_APPLY_FETCH_FAILED : cursor.code;
+  return self->applier.fetch_code != KELVANE_APPLY_OK ? self->applier.fetch_code : cursor.code;
 }
 
 const kelvane_payload_kind kelvane_patch_kind = {
