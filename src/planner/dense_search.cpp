@@ -141,6 +141,7 @@ class search {
   void take_winner(contender& contender, candidate& winner) const;
   static size_t index_of(ByteOrder order) { return order == ByteOrder::kBig ? 1 : 0; }
   void make_seeds(ByteOrder order);
+  void try_options(candidate& best, const dense_options& options) const;
   void try_other_base(candidate& best) const;
   void try_without_differences(candidate& best) const;
   void try_without_new(candidate& best) const;
@@ -259,26 +260,28 @@ std::vector<dense_options> search::likely_options(std::span<const shift_stretch>
   return likely;
 }
 
+// Takes other options for the same plan if they make a smaller payload.
+void search::try_options(candidate& best, const dense_options& options) const {
+  std::vector<uint8_t> payload = write_dense(images_, checksums_, best.plan, options);
+  if (payload.size() < best.size()) {
+    best.payload = std::move(payload);
+    best.options = options;
+  }
+}
+
 // The base that the aligned images tell may be better than the one that was guessed first.
 void search::try_other_base(candidate& best) const {
-  candidate other = best;
-  other.options.target.base = likely_base(images_, best.plan.copies, best.options.target);
-  if (other.options.target.base == best.options.target.base) {
-    return;
-  }
-  write(other);
-  if (is_smaller(other, best)) {
-    best = std::move(other);
+  dense_options options = best.options;
+  options.target.base = likely_base(images_, best.plan.copies, options.target);
+  if (options.target.base != best.options.target.base) {
+    try_options(best, options);
   }
 }
 
 void search::try_without_differences(candidate& best) const {
-  candidate other = best;
-  other.options.differences = false;
-  write(other);
-  if (is_smaller(other, best)) {
-    best = std::move(other);
-  }
+  dense_options options = best.options;
+  options.differences = false;
+  try_options(best, options);
 }
 
 // Without matches into the new image the device can compute it before it writes any: taken where it
