@@ -8,8 +8,12 @@ static void lose(kelvane_update* update, int code) {
   update->plan_lost = (uint8_t)code;
 }
 
+// Behind its end the plan goes on with zeros, which the writer leaves out.
 static uint32_t number_at(kelvane_update* update, uint32_t* position) {
   uint32_t value;
+  if (*position >= update->plan.size) {
+    return 0;
+  }
   const int code = kelvane_bundle_number(&update->plan, position, &value);
   if (code != KELVANE_BUNDLE_OK) {
     lose(update,
@@ -144,23 +148,18 @@ static void check_pages(kelvane_update* update) {
   }
 }
 
-// The count of a list; a plan may end ahead of it.
-static uint32_t count_at(kelvane_update* update, uint32_t* position) {
-  return *position < update->plan.size ? number_at(update, position) : 0;
-}
-
 int kelvane_plan_open(kelvane_update* update) {
   uint32_t position = 0;
-  update->runs.count = count_at(update, &position);
+  update->runs.count = number_at(update, &position);
   update->all_change = update->runs.count == 0;
   if (!update->all_change) {
     --update->runs.count;
   }
   open_list(update, &position, &update->runs, 0);
-  update->kept.count = count_at(update, &position);
+  update->kept.count = number_at(update, &position);
   update->slots = update->kept.count > 0 ? number_at(update, &position) : 0;
   open_list(update, &position, &update->kept, 1);
-  update->ranges.count = count_at(update, &position);
+  update->ranges.count = number_at(update, &position);
   open_list(update, &position, &update->ranges, 0);
   if (update->plan_lost == KELVANE_APPLY_OK && position != update->plan.size) {
     lose(update, KELVANE_UPDATE_BAD_PLAN);

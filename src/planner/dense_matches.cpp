@@ -265,9 +265,9 @@ std::span<const uint32_t> string_places::in_new(uint32_t at) const {
   return all.first(static_cast<size_t>(std::lower_bound(all.begin(), all.end(), at) - all.begin()));
 }
 
-std::vector<dense_item> items_between(const plan_images& images, const old_reach& reach,
-                                      std::span<const dense_copy> copies, bool reads_new) {
-  const string_places places(images, copies);
+std::vector<dense_item> items_between(const plan_images& images, const string_places& places,
+                                      const old_reach& reach, std::span<const dense_copy> copies,
+                                      bool reads_new) {
   std::vector<dense_item> items;
   uint32_t at = 0;
   int64_t shift = 0;
@@ -284,6 +284,7 @@ std::vector<dense_item> items_between(const plan_images& images, const old_reach
     shift = static_cast<int64_t>(copy.target) - copy.source;
   }
   store_up_to(static_cast<uint32_t>(images.new_image.size()));
+  items.shrink_to_fit();
   return items;
 }
 

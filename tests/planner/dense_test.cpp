@@ -61,12 +61,12 @@ const MachineCase kMachineCases[] = {
   {"thumb_be",   {KELVANE_DENSE_THUMB,   kBig,    kBig,    0x00100000}, 126},
   {"thumb_be8",  {KELVANE_DENSE_THUMB,   kLittle, kBig,    0x00100000}, 124},
   {"arm",        {KELVANE_DENSE_ARM,     kLittle, kLittle, 0x00010000}, 142},
-  {"arm_be8",    {KELVANE_DENSE_ARM,     kLittle, kBig,    0x00010000}, 144},
+  {"arm_be8",    {KELVANE_DENSE_ARM,     kLittle, kBig,    0x00010000}, 143},
   {"powerpc",    {KELVANE_DENSE_POWERPC, kBig,    kBig,    0x00FF8000}, 156},
   {"powerpc_le", {KELVANE_DENSE_POWERPC, kLittle, kLittle, 0x10000000}, 154},
   {"mips",       {KELVANE_DENSE_MIPS,    kBig,    kBig,    0x9FC00000}, 149},
   {"mips_le",    {KELVANE_DENSE_MIPS,    kLittle, kLittle, 0x80000000}, 153},
-  {"riscv",      {KELVANE_DENSE_RISCV,   kLittle, kLittle, 0x20400000}, 147},
+  {"riscv",      {KELVANE_DENSE_RISCV,   kLittle, kLittle, 0x20400000}, 146},
 };
 // clang-format on
 

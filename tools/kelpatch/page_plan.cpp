@@ -154,16 +154,10 @@ Bytes PagePlan::encoded() const {
     }
   }
   const bool all_change = new_pages != 0 && changed == all;
-  if (all_change && kept.empty() && ranges.empty()) {
-    return {};
-  }
   const std::vector<PageRange> runs = all_change ? std::vector<PageRange>{} : runs_of(changed);
   Bytes bytes;
   put_number(bytes, all_change ? 0 : static_cast<uint32_t>(runs.size()) + 1);
   put_stretches(bytes, runs);
-  if (kept.empty() && ranges.empty()) {
-    return bytes;
-  }
   put_number(bytes, static_cast<uint32_t>(kept.size()));
   if (!kept.empty()) {
     put_number(bytes, slots);
@@ -174,9 +168,10 @@ Bytes PagePlan::encoded() const {
     put_number(bytes, one.slot);
     next = one.page + 1;
   }
-  if (!ranges.empty()) {
-    put_number(bytes, static_cast<uint32_t>(ranges.size()));
-    put_stretches(bytes, ranges);
+  put_number(bytes, static_cast<uint32_t>(ranges.size()));
+  put_stretches(bytes, ranges);
+  while (!bytes.empty() && bytes.back() == 0) {
+    bytes.pop_back();  // the reader makes them up
   }
   return bytes;
 }

@@ -16,7 +16,7 @@ int read_payload(void* context, uint32_t position, uint8_t* bytes, uint32_t coun
   return kelvane_source_read(static_cast<const kelvane_source*>(context), position, bytes, count);
 }
 
-// The numbers of a plan. What is not there counts as 0 and is noted.
+// The numbers of a plan. Behind its end come zeros; what is wrong counts as 0 and is noted.
 class PlanReader {
  public:
   explicit PlanReader(const kelvane_source& plan) : plan_(plan) {}
@@ -25,6 +25,9 @@ class PlanReader {
 
   uint32_t number() {
     uint32_t value = 0;
+    if (at_end()) {
+      return 0;
+    }
     if (failed_ || kelvane_bundle_number(&plan_, &position_, &value) != KELVANE_BUNDLE_OK) {
       failed_ = true;
       return 0;
@@ -173,9 +176,9 @@ void UpdateFile::read_plan() {
   if (plan_.pages > kMostPages || uint64_t{plan_.pages} * page_size > kLargestFile) {
     damaged("its images have more than 65535 pages");
   }
-  const uint32_t count = reader.at_end() ? 0 : reader.number();
+  const uint32_t count = reader.number();
   const std::vector<PageRange> runs = reader.stretches(count == 0 ? 0 : count - 1, plan_.pages);
-  const uint32_t kept = reader.at_end() ? 0 : reader.number();
+  const uint32_t kept = reader.number();
   plan_.slots = kept == 0 ? 0 : reader.number();
   uint64_t next = 0;
   for (uint32_t i = 0; i < kept && !reader.failed() && next <= plan_.pages; ++i) {
@@ -183,7 +186,7 @@ void UpdateFile::read_plan() {
     plan_.kept.push_back({static_cast<uint32_t>(page), reader.number()});
     next = page + 1;
   }
-  plan_.ranges = reader.stretches(reader.at_end() ? 0 : reader.number(), plan_.pages);
+  plan_.ranges = reader.stretches(reader.number(), plan_.pages);
   if (reader.failed() || !reader.at_end() || next > plan_.pages || plan_.slots > kMostPages) {
     damaged("its plan is unsound");
   }
