@@ -50,11 +50,14 @@ static unsigned read_bit(kelvane_dense_decoder* decoder, uint32_t bound) {
   return bit;
 }
 
+static KELVANE_DENSE_ONCE unsigned read_likely_bit(kelvane_dense_decoder* decoder,
+                                                   uint32_t probability) {
+  return read_bit(decoder, kelvane_dense_bound(decoder->state.coder.range, probability));
+}
+
 unsigned kelvane_dense_read_flag(kelvane_dense_decoder* decoder, uint32_t context) {
   uint32_t* const counter = kelvane_dense_flag_counter(decoder, context);
-  const unsigned bit = read_bit(
-      decoder,
-      kelvane_dense_bound(decoder->state.coder.range, kelvane_dense_flag_probability(*counter)));
+  const unsigned bit = read_likely_bit(decoder, kelvane_dense_flag_probability(*counter));
   *counter = kelvane_dense_flag_after(*counter, bit);
   return bit;
 }
@@ -96,9 +99,7 @@ uint8_t kelvane_dense_read_literal(kelvane_dense_decoder* decoder, uint32_t posi
   uint32_t node = 1;
   while (node < 256) {
     uint16_t* const counter = kelvane_dense_literal_counter(decoder, position, node);
-    const unsigned bit =
-        read_bit(decoder, kelvane_dense_bound(decoder->state.coder.range,
-                                              kelvane_dense_literal_probability(*counter)));
+    const unsigned bit = read_likely_bit(decoder, kelvane_dense_literal_probability(*counter));
     *counter = kelvane_dense_literal_after(*counter, bit);
     node = node << 1 | bit;
   }

@@ -20,8 +20,8 @@ namespace {
 constexpr uint32_t kLeastEntry = 12;  // bytes of a copy that goes into the map
 constexpr uint32_t kFirstBlockBits = 60;
 constexpr size_t kLargeImage = 1U << 20U;
-constexpr size_t kFewMachines = 3;  // that stay behind the first round; images far apart begin so
-constexpr size_t kFewestMachines = 2;  // that stay behind the next ones
+constexpr size_t kFewMachines = 3;     // that are tried on images far apart
+constexpr size_t kFewestMachines = 2;  // that stay behind the second round
 constexpr size_t kSlack = 32;          // bytes in which small payloads may differ by chance
 
 struct try_settings {
@@ -62,9 +62,10 @@ effort_settings settings_for(dense_effort effort, size_t new_size, bool is_far_a
   return {3, 2, {{}, {40, 16}, {60, 16}, {40, 22}, {60, 22}}};
 }
 
-// How many machines go into the round behind this one.
+// How many machines may go into the round behind this one. The first one, without a map, shows too
+// little to choose by.
 size_t most_machines_behind(uint32_t round) {
-  return round == 0 ? kFewMachines : kFewestMachines;
+  return round == 0 ? size_t{KELVANE_DENSE_MACHINES} : kFewestMachines;
 }
 
 // From `round` on, if no more machines fall behind than have to.
