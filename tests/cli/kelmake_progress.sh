@@ -11,4 +11,7 @@ shown() {
 shown
 shown --bundle --base 0 --simulate
 shown --quiet
+# It never takes more than a row of the terminal.
+script -qefc 'stty cols 25; kelmake --jobs 1 old new -o made' log </dev/null | tr '\r' '\n' |
+  sed -n 's/ *$//; /^making/p' | uniq
 kelmake --jobs 1 old new -o made 2>&1 | grep -c making

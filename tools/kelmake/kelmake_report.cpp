@@ -1,5 +1,6 @@
 #include "kelmake_report.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -289,9 +290,14 @@ void ProgressLine::show(const char* unit, uint64_t count, uint64_t all) {
   put(formatted("%s: %s %" PRIu64 " of %" PRIu64, stage_, unit, count, all));
 }
 
-void ProgressLine::put(const std::string& line) {
+void ProgressLine::put(std::string line) {
   if (!is_on_) {
     return;
+  }
+  // A line that goes on in the next row could not be rewritten.
+  struct winsize terminal = {};
+  if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &terminal) == 0 && terminal.ws_col > 1) {
+    line.resize(std::min(line.size(), size_t{terminal.ws_col} - 1));
   }
   std::fprintf(stderr, "\r%-*s", static_cast<int>(shown_), line.c_str());
   std::fflush(stderr);

@@ -70,7 +70,7 @@ class ProgressLine {
 
  private:
   using Clock = std::chrono::steady_clock;
-  void put(const std::string& line);
+  void put(std::string line);
 
   const Options& options_;
   Clock::time_point start_ = Clock::now();
