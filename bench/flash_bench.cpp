@@ -266,13 +266,10 @@ std::vector<Programs> programs() {
           {"few changes", old_image, patched}};
 }
 
-void show_dense(const Programs& pair, uint32_t checkpoint) {
+void show_dense(const Programs& pair, const dense_request& request, const dense_update& update,
+                uint32_t checkpoint) {
   static const kelvane_payload_kind* const kinds[] = {&kelvane_dense_kind, nullptr};
-  dense_request request;
-  request.images = {pair.old_image, pair.new_image};
-  request.geometry = {kLarge.page, 2, 4};
-  request.effort = dense_effort::quick;
-  const DenseBundle bundle = dense_bundle(request, checkpoint);
+  const DenseBundle bundle = bundle_of(request, update, checkpoint);
   const kelpatch::PagePlan& plan = bundle.plan;
   DeviceShape shape;
   shape.flash.page_size = kLarge.page;
@@ -302,8 +299,13 @@ int main(int argc, char** argv) {
     kelvane::show(make(random), kelvane::kLarge);
   }
   for (const kelvane::Programs& pair : kelvane::programs()) {
+    kelvane::dense_request request;
+    request.images = {pair.old_image, pair.new_image};
+    request.geometry = {kelvane::kLarge.page, 2, 4};
+    request.effort = kelvane::dense_effort::quick;
+    const kelvane::dense_update update = search_dense(request);
     for (const uint32_t checkpoint : {4U, 8U, 16U}) {
-      kelvane::show_dense(pair, checkpoint);
+      kelvane::show_dense(pair, request, update, checkpoint);
     }
   }
   return 0;

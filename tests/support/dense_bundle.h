@@ -25,14 +25,13 @@ inline uint32_t dense_memory(uint32_t map_entries) {
          map_entries * KELVANE_DENSE_ENTRY_SIZE;
 }
 
-// The dense update of a request. The encoder counts on the ring of the request for the page that is
-// written; the bundle's is longer by the others that are done again ahead of the same checkpoint.
-// Kept pages have a slot each.
-inline DenseBundle dense_bundle(const dense_request& request, uint32_t checkpoint,
-                                std::vector<kelpatch::PageRange> ranges = {}) {
+// The bundle of a request's update. The encoder counts on the ring of the request for the page that
+// is written; the bundle's is longer by the others that are done again ahead of the same
+// checkpoint. Kept pages have a slot each.
+inline DenseBundle bundle_of(const dense_request& request, const dense_update& update,
+                             uint32_t checkpoint, std::vector<kelpatch::PageRange> ranges = {}) {
   const auto old_image = request.images.old_image;
   const auto new_image = request.images.new_image;
-  const dense_update update = search_dense(request);
   DenseBundle made;
   made.plan = kelpatch::plan_changes({old_image.begin(), old_image.end()},
                                      {new_image.begin(), new_image.end()},
@@ -47,6 +46,12 @@ inline DenseBundle dense_bundle(const dense_request& request, uint32_t checkpoin
   made.bytes = make_bundle(made.plan, made.parts);
   made.map_entries = update.map_entries;
   return made;
+}
+
+// The same, encoded for it.
+inline DenseBundle dense_bundle(const dense_request& request, uint32_t checkpoint,
+                                std::vector<kelpatch::PageRange> ranges = {}) {
+  return bundle_of(request, search_dense(request), checkpoint, std::move(ranges));
 }
 
 }  // namespace kelvane
