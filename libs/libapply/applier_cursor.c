@@ -377,3 +377,12 @@ int kelvane_item_next(kelvane_cursor* cursor, kelvane_item* item) {
   }
   return cursor->code == KELVANE_APPLY_OK;
 }
+
+int kelvane_apply_check_commands(kelvane_applier* applier) {
+  kelvane_cursor cursor;
+  kelvane_item item;
+  kelvane_apply_start(&cursor, applier, applier->header_size);
+  while (kelvane_item_next(&cursor, &item)) {
+  }
+  return cursor.code;
+}

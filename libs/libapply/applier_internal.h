@@ -28,6 +28,9 @@ uint8_t kelvane_apply_byte(kelvane_applier* applier, uint32_t position);
 // The number of `count` bytes there, up to 4, in the byte order of the target.
 uint32_t kelvane_apply_number(kelvane_applier* applier, uint32_t position, uint32_t count);
 
+// Opens the patch that is set in `applier`, but for its commands, which are not looked at.
+int kelvane_apply_open_header(kelvane_applier* applier, uint32_t version0_flags);
+
 // What the header of a patch for files says.
 enum header_word { OLD_CHECKSUM, NEW_CHECKSUM, OLD_SIZE, NEW_SIZE };
 uint32_t kelvane_apply_header(kelvane_applier* applier, uint32_t word);
@@ -68,6 +71,9 @@ int kelvane_apply_expanded_size(kelvane_applier* applier, kelvane_item* item);
 
 // Adds `value` to the word of 4 bytes there.
 void kelvane_apply_add(uint8_t* bytes, uint8_t big_endian, uint32_t value);
+
+// Looks at the structure of every command. Gives a code.
+int kelvane_apply_check_commands(kelvane_applier* applier);
 
 // Goes ahead of the command at `position`, with a set of commands if one has been met before.
 void kelvane_apply_start(kelvane_cursor* cursor, kelvane_applier* applier, uint32_t position);

@@ -143,17 +143,7 @@ static int open_header(kelvane_applier* applier) {
   return size < V0_HEADER_SIZE ? KELVANE_APPLY_TOO_SHORT : KELVANE_APPLY_OK;
 }
 
-// The structure of every command.
-static int check_commands(kelvane_applier* applier) {
-  kelvane_cursor cursor;
-  kelvane_item item;
-  kelvane_apply_start(&cursor, applier, applier->header_size);
-  while (kelvane_item_next(&cursor, &item)) {
-  }
-  return cursor.code;
-}
-
-static int open_patch(kelvane_applier* applier, uint32_t version0_flags) {
+int kelvane_apply_open_header(kelvane_applier* applier, uint32_t version0_flags) {
   int code;
   applier->header_size = 0;
   applier->error_position = 0;
@@ -170,8 +160,16 @@ static int open_patch(kelvane_applier* applier, uint32_t version0_flags) {
   if (applier->fetch_code != KELVANE_APPLY_OK) {
     code = applier->fetch_code;
   }
+  if (code != KELVANE_APPLY_OK) {
+    applier->header_size = 0;
+  }
+  return code;
+}
+
+static int open_patch(kelvane_applier* applier, uint32_t version0_flags) {
+  int code = kelvane_apply_open_header(applier, version0_flags);
   if (code == KELVANE_APPLY_OK) {
-    code = check_commands(applier);
+    code = kelvane_apply_check_commands(applier);
   }
   if (code != KELVANE_APPLY_OK) {
     applier->header_size = 0;

@@ -43,20 +43,18 @@ static uint32_t thumb_to(uint32_t instruction, uint32_t place, uint32_t target, 
          (field >> 1 & 0x7FFu);
 }
 
-// The pieces of a RISC-V distance: the lowest bit in the instruction, their number, the lowest bit
-// in the distance. C.JAL, which instructions of one width alone have, is left out: data look like
-// it too often.
-enum { RISCV_PIECES = 8 };
-typedef struct riscv_branch {
-  uint8_t bits;  // of the distance, the last one its sign
-  uint8_t pieces[RISCV_PIECES][3];
-} riscv_branch;
-static const riscv_branch kRiscvBranches[4] = {
-    {21, {{31, 1, 20}, {12, 8, 12}, {20, 1, 11}, {21, 10, 1}}},  // JAL
-    {13, {{31, 1, 12}, {7, 1, 11}, {25, 6, 5}, {8, 4, 1}}},      // BEQ and so on
-    {12,
-     {{12, 1, 11}, {11, 1, 4}, {9, 2, 8}, {8, 1, 10}, {7, 1, 6}, {6, 1, 7}, {3, 3, 1}, {2, 1, 5}}},
-    {9, {{12, 1, 8}, {10, 2, 3}, {5, 2, 6}, {3, 2, 1}, {2, 1, 5}}}};  // C.J; C.BEQZ and C.BNEZ
+// The pieces of a RISC-V distance: the lowest bit in the instruction and in the distance, and their
+// number; by form, from which one on, and the bits of the distance, the last one its sign. C.JAL,
+// which instructions of one width alone have, is left out: data look like it too often.
+enum { IN_INSTRUCTION = 0, IN_DISTANCE = 1, PIECE_BITS = 2 };
+static const uint8_t kRiscvPieces[][3] = {
+    {31, 20, 1}, {12, 12, 8}, {20, 11, 1}, {21, 1, 10},                        // JAL
+    {31, 12, 1}, {7, 11, 1},  {25, 5, 6},  {8, 1, 4},                          // BEQ and so on
+    {12, 11, 1}, {11, 4, 1},  {9, 8, 2},   {8, 10, 1},  {7, 6, 1}, {6, 7, 1},  // C.J
+    {3, 1, 3},   {2, 5, 1},   {12, 8, 1},  {10, 3, 2},  {5, 6, 2}, {3, 1, 2},
+    {2, 5, 1}};  // C.BEQZ, C.BNEZ
+static const uint8_t kRiscvFirst[] = {0, 0, 4, 8, 16, 21};
+static const uint8_t kRiscvBits[] = {0, 21, 13, 12, 9};
 
 static int riscv_form(uint32_t instruction) {
   const uint32_t opcode = instruction & 0x7Fu;
@@ -67,23 +65,16 @@ static int riscv_form(uint32_t instruction) {
                                               : 0;
 }
 
-static uint32_t riscv_distance(uint32_t instruction, const riscv_branch* branch) {
-  uint32_t distance = 0;
-  for (unsigned i = 0; i < RISCV_PIECES; ++i) {
-    const uint8_t* const piece = branch->pieces[i];
-    distance |= (instruction >> piece[0] & ((1u << piece[1]) - 1)) << piece[2];
+// `to` with the pieces of `from`, which is an instruction or (`side` IN_DISTANCE) a distance, while
+// `to` is the other one.
+static KELVANE_DENSE_ONCE uint32_t riscv_with_pieces(uint32_t to, uint32_t from, unsigned side,
+                                                     int form) {
+  for (unsigned i = kRiscvFirst[form]; i < kRiscvFirst[form + 1]; ++i) {
+    const uint8_t* const piece = kRiscvPieces[i];
+    const uint32_t mask = ((1u << piece[PIECE_BITS]) - 1) << piece[side ^ 1u];
+    to = (to & ~mask) | (from >> piece[side] << piece[side ^ 1u] & mask);
   }
-  return kelvane_dense_sign_extended(distance, branch->bits);
-}
-
-static uint32_t riscv_to(uint32_t instruction, uint32_t distance, const riscv_branch* branch) {
-  for (unsigned i = 0; i < RISCV_PIECES; ++i) {
-    const uint8_t* const piece = branch->pieces[i];
-    const uint32_t mask = (1u << piece[1]) - 1;
-    instruction &= ~(mask << piece[0]);
-    instruction |= (distance >> piece[2] & mask) << piece[0];
-  }
-  return instruction;
+  return to;
 }
 
 int kelvane_dense_branch_target(const kelvane_dense_decoder* decoder, uint32_t instruction,
@@ -112,7 +103,9 @@ int kelvane_dense_branch_target(const kelvane_dense_decoder* decoder, uint32_t i
   if (KELVANE_DENSE_IS(decoder, RISCV)) {
     const int form = riscv_form(instruction);
     if (form != 0) {
-      *target = place + riscv_distance(instruction, &kRiscvBranches[form - 1]);
+      *target =
+          place + kelvane_dense_sign_extended(
+                      riscv_with_pieces(0, instruction, IN_INSTRUCTION, form), kRiscvBits[form]);
     }
     return form;
   }
@@ -135,6 +128,6 @@ uint32_t kelvane_dense_branch_to(const kelvane_dense_decoder* decoder, uint32_t 
     return (instruction & 0xFC000000u) | (target >> 2 & 0x3FFFFFFu);
   }
   return KELVANE_DENSE_IS(decoder, RISCV)
-             ? riscv_to(instruction, target - place, &kRiscvBranches[form - 1])
+             ? riscv_with_pieces(instruction, target - place, IN_DISTANCE, form)
              : instruction;
 }

@@ -50,11 +50,19 @@ static unsigned read_bit(kelvane_dense_decoder* decoder, uint32_t bound) {
   return bit;
 }
 
+static KELVANE_DENSE_ONCE unsigned read_likely_bit(kelvane_dense_decoder* decoder,
+                                                   uint32_t probability) {
+  return read_bit(decoder, kelvane_dense_bound(decoder->state.coder.range, probability));
+}
+
+KELVANE_DENSE_ONCE uint32_t kelvane_dense_hash(uint32_t number) {
+  const uint32_t hash = number * 0x9E3779B1u;
+  return hash ^ hash >> 15;
+}
+
 unsigned kelvane_dense_read_flag(kelvane_dense_decoder* decoder, uint32_t context) {
   uint32_t* const counter = kelvane_dense_flag_counter(decoder, context);
-  const unsigned bit = read_bit(
-      decoder,
-      kelvane_dense_bound(decoder->state.coder.range, kelvane_dense_flag_probability(*counter)));
+  const unsigned bit = read_likely_bit(decoder, kelvane_dense_flag_probability(*counter));
   *counter = kelvane_dense_flag_after(*counter, bit);
   return bit;
 }
@@ -152,8 +160,7 @@ uint32_t kelvane_dense_read_literal(kelvane_dense_decoder* decoder, uint32_t pos
   while (node < 256) {
     kelvane_dense_opinions opinions;
     kelvane_dense_weigh(decoder, &place, node, &opinions);
-    const unsigned bit =
-        read_bit(decoder, kelvane_dense_bound(decoder->state.coder.range, opinions.probability));
+    const unsigned bit = read_likely_bit(decoder, opinions.probability);
     kelvane_dense_learn_bit(&opinions, bit);
     node = node << 1 | bit;
   }

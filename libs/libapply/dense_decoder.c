@@ -8,30 +8,25 @@
 #define VERSION 1u
 #define LARGEST_IMAGE 0x7FFFFFFFu
 
+static uint32_t least(uint32_t first, uint32_t second) {
+  return first < second ? first : second;
+}
+
 // ---- The header
 
+// Two bytes, two checksums and four numbers of at most five bytes.
+#define LONGEST_HEADER 30u
+
 typedef struct header_reader {
-  const kelvane_dense_input* input;
+  uint8_t bytes[LONGEST_HEADER];
   uint32_t position;
   int failed;
 } header_reader;
 
-static uint32_t header_byte(header_reader* reader) {
-  uint8_t byte = 0;
-  if (reader->position >= reader->input->payload_size) {
-    reader->failed = reader->failed != 0 ? reader->failed : KELVANE_DENSE_BAD_HEADER;
-  } else if (reader->failed == 0) {
-    reader->failed =
-        reader->input->read_payload(reader->input->context, reader->position, &byte, 1);
-  }
-  reader->position++;
-  return byte;
-}
-
-static uint32_t header_word(header_reader* reader) {
+static KELVANE_DENSE_ONCE uint32_t header_word(header_reader* reader) {
   uint32_t word = 0;
-  for (unsigned i = 0; i < 4; ++i) {
-    word |= header_byte(reader) << 8 * i;
+  for (unsigned shift = 0; shift < 32; shift += 8) {
+    word |= (uint32_t)reader->bytes[reader->position++] << shift;
   }
   return word;
 }
@@ -39,18 +34,15 @@ static uint32_t header_word(header_reader* reader) {
 // Seven bits a byte, the least first; bit 7 says that more follow.
 static uint32_t header_number(header_reader* reader) {
   uint32_t number = 0;
-  for (unsigned shift = 0; shift < 35; shift += 7) {
-    const uint32_t byte = header_byte(reader);
+  uint32_t byte = 128;
+  for (unsigned shift = 0; byte >= 128 && shift < 35; shift += 7) {
+    byte = reader->bytes[reader->position++];
     if (shift == 28 && byte > 15) {
-      break;
+      reader->failed = KELVANE_DENSE_BAD_HEADER;
     }
     number |= (byte & 127u) << shift;
-    if (byte < 128) {
-      return number;
-    }
   }
-  reader->failed = reader->failed != 0 ? reader->failed : KELVANE_DENSE_BAD_HEADER;
-  return 0;
+  return number;
 }
 
 static int has_machine(uint32_t machine) {
@@ -64,10 +56,16 @@ static int has_machine(uint32_t machine) {
 }
 
 static int read_header(const kelvane_dense_input* input, kelvane_dense_info* info) {
-  header_reader reader = {input, 0, 0};
   const uint32_t largest = input->largest_image != 0 ? input->largest_image : LARGEST_IMAGE;
-  const uint32_t kind = header_byte(&reader);
-  const uint32_t target = header_byte(&reader);
+  header_reader reader;
+  kelvane_dense_fill(&reader, 0, sizeof reader);
+  reader.position = 2;
+  if (input->payload_size != 0) {
+    reader.failed = input->read_payload(input->context, 0, reader.bytes,
+                                        least(input->payload_size, LONGEST_HEADER));
+  }
+  const uint32_t kind = reader.bytes[0];
+  const uint32_t target = reader.bytes[1];
   info->model = kind >> 4 & 3u;
   info->reads_new = kind >> 6 & 1u;
   info->differences = (uint8_t)(kind >> 7);
@@ -86,8 +84,9 @@ static int read_header(const kelvane_dense_input* input, kelvane_dense_info* inf
   if (reader.failed != 0) {
     return reader.failed;
   }
-  if ((kind & 15u) != VERSION || info->model > 1 || info->machine >= KELVANE_DENSE_MACHINES ||
-      info->base >> 4 * (target >> 5) != base || info->map_entries > 0xFFFFu) {
+  if (reader.position > input->payload_size || (kind & 15u) != VERSION || info->model > 1 ||
+      info->machine >= KELVANE_DENSE_MACHINES || info->base >> 4 * (target >> 5) != base ||
+      info->map_entries > 0xFFFFu) {
     return KELVANE_DENSE_BAD_HEADER;
   }
   if (info->new_size > largest || info->old_size > largest ||
@@ -180,7 +179,7 @@ static void begin_copy(kelvane_dense_state* state) {
   state->source_end = state->source + (state->copy_end - state->position);
 }
 
-static void read_match(kelvane_dense_decoder* decoder) {
+static KELVANE_DENSE_ONCE void read_match(kelvane_dense_decoder* decoder) {
   kelvane_dense_state* state = &decoder->state;
   kelvane_dense_model* model = &state->model;
   const uint32_t room = state->literals_end - state->position;
@@ -263,14 +262,17 @@ static uint32_t read_value(kelvane_dense_decoder* decoder, const kelvane_dense_t
 }
 
 void kelvane_dense_note_difference(uint32_t* list, uint32_t choice, uint32_t difference) {
-  if (difference == 0) {
-    return;
+  if (difference != 0) {
+    kelvane_dense_to_front(list, choice, difference);
   }
-  for (uint32_t k = choice < KELVANE_DENSE_DIFFERENCES ? choice : KELVANE_DENSE_DIFFERENCES - 1;
-       k != 0; --k) {
+}
+
+KELVANE_DENSE_ONCE void kelvane_dense_to_front(uint32_t* list, uint32_t place, uint32_t value) {
+  uint32_t k = place < KELVANE_DENSE_LISTED ? place : KELVANE_DENSE_LISTED - 1;
+  for (; k != 0; --k) {
     list[k] = list[k - 1];
   }
-  list[0] = difference;
+  list[0] = value;
 }
 
 static void read_token(kelvane_dense_decoder* decoder) {
@@ -302,10 +304,6 @@ static void read_token(kelvane_dense_decoder* decoder) {
 }
 
 // ---- Windows
-
-static uint32_t least(uint32_t first, uint32_t second) {
-  return first < second ? first : second;
-}
 
 static void copy_match(kelvane_dense_decoder* decoder, uint32_t window, uint8_t* bytes,
                        uint32_t count) {

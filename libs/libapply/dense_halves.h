@@ -45,9 +45,8 @@ static int move_kind(const kelvane_dense_decoder* decoder, uint32_t instruction,
 // The register that an instruction loads with an upper half.
 static uint32_t upper_register(const kelvane_dense_decoder* decoder, uint32_t instruction) {
   if (KELVANE_DENSE_IS(decoder, RISCV)) {
-    const uint32_t opcode = instruction & 0x7Fu;
     const uint32_t number = instruction >> 7 & 31u;
-    return (opcode == 0x37u || opcode == 0x17u) && number != 0 ? number : NO_REGISTER;
+    return (instruction & 0x5Fu) == 0x17u && number != 0 ? number : NO_REGISTER;  // LUI, AUIPC
   }
   if (instruction >> 26 != 15) {
     return NO_REGISTER;
@@ -69,6 +68,12 @@ static uint32_t upper_value(const kelvane_dense_decoder* decoder, uint32_t instr
 
 enum lower_form { NOT_LOWER, LOWER_SIGNED, LOWER_UNSIGNED, LOWER_STORE };
 
+// Opcodes of RISC-V, bits 6 to 2, as a set.
+#define RISCV_ADDITIONS (1u << 4 | 1u << 6)                 // ADDI, ADDIW
+#define RISCV_LOADS (1u << 0 | RISCV_ADDITIONS | 1u << 25)  // that overwrite: loads, JALR
+#define RISCV_SIGNED (RISCV_LOADS | 1u << 1)                // and loads of floating point
+#define RISCV_STORES (1u << 8 | 1u << 9)
+
 // Whether an instruction adds a lower half to register `*from`; `*loaded` is the register that it
 // overwrites, or NO_REGISTER.
 static int lower_form_of(const kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t* from,
@@ -77,15 +82,15 @@ static int lower_form_of(const kelvane_dense_decoder* decoder, uint32_t instruct
   const uint32_t first = instruction >> 21 & 31u;
   const uint32_t second = instruction >> 16 & 31u;
   if (KELVANE_DENSE_IS(decoder, RISCV)) {
-    const uint32_t low = instruction & 0x7Fu;
-    const int is_store = low == 0x23u || low == 0x27u;
-    const int is_addition = (low == 0x13u || low == 0x1Bu) && !(instruction & 0x7000u);
-    const int is_load = low == 0x03u || low == 0x67u;
+    const uint32_t low = 1u << (instruction >> 2 & 31u);  // an instruction of 32 bits ends in 11
     *from = instruction >> 15 & 31u;
-    *loaded = is_addition || is_load ? instruction >> 7 & 31u : NO_REGISTER;
-    return is_store                                 ? LOWER_STORE
-           : is_addition || is_load || low == 0x07u ? LOWER_SIGNED
-                                                    : NOT_LOWER;
+    *loaded = low & RISCV_LOADS ? instruction >> 7 & 31u : NO_REGISTER;
+    if (low & RISCV_STORES) {
+      return LOWER_STORE;
+    }
+    return (low & RISCV_SIGNED) && !((low & RISCV_ADDITIONS) && (instruction & 0x7000u))
+               ? LOWER_SIGNED
+               : NOT_LOWER;
   }
   if (KELVANE_DENSE_IS(decoder, MIPS)) {
     *from = first;
@@ -102,7 +107,8 @@ static int lower_form_of(const kelvane_dense_decoder* decoder, uint32_t instruct
   return opcode == 14 || (opcode >= 32 && opcode < 56) ? LOWER_SIGNED : NOT_LOWER;
 }
 
-static uint32_t lower_value(const kelvane_dense_decoder* decoder, uint32_t instruction, int form) {
+static KELVANE_DENSE_ONCE uint32_t lower_value(const kelvane_dense_decoder* decoder,
+                                               uint32_t instruction, int form) {
   if (KELVANE_DENSE_IS(decoder, RISCV)) {
     return kelvane_dense_sign_extended(form == LOWER_STORE
                                            ? (instruction >> 25) << 5 | (instruction >> 7 & 31u)

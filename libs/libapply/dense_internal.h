@@ -10,6 +10,13 @@
 extern "C" {
 #endif
 
+// For what is to stand in the code once, where a compiler would copy it into each of its callers.
+#if defined(__GNUC__)
+#define KELVANE_DENSE_ONCE __attribute__((noinline))
+#else
+#define KELVANE_DENSE_ONCE
+#endif
+
 // A decision's context is its number here, in bits 8 and up, what it depends on, below, and in bits
 // 28 to 30 how likely it is at first. The map has counters and numbers of its own.
 enum kelvane_dense_context {
@@ -36,13 +43,16 @@ enum kelvane_dense_context {
   KELVANE_DENSE_M_LENGTH            // number
 };
 
+// Lists of what came last have as many entries, the last one first.
+#define KELVANE_DENSE_LISTED 6u
+
 // The choices behind "not as predicted": 0 to 5 are the last differences.
-#define KELVANE_DENSE_DIFFERENCES 6u
+#define KELVANE_DENSE_DIFFERENCES KELVANE_DENSE_LISTED
 #define KELVANE_DENSE_CHOICE_DIFFERENCE 6u
 #define KELVANE_DENSE_CHOICE_BYTES 7u
 
 // The choices of a source in the map: 1 to 6 are the last places left.
-#define KELVANE_DENSE_PLACES 6u
+#define KELVANE_DENSE_PLACES KELVANE_DENSE_LISTED
 #define KELVANE_DENSE_PLACE_NUMBER 7u
 
 enum kelvane_dense_token_kind {
@@ -63,8 +73,11 @@ enum kelvane_dense_token_kind {
 typedef struct kelvane_dense_token {
   uint32_t old_value;
   uint32_t predicted;
-  uint32_t address;  // what the old value refers to, in target addresses
-  uint32_t target;   // what the new one is expected to refer to
+  uint32_t address;   // what the old value refers to, in target addresses
+  uint32_t target;    // what the new one is expected to refer to
+  uint32_t source;    // its place in the old image
+  uint32_t position;  // and in the new one
+  uint32_t left;      // bytes of the copy from here on
   uint8_t kind;
   uint8_t length;
   uint8_t flip;
@@ -109,10 +122,8 @@ static inline uint32_t kelvane_dense_match_context(uint32_t position, uint32_t m
   return kelvane_dense_context_of(KELVANE_DENSE_C_MATCH, (position & 3u) << 2 | matches);
 }
 
-static inline uint32_t kelvane_dense_hash(uint32_t number) {
-  const uint32_t hash = number * 0x9E3779B1u;
-  return hash ^ hash >> 15;
-}
+// For places in tables.
+uint32_t kelvane_dense_hash(uint32_t number);
 
 // ---- Counters: probability of 1 and how often it was asked
 //
@@ -147,17 +158,14 @@ static inline uint32_t kelvane_dense_flag_probability(uint32_t counter) {
 // The less likely bit takes a quarter off the count: what was known holds no longer.
 static inline uint32_t kelvane_dense_flag_after(uint32_t counter, unsigned bit) {
   uint32_t count = counter & 1023u;
-  uint32_t probability = counter >> 10;
-  if (bit) {
-    probability += (0x3FFFFFu - probability) / (count + 2);
-  } else {
-    probability -= probability / (count + 2);
-  }
+  const uint32_t mirror = bit ? 0x3FFFFFu : 0;  // what is left to 1 in place of 0
+  uint32_t probability = counter >> 10 ^ mirror;
+  probability -= probability / (count + 2);
   count += count < 255;
   if (bit != counter >> 31) {
     count -= count >> 2;
   }
-  return probability << 10 | count;
+  return (probability ^ mirror) << 10 | count;
 }
 
 // Literals: three counters each say how likely a bit is, by its position, by the byte ahead and by
@@ -260,6 +268,10 @@ void kelvane_dense_note(kelvane_dense_decoder* decoder, const kelvane_dense_toke
 // Moves a difference to the front of its list, from `choice` or, if that is none of the list, from
 // outside.
 void kelvane_dense_note_difference(uint32_t* list, uint32_t choice, uint32_t difference);
+
+// Puts a value ahead of a list: the one at `place` drops out, or the last if that is none of the
+// list.
+void kelvane_dense_to_front(uint32_t* list, uint32_t place, uint32_t value);
 
 // What a token's flags depend on.
 static inline uint32_t kelvane_dense_class(const kelvane_dense_token* token) {

@@ -5,7 +5,7 @@
 #include "dense_internal.h"
 
 // Entries below `count` in order of sources; `number` goes behind its equals.
-void kelvane_dense_file_entry(kelvane_dense_decoder* decoder, uint32_t number) {
+KELVANE_DENSE_ONCE void kelvane_dense_file_entry(kelvane_dense_decoder* decoder, uint32_t number) {
   const uint32_t source = decoder->entries[number].source;
   uint32_t place = number;
   while (place != 0 && decoder->entries[decoder->by_source[place - 1]].source > source) {
@@ -15,8 +15,8 @@ void kelvane_dense_file_entry(kelvane_dense_decoder* decoder, uint32_t number) {
   decoder->by_source[place] = (uint16_t)number;
 }
 
-uint32_t kelvane_dense_free_place(const kelvane_dense_decoder* decoder, uint32_t count,
-                                  uint32_t place) {
+KELVANE_DENSE_ONCE uint32_t kelvane_dense_free_place(const kelvane_dense_decoder* decoder,
+                                                     uint32_t count, uint32_t place) {
   for (uint32_t i = 0; i < count; ++i) {
     const kelvane_dense_entry* entry = &decoder->entries[decoder->by_source[i]];
     if (entry->source > place) {
@@ -30,8 +30,8 @@ uint32_t kelvane_dense_free_place(const kelvane_dense_decoder* decoder, uint32_t
 }
 
 // How many of the entries below `count` begin at `place` or below.
-static uint32_t entries_up_to(const kelvane_dense_decoder* decoder, uint32_t count,
-                              uint32_t place) {
+static KELVANE_DENSE_ONCE uint32_t entries_up_to(const kelvane_dense_decoder* decoder,
+                                                 uint32_t count, uint32_t place) {
   uint32_t low = 0;
   uint32_t high = count;
   while (low < high) {
@@ -86,11 +86,7 @@ int kelvane_dense_read_map(kelvane_dense_decoder* decoder) {
       source = kelvane_dense_free_place(decoder, i, left[choice - 1]);
     }
     if (choice != 0) {
-      for (uint32_t k = choice <= KELVANE_DENSE_PLACES ? choice - 1 : KELVANE_DENSE_PLACES - 1;
-           k != 0; --k) {
-        left[k] = left[k - 1];
-      }
-      left[0] = expected;
+      kelvane_dense_to_front(left, choice - 1, expected);
     }
     const uint32_t room = decoder->info.new_size - target;
     if (gap >= room) {

@@ -31,16 +31,14 @@ uint32_t kelvane_dense_old_value(kelvane_dense_decoder* decoder, uint32_t addres
 }
 
 // An instruction of 32 bits.
-static uint32_t old_code(kelvane_dense_decoder* decoder, uint32_t address) {
+static KELVANE_DENSE_ONCE uint32_t old_code(kelvane_dense_decoder* decoder, uint32_t address) {
   return kelvane_dense_old_value(decoder, address, 4, code_flip(decoder));
 }
 
 // ---- What was learned
 
 static uint32_t learned_slot(const kelvane_dense_decoder* decoder, uint32_t from) {
-  uint32_t hash = from * 0x9E3779B1u;
-  hash ^= hash >> 15;
-  return hash >> (27 - decoder->info.model);
+  return kelvane_dense_hash(from) >> (27 - decoder->info.model);
 }
 
 static void learn(kelvane_dense_decoder* decoder, uint32_t from, uint32_t to) {
@@ -49,7 +47,8 @@ static void learn(kelvane_dense_decoder* decoder, uint32_t from, uint32_t to) {
   decoder->state.model.learned_to[slot] = to;
 }
 
-static int is_learned(const kelvane_dense_decoder* decoder, uint32_t from, uint32_t* to) {
+static KELVANE_DENSE_ONCE int is_learned(const kelvane_dense_decoder* decoder, uint32_t from,
+                                         uint32_t* to) {
   const uint32_t slot = learned_slot(decoder, from);
   *to = decoder->state.model.learned_to[slot];
   return decoder->state.model.learned_from[slot] == from;
@@ -65,11 +64,11 @@ static void find_target(const kelvane_dense_decoder* decoder, kelvane_dense_toke
 
 // ---- Branches and calls
 
-static int take_branch(kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t source,
-                       uint32_t position, kelvane_dense_token* token) {
+static int take_branch(kelvane_dense_decoder* decoder, uint32_t instruction,
+                       kelvane_dense_token* token) {
   const uint32_t base = decoder->info.base;
   const int form =
-      kelvane_dense_branch_target(decoder, instruction, base + source, &token->address);
+      kelvane_dense_branch_target(decoder, instruction, base + token->source, &token->address);
   if (form == 0 || !kelvane_dense_is_inside(decoder, token->address)) {
     return 0;
   }
@@ -79,22 +78,21 @@ static int take_branch(kelvane_dense_decoder* decoder, uint32_t instruction, uin
   token->flip = (uint8_t)code_flip(decoder);
   find_target(decoder, token);
   token->predicted =
-      kelvane_dense_branch_to(decoder, instruction, base + position, token->target, form);
+      kelvane_dense_branch_to(decoder, instruction, base + token->position, token->target, form);
   return 1;
 }
 
 // A branch of 16 bits, if it changes: its target is near, and mostly moves with it.
-static int take_short_branch(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
-                             kelvane_dense_token* token) {
-  const uint32_t base = decoder->info.base;
+static int take_short_branch(kelvane_dense_decoder* decoder, kelvane_dense_token* token) {
   const uint32_t instruction = token->old_value;
   uint32_t reached;
-  if (!take_branch(decoder, instruction, source, position, token)) {
+  if (!take_branch(decoder, instruction, token)) {
     return 0;
   }
   token->flip = decoder->info.code_big_endian;
   if (token->predicted != instruction &&
-      kelvane_dense_branch_target(decoder, token->predicted, base + position, &reached) != 0 &&
+      kelvane_dense_branch_target(decoder, token->predicted, decoder->info.base + token->position,
+                                  &reached) != 0 &&
       reached == token->target) {
     return 1;
   }
@@ -106,8 +104,8 @@ static int take_short_branch(kelvane_dense_decoder* decoder, uint32_t source, ui
 
 // ---- Instructions with a half of an address
 
-static int take_move(kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t source,
-                     uint32_t left, kelvane_dense_token* token) {
+static int take_move(kelvane_dense_decoder* decoder, uint32_t instruction,
+                     kelvane_dense_token* token) {
   uint32_t* const registers = decoder->state.model.old_registers;
   uint32_t number;
   const int kind = move_kind(decoder, instruction, &number);
@@ -117,10 +115,10 @@ static int take_move(kelvane_dense_decoder* decoder, uint32_t instruction, uint3
   const uint32_t half = move_half(decoder, instruction);
   if (kind == 1) {
     const uint32_t step = KELVANE_DENSE_IS(decoder, THUMB) ? 2 : 4;
-    const uint32_t limit = left < PAIR_AHEAD ? left : PAIR_AHEAD;
+    const uint32_t limit = token->left < PAIR_AHEAD ? token->left : PAIR_AHEAD;
     registers[number] = KELVANE_DENSE_UNKNOWN;
     for (uint32_t k = 4; k + 4 <= limit; k += step) {
-      const uint32_t other = old_code(decoder, source + k);
+      const uint32_t other = old_code(decoder, token->source + k);
       uint32_t other_number;
       if (move_kind(decoder, other, &other_number) == 2 && other_number == number) {
         registers[number] = move_half(decoder, other) << 16 | half;
@@ -145,16 +143,21 @@ static int take_move(kelvane_dense_decoder* decoder, uint32_t instruction, uint3
   return 1;
 }
 
-// The lower half that belongs to an upper one says which address is meant.
-static int take_upper(kelvane_dense_decoder* decoder, uint32_t number, uint32_t source,
-                      uint32_t position, uint32_t left, kelvane_dense_token* token) {
-  const uint32_t base = decoder->info.base;
-  const uint32_t limit = left < LOOK_AHEAD ? left : LOOK_AHEAD;
-  const uint32_t value = upper_value(decoder, token->old_value, base + source);
+static int has_halves(const kelvane_dense_decoder* decoder) {
+  return KELVANE_DENSE_IS(decoder, POWERPC) || KELVANE_DENSE_IS(decoder, MIPS) ||
+         KELVANE_DENSE_IS(decoder, RISCV);
+}
+
+// An upper half, which register `number` then holds. The lower half that belongs to it says which
+// address is meant: sets that, and gives the form of the lower half.
+static int find_lower(kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t number,
+                      kelvane_dense_token* token) {
+  const uint32_t limit = token->left < LOOK_AHEAD ? token->left : LOOK_AHEAD;
+  const uint32_t value = upper_value(decoder, instruction, decoder->info.base + token->source);
   decoder->state.model.old_registers[number] = value;
   uint32_t at = 4;
   for (uint32_t i = 0; i < LOOK_AHEAD_COUNT && at + 4 <= limit; ++i) {
-    const uint32_t other = old_code(decoder, source + at);
+    const uint32_t other = old_code(decoder, token->source + at);
     uint32_t from;
     uint32_t loaded;
     if (KELVANE_DENSE_IS(decoder, RISCV) && (other & 3u) != 3) {
@@ -163,74 +166,66 @@ static int take_upper(kelvane_dense_decoder* decoder, uint32_t number, uint32_t 
     }
     const int form = lower_form_of(decoder, other, &from, &loaded);
     if (form != NOT_LOWER && from == number) {
-      token->kind = KELVANE_DENSE_UPPER;
       token->address = value + lower_value(decoder, other, form);
-      find_target(decoder, token);
-      token->predicted =
-          with_upper(decoder, token->old_value, form, token->target, base + position);
-      return 1;
+      return form;
     }
     at += 4;
   }
-  return 0;
+  return NOT_LOWER;
 }
 
-static int take_lower(kelvane_dense_decoder* decoder, kelvane_dense_token* token) {
+// A lower half: sets which address it belongs to, if its register is known, and gives its form.
+static int find_upper(kelvane_dense_decoder* decoder, uint32_t instruction,
+                      kelvane_dense_token* token) {
   uint32_t* const registers = decoder->state.model.old_registers;
   uint32_t from;
   uint32_t loaded;
-  const int form = lower_form_of(decoder, token->old_value, &from, &loaded);
+  const int form = lower_form_of(decoder, instruction, &from, &loaded);
   if (form == NOT_LOWER) {
-    return 0;
+    return NOT_LOWER;
   }
   const uint32_t upper = registers[from];
   if (loaded != NO_REGISTER) {
     registers[loaded] = KELVANE_DENSE_UNKNOWN;
   }
   if (upper == KELVANE_DENSE_UNKNOWN) {
+    return NOT_LOWER;
+  }
+  token->form = (uint8_t)from;
+  token->address = upper + lower_value(decoder, instruction, form);
+  return form;
+}
+
+static int take_half_address(kelvane_dense_decoder* decoder, uint32_t instruction,
+                             kelvane_dense_token* token) {
+  const uint32_t number = upper_register(decoder, instruction);
+  const int is_upper = number != NO_REGISTER;
+  const int form = is_upper ? find_lower(decoder, instruction, number, token)
+                            : find_upper(decoder, instruction, token);
+  if (form == NOT_LOWER) {
     return 0;
   }
-  token->kind = KELVANE_DENSE_LOWER;
-  token->form = (uint8_t)from;
-  token->address = upper + lower_value(decoder, token->old_value, form);
-  find_target(decoder, token);
-  token->predicted = with_lower(decoder, token->old_value, form, token->target,
-                                decoder->state.model.new_registers[from]);
-  return 1;
-}
-
-static int has_halves(const kelvane_dense_decoder* decoder) {
-  return KELVANE_DENSE_IS(decoder, POWERPC) || KELVANE_DENSE_IS(decoder, MIPS) ||
-         KELVANE_DENSE_IS(decoder, RISCV);
-}
-
-static int take_half_address(kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t source,
-                             uint32_t position, uint32_t left, kelvane_dense_token* token) {
-  const uint32_t kept_value = token->old_value;
-  const uint8_t kept_flip = token->flip;
-  const uint32_t number = upper_register(decoder, instruction);
+  token->kind = is_upper ? KELVANE_DENSE_UPPER : KELVANE_DENSE_LOWER;
   token->old_value = instruction;
   token->flip = (uint8_t)code_flip(decoder);
-  if (number != NO_REGISTER ? take_upper(decoder, number, source, position, left, token)
-                            : take_lower(decoder, token)) {
-    return 1;
-  }
-  token->old_value = kept_value;
-  token->flip = kept_flip;
-  return 0;
+  find_target(decoder, token);
+  token->predicted = is_upper ? with_upper(decoder, instruction, form, token->target,
+                                           decoder->info.base + token->position)
+                              : with_lower(decoder, instruction, form, token->target,
+                                           decoder->state.model.new_registers[token->form]);
+  return 1;
 }
 
 // ---- Words, halves, bytes
 
-static int take_distance(const kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
-                         kelvane_dense_token* token) {
-  const uint32_t address = decoder->info.base + source + token->old_value;
+static int take_distance(const kelvane_dense_decoder* decoder, kelvane_dense_token* token) {
+  const uint32_t address = decoder->info.base + token->source + token->old_value;
   if (!decoder->info.differences || token->old_value + NEAR_VALUE < 2 * NEAR_VALUE ||
       !kelvane_dense_is_inside(decoder, address)) {
     return 0;
   }
-  const uint32_t predicted =
-      token->old_value + (kelvane_dense_moved(decoder, address) - address) - (position - source);
+  const uint32_t predicted = token->old_value + (kelvane_dense_moved(decoder, address) - address) -
+                             (token->position - token->source);
   if (predicted == token->old_value) {
     return 0;
   }
@@ -251,7 +246,8 @@ static int take_address(const kelvane_dense_decoder* decoder, kelvane_dense_toke
   return 1;
 }
 
-static int take_learned_word(const kelvane_dense_decoder* decoder, kelvane_dense_token* token) {
+static KELVANE_DENSE_ONCE int take_learned_word(const kelvane_dense_decoder* decoder,
+                                                kelvane_dense_token* token) {
   token->kind = KELVANE_DENSE_WORD;
   token->learned = (uint8_t)is_learned(decoder, token->old_value, &token->predicted);
   if (!token->learned) {
@@ -260,33 +256,34 @@ static int take_learned_word(const kelvane_dense_decoder* decoder, kelvane_dense
   return token->learned;
 }
 
-static int take_other_word(const kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
-                           kelvane_dense_token* token) {
-  return take_learned_word(decoder, token) || take_distance(decoder, source, position, token);
+static int take_other_word(const kelvane_dense_decoder* decoder, kelvane_dense_token* token) {
+  return take_learned_word(decoder, token) || take_distance(decoder, token);
 }
 
-static void take_half(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
-                      kelvane_dense_token* token) {
+static KELVANE_DENSE_ONCE void take_half(kelvane_dense_decoder* decoder,
+                                         kelvane_dense_token* token) {
   token->kind = KELVANE_DENSE_HALF;
   token->length = 2;
   token->flip = decoder->info.code_big_endian;
-  token->old_value = kelvane_dense_old_value(decoder, source, 2, token->flip);
+  token->old_value = kelvane_dense_old_value(decoder, token->source, 2, token->flip);
   token->predicted = token->old_value;
   const uint32_t opcode = token->old_value & 0xF800u;
   if (KELVANE_DENSE_IS(decoder, THUMB) &&
       (opcode == 0x4800u || opcode == 0xA000u)) {  // LDR literal, ADR
     token->kind = KELVANE_DENSE_POOL;
-    token->address = decoder->info.base + ((source + 4) & ~3u) + (token->old_value & 0xFFu) * 4;
+    token->address =
+        decoder->info.base + ((token->source + 4) & ~3u) + (token->old_value & 0xFFu) * 4;
     find_target(decoder, token);
     token->learned = 0;
-    const uint32_t words = (token->target - decoder->info.base - ((position + 4) & ~3u)) >> 2;
+    const uint32_t words =
+        (token->target - decoder->info.base - ((token->position + 4) & ~3u)) >> 2;
     if (words < 256) {
       token->predicted = (token->old_value & 0xFF00u) | words;
     }
     return;
   }
-  if (KELVANE_DENSE_IS(decoder, RISCV) && decoder->state.model.tail != source &&
-      take_short_branch(decoder, source, position, token)) {
+  if (KELVANE_DENSE_IS(decoder, RISCV) && decoder->state.model.tail != token->source &&
+      take_short_branch(decoder, token)) {
     return;
   }
   uint32_t predicted;
@@ -298,30 +295,29 @@ static void take_half(kelvane_dense_decoder* decoder, uint32_t source, uint32_t 
 
 // Machines whose instructions begin at any half: an instruction of 32 bits that refers to
 // something, a word of data, a half.
-static void classify_halves(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
-                            uint32_t left, kelvane_dense_token* token) {
-  const int is_word_place = left >= 4 && !((source | position) & 3u);
+static void classify_halves(kelvane_dense_decoder* decoder, kelvane_dense_token* token) {
+  const int is_whole = token->left >= 4;
+  const int is_word_place = is_whole && !((token->source | token->position) & 3u);
   int is_long = 0;  // a RISC-V instruction of 32 bits
   uint32_t instruction = 0;
-  if (left >= 4 && KELVANE_DENSE_IS(decoder, THUMB)) {
-    instruction = old_code(decoder, source);
-    if (take_move(decoder, instruction, source, left, token) ||
-        take_branch(decoder, instruction, source, position, token)) {
+  if (is_whole && KELVANE_DENSE_IS(decoder, THUMB)) {
+    instruction = old_code(decoder, token->source);
+    if (take_move(decoder, instruction, token) || take_branch(decoder, instruction, token)) {
       return;
     }
   }
   // Ahead of addresses: the upper half of an address reads as one that lies near.
-  if (left >= 4 && KELVANE_DENSE_IS(decoder, RISCV) && decoder->state.model.tail != source) {
-    instruction = old_code(decoder, source);
+  if (is_whole && KELVANE_DENSE_IS(decoder, RISCV) && decoder->state.model.tail != token->source) {
+    instruction = old_code(decoder, token->source);
     is_long = (instruction & 3u) == 3;
-    if (is_long && (take_branch(decoder, instruction, source, position, token) ||
-                    take_half_address(decoder, instruction, source, position, left, token))) {
+    if (is_long && (take_branch(decoder, instruction, token) ||
+                    take_half_address(decoder, instruction, token))) {
       return;
     }
   }
   if (is_word_place) {
     token->flip = decoder->info.data_big_endian ? 3 : 0;
-    token->old_value = kelvane_dense_old_value(decoder, source, 4, token->flip);
+    token->old_value = kelvane_dense_old_value(decoder, token->source, 4, token->flip);
     if (take_address(decoder, token)) {
       return;
     }
@@ -333,38 +329,39 @@ static void classify_halves(kelvane_dense_decoder* decoder, uint32_t source, uin
       take_learned_word(decoder, token);
       return;
     }
-    decoder->state.model.tail = source + 2;
+    decoder->state.model.tail = token->source + 2;
   }
-  if (is_word_place && take_other_word(decoder, source, position, token)) {
+  if (is_word_place && take_other_word(decoder, token)) {
     return;
   }
-  take_half(decoder, source, position, token);
+  take_half(decoder, token);
 }
 
-static void classify_words(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
-                           uint32_t left, kelvane_dense_token* token) {
+static void classify_words(kelvane_dense_decoder* decoder, kelvane_dense_token* token) {
   token->flip = decoder->info.data_big_endian ? 3 : 0;
-  token->old_value = kelvane_dense_old_value(decoder, source, 4, token->flip);
+  token->old_value = kelvane_dense_old_value(decoder, token->source, 4, token->flip);
   if (take_address(decoder, token)) {
     return;
   }
   if (decoder->info.machine != KELVANE_DENSE_NONE) {
     const uint32_t instruction = decoder->info.code_big_endian == decoder->info.data_big_endian
                                      ? token->old_value
-                                     : old_code(decoder, source);
-    if ((KELVANE_DENSE_IS(decoder, ARM) && take_move(decoder, instruction, source, left, token)) ||
-        take_branch(decoder, instruction, source, position, token) ||
-        (has_halves(decoder) &&
-         take_half_address(decoder, instruction, source, position, left, token))) {
+                                     : old_code(decoder, token->source);
+    if ((KELVANE_DENSE_IS(decoder, ARM) && take_move(decoder, instruction, token)) ||
+        take_branch(decoder, instruction, token) ||
+        (has_halves(decoder) && take_half_address(decoder, instruction, token))) {
       return;
     }
   }
-  take_other_word(decoder, source, position, token);
+  take_other_word(decoder, token);
 }
 
 void kelvane_dense_classify(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
                             uint32_t left, kelvane_dense_token* token) {
   const uint32_t unaligned = source | position;
+  token->source = source;
+  token->position = position;
+  token->left = left;
   token->address = 0;
   token->target = 0;
   token->form = 0;
@@ -373,9 +370,9 @@ void kelvane_dense_classify(kelvane_dense_decoder* decoder, uint32_t source, uin
   token->kind = KELVANE_DENSE_WORD;
   if ((KELVANE_DENSE_IS(decoder, THUMB) || KELVANE_DENSE_IS(decoder, RISCV)) && left >= 2 &&
       !(unaligned & 1u)) {
-    classify_halves(decoder, source, position, left, token);
+    classify_halves(decoder, token);
   } else if (left >= 4 && !(unaligned & 3u)) {
-    classify_words(decoder, source, position, left, token);
+    classify_words(decoder, token);
   } else {
     token->kind = KELVANE_DENSE_BYTE;
     token->length = 1;

@@ -10,10 +10,20 @@ static kelvane_words* words_of(kelvane_patch_payload* self) {
 
 // ---- Opening ------------------------------------------------------------------------------------
 
-// Every address lies within the pages of the image.
-static int check_addresses(kelvane_patch_payload* self) {
+// Tells the board that the update goes on, ahead of what may have many items.
+static void live_on(const kelvane_patch_payload* self, const kelvane_item* item) {
+  if (item->size == 0) {
+    self->input->alive(self->input->update);
+  }
+}
+
+// All items are sound and lie within the pages of the image. Finds the moves, which have to stand
+// ahead of everything else.
+static int check_items(kelvane_patch_payload* self) {
   kelvane_region room;
   kelvane_memory memory;
+  job all;
+  int code;
   room.address = 0;
   room.size = self->input->image_size;
   memory.context = self->input->update;
@@ -23,30 +33,30 @@ static int check_addresses(kelvane_patch_payload* self) {
   memory.region_count = 1;
   memory.old_size = KELVANE_SIZE_UNKNOWN;
   memory.page_size = 0;
-  return kelvane_apply_check(&self->applier, &memory);
-}
-
-// Finds the moves, which have to stand ahead of everything else.
-static int find_moves(kelvane_patch_payload* self) {
-  kelvane_cursor cursor;
-  kelvane_item item;
+  all.wanted = CHECK;
+  all.pass = CHECK;
   self->move_commands = 0;
   self->local = self->applier.patch.size;
-  kelvane_cursor_start(&cursor, &self->applier);
-  while (kelvane_item_next(&cursor, &item)) {
-    if (item.kind == KELVANE_ITEM_COMMAND) {
-      const uint32_t position = self->applier.error_position;
-      if (item.command == KELVANE_CM_MOVE) {
-        if (position > self->local) {
-          return KELVANE_UPDATE_MOVE_BEHIND;
-        }
+  code = kelvane_apply_begin(&all, &self->applier, &memory);
+  if (code == KELVANE_APPLY_OK) {
+    kelvane_apply_start(&all.cursor, &self->applier, self->applier.header_size);
+  }
+  while (code == KELVANE_APPLY_OK && kelvane_item_next(&all.cursor, &all.item)) {
+    const uint32_t position = self->applier.error_position;
+    if (all.item.kind == KELVANE_ITEM_COMMAND) {
+      if (all.item.command == KELVANE_CM_MOVE && position > self->local) {
+        return KELVANE_UPDATE_MOVE_BEHIND;
+      }
+      if (all.item.command == KELVANE_CM_MOVE) {
         ++self->move_commands;
       } else if (position < self->local) {
         self->local = position;
       }
     }
+    live_on(self, &all.item);
+    code = kelvane_apply_check_item(&all);
   }
-  return cursor.code;
+  return code == KELVANE_APPLY_OK ? kelvane_apply_end(&all) : code;
 }
 
 // Goes to the commands behind the moves. There may be none.
@@ -65,7 +75,8 @@ static int patch_open(void* state, uint32_t size, const kelvane_payload_input* i
   }
   self->input = input;
   self->room = (size - (uint32_t)sizeof *self) / (uint32_t)sizeof(kelvane_words);
-  code = kelvane_apply_open_source(&self->applier, &input->payload, 0);
+  self->applier.patch = input->payload;
+  code = kelvane_apply_open_header(&self->applier, 0);
   if (code != KELVANE_APPLY_OK) {
     return code;
   }
@@ -80,8 +91,7 @@ static int patch_open(void* state, uint32_t size, const kelvane_payload_input* i
   images->new_size = info.new_size;
   images->old_checksum = info.old_checksum;
   images->new_checksum = info.new_checksum;
-  code = check_addresses(self);
-  return code == KELVANE_APPLY_OK ? find_moves(self) : code;
+  return check_items(self);
 }
 
 // Goes to the first words of the classes of the first command of increments, as many as have room.
@@ -299,6 +309,7 @@ static int patch_window(void* state, uint32_t address, uint8_t* bytes, uint32_t 
       cursor = self->behind;
       continue;
     }
+    live_on(self, &item);
     code = carry_out(&part, &item);
     if (code != KELVANE_APPLY_OK) {
       return code;

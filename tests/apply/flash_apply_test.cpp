@@ -93,6 +93,17 @@ TEST(FlashApply, AnUpdateCutAtAnyOperationEndsInTheNewImage) {
               static_cast<unsigned long>(all.starts), static_cast<unsigned long>(all.geometries));
 }
 
+TEST(FlashApply, PagesOf128KilobytesServe) {
+  constexpr uint32_t kPage = 128 * 1024;
+  const FlashPair pair = shrunk_pair(kPage);
+  const Bundled bundle = bundled(pair, kPage, 2);
+  const CutResult result = cut_everywhere(shape_for(bundle, 32, true, 0), pair.old_image,
+                                          pair.new_image, bundle.source(), {11, 1, 5});
+  EXPECT_EQ(result.code, KELVANE_APPLY_OK);
+  EXPECT_GT(result.cuts, 5u);
+  EXPECT_EQ(result.wrong + result.violations, 0u);
+}
+
 int fetch_bytes(void* context, uint32_t position, uint8_t* bytes, uint32_t count) {
   const auto& all = *static_cast<const kelpatch::Bytes*>(context);
   if (position > all.size() || count > all.size() - position) {
@@ -388,6 +399,32 @@ TEST(FlashApply, AsksForTheSignatureFirstAndTellsThatItLives) {
   bundle.bytes.back() = 't';
   EXPECT_EQ(kelvane_update_open(&update, &flash, &source), KELVANE_UPDATE_NOT_AUTHENTIC);
   EXPECT_EQ(signs_of_life + device.flash().operations(), 0u);
+}
+
+// Also where one window takes long: with each of many increment classes, which are checked once and
+// read again for each window that is rehearsed.
+TEST(FlashApply, TellsThatItLivesAmongManyClasses) {
+  constexpr uint32_t kClasses = 200;
+  std::minstd_rand random(6);
+  PatchBuilder commands(Order::kLittle);
+  std::vector<PatchBuilder::Class> classes;
+  for (uint32_t i = 1; i <= kClasses; ++i) {
+    classes.push_back({1000 * i, {4 * i}});
+  }
+  commands.increments(classes);
+  const FlashPair pair = pair_by(commands, random_bytes(random, 9 * 256), 9 * 256);
+  const Bundled bundle = bundled(pair, 256, 2);
+  const kelvane_source source = bundle.source();
+  DeviceShape shape = shape_for(bundle, 8, false, 0);
+  shape.classes = 0;
+  SimulatedDevice device(shape, pair.old_image, 1);
+  kelvane_flash flash = device.board();
+  static uint32_t signs_of_life;
+  signs_of_life = 0;
+  flash.alive = [](void*) { ++signs_of_life; };
+  kelvane_update update;
+  ASSERT_EQ(kelvane_update_open(&update, &flash, &source), KELVANE_UPDATE_MORE);
+  EXPECT_GT(signs_of_life, kClasses * (1 + bundle.plan.changed.size()));
 }
 
 // A patch has no state to go on with: windows give the same bytes in any order.

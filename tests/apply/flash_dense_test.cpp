@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <numeric>
+
 #include "dense_bundle.h"
 #include "flash_pairs.h"
 #include "linked_program.h"
@@ -141,6 +143,47 @@ TEST(FlashDense, AnUpdateCutAtAnyOperationEndsInTheNewImage) {
   EXPECT_GT(kept, 3u);
   EXPECT_GT(reading, 2u);
   std::printf("%lu cuts\n", static_cast<unsigned long>(cuts));
+}
+
+// How far checkpoints lie apart changes what an update takes, and nothing else. Prints what it
+// takes. With KELVANE_FLASH_RUNS=2 or more in larger programs, with every operation cut.
+TEST(FlashDense, CheckpointsOfAnyDistanceSurviveCuts) {
+  struct Device {
+    uint32_t page;
+    uint32_t unit;
+    uint32_t functions;
+  };
+  const bool is_long = runs_asked_for() > 1;
+  for (const Device& device : {Device{256, 4, 160}, {1024, 8, 640}, {4096, 16, 1800}}) {
+    const Images images = moved(kThumb, is_long ? device.functions : device.functions / 6);
+    uint64_t erases_before = UINT64_MAX;
+    for (const uint32_t checkpoint : {4U, 8U, 16U}) {
+      SCOPED_TRACE(std::to_string(device.page) + ", " + std::to_string(checkpoint));
+      const DenseBundle bundle =
+          dense_bundle(request_for(images, {device.page, 2, 8}, true), checkpoint);
+      SimulatedDevice whole(shape_for(bundle, device.unit, 0), text_of(images.before), 1);
+      ASSERT_EQ(whole.run(bundle.source()), KELVANE_APPLY_OK);
+      const uint64_t erases =
+          std::accumulate(whole.flash().erases.begin(), whole.flash().erases.end(), uint64_t{0});
+      EXPECT_LE(erases, erases_before);
+      erases_before = erases;
+      uint64_t cuts = 0;
+      for (uint32_t run = 1; run <= runs_asked_for(); ++run) {
+        const CutResult result =
+            cut_everywhere(shape_for(bundle, device.unit, run % 2 == 0 ? device.page / 2 : 0),
+                           text_of(images.before), text_of(images.after), bundle.source(),
+                           {is_long ? 1U : 29U, is_long ? 4U : 1U, 100 * run + checkpoint});
+        EXPECT_EQ(result.code, KELVANE_APPLY_OK);
+        EXPECT_EQ(result.wrong, 0u);
+        EXPECT_EQ(result.violations, 0u);
+        cuts += result.cuts;
+      }
+      std::printf("| %u | %u | %zu | %zu of %u | %u + %u + %u | %lu | %lu |\n", device.page,
+                  checkpoint, bundle.bytes.size(), bundle.plan.changed.size(), bundle.plan.pages,
+                  bundle.plan.ring, bundle.plan.slots, state_pages(device.page),
+                  static_cast<unsigned long>(erases), static_cast<unsigned long>(cuts));
+    }
+  }
 }
 
 // What the payload reads is held against the plan also where the new image is not known before.
