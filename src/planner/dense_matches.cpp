@@ -306,14 +306,15 @@ std::vector<dense_item> cheapest_items(const plan_images& images, const string_p
     state.shift = static_cast<int64_t>(copy.target) - copy.source;
   }
   store_up_to(static_cast<uint32_t>(images.new_image.size()));
+  items.shrink_to_fit();
   return items;
 }
 
 }  // namespace
 
-std::vector<dense_item> items_between(const plan_images& images, const old_reach& reach,
-                                      std::span<const dense_copy> copies, bool reads_new) {
-  const string_places places(images, copies);
+std::vector<dense_item> items_between(const plan_images& images, const string_places& places,
+                                      const old_reach& reach, std::span<const dense_copy> copies,
+                                      bool reads_new) {
   const auto cheapest = [&](const item_prices& prices) {
     return cheapest_items(images, places, reach, prices, copies, reads_new);
   };

@@ -55,8 +55,10 @@ class string_places {
   places new_;
 };
 
-// Items for the bytes of no copy, in order. `copies` by ascending target.
-std::vector<dense_item> items_between(const plan_images& images, const old_reach& reach,
-                                      std::span<const dense_copy> copies, bool reads_new);
+// Items for the bytes of no copy, in order. `copies` by ascending target. `places` of the same
+// images, for no copies or these.
+std::vector<dense_item> items_between(const plan_images& images, const string_places& places,
+                                      const old_reach& reach, std::span<const dense_copy> copies,
+                                      bool reads_new);
 
 }  // namespace kelvane

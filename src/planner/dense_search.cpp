@@ -54,7 +54,7 @@ effort_settings settings_for(dense_effort effort, size_t new_size) {
 struct candidate {
   dense_plan plan;
   dense_options options;
-  std::vector<shift_stretch> stretches;
+  std::vector<int64_t> widest_shifts;
   std::vector<uint8_t> payload;
   size_t size() const { return payload.size(); }
   bool is_made() const { return !payload.empty(); }
@@ -104,7 +104,11 @@ class search {
         checksums_(checksums_of(images_)),
         reach_(images_, request.geometry),
         strings_(images_.old_image),
-        is_far_apart_(are_far_apart(images_, strings_)) {}
+        is_far_apart_(are_far_apart(images_, strings_)) {
+    if (is_far_apart_) {
+      all_places_.emplace(images_, std::span<const dense_copy>());
+    }
+  }
 
   dense_update run();
 
@@ -119,7 +123,15 @@ class search {
   std::vector<shift_stretch> align(const dense_options& options, const dense_knowledge& knowledge,
                                    const try_settings& settings,
                                    std::span<const int64_t> kept_shifts) const;
-  dense_plan plan_of(std::span<const shift_stretch> stretches, bool reads_new) const;
+  // All but the items.
+  dense_plan plan_of(std::span<const shift_stretch> stretches) const;
+  void find_items(candidate& made) const {
+    const auto& copies = made.plan.copies;
+    const bool reads_new = made.options.reads_new;
+    made.plan.items = all_places_ ? items_between(images_, *all_places_, reach_, copies, reads_new)
+                                  : items_between(images_, string_places(images_, copies), reach_,
+                                                  copies, reads_new);
+  }
   void write(candidate& made) const {
     made.payload = write_dense(images_, checksums_, made.plan, made.options);
   }
@@ -129,6 +141,7 @@ class search {
   void take_winner(contender& contender, candidate& winner) const;
   static size_t index_of(ByteOrder order) { return order == ByteOrder::kBig ? 1 : 0; }
   void make_seeds(ByteOrder order);
+  void try_options(candidate& best, const dense_options& options) const;
   void try_other_base(candidate& best) const;
   void try_without_differences(candidate& best) const;
   void try_without_new(candidate& best) const;
@@ -139,6 +152,7 @@ class search {
   old_reach reach_;
   string_seeds strings_;
   bool is_far_apart_;
+  std::optional<string_places> all_places_;  // of images far apart, for all plans
   std::array<std::optional<difference_seeds>, 2> differences_;  // by order, those asked for
 };
 
@@ -164,10 +178,9 @@ std::vector<shift_stretch> search::align(const dense_options& options,
   return align_images(input, alignment);
 }
 
-dense_plan search::plan_of(std::span<const shift_stretch> stretches, bool reads_new) const {
+dense_plan search::plan_of(std::span<const shift_stretch> stretches) const {
   dense_plan plan;
   plan.copies = reach_.readable_copies(stretches);
-  plan.items = items_between(images_, reach_, plan.copies, reads_new);
   std::vector<dense_copy> longest;
   for (const dense_copy& copy : plan.copies) {
     if (copy.length >= kLeastEntry) {
@@ -222,7 +235,7 @@ std::vector<dense_options> search::likely_options(std::span<const shift_stretch>
       }
     }
   }
-  const dense_plan plan = plan_of(stretches, request_.reads_new);
+  const dense_plan plan = plan_of(stretches);
   std::vector<size_t> sizes(all.size());
   run_tasks(all.size(), request_.jobs, [&](size_t i) {
     all[i].target.base = likely_base(images_, plan.copies, all[i].target);
@@ -247,26 +260,28 @@ std::vector<dense_options> search::likely_options(std::span<const shift_stretch>
   return likely;
 }
 
+// Takes other options for the same plan if they make a smaller payload.
+void search::try_options(candidate& best, const dense_options& options) const {
+  std::vector<uint8_t> payload = write_dense(images_, checksums_, best.plan, options);
+  if (payload.size() < best.size()) {
+    best.payload = std::move(payload);
+    best.options = options;
+  }
+}
+
 // The base that the aligned images tell may be better than the one that was guessed first.
 void search::try_other_base(candidate& best) const {
-  candidate other = best;
-  other.options.target.base = likely_base(images_, best.plan.copies, best.options.target);
-  if (other.options.target.base == best.options.target.base) {
-    return;
-  }
-  write(other);
-  if (is_smaller(other, best)) {
-    best = std::move(other);
+  dense_options options = best.options;
+  options.target.base = likely_base(images_, best.plan.copies, options.target);
+  if (options.target.base != best.options.target.base) {
+    try_options(best, options);
   }
 }
 
 void search::try_without_differences(candidate& best) const {
-  candidate other = best;
-  other.options.differences = false;
-  write(other);
-  if (is_smaller(other, best)) {
-    best = std::move(other);
-  }
+  dense_options options = best.options;
+  options.differences = false;
+  try_options(best, options);
 }
 
 // Without matches into the new image the device can compute it before it writes any: taken where it
@@ -277,7 +292,7 @@ void search::try_without_new(candidate& best) const {
   }
   candidate other = best;
   other.options.reads_new = false;
-  other.plan = plan_of(best.stretches, false);
+  find_items(other);
   write(other);
   if (!is_smaller(best, other)) {
     best = std::move(other);
@@ -301,10 +316,16 @@ void search::next_round(std::vector<contender>& contenders, const effort_setting
   run_tasks(made.size(), request_.jobs, [&](size_t i) {
     const contender& from = contenders[i / tries];
     made[i].options = from.options;
-    made[i].stretches =
+    const std::vector<shift_stretch> stretches =
         align(from.options, from.knowledge, settings.tries[i % tries], from.kept_shifts);
-    made[i].plan = plan_of(made[i].stretches, from.options.reads_new);
+    made[i].plan = plan_of(stretches);
+    made[i].widest_shifts = widest_shifts(stretches);
+    find_items(made[i]);
     write(made[i]);
+    if (!request_.base_is_known) {
+      try_other_base(made[i]);
+    }
+    made[i].plan.items = {};  // they take more memory than all else, and few are looked at again
   });
   for (size_t i = 0; i < contenders.size(); ++i) {
     const auto first = made.begin() + static_cast<ptrdiff_t>(i * tries);
@@ -314,14 +335,11 @@ void search::next_round(std::vector<contender>& contenders, const effort_setting
 }
 
 void search::take_winner(contender& contender, candidate& winner) const {
-  if (!request_.base_is_known) {
-    try_other_base(winner);
-    contender.options = winner.options;
-  }
+  contender.options = winner.options;
   contender.knowledge.map = winner.plan.map;
   contender.knowledge.prices =
       difference_prices(images_, winner.options.target.data_order, winner.plan.copies);
-  contender.kept_shifts = widest_shifts(winner.stretches);
+  contender.kept_shifts = winner.widest_shifts;
   if (is_smaller(winner, contender.best)) {
     contender.best = std::move(winner);
   }
@@ -364,6 +382,7 @@ dense_update search::run() {
                      contenders.end());
   }
   candidate best = std::move(std::min_element(contenders.begin(), contenders.end(), by_best)->best);
+  find_items(best);
   try_without_differences(best);
   try_without_new(best);
   dense_update update;

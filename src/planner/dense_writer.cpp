@@ -77,6 +77,7 @@ class payload_writer {
 
   std::vector<uint8_t> finish() {
     coder_.finish();
+    payload_.reserve(payload_.size() + coded_.size());
     payload_.insert(payload_.end(), coded_.begin(), coded_.end());
     return std::move(payload_);
   }
