@@ -55,6 +55,11 @@ static KELVANE_DENSE_ONCE unsigned read_likely_bit(kelvane_dense_decoder* decode
   return read_bit(decoder, kelvane_dense_bound(decoder->state.coder.range, probability));
 }
 
+KELVANE_DENSE_ONCE uint32_t kelvane_dense_hash(uint32_t number) {
+  const uint32_t hash = number * 0x9E3779B1u;
+  return hash ^ hash >> 15;
+}
+
 unsigned kelvane_dense_read_flag(kelvane_dense_decoder* decoder, uint32_t context) {
   uint32_t* const counter = kelvane_dense_flag_counter(decoder, context);
   const unsigned bit = read_likely_bit(decoder, kelvane_dense_flag_probability(*counter));
@@ -70,8 +75,7 @@ uint32_t kelvane_dense_read_tree(kelvane_dense_decoder* decoder, uint32_t id, un
   return node - (1u << bits);
 }
 
-// The bit length of number + 1 by ones and a zero, then the bits below its top one: of small
-// numbers with counters.
+// The bit length of number + 1 by ones and a zero, then the bits below its top one.
 uint32_t kelvane_dense_read_number(kelvane_dense_decoder* decoder, uint32_t id) {
   uint32_t length = 0;
   while (length < 31 &&
@@ -79,11 +83,11 @@ uint32_t kelvane_dense_read_number(kelvane_dense_decoder* decoder, uint32_t id) 
     length++;
   }
   uint32_t number = 1;
-  for (uint32_t i = 0; i < length; ++i) {
-    const unsigned bit =
-        length <= KELVANE_DENSE_SMALL_LENGTH
-            ? kelvane_dense_read_flag(decoder, kelvane_dense_bit_context(id, length, number))
-            : read_bit(decoder, decoder->state.coder.range >> 1);
+  for (uint32_t left = length; left-- != 0;) {
+    const uint32_t rest = kelvane_dense_bit_context(length, left, number);
+    const unsigned bit = rest != 0
+                             ? kelvane_dense_read_flag(decoder, kelvane_dense_context_of(id, rest))
+                             : read_bit(decoder, decoder->state.coder.range >> 1);
     number = number << 1 | bit;
   }
   return number - 1;
@@ -95,15 +99,71 @@ uint32_t kelvane_dense_read_signed(kelvane_dense_decoder* decoder, uint32_t id) 
   return number >> 1 ^ (0u - (number & 1u));
 }
 
-uint8_t kelvane_dense_read_literal(kelvane_dense_decoder* decoder, uint32_t position) {
+// ---- Literals
+
+// 30 ln(p / (1 - p)) for p = (i + 1/2) / 32.
+static const int8_t kStretched[32] = {-124, -90, -74, -63, -54, -47, -41, -36, -31, -26, -22,
+                                      -17,  -13, -9,  -6,  -2,  2,   6,   9,   13,  17,  22,
+                                      26,   31,  36,  41,  47,  54,  63,  74,  90,  124};
+// 65536 / (1 + exp(-16 i / 30)).
+static const uint16_t kSquashed[17] = {32768, 41305, 48756, 54527, 58596, 61278,
+                                       62969, 64005, 64629, 65001, 65221, 65351,
+                                       65427, 65472, 65499, 65514, 65523};
+// 256 / (n + 3/2): how far a counter goes that was asked n times.
+static const uint8_t kSteps[8] = {171, 102, 73, 57, 47, 39, 34, 30};
+#define FIRST_WEIGHT 6554  // 0.4
+#define WEIGHT_BITS 14
+#define LEARNING_BITS 13
+#define FARTHEST 255
+
+void kelvane_dense_weigh(kelvane_dense_decoder* decoder, const kelvane_dense_place* place,
+                         uint32_t node, kelvane_dense_opinions* opinions) {
+  kelvane_dense_model* model = &decoder->state.model;
+  const uint32_t half = place->position & 1u;
+  const uint32_t contexts[3] = {place->position & 3u, 4 + (place->ahead >> 4 << 1 | half),
+                                36 + (place->other >> 4 << 1 | half)};
+  int32_t sum = 0;
+  opinions->weights = model->weights[place->other >> 8 ? 4 + half : half << 1 | (node > 15)];
+  for (unsigned i = 0; i < 3; ++i) {
+    const uint32_t hash = kelvane_dense_hash(contexts[i] << 8 | node);
+    opinions->counters[i] = &model->literals[hash >> (22 - decoder->info.model)];
+    opinions->said[i] = kStretched[*opinions->counters[i] >> 3];
+    sum += opinions->weights[i] * opinions->said[i];
+  }
+  uint32_t size = (uint32_t)(sum < 0 ? -sum : sum) >> WEIGHT_BITS;
+  size = size < FARTHEST ? size : FARTHEST;
+  const uint16_t* const from = &kSquashed[size >> 4];
+  const uint32_t likely = from[0] + ((uint32_t)(from[1] - from[0]) * (size & 15u) >> 4);
+  opinions->probability = sum < 0 ? 0x10000u - likely : likely;
+}
+
+// Each counter goes towards the bit, and each weight by how much its counter was for it.
+void kelvane_dense_learn_bit(kelvane_dense_opinions* opinions, unsigned bit) {
+  const int32_t error = (bit ? 0x10000 : 0) - (int32_t)opinions->probability;
+  const uint32_t mirror = bit ? 31 : 0;
+  for (unsigned i = 0; i < 3; ++i) {
+    uint8_t* const counter = opinions->counters[i];
+    const uint32_t count = *counter & 7u;
+    const uint32_t away = (uint32_t)*counter >> 3 ^ mirror;
+    const uint32_t left = away - ((away * kSteps[count] + 128) >> 8);
+    const int32_t weight = opinions->weights[i] + error * opinions->said[i] / (1 << LEARNING_BITS);
+    *counter = (uint8_t)((left ^ mirror) << 3 | (count + (count < 7)));
+    opinions->weights[i] = (int16_t)weight;
+  }
+}
+
+uint32_t kelvane_dense_read_literal(kelvane_dense_decoder* decoder, uint32_t position,
+                                    uint32_t ahead, uint32_t other) {
+  const kelvane_dense_place place = {position, ahead, other};
   uint32_t node = 1;
   while (node < 256) {
-    uint16_t* const counter = kelvane_dense_literal_counter(decoder, position, node);
-    const unsigned bit = read_likely_bit(decoder, kelvane_dense_literal_probability(*counter));
-    *counter = kelvane_dense_literal_after(*counter, bit);
+    kelvane_dense_opinions opinions;
+    kelvane_dense_weigh(decoder, &place, node, &opinions);
+    const unsigned bit = read_likely_bit(decoder, opinions.probability);
+    kelvane_dense_learn_bit(&opinions, bit);
     node = node << 1 | bit;
   }
-  return (uint8_t)node;
+  return node & 0xFFu;
 }
 
 void kelvane_dense_reset_model(kelvane_dense_decoder* decoder) {
@@ -113,8 +173,9 @@ void kelvane_dense_reset_model(kelvane_dense_decoder* decoder) {
   for (uint32_t i = 0; i < sizeof model->flags / sizeof *model->flags; ++i) {
     model->flags[i] = KELVANE_DENSE_EVEN;
   }
-  for (uint32_t i = 0; i < sizeof model->literals / sizeof *model->literals; ++i) {
-    model->literals[i] = 0x8000u;
+  kelvane_dense_fill(model->literals, 128, sizeof model->literals);
+  for (uint32_t i = 0; i < 6; ++i) {
+    model->weights[i][0] = model->weights[i][1] = model->weights[i][2] = FIRST_WEIGHT;
   }
   for (uint32_t i = 0; i < 32; ++i) {
     model->old_registers[i] = KELVANE_DENSE_UNKNOWN;

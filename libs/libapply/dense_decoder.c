@@ -227,13 +227,17 @@ static uint32_t read_value(kelvane_dense_decoder* decoder, const kelvane_dense_t
   if (choice == KELVANE_DENSE_CHOICE_BYTES) {
     const uint32_t mask = kelvane_dense_read_tree(
         decoder, KELVANE_DENSE_C_MASK + (token->length == 4 ? 1u : 0u), token->length);
+    uint32_t ahead = decoder->state.recent & 0xFFu;
     value = token->old_value;
     for (uint32_t k = 0; k < token->length; ++k) {
+      const uint32_t shift = 8 * (k ^ token->flip);
+      const uint32_t old_byte = value >> shift & 0xFFu;
+      uint32_t byte = old_byte;
       if (mask >> k & 1u) {
-        const uint32_t shift = 8 * (k ^ token->flip);
-        value &= ~(0xFFu << shift);
-        value |= (uint32_t)kelvane_dense_read_literal(decoder, position + k) << shift;
+        byte = kelvane_dense_read_literal(decoder, position + k, ahead, 256 + old_byte);
       }
+      value ^= (old_byte ^ byte) << shift;
+      ahead = byte;
     }
     difference = kelvane_dense_difference(token, value);
     if (token->kind == KELVANE_DENSE_BRANCH) {
@@ -285,7 +289,8 @@ static void read_token(kelvane_dense_decoder* decoder) {
                                                                   kelvane_dense_class(&token)))) {
       value = token.old_value;
     } else if (token.kind == KELVANE_DENSE_BYTE) {
-      value = kelvane_dense_read_literal(decoder, state->position);
+      value = kelvane_dense_read_literal(decoder, state->position, state->recent & 0xFFu,
+                                         256 + token.old_value);
     } else {
       value = read_value(decoder, &token, state->position);
     }
@@ -328,12 +333,13 @@ static void copy_match(kelvane_dense_decoder* decoder, uint32_t window, uint8_t*
 static void read_literal_or_match(kelvane_dense_decoder* decoder, uint8_t* out) {
   kelvane_dense_state* state = &decoder->state;
   const unsigned is_match = kelvane_dense_read_flag(
-      decoder, kelvane_dense_context_of(KELVANE_DENSE_C_MATCH, state->model.matches));
-  state->model.matches = (uint8_t)(((uint32_t)state->model.matches << 1 | is_match) & 7u);
+      decoder, kelvane_dense_match_context(state->position, state->model.matches));
+  state->model.matches = (uint8_t)(((uint32_t)state->model.matches << 1 | is_match) & 3u);
   if (is_match) {
     read_match(decoder);
   } else {
-    *out = kelvane_dense_read_literal(decoder, state->position);
+    *out = (uint8_t)kelvane_dense_read_literal(decoder, state->position, state->recent & 0xFFu,
+                                               (uint32_t)state->recent >> 8);
     state->position++;
   }
 }
@@ -356,7 +362,10 @@ int kelvane_dense_window(kelvane_dense_decoder* decoder, uint32_t address, uint8
     kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_ARGUMENT);
   }
   while (state->failed == 0 && state->position < end) {
-    uint8_t* const out = bytes + (state->position - address);
+    uint32_t made = state->position - address;
+    uint8_t* const out = bytes + made;
+    // A rehearsal has no new image, and has to come through the payload all the same.
+    const int is_unknown = state->match_left != 0 && state->match_is_new;
     if (state->pending_count != 0) {
       take_pending(state, out);
     } else if (state->match_left != 0) {
@@ -370,6 +379,9 @@ int kelvane_dense_window(kelvane_dense_decoder* decoder, uint32_t address, uint8
       read_token(decoder);
     } else {
       read_command(decoder);
+    }
+    for (; made < state->position - address; ++made) {
+      state->recent = (uint16_t)((uint32_t)state->recent << 8 | (is_unknown ? 0u : bytes[made]));
     }
   }
   if (state->failed == 0 && address + count > end) {

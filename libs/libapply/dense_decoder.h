@@ -30,8 +30,8 @@
 // holds no pointer. Saved between two windows and put back later, into a decoder that has been
 // opened and asked to resume, it goes on from there.
 //
-// Room: the decoder itself (7132 bytes for a Cortex-M3, 7064 of them `state`) and 14 bytes for each
-// entry of the map. With KELVANE_DENSE_LARGEST_MODEL 0 it takes 3804 bytes (3736) and refuses
+// Room: the decoder itself (8192 bytes for a Cortex-M3, 8124 of them `state`) and 14 bytes for each
+// entry of the map. With KELVANE_DENSE_LARGEST_MODEL 0 it takes 3840 bytes (3772) and refuses
 // payloads made for the larger model. Machines whose KELVANE_DENSE_WITH_... is 0 cost no code, and
 // their payloads are refused.
 
@@ -57,8 +57,8 @@ extern "C" {
 #define KELVANE_DENSE_WITH_RISCV 1
 #endif
 
-// The largest model that is taken: 0 or 1. Model m has 512 << m counters for decisions, as many for
-// literals, and remembers 32 << m references.
+// The largest model that is taken: 0 or 1. Model m has 512 << m counters for decisions, (512 << m)
+// + (512 << 2 * m) for literals, and remembers 32 << m references.
 #ifndef KELVANE_DENSE_LARGEST_MODEL
 #define KELVANE_DENSE_LARGEST_MODEL 1
 #endif
@@ -131,7 +131,7 @@ typedef struct kelvane_dense_coder {
 // What the adaptive coding has seen so far. What is small stands ahead, where instructions reach
 // it.
 typedef struct kelvane_dense_model {
-  uint8_t matches;   // the last three: literal or match
+  uint8_t matches;   // the last two: literal or match
   uint8_t outcomes;  // the last three predictions: right or wrong
   uint8_t outcomes_of[10];
   uint32_t match_shift;
@@ -142,8 +142,10 @@ typedef struct kelvane_dense_model {
   uint32_t new_registers[32];
   uint32_t learned_from[32u << KELVANE_DENSE_LARGEST_MODEL];
   uint32_t learned_to[32u << KELVANE_DENSE_LARGEST_MODEL];
+  int16_t weights[6][3];  // of what a literal's counters say
   union {
-    uint16_t literals[512u << KELVANE_DENSE_LARGEST_MODEL];
+    // Counters by position, behind them those by bytes nearby.
+    uint8_t literals[1024u << KELVANE_DENSE_LARGEST_MODEL];
     uint32_t map_counters[KELVANE_DENSE_MAP_COUNTERS];  // as long as the map is read
   };
   uint32_t flags[512u << KELVANE_DENSE_LARGEST_MODEL];
@@ -154,7 +156,8 @@ typedef struct kelvane_dense_state {
   uint8_t match_is_new;
   uint8_t pending_count;  // bytes of a copied word that did not fit into the last window
   uint8_t pending[4];
-  int32_t failed;  // the code that ended it
+  uint16_t recent;  // the last two bytes, the last one lowest; 0 for those from the new image
+  int32_t failed;   // the code that ended it
   kelvane_dense_coder coder;
   uint32_t position;      // the next byte of the new image
   uint32_t literals_end;  // of the command at hand: literals end, copied bytes begin

@@ -24,7 +24,7 @@ enum kelvane_dense_context {
   KELVANE_DENSE_C_LITERALS,    // number: literals ahead of a copy
   KELVANE_DENSE_C_COPY,        // number: bytes copied
   KELVANE_DENSE_C_SOURCE = 5,  // signed number: from the end of the last source
-  KELVANE_DENSE_C_MATCH,       // flag by the last three: a match comes next
+  KELVANE_DENSE_C_MATCH,       // flag by position and the last two: a match comes next
   KELVANE_DENSE_C_MATCH_NEW,   // flag: from the new image
   KELVANE_DENSE_C_OLD_LENGTH,  // numbers: length of a match
   KELVANE_DENSE_C_NEW_LENGTH,
@@ -110,11 +110,20 @@ static inline uint32_t kelvane_dense_length_context(uint32_t number, uint32_t le
   return kelvane_dense_context_of(number, length) | KELVANE_DENSE_LIKELY;
 }
 
-// Of the bits of a small number below its top one: by its length and the bits so far.
-#define KELVANE_DENSE_SMALL_LENGTH 3u
-static inline uint32_t kelvane_dense_bit_context(uint32_t number, uint32_t length, uint32_t bits) {
-  return kelvane_dense_context_of(number, 32 + 8 * length + bits);
+// What a number's bit depends on that has `left` bits behind it, of `length` below the top one: of
+// small numbers on all bits so far; the last two of others, which tell how they are aligned, on the
+// bit ahead of them. 0 for the rest, which are plain.
+static inline uint32_t kelvane_dense_bit_context(uint32_t length, uint32_t left, uint32_t number) {
+  return length <= 3 ? 32 + 8 * length + number : left < 2 ? 82 + 2 * left + (number & 1u) : 0;
 }
+
+// Of the flag which tells whether a match comes next.
+static inline uint32_t kelvane_dense_match_context(uint32_t position, uint32_t matches) {
+  return kelvane_dense_context_of(KELVANE_DENSE_C_MATCH, (position & 3u) << 2 | matches);
+}
+
+// For places in tables.
+uint32_t kelvane_dense_hash(uint32_t number);
 
 // ---- Counters: probability of 1 and how often it was asked
 //
@@ -123,27 +132,22 @@ static inline uint32_t kelvane_dense_bit_context(uint32_t number, uint32_t lengt
 // A counter that knows nothing.
 #define KELVANE_DENSE_EVEN 0x80000000u
 
-// A probability of as many bits as `most` after a bit: a part of 2 / `divisor` nearer to it.
-static inline uint32_t kelvane_dense_adapted(uint32_t probability, uint32_t most, unsigned bit,
-                                             uint32_t divisor) {
-  const uint32_t mirror = bit ? most : 0;  // what is left to 1 in place of 0
-  probability ^= mirror;
-  probability -= probability * 2 / divisor;
-  return probability ^ mirror;
-}
-
 // Flags: 22 bits of probability above 10 bits of count, 255 at most. The first context that uses a
 // counter says where it begins.
+static inline uint32_t* kelvane_dense_flag_slot(kelvane_dense_decoder* decoder, uint32_t context) {
+  const uint32_t hash = kelvane_dense_hash(context & 0xFFFFu);
+  return decoder->in_map ? &decoder->state.model.map_counters[hash >> 24]
+                         : &decoder->state.model.flags[hash >> (23 - decoder->info.model)];
+}
+
+static inline uint32_t kelvane_dense_begun(uint32_t counter, uint32_t context) {
+  return counter == KELVANE_DENSE_EVEN ? counter | (context & KELVANE_DENSE_VERY_LIKELY) : counter;
+}
+
 static inline uint32_t* kelvane_dense_flag_counter(kelvane_dense_decoder* decoder,
                                                    uint32_t context) {
-  uint32_t hash = (context & 0xFFFFu) * 0x9E3779B1u;
-  hash ^= hash >> 15;
-  uint32_t* const counter = decoder->in_map
-                                ? &decoder->state.model.map_counters[hash >> 24]
-                                : &decoder->state.model.flags[hash >> (23 - decoder->info.model)];
-  if (*counter == KELVANE_DENSE_EVEN) {
-    *counter |= context & KELVANE_DENSE_VERY_LIKELY;
-  }
+  uint32_t* const counter = kelvane_dense_flag_slot(decoder, context);
+  *counter = kelvane_dense_begun(*counter, context);
   return counter;
 }
 
@@ -154,30 +158,39 @@ static inline uint32_t kelvane_dense_flag_probability(uint32_t counter) {
 // The less likely bit takes a quarter off the count: what was known holds no longer.
 static inline uint32_t kelvane_dense_flag_after(uint32_t counter, unsigned bit) {
   uint32_t count = counter & 1023u;
-  const uint32_t probability = kelvane_dense_adapted(counter >> 10, 0x3FFFFFu, bit, 2 * count + 4);
+  const uint32_t mirror = bit ? 0x3FFFFFu : 0;  // what is left to 1 in place of 0
+  uint32_t probability = counter >> 10 ^ mirror;
+  probability -= probability / (count + 2);
   count += count < 255;
   if (bit != counter >> 31) {
     count -= count >> 2;
   }
-  return probability << 10 | count;
+  return (probability ^ mirror) << 10 | count;
 }
 
-// Literals: 12 bits of probability above 4 bits of count, 15 at most.
-static inline uint16_t* kelvane_dense_literal_counter(kelvane_dense_decoder* decoder,
-                                                      uint32_t position, uint32_t node) {
-  return &decoder->state.model
-              .literals[((position & 3u) << 8 | node) & ((512u << decoder->info.model) - 1)];
-}
+// Literals: three counters each say how likely a bit is, by its position, by the byte ahead and by
+// another one; their opinions are weighed, and the weights learn. See kelvane_dense_weigh.
+typedef struct kelvane_dense_opinions {
+  uint8_t* counters[3];  // 5 bits of probability above 3 bits of count
+  int16_t* weights;
+  int32_t said[3];       // by each, the logarithm of its odds
+  uint32_t probability;  // of 1, of 65536
+} kelvane_dense_opinions;
 
-static inline uint32_t kelvane_dense_literal_probability(uint32_t counter) {
-  return counter & 0xFFF0u;
-}
+// What the bits of a literal depend on: its position, the byte ahead, and the second byte ahead or,
+// in a copy, the byte that it replaces and 256. What a match into the new image brought counts as
+// 0.
+typedef struct kelvane_dense_place {
+  uint32_t position;
+  uint32_t ahead;
+  uint32_t other;
+} kelvane_dense_place;
 
-static inline uint16_t kelvane_dense_literal_after(uint32_t counter, unsigned bit) {
-  const uint32_t count = counter & 15u;
-  const uint32_t probability = kelvane_dense_adapted(counter >> 4, 4095u, bit, 2 * count + 3);
-  return (uint16_t)(probability << 4 | (count + (count < 15)));
-}
+// Asks the counters for the next bit; `node` holds those read so far below a 1.
+void kelvane_dense_weigh(kelvane_dense_decoder* decoder, const kelvane_dense_place* place,
+                         uint32_t node, kelvane_dense_opinions* opinions);
+// The bit turned out to be `bit`.
+void kelvane_dense_learn_bit(kelvane_dense_opinions* opinions, unsigned bit);
 
 // The part of `range` that stands for 1.
 static inline uint32_t kelvane_dense_bound(uint32_t range, uint32_t probability) {
@@ -199,7 +212,9 @@ unsigned kelvane_dense_read_flag(kelvane_dense_decoder* decoder, uint32_t contex
 uint32_t kelvane_dense_read_tree(kelvane_dense_decoder* decoder, uint32_t id, unsigned bits);
 uint32_t kelvane_dense_read_number(kelvane_dense_decoder* decoder, uint32_t id);
 uint32_t kelvane_dense_read_signed(kelvane_dense_decoder* decoder, uint32_t id);
-uint8_t kelvane_dense_read_literal(kelvane_dense_decoder* decoder, uint32_t position);
+// What stands there as a kelvane_dense_place.
+uint32_t kelvane_dense_read_literal(kelvane_dense_decoder* decoder, uint32_t position,
+                                    uint32_t ahead, uint32_t other);
 // Keeps the first failure.
 void kelvane_dense_fail(kelvane_dense_decoder* decoder, int code);
 

@@ -38,9 +38,7 @@ static KELVANE_DENSE_ONCE uint32_t old_code(kelvane_dense_decoder* decoder, uint
 // ---- What was learned
 
 static uint32_t learned_slot(const kelvane_dense_decoder* decoder, uint32_t from) {
-  uint32_t hash = from * 0x9E3779B1u;
-  hash ^= hash >> 15;
-  return hash >> (27 - decoder->info.model);
+  return kelvane_dense_hash(from) >> (27 - decoder->info.model);
 }
 
 static void learn(kelvane_dense_decoder* decoder, uint32_t from, uint32_t to) {

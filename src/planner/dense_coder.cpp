@@ -3,7 +3,7 @@
 
 #include <bit>
 
-#include "dense_internal.h"
+#include "dense_prices.h"
 
 namespace kelvane {
 
@@ -58,27 +58,28 @@ void dense_coder::number(uint32_t id, uint32_t value) {
   if (length < 31) {
     flag(kelvane_dense_length_context(id, length), false);
   }
-  for (uint32_t i = length; i-- != 0;) {
-    const bool one = (coded >> i & 1U) != 0;
-    if (length <= KELVANE_DENSE_SMALL_LENGTH) {
-      flag(kelvane_dense_bit_context(id, length, coded >> (i + 1)), one);
+  for (uint32_t left = length; left-- != 0;) {
+    const bool is_one = (coded >> left & 1U) != 0;
+    const uint32_t rest = kelvane_dense_bit_context(length, left, coded >> (left + 1));
+    if (rest != 0) {
+      flag(kelvane_dense_context_of(id, rest), is_one);
     } else {
-      bit(one, range_ >> 1U);
+      bit(is_one, range_ >> 1U);
     }
   }
 }
 
 void dense_coder::signed_number(uint32_t id, uint32_t value) {
-  number(id, value << 1U ^ (0U - (value >> 31U)));
+  number(id, folded(value));
 }
 
-void dense_coder::literal(uint32_t position, uint8_t byte) {
-  uint32_t node = 1;
-  for (uint32_t i = 8; i-- != 0;) {
-    const uint32_t one = static_cast<uint32_t>(byte) >> i & 1U;
-    uint16_t& counter = *kelvane_dense_literal_counter(&decoder_, position, node);
-    bit(one != 0, kelvane_dense_bound(range_, kelvane_dense_literal_probability(counter)));
-    counter = kelvane_dense_literal_after(counter, one);
+void dense_coder::literal(const kelvane_dense_place& place, uint8_t byte) {
+  for (uint32_t node = 1; node < 256;) {
+    kelvane_dense_opinions opinions;
+    kelvane_dense_weigh(&decoder_, &place, node, &opinions);
+    const uint32_t one = (byte | 0x100U) >> (8 - std::bit_width(node)) & 1U;
+    bit(one != 0, kelvane_dense_bound(range_, opinions.probability));
+    kelvane_dense_learn_bit(&opinions, one);
     node = node * 2 + one;
   }
 }

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "dense_decoder.h"
+#include "dense_internal.h"
 
 namespace kelvane {
 
@@ -20,7 +20,7 @@ class dense_coder {
   void tree(uint32_t id, uint32_t value, uint32_t bits);
   void number(uint32_t id, uint32_t value);  // up to 0xFFFFFFFE
   void signed_number(uint32_t id, uint32_t value);
-  void literal(uint32_t position, uint8_t byte);
+  void literal(const kelvane_dense_place& place, uint8_t byte);
   // Appends what is left, without the zeros that the decoder makes up by itself.
   void finish();
 

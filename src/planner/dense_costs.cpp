@@ -2,7 +2,8 @@
 #include "dense_costs.h"
 
 #include <algorithm>
-#include <bit>
+
+#include "dense_prices.h"
 
 namespace kelvane {
 namespace {
@@ -13,20 +14,6 @@ uint32_t differing_bytes(uint32_t first, uint32_t second) {
     count += bits % 256 != 0 ? 1 : 0;
   }
   return count;
-}
-
-// The logarithm of `number` (not 0) to base 2, in eighths: the same on every machine.
-uint32_t log2_eighths(uint64_t number) {
-  const auto whole = static_cast<uint32_t>(std::bit_width(number)) - 1;
-  uint64_t part = whole < 31 ? number << (31 - whole) : number >> (whole - 31);  // 1 is 2^31
-  uint32_t eighths = whole;
-  for (int i = 0; i < 3; ++i) {
-    part = part * part >> 31U;
-    const bool is_above = part >> 32U != 0;
-    part >>= is_above ? 1U : 0U;
-    eighths = 2 * eighths + (is_above ? 1 : 0);
-  }
-  return eighths;
 }
 
 }  // namespace
@@ -206,7 +193,7 @@ class_prices difference_prices(const plan_images& images, ByteOrder order,
       const auto count = static_cast<uint64_t>(next - at);
       if (count >= least) {
         // 1.2 bits for each of its information, and 4.
-        const uint32_t eighths = log2_eighths(differences.size()) - log2_eighths(count);
+        const uint32_t eighths = fixed_log2(differences.size(), 3) - fixed_log2(count, 3);
         prices.push_back({*at, std::clamp(eighths * 12 / 80 + 4, 3U, 30U)});
       }
       at = next;

@@ -2,8 +2,11 @@
 #include "dense_matches.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstring>
+
+#include "dense_prices.h"
 
 namespace kelvane {
 namespace {
@@ -19,44 +22,48 @@ constexpr uint32_t kParsedAtOnce = 1U << 16U;  // bytes
 // Places that are kept of both images; more are thinned out.
 constexpr uint64_t kFewPlaces = 1U << 18U;
 constexpr uint32_t kLargestStep = 4;
-// Costs in tenths of a bit.
-constexpr uint32_t kLiteral = 65;
-constexpr uint32_t kExpectedLiteral = 25;  // the byte that the copy in front would bring
-constexpr uint32_t kMatch = 30;
-constexpr uint32_t kRepeated = 10;
-
-uint32_t number_cost(uint32_t value) {
-  return 10 + 12 * (static_cast<uint32_t>(std::bit_width(value + 1)) - 1);
-}
 
 bool is_one_byte(const uint8_t* string) {
   return std::equal(string + 1, string + kStringBytes, string);
 }
 
+// What the prices of the next item depend on.
+struct item_state {
+  int64_t shift = 0;      // of the copy or match into the old image in front
+  uint32_t distance = 0;  // of the last match into the new one
+  uint8_t matches = 0;    // the last two items: literal or match
+
+  item_state behind(bool is_match) const {
+    return {shift, distance, static_cast<uint8_t>((matches * 2U + (is_match ? 1U : 0U)) & 3U)};
+  }
+};
+
 struct step {
   uint32_t cost = UINT32_MAX;
   dense_item item;
-  int64_t shift = 0;  // from which the next match is told
+  item_state state;
 };
 
-// Bytes `begin` to `end` of the new image, with `shift` that of the copy or match in front.
+// Bytes `begin` to `end` of the new image, with `state` behind what is in front.
 class item_parse {
  public:
   item_parse(const plan_images& images, const string_places& places, const old_reach& reach,
-             bool reads_new, uint32_t begin, uint32_t end, int64_t shift)
+             const item_prices& prices, bool reads_new, uint32_t begin, uint32_t end,
+             const item_state& state)
       : images_(images),
         places_(places),
         reach_(reach),
+        prices_(prices),
         reads_new_(reads_new),
         begin_(begin),
         end_(end),
         steps_(size_t{end} - begin + 1) {
     steps_[0].cost = 0;
-    steps_[0].shift = shift;
+    steps_[0].state = state;
   }
 
-  // Gives the shift at the end.
-  int64_t append(std::vector<dense_item>& items) {
+  // Gives the state at the end.
+  item_state append(std::vector<dense_item>& items) {
     for (uint32_t at = begin_; at < end_; ++at) {
       passed_ = at;
       take_literal(at);
@@ -78,36 +85,42 @@ class item_parse {
         items.push_back(item);
       }
     }
-    return steps_.back().shift;
+    return steps_.back().state;
   }
 
  private:
   uint8_t new_byte(uint32_t at) const { return images_.new_image[at]; }
   const step& step_at(uint32_t at) const { return steps_[at - begin_]; }
 
-  void take_literal(uint32_t at) {
-    const step& from = step_at(at);
-    const int64_t place = at - from.shift;
-    const bool is_expected = place >= 0 && place < static_cast<int64_t>(images_.old_image.size()) &&
-                             images_.old_image[static_cast<size_t>(place)] == new_byte(at);
-    enter(at + 1, from.cost + (is_expected ? kExpectedLiteral : kLiteral),
-          {1, 0, dense_item::literal}, from.shift);
+  const std::array<uint32_t, 2>& match_prices(uint32_t at) const {
+    return prices_.is_match[at % 4 * 4 + step_at(at).state.matches];
   }
 
-  void enter(uint32_t at, uint32_t cost, const dense_item& item, int64_t shift) {
+  void take_literal(uint32_t at) {
+    const step& from = step_at(at);
+    enter(at + 1, from.cost + match_prices(at)[0] + prices_.literal[at],
+          {1, 0, dense_item::literal}, from.state.behind(false));
+  }
+
+  void enter(uint32_t at, uint32_t cost, const dense_item& item, const item_state& state) {
     step& to = steps_[at - begin_];
     if (at > passed_ && cost < to.cost) {
-      to = {cost, item, shift};
+      to = {cost, item, state};
     }
   }
 
   void take_matches(uint32_t at) {
-    const int64_t expected = at - step_at(at).shift;
+    const item_state& state = step_at(at).state;
+    const int64_t expected = at - state.shift;
     if (expected >= 0 && expected < static_cast<int64_t>(images_.old_image.size())) {
       const auto place = static_cast<uint32_t>(expected);
       take_old(at, place, equal_bytes(images_.old_image, place, at));
     }
     if (reads_new_) {
+      if (state.distance != 0) {
+        const uint32_t place = at - state.distance;
+        take_new(at, place, equal_bytes(images_.new_image, place, at));
+      }
       each_of_last(places_.in_new(at), kNewTrials, [&](uint32_t place) {
         take_from_ahead(images_.new_image, place, at,
                         [&](uint32_t k, uint32_t equal) { take_new(at - k, place - k, equal); });
@@ -153,37 +166,44 @@ class item_parse {
 
   // Matches whose bytes have been found equal.
   void take_new(uint32_t at, uint32_t place, uint32_t equal) {
-    take(at, equal, {0, place, dense_item::new_image}, number_cost(at - place - 1),
-         step_at(at).shift);
+    item_state state = step_at(at).state.behind(true);
+    const bool is_same = at - place == state.distance;
+    state.distance = at - place;
+    take(at, equal, {0, place, dense_item::new_image},
+         prices_.is_new[1] + prices_.is_same_distance[is_same ? 1 : 0] +
+             (is_same ? 0 : prices_.distance.of(at - place - 1)),
+         prices_.new_length, state);
   }
 
   void take_old(uint32_t at, uint32_t place, uint32_t equal) {
-    const uint32_t length = reach_.readable(place, at, equal);
-    const int64_t off = static_cast<int64_t>(place) - (at - step_at(at).shift);
-    const uint32_t cost =
-        off == 0 ? kRepeated
-                 : kRepeated + number_cost(static_cast<uint32_t>(2 * (off < 0 ? -off : off)));
-    take(at, length, {0, place, dense_item::old_image}, cost, static_cast<int64_t>(at) - place);
+    item_state state = step_at(at).state.behind(true);
+    const int64_t shift = static_cast<int64_t>(at) - place;
+    const auto off = static_cast<uint32_t>(state.shift - shift);
+    state.shift = shift;
+    take(at, reach_.readable(place, at, equal), {0, place, dense_item::old_image},
+         prices_.is_new[0] + prices_.place.of(folded(off)), prices_.old_length, state);
   }
 
   // All lengths, the long ones by doubling.
-  void take(uint32_t at, uint32_t longest, dense_item item, uint32_t place_cost, int64_t shift) {
+  void take(uint32_t at, uint32_t longest, dense_item item, uint32_t place_cost,
+            const number_prices& length_prices, const item_state& state) {
     constexpr uint32_t kEachLength = 32;
     if (longest >= kLongMatch) {
       long_until_ = std::max(long_until_, at + longest - kNearEnd);
     }
-    const uint32_t cost = step_at(at).cost + kMatch + place_cost;
+    const uint32_t cost = step_at(at).cost + match_prices(at)[1] + place_cost;
     for (uint32_t length = 2; length <= longest; length = length < kEachLength || length == longest
                                                               ? length + 1
                                                               : std::min(longest, length * 2)) {
       item.length = length;
-      enter(at + length, cost + number_cost(length - 2), item, shift);
+      enter(at + length, cost + length_prices.of(length - 2), item, state);
     }
   }
 
   const plan_images& images_;
   const string_places& places_;
   const old_reach& reach_;
+  const item_prices& prices_;
   bool reads_new_;
   uint32_t begin_;
   uint32_t end_;
@@ -265,27 +285,41 @@ std::span<const uint32_t> string_places::in_new(uint32_t at) const {
   return all.first(static_cast<size_t>(std::lower_bound(all.begin(), all.end(), at) - all.begin()));
 }
 
-std::vector<dense_item> items_between(const plan_images& images, const string_places& places,
-                                      const old_reach& reach, std::span<const dense_copy> copies,
-                                      bool reads_new) {
+namespace {
+
+std::vector<dense_item> cheapest_items(const plan_images& images, const string_places& places,
+                                       const old_reach& reach, const item_prices& prices,
+                                       std::span<const dense_copy> copies, bool reads_new) {
   std::vector<dense_item> items;
   uint32_t at = 0;
-  int64_t shift = 0;
+  item_state state;
   const auto store_up_to = [&](uint32_t end) {
     while (at < end) {
       const uint32_t part = at + std::min(end - at, kParsedAtOnce);
-      shift = item_parse(images, places, reach, reads_new, at, part, shift).append(items);
+      state = item_parse(images, places, reach, prices, reads_new, at, part, state).append(items);
       at = part;
     }
   };
   for (const dense_copy& copy : copies) {
     store_up_to(copy.target);
     at = copy.target + copy.length;
-    shift = static_cast<int64_t>(copy.target) - copy.source;
+    state.shift = static_cast<int64_t>(copy.target) - copy.source;
   }
   store_up_to(static_cast<uint32_t>(images.new_image.size()));
   items.shrink_to_fit();
   return items;
+}
+
+}  // namespace
+
+std::vector<dense_item> items_between(const plan_images& images, const string_places& places,
+                                      const old_reach& reach, std::span<const dense_copy> copies,
+                                      bool reads_new) {
+  const auto cheapest = [&](const item_prices& prices) {
+    return cheapest_items(images, places, reach, prices, copies, reads_new);
+  };
+  const std::vector<dense_item> usual = cheapest(usual_prices(images.new_image.size()));
+  return cheapest(measured_prices(images, copies, usual));
 }
 
 }  // namespace kelvane

@@ -4,8 +4,9 @@
 // What is stored between copies: each byte as it is, or as a part of bytes that are somewhere
 // already, in the old image or in what is there of the new one.
 //
-// The cheapest way through is found with fixed costs: a byte 6.5 bits, a number some 1.2 bits for
-// each of its bits. Places to look at come from an index of strings of four bytes.
+// The cheapest way through is found twice: first with what bytes and numbers usually cost, then
+// with what they cost in a payload that goes the first way (dense_prices.h). Places to look at come
+// from an index of strings of four bytes.
 
 #include <span>
 #include <vector>

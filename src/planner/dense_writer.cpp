@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "dense_writer.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 
 #include "dense_coder.h"
 #include "dense_model.h"
+#include "dense_prices.h"
 
 namespace kelvane {
 namespace {
@@ -90,6 +92,22 @@ class payload_writer {
   uint32_t write_token(uint32_t source, uint32_t position, uint32_t left);
   void write_value(const kelvane_dense_token& token, uint32_t position, uint32_t value);
   uint32_t new_value(uint32_t position, const kelvane_dense_token& token) const;
+  // Byte `k` of a token in memory.
+  static uint32_t value_byte(const kelvane_dense_token& token, uint32_t value, uint32_t k) {
+    return value >> 8 * (k ^ token.flip) & 0xFFU;
+  }
+  // Where byte `k` of a token stands, which replaces another one.
+  kelvane_dense_place changed_place(uint32_t position, uint32_t k, uint32_t old_byte) const {
+    const uint32_t ahead =
+        k == 0 ? decoder_.state.recent & 0xFFU : images_.new_image[position + k - 1];
+    return {position + k, ahead, 256 + old_byte};
+  }
+  // Bytes of the new image that a decoder knows when it goes on behind them.
+  void pass(uint32_t at, uint32_t count) {
+    for (const uint8_t byte : images_.new_image.subspan(at, count)) {
+      decoder_.state.recent = recent_behind(decoder_.state.recent, byte);
+    }
+  }
   bool told_by_difference(const kelvane_dense_token& token, uint32_t position, uint32_t value,
                           uint32_t& difference) const;
   uint32_t new_size() const { return decoder_.info.new_size; }
@@ -216,19 +234,25 @@ void payload_writer::write_match(const dense_item& item) {
 void payload_writer::write_items(uint32_t end) {
   uint8_t& matches = decoder_.state.model.matches;
   const auto tell = [&](bool is_match) {
-    coder_.flag(kelvane_dense_context_of(KELVANE_DENSE_C_MATCH, matches), is_match);
-    matches = static_cast<uint8_t>((matches * 2U + (is_match ? 1U : 0U)) & 7U);
+    coder_.flag(kelvane_dense_match_context(position_, matches), is_match);
+    matches = static_cast<uint8_t>((matches * 2U + (is_match ? 1U : 0U)) & 3U);
   };
   for (; position_ < end; ++item_) {
     if (item_->kind != dense_item::literal) {
       tell(true);
       write_match(*item_);
+      if (item_->kind == dense_item::new_image) {
+        decoder_.state.recent = 0;
+      } else {
+        pass(position_, item_->length);
+      }
       position_ += item_->length;
       continue;
     }
     for (uint32_t i = 0; i < item_->length; ++i, ++position_) {
       tell(false);
-      coder_.literal(position_, images_.new_image[position_]);
+      coder_.literal(literal_place(position_, decoder_.state.recent), images_.new_image[position_]);
+      pass(position_, 1);
     }
   }
 }
@@ -261,24 +285,35 @@ bool payload_writer::told_by_difference(const kelvane_dense_token& token, uint32
 void payload_writer::write_value(const kelvane_dense_token& token, uint32_t position,
                                  uint32_t value) {
   uint32_t* const list = decoder_.state.model.differences[kelvane_dense_list(&token)];
+  const uint32_t choice_id = KELVANE_DENSE_C_CHOICE + token.kind;
+  const uint32_t mask_id = KELVANE_DENSE_C_MASK + (token.length == 4 ? 1U : 0U);
+  const counter_prices prices(decoder_);
   uint32_t mask = 0;
-  uint32_t byte_bits = 4;  // about what changed bytes take
-  for (uint32_t k = 0; k < token.length; ++k) {
-    if (((value ^ token.old_value) >> 8 * (k ^ token.flip)) % 256 != 0) {
-      mask |= 1U << k;
-      byte_bits += 7;
+  const auto each_changed = [&](const auto& take) {
+    for (uint32_t k = 0; k < token.length; ++k) {
+      const uint32_t old_byte = value_byte(token, token.old_value, k);
+      if (value_byte(token, value, k) != old_byte) {
+        take(k, changed_place(position, k, old_byte), images_.new_image[position + k]);
+      }
     }
-  }
+  };
+  uint32_t bytes_price = prices.tree(choice_id, KELVANE_DENSE_CHOICE_BYTES, 3);
+  each_changed([&](uint32_t k, const kelvane_dense_place& place, uint8_t byte) {
+    mask |= 1U << k;
+    bytes_price += prices.literal(place, byte);
+  });
+  bytes_price += prices.tree(mask_id, mask, token.length);
   uint32_t difference = 0;
   uint32_t choice = KELVANE_DENSE_CHOICE_BYTES;
   if (told_by_difference(token, position, value, difference)) {
-    choice =
+    const auto known =
         static_cast<uint32_t>(std::find(list, list + KELVANE_DENSE_DIFFERENCES, difference) - list);
-    const uint32_t magnitude = difference >> 31U != 0 ? 0U - difference : difference;
-    const auto bits = static_cast<uint32_t>(std::bit_width(magnitude | 1U));
-    if (choice == KELVANE_DENSE_CHOICE_DIFFERENCE && bits + 4 > byte_bits) {
-      choice = KELVANE_DENSE_CHOICE_BYTES;
-    }
+    const uint32_t price =
+        prices.tree(choice_id, known, 3) +
+        (known == KELVANE_DENSE_CHOICE_DIFFERENCE
+             ? prices.signed_number(KELVANE_DENSE_C_DIFFERENCE + token.kind, difference)
+             : 0);
+    choice = price <= bytes_price ? known : choice;
   } else {
     uint32_t target = 0;
     difference =
@@ -286,14 +321,12 @@ void payload_writer::write_value(const kelvane_dense_token& token, uint32_t posi
             ? target - token.target
             : 0;
   }
-  coder_.tree(KELVANE_DENSE_C_CHOICE + token.kind, choice, 3);
+  coder_.tree(choice_id, choice, 3);
   if (choice == KELVANE_DENSE_CHOICE_BYTES) {
-    coder_.tree(KELVANE_DENSE_C_MASK + (token.length == 4 ? 1U : 0U), mask, token.length);
-    for (uint32_t k = 0; k < token.length; ++k) {
-      if ((mask >> k & 1U) != 0) {
-        coder_.literal(position + k, images_.new_image[position + k]);
-      }
-    }
+    coder_.tree(mask_id, mask, token.length);
+    each_changed([&](uint32_t, const kelvane_dense_place& place, uint8_t byte) {
+      coder_.literal(place, byte);
+    });
   } else if (choice == KELVANE_DENSE_CHOICE_DIFFERENCE) {
     coder_.signed_number(KELVANE_DENSE_C_DIFFERENCE + token.kind, difference);
   }
@@ -315,12 +348,13 @@ uint32_t payload_writer::write_token(uint32_t source, uint32_t position, uint32_
     if (token.predicted != token.old_value && stays) {
       // The flag has told it.
     } else if (token.kind == KELVANE_DENSE_BYTE) {
-      coder_.literal(position, images_.new_image[position]);
+      coder_.literal(changed_place(position, 0, token.old_value), images_.new_image[position]);
     } else {
       write_value(token, position, value);
     }
   }
   kelvane_dense_note(&decoder_, &token, decoder_.info.base + position, value, is_hit ? 1 : 0);
+  pass(position, token.length);
   return token.length;
 }
 

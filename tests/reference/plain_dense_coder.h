@@ -5,7 +5,9 @@
 // adaptive binary coder behind it.
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
+#include <cstdlib>
 #include <span>
 #include <vector>
 
@@ -52,7 +54,7 @@ class PlainCoder {
     counters_.assign(size_t{1} << bits, {0, 0});
     hash_bits_ = bits;
   }
-  void take_literals(uint32_t count) { literals_.assign(count, {1U << 11, 0}); }
+  void take_literals(uint32_t count) { literals_.assign(count, {16, 0}); }
 
   uint32_t next() { return at_ < payload_.size() ? payload_[at_++] : 0; }
 
@@ -94,20 +96,49 @@ class PlainCoder {
       ++length;
     }
     uint32_t v = 1;
-    for (uint32_t i = 0; i < length; ++i) {
-      v = 2 * v + (length <= 3 ? flag(a, 32 + 8 * length + v) : bit(range_ / 2));
+    for (uint32_t i = length; i-- != 0;) {
+      const uint32_t one = length <= 3 ? flag(a, 32 + 8 * length + v)
+                           : i < 2     ? flag(a, 82 + 2 * i + v % 2)
+                                       : bit(range_ / 2);
+      v = 2 * v + one;
     }
     return v - 1;
   }
   uint32_t signed_number(uint32_t a) { return with_sign(number(a)); }
-  uint8_t literal(uint32_t position) {
+  uint32_t weighed_bit(uint32_t node, uint32_t p, uint32_t e, uint32_t f) {
+    static constexpr int kS[16] = {2, 6, 9, 13, 17, 22, 26, 31, 36, 41, 47, 54, 63, 74, 90, 124};
+    static constexpr int kQ[17] = {32768, 41305, 48756, 54527, 58596, 61278, 62969, 64005, 64629,
+                                   65001, 65221, 65351, 65427, 65472, 65499, 65514, 65523};
+    static constexpr uint32_t kR[8] = {171, 102, 73, 57, 47, 39, 34, 30};
+    const std::array<uint32_t, 3> c = {p % 4, 4 + 2 * (e / 16) + p % 2, 36 + 2 * (f / 16) + p % 2};
+    std::array<int16_t, 3>& weights =
+        weights_[f < 256 ? 2 * (p % 2) + (node > 15 ? 1 : 0) : 4 + p % 2];
+    std::array<size_t, 3> numbers = {};
+    std::array<int, 3> said = {};
+    int t = 0;
+    for (size_t i = 0; i < 3; ++i) {
+      numbers[i] = (hash(256 * c[i] + node) >> 16) * literals_.size() >> 16;
+      const uint32_t q = literals_[numbers[i]].first;
+      said[i] = q < 16 ? -kS[15 - q] : kS[q - 16];
+      t += weights[i] * said[i];
+    }
+    const int a = std::min(std::abs(t) >> 14, 255);
+    const int v = kQ[a / 16] + (kQ[a / 16 + 1] - kQ[a / 16]) * (a % 16) / 16;
+    const int probability = t < 0 ? 65536 - v : v;
+    const uint32_t one = bit_of(static_cast<uint32_t>(probability));
+    for (size_t i = 0; i < 3; ++i) {
+      weights[i] = static_cast<int16_t>(weights[i] +
+                                        ((one != 0 ? 65536 : 0) - probability) * said[i] / 8192);
+      auto& [q, n] = literals_[numbers[i]];
+      q = one != 0 ? q + ((31 - q) * kR[n] + 128) / 256 : q - (q * kR[n] + 128) / 256;
+      n = std::min(n + 1, 7U);
+    }
+    return one;
+  }
+  uint8_t literal(uint32_t p, uint32_t e, uint32_t f) {
     uint32_t node = 1;
     while (node < 256) {
-      auto& [q, n] = literals_[(256 * (position % 4) + node) % literals_.size()];
-      const uint32_t one = bit_of(16 * q);
-      q = one != 0 ? q + 2 * (4095 - q) / (2 * n + 3) : q - 2 * q / (2 * n + 3);
-      n = std::min(n + 1, 15U);
-      node = 2 * node + one;
+      node = 2 * node + weighed_bit(node, p, e, f);
     }
     return static_cast<uint8_t>(node - 256);
   }
@@ -118,6 +149,12 @@ class PlainCoder {
   std::span<const uint8_t> payload_;
   uint32_t range_ = 0xFFFFFFFF, code_ = 0, hash_bits_ = 8;
   std::vector<std::pair<uint32_t, uint32_t>> counters_, literals_;
+  std::array<std::array<int16_t, 3>, 6> weights_ = {{{6554, 6554, 6554},
+                                                     {6554, 6554, 6554},
+                                                     {6554, 6554, 6554},
+                                                     {6554, 6554, 6554},
+                                                     {6554, 6554, 6554},
+                                                     {6554, 6554, 6554}}};
 };
 
 }  // namespace kelvane::plain_dense

@@ -43,7 +43,7 @@ class PlainDecoder : private PlainCoder, private PlainMachine {
     take_counters(8);
     read_map();
     take_counters(9 + model_);
-    take_literals(512U << model_);
+    take_literals(1024U << model_);
     learned_.assign(32U << model_, {0, 0});
     while (new_.size() < new_size_) {
       read_command();
@@ -195,12 +195,17 @@ class PlainDecoder : private PlainCoder, private PlainMachine {
     }
   }
 
+  // A byte ahead of where the new image goes on, 0 for what a match into it brought.
+  uint32_t in_front(size_t distance) const {
+    return new_.size() < unknown_end_ + distance ? 0 : new_[new_.size() - distance];
+  }
+
   void read_literal_or_match(uint32_t end) {
     const auto position = static_cast<uint32_t>(new_.size());
-    const uint32_t is_match = flag(6, matches_);
-    matches_ = (2 * matches_ + is_match) % 8;
+    const uint32_t is_match = flag(6, 4 * (position % 4) + matches_);
+    matches_ = (2 * matches_ + is_match) % 4;
     if (is_match == 0) {
-      new_.push_back(literal(position));
+      new_.push_back(literal(position, in_front(1), in_front(2)));
       return;
     }
     const bool is_new = flag(7, 0) != 0;
@@ -213,6 +218,7 @@ class PlainDecoder : private PlainCoder, private PlainMachine {
       for (uint64_t i = 0; i < length; ++i) {
         new_.push_back(new_[new_.size() - distance_]);
       }
+      unknown_end_ = position + static_cast<uint32_t>(length);
       return;
     }
     const uint32_t place = position - match_shift_ + signed_number(13);
@@ -485,7 +491,9 @@ class PlainDecoder : private PlainCoder, private PlainMachine {
       for (uint32_t k = 0; k < token.length; ++k) {
         if ((mask >> k & 1) != 0) {
           const uint32_t at = 8 * (k ^ token.flip);
-          value = (value & ~(0xFFU << at)) | uint32_t{literal(p + k)} << at;
+          const uint32_t e = k == 0 ? in_front(1) : value >> 8 * ((k - 1) ^ token.flip) & 0xFF;
+          const uint32_t f = 256 + (token.old_value >> at & 0xFF);
+          value = (value & ~(0xFFU << at)) | uint32_t{literal(p + k, e, f)} << at;
         }
       }
       difference = token.length == 2 ? extended(field(value - token.predicted, 15, 0), 16)
@@ -546,7 +554,8 @@ class PlainDecoder : private PlainCoder, private PlainMachine {
       if (token.predicted != token.old_value && flag(14, group) != 0) {
         value = token.old_value;
       } else {
-        value = token.kind == kByte ? literal(p) : read_value(token, p);
+        value = token.kind == kByte ? literal(p, in_front(1), 256 + token.old_value)
+                                    : read_value(token, p);
       }
     }
     outcomes_[kind] = 2 * outcomes_[kind] + (is_hit ? 0 : 1);
@@ -573,7 +582,8 @@ class PlainDecoder : private PlainCoder, private PlainMachine {
   bool reads_new_ = false, distances_ = false;
   std::vector<std::pair<uint32_t, uint32_t>> learned_;
   std::vector<Entry> entries_, by_source_;
-  uint32_t match_shift_ = 0, distance_ = 0, matches_ = 0, source_end_ = 0, tail_ = 1;
+  uint32_t unknown_end_ = 0, match_shift_ = 0, distance_ = 0, matches_ = 0, source_end_ = 0,
+           tail_ = 1;
   std::array<std::list<uint32_t>, 3> differences_ = {
       std::list<uint32_t>(6, 0), std::list<uint32_t>(6, 0), std::list<uint32_t>(6, 0)};
   std::array<uint32_t, 9> outcomes_ = {};

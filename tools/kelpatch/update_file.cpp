@@ -98,10 +98,11 @@ bool is_update(const Bytes& bytes) {
 }
 
 uint32_t dense_state_size(uint8_t model) {
-  constexpr uint32_t kCounters = (512U << KELVANE_DENSE_LARGEST_MODEL) * 6;
-  constexpr uint32_t kLearned = (32U << KELVANE_DENSE_LARGEST_MODEL) * 8;
-  constexpr uint32_t kOther = sizeof(kelvane_dense_state) - kCounters - kLearned;
-  return kOther + (512U << model) * 6 + (32U << model) * 8;
+  const auto by_model = [](uint32_t m) {
+    return (512U << m) * 4 + (512U << m) + (512U << 2 * m) + (32U << m) * 8;
+  };
+  return static_cast<uint32_t>(sizeof(kelvane_dense_state)) -
+         by_model(KELVANE_DENSE_LARGEST_MODEL) + by_model(model);
 }
 
 uint32_t dense_memory(uint8_t model, uint32_t map_entries) {
