@@ -30,7 +30,7 @@
 // holds no pointer. Saved between two windows and put back later, into a decoder that has been
 // opened and asked to resume, it goes on from there.
 //
-// Room: the decoder itself (8192 bytes for a Cortex-M3, 8124 of them `state`) and 14 bytes for each
+// Room: the decoder itself (7168 bytes for a Cortex-M3, 7100 of them `state`) and 14 bytes for each
 // entry of the map. With KELVANE_DENSE_LARGEST_MODEL 0 it takes 3840 bytes (3772) and refuses
 // payloads made for the larger model. Machines whose KELVANE_DENSE_WITH_... is 0 cost no code, and
 // their payloads are refused.

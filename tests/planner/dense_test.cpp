@@ -56,15 +56,15 @@ struct MachineCase {
 
 // clang-format off
 const MachineCase kMachineCases[] = {
-  {"none",       {KELVANE_DENSE_NONE,    kLittle, kLittle, 0x00010000}, 169},
+  {"none",       {KELVANE_DENSE_NONE,    kLittle, kLittle, 0x00010000}, 168},
   {"thumb",      {KELVANE_DENSE_THUMB,   kLittle, kLittle, 0x08004000}, 128},
   {"thumb_be",   {KELVANE_DENSE_THUMB,   kBig,    kBig,    0x00100000}, 121},
   {"thumb_be8",  {KELVANE_DENSE_THUMB,   kLittle, kBig,    0x00100000}, 120},
-  {"arm",        {KELVANE_DENSE_ARM,     kLittle, kLittle, 0x00010000}, 140},
+  {"arm",        {KELVANE_DENSE_ARM,     kLittle, kLittle, 0x00010000}, 139},
   {"arm_be8",    {KELVANE_DENSE_ARM,     kLittle, kBig,    0x00010000}, 140},
   {"powerpc",    {KELVANE_DENSE_POWERPC, kBig,    kBig,    0x00FF8000}, 160},
-  {"powerpc_le", {KELVANE_DENSE_POWERPC, kLittle, kLittle, 0x10000000}, 155},
-  {"mips",       {KELVANE_DENSE_MIPS,    kBig,    kBig,    0x9FC00000}, 151},
+  {"powerpc_le", {KELVANE_DENSE_POWERPC, kLittle, kLittle, 0x10000000}, 158},
+  {"mips",       {KELVANE_DENSE_MIPS,    kBig,    kBig,    0x9FC00000}, 150},
   {"mips_le",    {KELVANE_DENSE_MIPS,    kLittle, kLittle, 0x80000000}, 154},
   {"riscv",      {KELVANE_DENSE_RISCV,   kLittle, kLittle, 0x20400000}, 140},
 };
