@@ -10,13 +10,15 @@ namespace kelvane {
 namespace {
 
 // By the upper 12 bits of a probability of 65536.
-constexpr std::array<uint8_t, 4096> kPrices = [] {
+constexpr std::array<uint8_t, 4096> prices_of_shares() {
   std::array<uint8_t, 4096> prices = {};
   for (uint32_t i = 0; i < prices.size(); ++i) {
     prices[i] = static_cast<uint8_t>(share_price(2 * i + 1, 2 * prices.size()));
   }
   return prices;
-}();
+}
+
+constexpr std::array<uint8_t, 4096> kPrices = prices_of_shares();
 
 uint32_t bit_price(uint32_t probability, bool bit) {
   return kPrices[(bit ? probability : 0xFFFFU - probability) >> 4U];
@@ -39,7 +41,7 @@ class number_counts {
   number_prices prices() const {
     number_prices prices;
     for (size_t i = 0; i < length_.size(); ++i) {
-      prices.length[i] = share_price(16 * uint64_t{length_[i]} + 5, 16 * uint64_t{count_} + 96);
+      prices.length[i] = share_price(16 * length_[i] + 5, 16 * count_ + 96);
     }
     for (size_t i = 0; i < last_.size(); ++i) {
       prices.last[i] = share_price(last_[i] + 2, long_ + 8);
@@ -48,10 +50,10 @@ class number_counts {
   }
 
  private:
-  std::array<uint32_t, 32> length_ = {};
-  std::array<uint32_t, 4> last_ = {};
-  uint32_t count_ = 0;
-  uint32_t long_ = 0;
+  std::array<uint64_t, 32> length_ = {};
+  std::array<uint64_t, 4> last_ = {};
+  uint64_t count_ = 0;
+  uint64_t long_ = 0;
 };
 
 struct flag_counts {

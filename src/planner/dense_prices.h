@@ -97,9 +97,9 @@ inline kelvane_dense_place literal_place(uint32_t position, uint32_t recent) {
   return {position, recent & 0xFFU, recent >> 8U & 0xFFU};
 }
 
-// `recent` behind another byte.
+// `recent`, the last two bytes, behind another one.
 inline uint16_t recent_behind(uint32_t recent, uint8_t byte) {
-  return static_cast<uint16_t>(recent << 8U | byte);
+  return static_cast<uint16_t>(256U * recent + byte);
 }
 
 }  // namespace kelvane
