@@ -174,6 +174,36 @@ void check_memory_options(const Options& options) {
   }
 }
 
+// Takes an option that patches and updates have in common; gives false for any other.
+template <typename GetValue>
+bool take_common_option(Options& options, const std::string& argument, const std::string& name,
+                        const GetValue& value) {
+  if (name == "-o" || name == "--output") {
+    options.patch_name = value();
+  } else if (name == "--effort") {
+    options.effort = value_named(kEfforts, "effort", value());
+  } else if (name == "--jobs") {
+    options.jobs = number_of(name, value(), 1, 1024);
+  } else if (name == "--report") {
+    options.report_name = value();
+  } else if (argument == "--big-endian") {
+    options.order = ByteOrder::kBig;
+  } else if (argument == "--little-endian") {
+    options.order = ByteOrder::kLittle;
+  } else if (argument == "-q" || argument == "--quiet") {
+    options.quiet = true;
+  } else if (argument == "--help") {
+    options.help = true;
+  } else if (argument == "--version") {
+    options.version = true;
+  } else if (argument == "--bundle") {
+    options.bundle = true;
+  } else {
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 const char* help_text() {
@@ -274,33 +304,13 @@ Options parse_options(const std::vector<std::string>& arguments) {
       }
       return text;
     };
-    if (name == "-o" || name == "--output") {
-      options.patch_name = value();
-    } else if (name == "--effort") {
-      options.effort = value_named(kEfforts, "effort", value());
-    } else if (name == "--jobs") {
-      options.jobs = number_of(name, value(), 1, 1024);
-    } else if (name == "--report") {
-      options.report_name = value();
-    } else if (argument == "--big-endian") {
-      options.order = ByteOrder::kBig;
-    } else if (argument == "--little-endian") {
-      options.order = ByteOrder::kLittle;
-    } else if (argument == "-q" || argument == "--quiet") {
-      options.quiet = true;
-    } else if (argument == "--help") {
-      options.help = true;
-    } else if (argument == "--version") {
-      options.version = true;
-    } else if (argument == "--bundle") {
-      options.bundle = true;
-    } else if (argument == "--") {
+    if (argument == "--") {
       only_operands = true;
     } else if (take_patch_option(options, argument, name, value)) {
       for_patches.push_back(name);
     } else if (take_update_option(options.update, argument, name, value)) {
       for_updates.push_back(name);
-    } else {
+    } else if (!take_common_option(options, argument, name, value)) {
       usage_error("unknown option '" + argument + "'");
     }
   }
