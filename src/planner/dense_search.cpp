@@ -20,6 +20,10 @@ namespace {
 constexpr uint32_t kLeastEntry = 12;  // bytes of a copy that goes into the map
 constexpr uint32_t kFirstBlockBits = 60;
 constexpr size_t kLargeImage = 1U << 20U;
+// Where more than an eighth of an image as large as this has to be sent, more tries take a minute
+// for a megabyte and gain half a percent.
+constexpr size_t kImageOfFewTries = 1U << 18U;
+constexpr size_t kMuchNew = 8;
 constexpr size_t kFewMachines = 3;     // that are tried on images far apart
 constexpr size_t kFewestMachines = 2;  // that stay behind the second round
 constexpr size_t kSlack = 32;          // bytes in which small payloads may differ by chance
@@ -413,8 +417,8 @@ dense_update search::run() {
           likely_base(images_, reach_.readable_copies(stretches), *request_.target);
     }
   }
-  const effort_settings settings =
-      settings_for(request_.effort, images_.new_image.size(), is_far_apart_);
+  const size_t new_size = images_.new_image.size();
+  effort_settings settings = settings_for(request_.effort, new_size, is_far_apart_);
   std::vector<contender> contenders;
   contenders.reserve(likely.size());
   for (const dense_options& options : likely) {
@@ -425,6 +429,10 @@ dense_update search::run() {
     progress_.most_tries = progress_.tries + most_tries_from(settings, round, contenders.size());
     next_round(contenders, tries);
     drop_behind(contenders, round);
+    if (request_.effort == dense_effort::normal && new_size >= kImageOfFewTries &&
+        contenders.front().best.size() * kMuchNew > new_size) {
+      settings = settings_for(dense_effort::quick, new_size, is_far_apart_);
+    }
   }
   candidate best = std::move(contenders.front().best);
   find_items(best);
