@@ -294,18 +294,23 @@ TEST(PlanOfMemoryTest, ParksInTheSwapRegionAndNoWhereElse) {
   }
 }
 
+// Without compression, for a big-endian target.
+plan plan_of(std::span<const memory_section_pair> sections) {
+  const laid_out_memory memory(sections, {});
+  plan_request request;
+  request.images = memory.images();
+  request.rules = rules_for(patch_profile::wide, 0);
+  request.order = ByteOrder::kBig;
+  return search_plan(request).planned;
+}
+
 // A section that ends inside a word ends with one store.
 TEST(PlanOfMemoryTest, StoresTheEndOfASectionWhole) {
   const Bytes old_bytes(70, 0x10);
   Random random(8);
   const Bytes new_bytes = random.bytes(70);
   const std::vector<memory_section_pair> sections = {{{0x1001, old_bytes}, {0x1001, new_bytes}}};
-  const laid_out_memory memory(sections, {});
-  plan_request request;
-  request.images = memory.images();
-  request.rules = rules_for(patch_profile::wide, 0);
-  request.order = ByteOrder::kBig;
-  const plan planned = search_plan(request).planned;
+  const plan planned = plan_of(sections);
   ASSERT_EQ(planned.stores.size(), 1U);
   EXPECT_EQ(planned.stores[0].size, 70U);
 }
@@ -324,12 +329,7 @@ TEST(PlanOfMemoryTest, IncrementsWholeWordsOnly) {
     const std::vector<memory_section_pair> sections = {
         {{0x1000, before.first(34)}, {0x1000, after.first(34)}},
         {{next, before.subspan(34 + gap)}, {next, after.subspan(34 + gap)}}};
-    const laid_out_memory memory(sections, {});
-    plan_request request;
-    request.images = memory.images();
-    request.rules = rules_for(patch_profile::wide, 0);
-    request.order = ByteOrder::kBig;
-    const plan planned = search_plan(request).planned;
+    const plan planned = plan_of(sections);
     EXPECT_EQ(planned.words.size(), 16 - gap);
     EXPECT_EQ(planned.stores.size(), gap);
   }
