@@ -57,11 +57,15 @@ extern "C" {
 #define KELVANE_DENSE_WITH_RISCV 1
 #endif
 
-// The largest model that is taken: 0 or 1. Model m has 512 << m counters for decisions, (512 << m)
-// + (512 << 2 * m) for literals, and remembers 32 << m references.
+// The largest model that is taken: 0 or 1.
 #ifndef KELVANE_DENSE_LARGEST_MODEL
 #define KELVANE_DENSE_LARGEST_MODEL 1
 #endif
+
+// What a model has: counters for decisions and for literals, and references that it remembers.
+#define KELVANE_DENSE_FLAGS(model) (512u << (model))
+#define KELVANE_DENSE_LITERALS(model) (1024u << (model))
+#define KELVANE_DENSE_LEARNED(model) (32u << (model))
 
 enum kelvane_dense_code {
   KELVANE_DENSE_OK = 0,
@@ -140,15 +144,15 @@ typedef struct kelvane_dense_model {
   uint32_t differences[3][6];
   uint32_t old_registers[32];
   uint32_t new_registers[32];
-  uint32_t learned_from[32u << KELVANE_DENSE_LARGEST_MODEL];
-  uint32_t learned_to[32u << KELVANE_DENSE_LARGEST_MODEL];
+  uint32_t learned_from[KELVANE_DENSE_LEARNED(KELVANE_DENSE_LARGEST_MODEL)];
+  uint32_t learned_to[KELVANE_DENSE_LEARNED(KELVANE_DENSE_LARGEST_MODEL)];
   int16_t weights[6][3];  // of what a literal's counters say
   union {
     // Counters by position, behind them those by bytes nearby.
-    uint8_t literals[1024u << KELVANE_DENSE_LARGEST_MODEL];
+    uint8_t literals[KELVANE_DENSE_LITERALS(KELVANE_DENSE_LARGEST_MODEL)];
     uint32_t map_counters[KELVANE_DENSE_MAP_COUNTERS];  // as long as the map is read
   };
-  uint32_t flags[512u << KELVANE_DENSE_LARGEST_MODEL];
+  uint32_t flags[KELVANE_DENSE_FLAGS(KELVANE_DENSE_LARGEST_MODEL)];
 } kelvane_dense_model;
 
 // All that the next window depends on.

@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "dense_coder.h"
 
-#include <bit>
-
-#include "dense_prices.h"
+#include "dense_decisions.h"
 
 namespace kelvane {
 
@@ -41,32 +39,14 @@ void dense_coder::flag(uint32_t context, bool is_one) {
 }
 
 void dense_coder::tree(uint32_t id, uint32_t value, uint32_t bits) {
-  uint32_t node = 1;
-  for (uint32_t i = bits; i-- != 0;) {
-    const uint32_t one = value >> i & 1U;
-    flag(kelvane_dense_context_of(id, node), one != 0);
-    node = node * 2 + one;
-  }
+  each_bit(value, bits,
+           [&](uint32_t node, bool is_one) { flag(kelvane_dense_context_of(id, node), is_one); });
 }
 
 void dense_coder::number(uint32_t id, uint32_t value) {
-  const uint32_t coded = value + 1;
-  const auto length = static_cast<uint32_t>(std::bit_width(coded)) - 1;
-  for (uint32_t i = 0; i < length; ++i) {
-    flag(kelvane_dense_length_context(id, i), true);
-  }
-  if (length < 31) {
-    flag(kelvane_dense_length_context(id, length), false);
-  }
-  for (uint32_t left = length; left-- != 0;) {
-    const bool is_one = (coded >> left & 1U) != 0;
-    const uint32_t rest = kelvane_dense_bit_context(length, left, coded >> (left + 1));
-    if (rest != 0) {
-      flag(kelvane_dense_context_of(id, rest), is_one);
-    } else {
-      bit(is_one, range_ >> 1U);
-    }
-  }
+  each_decision(
+      id, value, [&](uint32_t context, bool is_one) { flag(context, is_one); },
+      [&](bool is_one) { bit(is_one, range_ >> 1U); });
 }
 
 void dense_coder::signed_number(uint32_t id, uint32_t value) {
@@ -74,14 +54,10 @@ void dense_coder::signed_number(uint32_t id, uint32_t value) {
 }
 
 void dense_coder::literal(const kelvane_dense_place& place, uint8_t byte) {
-  for (uint32_t node = 1; node < 256;) {
-    kelvane_dense_opinions opinions;
-    kelvane_dense_weigh(&decoder_, &place, node, &opinions);
-    const uint32_t one = (byte | 0x100U) >> (8 - std::bit_width(node)) & 1U;
-    bit(one != 0, kelvane_dense_bound(range_, opinions.probability));
-    kelvane_dense_learn_bit(&opinions, one);
-    node = node * 2 + one;
-  }
+  each_literal_bit(decoder_, place, byte, [&](kelvane_dense_opinions& opinions, bool is_one) {
+    bit(is_one, kelvane_dense_bound(range_, opinions.probability));
+    kelvane_dense_learn_bit(&opinions, is_one ? 1 : 0);
+  });
 }
 
 // Any number in the last range will do: the one with most zeros at its end.

@@ -145,18 +145,14 @@ class item_meter {
     if (!is_literal && index >= kPriced) {
       return kFarPrice;
     }
-    const kelvane_dense_place place = literal_place(position_, recent_);
-    const uint32_t byte = new_image_[position_] | 0x100U;
     uint32_t price = 0;
-    for (uint32_t left = 8; left-- != 0;) {
-      kelvane_dense_opinions opinions;
-      kelvane_dense_weigh(&model_.decoder(), &place, byte >> (left + 1), &opinions);
-      const uint32_t bit = byte >> left & 1U;
-      price += bit_price(opinions.probability, bit != 0);
-      if (is_literal) {
-        kelvane_dense_learn_bit(&opinions, bit);
-      }
-    }
+    each_literal_bit(model_.decoder(), literal_place(position_, recent_), new_image_[position_],
+                     [&](kelvane_dense_opinions& opinions, bool is_one) {
+                       price += bit_price(opinions.probability, is_one);
+                       if (is_literal) {
+                         kelvane_dense_learn_bit(&opinions, is_one ? 1 : 0);
+                       }
+                     });
     return static_cast<uint16_t>(price);
   }
 
@@ -187,24 +183,17 @@ uint32_t counter_prices::flag(uint32_t context, bool bit) const {
 
 uint32_t counter_prices::tree(uint32_t id, uint32_t value, uint32_t bits) const {
   uint32_t price = 0;
-  for (uint32_t left = bits; left-- != 0;) {
-    price += flag(kelvane_dense_context_of(id, (value | 1U << bits) >> (left + 1)),
-                  (value >> left & 1U) != 0);
-  }
+  each_bit(value, bits, [&](uint32_t node, bool is_one) {
+    price += flag(kelvane_dense_context_of(id, node), is_one);
+  });
   return price;
 }
 
 uint32_t counter_prices::number(uint32_t id, uint32_t value) const {
-  const uint32_t coded = value + 1;
-  const auto length = static_cast<uint32_t>(std::bit_width(coded)) - 1;
   uint32_t price = 0;
-  for (uint32_t i = 0; i <= std::min(length, 30U); ++i) {
-    price += flag(kelvane_dense_length_context(id, i), i < length);
-  }
-  for (uint32_t left = length; left-- != 0;) {
-    const uint32_t rest = kelvane_dense_bit_context(length, left, coded >> (left + 1));
-    price += rest == 0 ? kBit : flag(kelvane_dense_context_of(id, rest), (coded >> left & 1U) != 0);
-  }
+  each_decision(
+      id, value, [&](uint32_t context, bool is_one) { price += flag(context, is_one); },
+      [&](bool) { price += kBit; });
   return price;
 }
 
@@ -215,11 +204,9 @@ uint32_t counter_prices::signed_number(uint32_t id, uint32_t value) const {
 
 uint32_t counter_prices::literal(const kelvane_dense_place& place, uint8_t byte) const {
   uint32_t price = 0;
-  for (uint32_t left = 8; left-- != 0;) {
-    kelvane_dense_opinions opinions;
-    kelvane_dense_weigh(&decoder_, &place, (byte | 0x100U) >> (left + 1), &opinions);
-    price += bit_price(opinions.probability, (byte >> left & 1U) != 0);
-  }
+  each_literal_bit(decoder_, place, byte, [&](const kelvane_dense_opinions& opinions, bool is_one) {
+    price += bit_price(opinions.probability, is_one);
+  });
   return price;
 }
 

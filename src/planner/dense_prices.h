@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "dense_internal.h"
+#include "dense_decisions.h"
 #include "dense_plan.h"
 #include "plan.h"
 
@@ -86,20 +86,5 @@ item_prices usual_prices(size_t new_size);
 // What they cost in a payload with these copies and items.
 item_prices measured_prices(const plan_images& images, std::span<const dense_copy> copies,
                             std::span<const dense_item> items);
-
-// 0, -1, 1, -2, ... as 0, 1, 2, 3, ...
-constexpr uint32_t folded(uint32_t number) {
-  return number << 1U ^ (0U - (number >> 31U));
-}
-
-// Where a literal at a position of the new image stands, with `recent` as a decoder keeps it.
-inline kelvane_dense_place literal_place(uint32_t position, uint32_t recent) {
-  return {position, recent & 0xFFU, recent >> 8U & 0xFFU};
-}
-
-// `recent`, the last two bytes, behind another one.
-inline uint16_t recent_behind(uint32_t recent, uint8_t byte) {
-  return static_cast<uint16_t>(256U * recent + byte);
-}
 
 }  // namespace kelvane

@@ -11,6 +11,8 @@
 #include "flash_pairs.h"
 #include "update_trial.h"
 
+extern "C" const uint32_t state_of_small_model;
+
 namespace kelvane {
 namespace {
 
@@ -39,6 +41,11 @@ DenseBundle bundle_of(const kelpatch::Bytes& old_image, const kelpatch::Bytes& n
   request.geometry = {kPage, 2, 4, 2};
   request.effort = dense_effort::quick;
   return dense_bundle(request, 2, std::move(ranges));
+}
+
+TEST(UpdateFileTest, KnowsWhatACheckpointOfEitherModelTakes) {
+  EXPECT_EQ(kelpatch::dense_state_size(0), state_of_small_model);
+  EXPECT_EQ(kelpatch::dense_state_size(1), sizeof(kelvane_dense_state));
 }
 
 TEST(UpdateFileTest, ReadsThePlanThatWasWritten) {

@@ -98,8 +98,12 @@ bool is_update(const Bytes& bytes) {
 }
 
 uint32_t dense_state_size(uint8_t model) {
+  using Model = kelvane_dense_model;
   const auto by_model = [](uint32_t m) {
-    return (512U << m) * 4 + (512U << m) + (512U << 2 * m) + (32U << m) * 8;
+    return static_cast<uint32_t>(
+        KELVANE_DENSE_FLAGS(m) * sizeof(Model::flags[0]) +
+        KELVANE_DENSE_LITERALS(m) * sizeof(Model::literals[0]) +
+        KELVANE_DENSE_LEARNED(m) * (sizeof(Model::learned_from[0]) + sizeof(Model::learned_to[0])));
   };
   return static_cast<uint32_t>(sizeof(kelvane_dense_state)) -
          by_model(KELVANE_DENSE_LARGEST_MODEL) + by_model(model);
