@@ -368,7 +368,8 @@ void kelvane_dense_classify(kelvane_dense_decoder* decoder, uint32_t source, uin
   token->learned = 0;
   token->length = 4;
   token->kind = KELVANE_DENSE_WORD;
-  if ((KELVANE_DENSE_IS(decoder, THUMB) || KELVANE_DENSE_IS(decoder, RISCV)) && left >= 2 &&
+  if (decoder->info.machine != KELVANE_DENSE_NONE &&
+      (KELVANE_DENSE_IS(decoder, THUMB) || KELVANE_DENSE_IS(decoder, RISCV)) && left >= 2 &&
       !(unaligned & 1u)) {
     classify_halves(decoder, token);
   } else if (left >= 4 && !(unaligned & 3u)) {
@@ -425,7 +426,7 @@ void kelvane_dense_note(kelvane_dense_decoder* decoder, const kelvane_dense_toke
   if (!hit) {
     learn_from_miss(decoder, token, place, value);
   }
-  if (has_halves(decoder) && token->length == 4) {
+  if (decoder->info.machine != KELVANE_DENSE_NONE && has_halves(decoder) && token->length == 4) {
     const uint32_t number = upper_register(decoder, token->old_value);
     if (number != NO_REGISTER) {
       model->new_registers[number] = upper_value(decoder, value, place);
