@@ -10,7 +10,7 @@ void kelvane_dense_fail(kelvane_dense_decoder* decoder, int code) {
 }
 
 // Behind its end the payload goes on with zeros, which the writer leaves out.
-static uint32_t next_byte(kelvane_dense_decoder* decoder) {
+uint32_t kelvane_dense_next_byte(kelvane_dense_decoder* decoder) {
   kelvane_dense_coder* coder = &decoder->state.coder;
   uint8_t byte = 0;
   if (coder->position < decoder->input->payload_size) {
@@ -24,16 +24,6 @@ static uint32_t next_byte(kelvane_dense_decoder* decoder) {
   return byte;
 }
 
-void kelvane_dense_start_coder(kelvane_dense_decoder* decoder) {
-  kelvane_dense_coder* coder = &decoder->state.coder;
-  coder->range = 0xFFFFFFFFu;
-  coder->code = 0;
-  coder->position = decoder->info.header_size;
-  for (unsigned i = 0; i < 4; ++i) {
-    coder->code = coder->code << 8 | next_byte(decoder);
-  }
-}
-
 static unsigned read_bit(kelvane_dense_decoder* decoder, uint32_t bound) {
   kelvane_dense_coder* coder = &decoder->state.coder;
   const unsigned bit = coder->code < bound;
@@ -45,7 +35,7 @@ static unsigned read_bit(kelvane_dense_decoder* decoder, uint32_t bound) {
   }
   while (coder->range < 0x1000000u) {
     coder->range <<= 8;
-    coder->code = coder->code << 8 | next_byte(decoder);
+    coder->code = coder->code << 8 | kelvane_dense_next_byte(decoder);
   }
   return bit;
 }
@@ -170,6 +160,7 @@ uint32_t kelvane_dense_read_literal(kelvane_dense_decoder* decoder, uint32_t pos
 void kelvane_dense_reset_model(kelvane_dense_decoder* decoder) {
   kelvane_dense_model* model = &decoder->state.model;
   kelvane_dense_fill(model, 0, sizeof *model);
+  decoder->flag_shift = (uint8_t)(23 - decoder->info.model);
   model->tail = KELVANE_DENSE_UNKNOWN;
   for (uint32_t i = 0; i < sizeof model->flags / sizeof *model->flags; ++i) {
     model->flags[i] = KELVANE_DENSE_EVEN;

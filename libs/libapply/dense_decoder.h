@@ -130,8 +130,6 @@ typedef struct kelvane_dense_coder {
   uint32_t position;  // of the next byte of the payload
 } kelvane_dense_coder;
 
-#define KELVANE_DENSE_MAP_COUNTERS 256u
-
 // What the adaptive coding has seen so far. What is small stands ahead, where instructions reach
 // it.
 typedef struct kelvane_dense_model {
@@ -147,11 +145,7 @@ typedef struct kelvane_dense_model {
   uint32_t learned_from[KELVANE_DENSE_LEARNED(KELVANE_DENSE_LARGEST_MODEL)];
   uint32_t learned_to[KELVANE_DENSE_LEARNED(KELVANE_DENSE_LARGEST_MODEL)];
   int16_t weights[6][3];  // of what a literal's counters say
-  union {
-    // Counters by position, behind them those by bytes nearby.
-    uint8_t literals[KELVANE_DENSE_LITERALS(KELVANE_DENSE_LARGEST_MODEL)];
-    uint32_t map_counters[KELVANE_DENSE_MAP_COUNTERS];  // as long as the map is read
-  };
+  uint8_t literals[KELVANE_DENSE_LITERALS(KELVANE_DENSE_LARGEST_MODEL)];
   uint32_t flags[KELVANE_DENSE_FLAGS(KELVANE_DENSE_LARGEST_MODEL)];
 } kelvane_dense_model;
 
@@ -159,7 +153,7 @@ typedef struct kelvane_dense_model {
 typedef struct kelvane_dense_state {
   uint8_t match_is_new;
   uint8_t pending_count;  // bytes of a copied word that did not fit into the last window
-  uint8_t pending[4];
+  uint8_t pending[4];     // the last one first
   uint16_t recent;  // the last two bytes, the last one lowest; 0 for those from the new image
   int32_t failed;   // the code that ended it
   kelvane_dense_coder coder;
@@ -183,7 +177,7 @@ typedef struct kelvane_dense_decoder {
   uint16_t* by_source;           // their numbers in order of sources
   uint32_t entry_count;
   kelvane_dense_coder behind_map;  // how a pass begins; a range of 0 if nothing is opened
-  uint8_t in_map;                  // the map is being read, with counters of its own
+  uint8_t flag_shift;              // the counter of a flag is the hash without that many bits
 } kelvane_dense_decoder;
 
 // Reads and checks the header, tells what it says, and reads the map, whose memory stays in use as

@@ -135,9 +135,7 @@ uint32_t kelvane_dense_hash(uint32_t number);
 // Flags: 22 bits of probability above 10 bits of count, 255 at most. The first context that uses a
 // counter says where it begins.
 static inline uint32_t* kelvane_dense_flag_slot(kelvane_dense_decoder* decoder, uint32_t context) {
-  const uint32_t hash = kelvane_dense_hash(context & 0xFFFFu);
-  return decoder->in_map ? &decoder->state.model.map_counters[hash >> 24]
-                         : &decoder->state.model.flags[hash >> (23 - decoder->info.model)];
+  return &decoder->state.model.flags[kelvane_dense_hash(context & 0xFFFFu) >> decoder->flag_shift];
 }
 
 static inline uint32_t kelvane_dense_begun(uint32_t counter, uint32_t context) {
@@ -202,12 +200,13 @@ static inline uint32_t kelvane_dense_bound(uint32_t range, uint32_t probability)
 
 // Puts the model to where a pass begins; the map has to be done with by then.
 void kelvane_dense_reset_model(kelvane_dense_decoder* decoder);
-// Puts the counters of the map, which take the place of others, to where it begins.
+// Puts the model to where the map begins, which has fewer counters.
 void kelvane_dense_begin_map(kelvane_dense_decoder* decoder);
 
 // ---- Reading
 
-void kelvane_dense_start_coder(kelvane_dense_decoder* decoder);
+// The next byte of the payload.
+uint32_t kelvane_dense_next_byte(kelvane_dense_decoder* decoder);
 unsigned kelvane_dense_read_flag(kelvane_dense_decoder* decoder, uint32_t context);
 uint32_t kelvane_dense_read_tree(kelvane_dense_decoder* decoder, uint32_t id, unsigned bits);
 uint32_t kelvane_dense_read_number(kelvane_dense_decoder* decoder, uint32_t id);

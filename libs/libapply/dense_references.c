@@ -158,14 +158,12 @@ static int find_lower(kelvane_dense_decoder* decoder, uint32_t instruction, uint
   uint32_t at = 4;
   for (uint32_t i = 0; i < LOOK_AHEAD_COUNT && at + 4 <= limit; ++i) {
     const uint32_t other = old_code(decoder, token->source + at);
-    uint32_t from;
-    uint32_t loaded;
     if (KELVANE_DENSE_IS(decoder, RISCV) && (other & 3u) != 3) {
       at += 2;
       continue;
     }
-    const int form = lower_form_of(decoder, other, &from, &loaded);
-    if (form != NOT_LOWER && from == number) {
+    const int form = lower_form_of(decoder, other);
+    if (form != NOT_LOWER && lower_register(decoder, other, form) == number) {
       token->address = value + lower_value(decoder, other, form);
       return form;
     }
@@ -178,12 +176,12 @@ static int find_lower(kelvane_dense_decoder* decoder, uint32_t instruction, uint
 static int find_upper(kelvane_dense_decoder* decoder, uint32_t instruction,
                       kelvane_dense_token* token) {
   uint32_t* const registers = decoder->state.model.old_registers;
-  uint32_t from;
-  uint32_t loaded;
-  const int form = lower_form_of(decoder, instruction, &from, &loaded);
+  const int form = lower_form_of(decoder, instruction);
   if (form == NOT_LOWER) {
     return NOT_LOWER;
   }
+  const uint32_t from = lower_register(decoder, instruction, form);
+  const uint32_t loaded = loaded_register(decoder, instruction, form);
   const uint32_t upper = registers[from];
   if (loaded != NO_REGISTER) {
     registers[loaded] = KELVANE_DENSE_UNKNOWN;
@@ -387,8 +385,6 @@ void kelvane_dense_classify(kelvane_dense_decoder* decoder, uint32_t source, uin
 static void learn_from_miss(kelvane_dense_decoder* decoder, const kelvane_dense_token* token,
                             uint32_t place, uint32_t value) {
   uint32_t target;
-  uint32_t from;
-  uint32_t loaded;
   switch (token->kind) {
     case KELVANE_DENSE_ADDRESS:
     case KELVANE_DENSE_WORD:
@@ -404,9 +400,8 @@ static void learn_from_miss(kelvane_dense_decoder* decoder, const kelvane_dense_
       break;
     case KELVANE_DENSE_LOWER:
       if (has_halves(decoder)) {
-        target =
-            decoder->state.model.new_registers[token->form] +
-            lower_value(decoder, value, lower_form_of(decoder, token->old_value, &from, &loaded));
+        target = decoder->state.model.new_registers[token->form] +
+                 lower_value(decoder, value, lower_form_of(decoder, token->old_value));
       } else {
         target = (token->target & 0xFFFF0000u) | move_half(decoder, value);
       }
