@@ -74,7 +74,6 @@ static int read_header(kelvane_dense_decoder* decoder) {
   const uint32_t base = header_number(decoder);
   info->base = base << shift;
   info->map_entries = header_number(decoder);
-  info->header_size = decoder->state.coder.position;
   if (decoder->state.failed != 0) {
     return decoder->state.failed;
   }
@@ -163,8 +162,8 @@ static void read_command(kelvane_dense_decoder* decoder) {
     }
   }
   // No command is empty, and only the last one has no copy.
-  if (literals > room || length > room - literals || (length == 0 && literals != room) ||
-      source > decoder->info.old_size || length > decoder->info.old_size - source) {
+  if (!kelvane_dense_fits(literals, length, room) || (length == 0 && literals != room) ||
+      !kelvane_dense_fits(source, length, decoder->info.old_size)) {
     kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_PAYLOAD);
     return;
   }
@@ -186,7 +185,7 @@ static KELVANE_DENSE_ONCE void read_match(kelvane_dense_decoder* decoder) {
       kelvane_dense_read_flag(decoder, kelvane_dense_context_of(KELVANE_DENSE_C_MATCH_NEW, 0));
   const uint32_t rest = kelvane_dense_read_number(decoder, KELVANE_DENSE_C_OLD_LENGTH + is_new);
   uint32_t from;
-  int is_right = room >= 2 && rest <= room - 2;
+  int is_right = kelvane_dense_fits(2, rest, room);
   if (is_new) {
     uint32_t distance = model->match_distance;
     if (!kelvane_dense_read_flag(decoder,
@@ -201,8 +200,7 @@ static KELVANE_DENSE_ONCE void read_match(kelvane_dense_decoder* decoder) {
     from = state->position - model->match_shift +
            kelvane_dense_read_signed(decoder, KELVANE_DENSE_C_PLACE);
     model->match_shift = state->position - from;
-    is_right =
-        is_right && from <= decoder->info.old_size && rest + 2 <= decoder->info.old_size - from;
+    is_right = is_right && kelvane_dense_fits(from, rest + 2, decoder->info.old_size);
   }
   if (!is_right) {
     kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_PAYLOAD);

@@ -94,17 +94,17 @@ static KELVANE_DENSE_ONCE int lower_form_of(const kelvane_dense_decoder* decoder
   if (KELVANE_DENSE_IS(decoder, MIPS)) {
     return opcode == 13 ? LOWER_UNSIGNED : opcode == 9 || opcode >= 32 ? LOWER_SIGNED : NOT_LOWER;
   }
-  return opcode == 24                                     ? LOWER_UNSIGNED
+  return opcode == 24                                    ? LOWER_UNSIGNED
          : opcode == 14 || (opcode >= 32 && opcode < 56) ? LOWER_SIGNED
-                                                          : NOT_LOWER;
+                                                         : NOT_LOWER;
 }
 
 // The register that it adds to.
 static uint32_t lower_register(const kelvane_dense_decoder* decoder, uint32_t instruction,
                                int form) {
-  const unsigned place = KELVANE_DENSE_IS(decoder, RISCV)                             ? 15
+  const unsigned place = KELVANE_DENSE_IS(decoder, RISCV)                            ? 15
                          : KELVANE_DENSE_IS(decoder, MIPS) || form == LOWER_UNSIGNED ? 21
-                                                                                      : 16;
+                                                                                     : 16;
   return instruction >> place & 31u;
 }
 

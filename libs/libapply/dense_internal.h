@@ -135,7 +135,8 @@ uint32_t kelvane_dense_hash(uint32_t number);
 // Flags: 22 bits of probability above 10 bits of count, 255 at most. The first context that uses a
 // counter says where it begins.
 static inline uint32_t* kelvane_dense_flag_slot(kelvane_dense_decoder* decoder, uint32_t context) {
-  return &decoder->state.model.flags[kelvane_dense_hash(context & 0xFFFFu) >> decoder->flag_shift];
+  kelvane_dense_model* const model = &decoder->state.model;
+  return &model->flags[kelvane_dense_hash(context & 0xFFFFu) >> model->flag_shift];
 }
 
 static inline uint32_t kelvane_dense_begun(uint32_t counter, uint32_t context) {
@@ -156,7 +157,7 @@ static inline uint32_t kelvane_dense_flag_probability(uint32_t counter) {
 // The less likely bit takes a quarter off the count: what was known holds no longer.
 static inline uint32_t kelvane_dense_flag_after(uint32_t counter, unsigned bit) {
   uint32_t count = counter & 1023u;
-  const uint32_t mirror = bit ? 0x3FFFFFu : 0;  // what is left to 1 in place of 0
+  const uint32_t mirror = 0x3FFFFFu & (0u - bit);  // what is left to 1 in place of 0
   uint32_t probability = counter >> 10 ^ mirror;
   probability -= probability / (count + 2);
   count += count < 255;
@@ -217,6 +218,9 @@ uint32_t kelvane_dense_read_literal(kelvane_dense_decoder* decoder, uint32_t pos
 // Keeps the first failure.
 void kelvane_dense_fail(kelvane_dense_decoder* decoder, int code);
 
+// Whether `count` from `from` on lie within `size`.
+int kelvane_dense_fits(uint32_t from, uint32_t count, uint32_t size);
+
 // ---- The map
 
 int kelvane_dense_read_map(kelvane_dense_decoder* decoder);
@@ -240,9 +244,9 @@ uint32_t kelvane_dense_moved(const kelvane_dense_decoder* decoder, uint32_t addr
 
 // Which machine it is, where it is known that it is one. The tests of those that are left out fall
 // away, and with one built in that of its own too.
-#define KELVANE_DENSE_ONE_MACHINE                                                    \
+#define KELVANE_DENSE_ONE_MACHINE                                                   \
   (KELVANE_DENSE_WITH_THUMB + KELVANE_DENSE_WITH_ARM + KELVANE_DENSE_WITH_POWERPC + \
-       KELVANE_DENSE_WITH_MIPS + KELVANE_DENSE_WITH_RISCV ==                         \
+       KELVANE_DENSE_WITH_MIPS + KELVANE_DENSE_WITH_RISCV ==                        \
    1)
 #define KELVANE_DENSE_IS(decoder, MACHINE) \
   (KELVANE_DENSE_WITH_##MACHINE &&         \

@@ -60,7 +60,7 @@ uint32_t kelvane_dense_hole_at(const kelvane_dense_decoder* decoder, uint32_t co
 
 void kelvane_dense_begin_map(kelvane_dense_decoder* decoder) {
   kelvane_dense_reset_model(decoder);
-  decoder->flag_shift = 24;  // 256 counters
+  decoder->state.model.flag_shift = 24;  // 256 counters
   decoder->entry_count = 0;
 }
 
@@ -97,8 +97,7 @@ int kelvane_dense_read_map(kelvane_dense_decoder* decoder) {
     if (length == 0 || !kelvane_dense_read_flag(decoder, context)) {
       length = kelvane_dense_read_number(decoder, KELVANE_DENSE_M_LENGTH) + 1;
     }
-    if (length > room - gap || source > decoder->info.old_size ||
-        length > decoder->info.old_size - source) {
+    if (length > room - gap || !kelvane_dense_fits(source, length, decoder->info.old_size)) {
       kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_PAYLOAD);
     }
     if (decoder->state.failed != 0) {
