@@ -57,6 +57,7 @@ static int read_header(kelvane_dense_decoder* decoder) {
   kelvane_dense_info* const info = &decoder->info;
   const uint32_t largest =
       decoder->input->largest_image != 0 ? decoder->input->largest_image : LARGEST_IMAGE;
+  decoder->state.coder.position = 0;
   const uint32_t kind = header_byte(decoder);
   const uint32_t target = header_byte(decoder);
   const uint32_t shift = target >> 5 << 2;
@@ -91,6 +92,7 @@ static int read_header(kelvane_dense_decoder* decoder) {
 static void start_coder(kelvane_dense_decoder* decoder) {
   kelvane_dense_coder* coder = &decoder->state.coder;
   coder->range = 0xFFFFFFFFu;
+  coder->code = 0;
   for (unsigned i = 0; i < 4; ++i) {
     coder->code = coder->code << 8 | kelvane_dense_next_byte(decoder);
   }
@@ -101,7 +103,6 @@ int kelvane_dense_open(kelvane_dense_decoder* decoder, const kelvane_dense_input
   decoder->input = input;
   decoder->behind_map.range = 0;
   decoder->state.failed = KELVANE_DENSE_OK;
-  decoder->state.coder.position = 0;
   int code = read_header(decoder);
   *info = decoder->info;
   if (code == KELVANE_DENSE_OK && info->map_entries > map_size / 14u) {
@@ -129,11 +130,21 @@ int kelvane_dense_restart(kelvane_dense_decoder* decoder) {
   return kelvane_dense_resume(decoder);
 }
 
+// The header is read again, so that no byte that was saved says how large the images and the model
+// are.
 int kelvane_dense_resume(kelvane_dense_decoder* decoder) {
-  if (decoder->behind_map.range == 0) {
-    kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_ARGUMENT);
+  kelvane_dense_state* const state = &decoder->state;
+  const uint32_t position = state->coder.position;
+  int code = KELVANE_DENSE_BAD_ARGUMENT;
+  if (decoder->behind_map.range != 0) {
+    code = read_header(decoder);
   }
-  return decoder->state.failed;
+  if (code != KELVANE_DENSE_OK) {
+    kelvane_dense_fail(decoder, code);
+  }
+  state->coder.position = position;
+  state->model.flag_shift = (uint8_t)(23 - decoder->info.model);
+  return state->failed;
 }
 
 // ---- Commands
@@ -342,7 +353,7 @@ static void read_literal_or_match(kelvane_dense_decoder* decoder, uint8_t* out) 
 }
 
 static void take_pending(kelvane_dense_state* state, uint8_t* out) {
-  *out = state->pending[--state->pending_count];
+  *out = state->pending[--state->pending_count & 3u];
   state->position++;
 }
 

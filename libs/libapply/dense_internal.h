@@ -264,7 +264,8 @@ uint32_t kelvane_dense_old_value(kelvane_dense_decoder* decoder, uint32_t addres
 // It does not look beyond them.
 void kelvane_dense_classify(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
                             uint32_t left, kelvane_dense_token* token);
-// The target of an instruction at target address `place`: gives its form, 0 for none.
+// The target of an instruction at target address `place`: gives its form, 0 for none. Here and
+// below the payload has a machine.
 int kelvane_dense_branch_target(const kelvane_dense_decoder* decoder, uint32_t instruction,
                                 uint32_t place, uint32_t* target);
 // The instruction with another target.

@@ -97,7 +97,8 @@ int kelvane_dense_read_map(kelvane_dense_decoder* decoder) {
     if (length == 0 || !kelvane_dense_read_flag(decoder, context)) {
       length = kelvane_dense_read_number(decoder, KELVANE_DENSE_M_LENGTH) + 1;
     }
-    if (length > room - gap || !kelvane_dense_fits(source, length, decoder->info.old_size)) {
+    if (!kelvane_dense_fits(gap, length, room) ||
+        !kelvane_dense_fits(source, length, decoder->info.old_size)) {
       kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_PAYLOAD);
     }
     if (decoder->state.failed != 0) {
