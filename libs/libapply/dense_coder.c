@@ -9,8 +9,12 @@ void kelvane_dense_fail(kelvane_dense_decoder* decoder, int code) {
   }
 }
 
+KELVANE_DENSE_ONCE int kelvane_dense_fits(uint32_t from, uint32_t count, uint32_t size) {
+  return from <= size && count <= size - from;
+}
+
 // Behind its end the payload goes on with zeros, which the writer leaves out.
-static uint32_t next_byte(kelvane_dense_decoder* decoder) {
+uint32_t kelvane_dense_next_byte(kelvane_dense_decoder* decoder) {
   kelvane_dense_coder* coder = &decoder->state.coder;
   uint8_t byte = 0;
   if (coder->position < decoder->input->payload_size) {
@@ -24,28 +28,18 @@ static uint32_t next_byte(kelvane_dense_decoder* decoder) {
   return byte;
 }
 
-void kelvane_dense_start_coder(kelvane_dense_decoder* decoder) {
-  kelvane_dense_coder* coder = &decoder->state.coder;
-  coder->range = 0xFFFFFFFFu;
-  coder->code = 0;
-  coder->position = decoder->info.header_size;
-  for (unsigned i = 0; i < 4; ++i) {
-    coder->code = coder->code << 8 | next_byte(decoder);
-  }
-}
-
 static unsigned read_bit(kelvane_dense_decoder* decoder, uint32_t bound) {
   kelvane_dense_coder* coder = &decoder->state.coder;
-  const unsigned bit = coder->code < bound;
-  if (bit) {
-    coder->range = bound;
-  } else {
+  unsigned bit = 1;
+  if (coder->code >= bound) {
     coder->code -= bound;
-    coder->range -= bound;
+    bound = coder->range - bound;
+    bit = 0;
   }
+  coder->range = bound;
   while (coder->range < 0x1000000u) {
     coder->range <<= 8;
-    coder->code = coder->code << 8 | next_byte(decoder);
+    coder->code = coder->code << 8 | kelvane_dense_next_byte(decoder);
   }
   return bit;
 }
@@ -61,9 +55,10 @@ KELVANE_DENSE_ONCE uint32_t kelvane_dense_hash(uint32_t number) {
 }
 
 unsigned kelvane_dense_read_flag(kelvane_dense_decoder* decoder, uint32_t context) {
-  uint32_t* const counter = kelvane_dense_flag_counter(decoder, context);
-  const unsigned bit = read_likely_bit(decoder, kelvane_dense_flag_probability(*counter));
-  *counter = kelvane_dense_flag_after(*counter, bit);
+  uint32_t* const slot = kelvane_dense_flag_slot(decoder, context);
+  const uint32_t counter = kelvane_dense_begun(*slot, context);
+  const unsigned bit = read_likely_bit(decoder, kelvane_dense_flag_probability(counter));
+  *slot = kelvane_dense_flag_after(counter, bit);
   return bit;
 }
 
@@ -140,8 +135,8 @@ void kelvane_dense_weigh(kelvane_dense_decoder* decoder, const kelvane_dense_pla
 
 // Each counter goes towards the bit, and each weight by how much its counter was for it.
 void kelvane_dense_learn_bit(kelvane_dense_opinions* opinions, unsigned bit) {
-  const int32_t error = (bit ? 0x10000 : 0) - (int32_t)opinions->probability;
-  const uint32_t mirror = bit ? 31 : 0;
+  const int32_t error = (int32_t)(bit << 16) - (int32_t)opinions->probability;
+  const uint32_t mirror = 31u & (0u - bit);
   for (unsigned i = 0; i < 3; ++i) {
     uint8_t* const counter = opinions->counters[i];
     const uint32_t count = *counter & 7u;
@@ -170,6 +165,7 @@ uint32_t kelvane_dense_read_literal(kelvane_dense_decoder* decoder, uint32_t pos
 void kelvane_dense_reset_model(kelvane_dense_decoder* decoder) {
   kelvane_dense_model* model = &decoder->state.model;
   kelvane_dense_fill(model, 0, sizeof *model);
+  model->flag_shift = (uint8_t)(23 - decoder->info.model);
   model->tail = KELVANE_DENSE_UNKNOWN;
   for (uint32_t i = 0; i < sizeof model->flags / sizeof *model->flags; ++i) {
     model->flags[i] = KELVANE_DENSE_EVEN;

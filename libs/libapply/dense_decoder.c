@@ -14,31 +14,29 @@ static uint32_t least(uint32_t first, uint32_t second) {
 
 // ---- The header
 
-// Two bytes, two checksums and four numbers of at most five bytes.
-#define LONGEST_HEADER 30u
+static uint32_t header_byte(kelvane_dense_decoder* decoder) {
+  if (decoder->state.coder.position >= decoder->input->payload_size) {
+    kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_HEADER);
+  }
+  return kelvane_dense_next_byte(decoder);
+}
 
-typedef struct header_reader {
-  uint8_t bytes[LONGEST_HEADER];
-  uint32_t position;
-  int failed;
-} header_reader;
-
-static KELVANE_DENSE_ONCE uint32_t header_word(header_reader* reader) {
+static KELVANE_DENSE_ONCE uint32_t header_word(kelvane_dense_decoder* decoder) {
   uint32_t word = 0;
   for (unsigned shift = 0; shift < 32; shift += 8) {
-    word |= (uint32_t)reader->bytes[reader->position++] << shift;
+    word |= header_byte(decoder) << shift;
   }
   return word;
 }
 
 // Seven bits a byte, the least first; bit 7 says that more follow.
-static uint32_t header_number(header_reader* reader) {
+static uint32_t header_number(kelvane_dense_decoder* decoder) {
   uint32_t number = 0;
   uint32_t byte = 128;
   for (unsigned shift = 0; byte >= 128 && shift < 35; shift += 7) {
-    byte = reader->bytes[reader->position++];
+    byte = header_byte(decoder);
     if (shift == 28 && byte > 15) {
-      reader->failed = KELVANE_DENSE_BAD_HEADER;
+      kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_HEADER);
     }
     number |= (byte & 127u) << shift;
   }
@@ -55,38 +53,33 @@ static int has_machine(uint32_t machine) {
   return machine < KELVANE_DENSE_MACHINES && (built_in >> machine & 1u) != 0;
 }
 
-static int read_header(const kelvane_dense_input* input, kelvane_dense_info* info) {
-  const uint32_t largest = input->largest_image != 0 ? input->largest_image : LARGEST_IMAGE;
-  header_reader reader;
-  kelvane_dense_fill(&reader, 0, sizeof reader);
-  reader.position = 2;
-  if (input->payload_size != 0) {
-    reader.failed = input->read_payload(input->context, 0, reader.bytes,
-                                        least(input->payload_size, LONGEST_HEADER));
-  }
-  const uint32_t kind = reader.bytes[0];
-  const uint32_t target = reader.bytes[1];
+static int read_header(kelvane_dense_decoder* decoder) {
+  kelvane_dense_info* const info = &decoder->info;
+  const uint32_t largest =
+      decoder->input->largest_image != 0 ? decoder->input->largest_image : LARGEST_IMAGE;
+  decoder->state.coder.position = 0;
+  const uint32_t kind = header_byte(decoder);
+  const uint32_t target = header_byte(decoder);
+  const uint32_t shift = target >> 5 << 2;
   info->model = kind >> 4 & 3u;
   info->reads_new = kind >> 6 & 1u;
   info->differences = (uint8_t)(kind >> 7);
   info->machine = target & 7u;
   info->code_big_endian = target >> 3 & 1u;
   info->data_big_endian = target >> 4 & 1u;
-  info->old_checksum = header_word(&reader);
-  info->new_checksum = header_word(&reader);
-  info->new_size = header_number(&reader);
-  const uint32_t change = header_number(&reader);
+  info->old_checksum = header_word(decoder);
+  info->new_checksum = header_word(decoder);
+  info->new_size = header_number(decoder);
+  const uint32_t change = header_number(decoder);
   info->old_size = info->new_size + (change >> 1 ^ (0u - (change & 1u)));
-  const uint32_t base = header_number(&reader);
-  info->base = base << 4 * (target >> 5);
-  info->map_entries = header_number(&reader);
-  info->header_size = reader.position;
-  if (reader.failed != 0) {
-    return reader.failed;
+  const uint32_t base = header_number(decoder);
+  info->base = base << shift;
+  info->map_entries = header_number(decoder);
+  if (decoder->state.failed != 0) {
+    return decoder->state.failed;
   }
-  if (reader.position > input->payload_size || (kind & 15u) != VERSION || info->model > 1 ||
-      info->machine >= KELVANE_DENSE_MACHINES || info->base >> 4 * (target >> 5) != base ||
-      info->map_entries > 0xFFFFu) {
+  if ((kind & 15u) != VERSION || info->model > 1 || info->machine >= KELVANE_DENSE_MACHINES ||
+      info->base >> shift != base || info->map_entries > 0xFFFFu) {
     return KELVANE_DENSE_BAD_HEADER;
   }
   if (info->new_size > largest || info->old_size > largest ||
@@ -96,31 +89,37 @@ static int read_header(const kelvane_dense_input* input, kelvane_dense_info* inf
   return has_machine(info->machine) ? KELVANE_DENSE_OK : KELVANE_DENSE_NO_MACHINE;
 }
 
+static void start_coder(kelvane_dense_decoder* decoder) {
+  kelvane_dense_coder* coder = &decoder->state.coder;
+  coder->range = 0xFFFFFFFFu;
+  coder->code = 0;
+  for (unsigned i = 0; i < 4; ++i) {
+    coder->code = coder->code << 8 | kelvane_dense_next_byte(decoder);
+  }
+}
+
 int kelvane_dense_open(kelvane_dense_decoder* decoder, const kelvane_dense_input* input, void* map,
                        uint32_t map_size, kelvane_dense_info* info) {
-  decoder->state.failed = KELVANE_DENSE_BAD_ARGUMENT;
   decoder->input = input;
-  int code = read_header(input, &decoder->info);
-  if (code == KELVANE_DENSE_OK && decoder->info.map_entries > map_size / 14u) {
+  decoder->behind_map.range = 0;
+  decoder->state.failed = KELVANE_DENSE_OK;
+  int code = read_header(decoder);
+  *info = decoder->info;
+  if (code == KELVANE_DENSE_OK && info->map_entries > map_size / 14u) {
     code = KELVANE_DENSE_NO_ROOM;
   }
-  decoder->entries = 0;
-  decoder->by_source = 0;
-  if (code == KELVANE_DENSE_OK && decoder->info.map_entries != 0) {
-    decoder->entries = (kelvane_dense_entry*)map;
-    decoder->by_source = (uint16_t*)(void*)(decoder->entries + decoder->info.map_entries);
-  }
-  *info = decoder->info;
-  decoder->behind_map.range = 0;
   if (code == KELVANE_DENSE_OK) {
-    decoder->state.failed = KELVANE_DENSE_OK;
-    kelvane_dense_start_coder(decoder);
+    decoder->entries = (kelvane_dense_entry*)map;
+    if (info->map_entries != 0) {
+      decoder->by_source = (uint16_t*)(void*)(decoder->entries + info->map_entries);
+    }
+    start_coder(decoder);
     code = kelvane_dense_read_map(decoder);
-    decoder->state.failed = KELVANE_DENSE_BAD_ARGUMENT;
   }
   if (code == KELVANE_DENSE_OK) {
     decoder->behind_map = decoder->state.coder;
   }
+  decoder->state.failed = KELVANE_DENSE_BAD_ARGUMENT;
   return code;
 }
 
@@ -131,11 +130,21 @@ int kelvane_dense_restart(kelvane_dense_decoder* decoder) {
   return kelvane_dense_resume(decoder);
 }
 
+// The header is read again, so that no byte that was saved says how large the images and the model
+// are.
 int kelvane_dense_resume(kelvane_dense_decoder* decoder) {
-  if (decoder->behind_map.range == 0) {
-    kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_ARGUMENT);
+  kelvane_dense_state* const state = &decoder->state;
+  const uint32_t position = state->coder.position;
+  int code = KELVANE_DENSE_BAD_ARGUMENT;
+  if (decoder->behind_map.range != 0) {
+    code = read_header(decoder);
   }
-  return decoder->state.failed;
+  if (code != KELVANE_DENSE_OK) {
+    kelvane_dense_fail(decoder, code);
+  }
+  state->coder.position = position;
+  state->model.flag_shift = (uint8_t)(23 - decoder->info.model);
+  return state->failed;
 }
 
 // ---- Commands
@@ -164,8 +173,8 @@ static void read_command(kelvane_dense_decoder* decoder) {
     }
   }
   // No command is empty, and only the last one has no copy.
-  if (literals > room || length > room - literals || (length == 0 && literals != room) ||
-      source > decoder->info.old_size || length > decoder->info.old_size - source) {
+  if (!kelvane_dense_fits(literals, length, room) || (length == 0 && literals != room) ||
+      !kelvane_dense_fits(source, length, decoder->info.old_size)) {
     kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_PAYLOAD);
     return;
   }
@@ -187,7 +196,7 @@ static KELVANE_DENSE_ONCE void read_match(kelvane_dense_decoder* decoder) {
       kelvane_dense_read_flag(decoder, kelvane_dense_context_of(KELVANE_DENSE_C_MATCH_NEW, 0));
   const uint32_t rest = kelvane_dense_read_number(decoder, KELVANE_DENSE_C_OLD_LENGTH + is_new);
   uint32_t from;
-  int is_right = room >= 2 && rest <= room - 2;
+  int is_right = kelvane_dense_fits(2, rest, room);
   if (is_new) {
     uint32_t distance = model->match_distance;
     if (!kelvane_dense_read_flag(decoder,
@@ -202,8 +211,7 @@ static KELVANE_DENSE_ONCE void read_match(kelvane_dense_decoder* decoder) {
     from = state->position - model->match_shift +
            kelvane_dense_read_signed(decoder, KELVANE_DENSE_C_PLACE);
     model->match_shift = state->position - from;
-    is_right =
-        is_right && from <= decoder->info.old_size && rest + 2 <= decoder->info.old_size - from;
+    is_right = is_right && kelvane_dense_fits(from, rest + 2, decoder->info.old_size);
   }
   if (!is_right) {
     kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_PAYLOAD);
@@ -296,10 +304,10 @@ static void read_token(kelvane_dense_decoder* decoder) {
     }
   }
   kelvane_dense_note(decoder, &token, decoder->info.base + state->position, value, hit);
-  for (uint32_t k = 0; k < token.length; ++k) {
-    state->pending[k] = (uint8_t)(value >> 8 * (k ^ token.flip));
+  state->pending_count = 0;
+  for (uint32_t k = token.length; k-- != 0;) {
+    state->pending[state->pending_count++] = (uint8_t)(value >> 8 * (k ^ token.flip));
   }
-  state->pending_count = token.length;
   state->source += token.length;
 }
 
@@ -345,11 +353,7 @@ static void read_literal_or_match(kelvane_dense_decoder* decoder, uint8_t* out) 
 }
 
 static void take_pending(kelvane_dense_state* state, uint8_t* out) {
-  *out = state->pending[0];
-  state->pending[0] = state->pending[1];
-  state->pending[1] = state->pending[2];
-  state->pending[2] = state->pending[3];
-  state->pending_count--;
+  *out = state->pending[--state->pending_count & 3u];
   state->position++;
 }
 

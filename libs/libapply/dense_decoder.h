@@ -26,12 +26,12 @@
 //   }
 //   the caller compares info.new_checksum with the checksum of what came out
 //
-// Resuming: `state` is all that the next window depends on, besides payload, images and map, and
-// holds no pointer. Saved between two windows and put back later, into a decoder that has been
-// opened and asked to resume, it goes on from there.
+// Resuming: the first KELVANE_DENSE_SAVED bytes of the decoder are all that the next window depends
+// on, besides payload, images and map, and hold no pointer. Saved between two windows and put back
+// later, into a decoder that has been opened and asked to resume, it goes on from there.
 //
-// Room: the decoder itself (7168 bytes for a Cortex-M3, 7100 of them `state`) and 14 bytes for each
-// entry of the map. With KELVANE_DENSE_LARGEST_MODEL 0 it takes 3840 bytes (3772) and refuses
+// Room: the decoder itself (7160 bytes for a Cortex-M3, 7132 of them saved) and 14 bytes for each
+// entry of the map. With KELVANE_DENSE_LARGEST_MODEL 0 it takes 3832 bytes (3804) and refuses
 // payloads made for the larger model. Machines whose KELVANE_DENSE_WITH_... is 0 cost no code, and
 // their payloads are refused.
 
@@ -102,19 +102,18 @@ typedef struct kelvane_dense_input {
 
 // What a payload says of itself.
 typedef struct kelvane_dense_info {
+  uint8_t machine;  // KELVANE_DENSE_THUMB and so on
+  uint8_t code_big_endian;
+  uint8_t data_big_endian;
+  uint8_t differences;  // differences between two places are predicted
+  uint8_t reads_new;    // has matches into the new image: it can't be computed unwritten
+  uint8_t model;
   uint32_t old_size;
   uint32_t new_size;
   uint32_t old_checksum;  // as kelvane_dense_checksum computes it
   uint32_t new_checksum;
   uint32_t base;         // address of the old image's first byte on the target
   uint32_t map_entries;  // 14 bytes each
-  uint32_t header_size;  // bytes before the coded ones
-  uint8_t machine;       // KELVANE_DENSE_THUMB and so on
-  uint8_t code_big_endian;
-  uint8_t data_big_endian;
-  uint8_t differences;  // differences between two places are predicted
-  uint8_t reads_new;    // has matches into the new image: it can't be computed unwritten
-  uint8_t model;
 } kelvane_dense_info;
 
 // An entry of the map: `length` old bytes at `source` went to `target`, but for their references.
@@ -130,38 +129,32 @@ typedef struct kelvane_dense_coder {
   uint32_t position;  // of the next byte of the payload
 } kelvane_dense_coder;
 
-#define KELVANE_DENSE_MAP_COUNTERS 256u
-
 // What the adaptive coding has seen so far. What is small stands ahead, where instructions reach
-// it.
+// it, here as in the decoder.
 typedef struct kelvane_dense_model {
-  uint8_t matches;   // the last two: literal or match
-  uint8_t outcomes;  // the last three predictions: right or wrong
-  uint8_t outcomes_of[10];
+  uint8_t matches;         // the last two: literal or match
+  uint8_t outcomes;        // the last three predictions: right or wrong
+  uint8_t outcomes_of[9];  // by the kind of token
+  uint8_t flag_shift;      // a flag's counter is its hash without that many bits
   uint32_t match_shift;
   uint32_t match_distance;
   uint32_t tail;  // where the second half of an instruction lies that is taken by halves
   uint32_t differences[3][6];
   uint32_t old_registers[32];
   uint32_t new_registers[32];
-  uint32_t learned_from[KELVANE_DENSE_LEARNED(KELVANE_DENSE_LARGEST_MODEL)];
-  uint32_t learned_to[KELVANE_DENSE_LEARNED(KELVANE_DENSE_LARGEST_MODEL)];
+  uint32_t learned[KELVANE_DENSE_LEARNED(KELVANE_DENSE_LARGEST_MODEL)][2];  // for what, and what
   int16_t weights[6][3];  // of what a literal's counters say
-  union {
-    // Counters by position, behind them those by bytes nearby.
-    uint8_t literals[KELVANE_DENSE_LITERALS(KELVANE_DENSE_LARGEST_MODEL)];
-    uint32_t map_counters[KELVANE_DENSE_MAP_COUNTERS];  // as long as the map is read
-  };
+  uint8_t literals[KELVANE_DENSE_LITERALS(KELVANE_DENSE_LARGEST_MODEL)];
   uint32_t flags[KELVANE_DENSE_FLAGS(KELVANE_DENSE_LARGEST_MODEL)];
 } kelvane_dense_model;
 
-// All that the next window depends on.
+// Where the decoder stands.
 typedef struct kelvane_dense_state {
   uint8_t match_is_new;
   uint8_t pending_count;  // bytes of a copied word that did not fit into the last window
-  uint8_t pending[4];
-  uint16_t recent;  // the last two bytes, the last one lowest; 0 for those from the new image
-  int32_t failed;   // the code that ended it
+  uint8_t pending[4];     // the last one first
+  uint16_t recent;        // the last two bytes, the last one lowest; 0 for those from the new image
+  int32_t failed;         // the code that ended it
   kelvane_dense_coder coder;
   uint32_t position;      // the next byte of the new image
   uint32_t literals_end;  // of the command at hand: literals end, copied bytes begin
@@ -174,17 +167,18 @@ typedef struct kelvane_dense_state {
   kelvane_dense_model model;
 } kelvane_dense_state;
 
-// The caller's memory for a decoder; only `state`, at its start, is to be saved.
+// The caller's memory for a decoder; what is to be saved stands at its start.
 typedef struct kelvane_dense_decoder {
-  kelvane_dense_state state;
   kelvane_dense_info info;
+  kelvane_dense_state state;
   const kelvane_dense_input* input;
   kelvane_dense_entry* entries;  // in order of targets
   uint16_t* by_source;           // their numbers in order of sources
   uint32_t entry_count;
   kelvane_dense_coder behind_map;  // how a pass begins; a range of 0 if nothing is opened
-  uint8_t in_map;                  // the map is being read, with counters of its own
 } kelvane_dense_decoder;
+
+#define KELVANE_DENSE_SAVED (sizeof(kelvane_dense_info) + sizeof(kelvane_dense_state))
 
 // Reads and checks the header, tells what it says, and reads the map, whose memory stays in use as
 // `input` does: `map_size` bytes, aligned for 32-bit numbers; may be null if there is no map.

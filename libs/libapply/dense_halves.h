@@ -74,17 +74,16 @@ enum lower_form { NOT_LOWER, LOWER_SIGNED, LOWER_UNSIGNED, LOWER_STORE };
 #define RISCV_SIGNED (RISCV_LOADS | 1u << 1)                // and loads of floating point
 #define RISCV_STORES (1u << 8 | 1u << 9)
 
-// Whether an instruction adds a lower half to register `*from`; `*loaded` is the register that it
-// overwrites, or NO_REGISTER.
-static int lower_form_of(const kelvane_dense_decoder* decoder, uint32_t instruction, uint32_t* from,
-                         uint32_t* loaded) {
+static uint32_t riscv_opcode(uint32_t instruction) {
+  return 1u << (instruction >> 2 & 31u);  // an instruction of 32 bits ends in 11
+}
+
+// Whether an instruction adds a lower half to a register.
+static KELVANE_DENSE_ONCE int lower_form_of(const kelvane_dense_decoder* decoder,
+                                            uint32_t instruction) {
   const uint32_t opcode = instruction >> 26;
-  const uint32_t first = instruction >> 21 & 31u;
-  const uint32_t second = instruction >> 16 & 31u;
   if (KELVANE_DENSE_IS(decoder, RISCV)) {
-    const uint32_t low = 1u << (instruction >> 2 & 31u);  // an instruction of 32 bits ends in 11
-    *from = instruction >> 15 & 31u;
-    *loaded = low & RISCV_LOADS ? instruction >> 7 & 31u : NO_REGISTER;
+    const uint32_t low = riscv_opcode(instruction);
     if (low & RISCV_STORES) {
       return LOWER_STORE;
     }
@@ -93,18 +92,36 @@ static int lower_form_of(const kelvane_dense_decoder* decoder, uint32_t instruct
                : NOT_LOWER;
   }
   if (KELVANE_DENSE_IS(decoder, MIPS)) {
-    *from = first;
-    *loaded = opcode < 40 ? second : NO_REGISTER;
     return opcode == 13 ? LOWER_UNSIGNED : opcode == 9 || opcode >= 32 ? LOWER_SIGNED : NOT_LOWER;
   }
-  if (opcode == 24) {
-    *from = first;
-    *loaded = second;
-    return LOWER_UNSIGNED;
+  return opcode == 24                                    ? LOWER_UNSIGNED
+         : opcode == 14 || (opcode >= 32 && opcode < 56) ? LOWER_SIGNED
+                                                         : NOT_LOWER;
+}
+
+// The register that it adds to.
+static uint32_t lower_register(const kelvane_dense_decoder* decoder, uint32_t instruction,
+                               int form) {
+  const unsigned place = KELVANE_DENSE_IS(decoder, RISCV)                            ? 15
+                         : KELVANE_DENSE_IS(decoder, MIPS) || form == LOWER_UNSIGNED ? 21
+                                                                                     : 16;
+  return instruction >> place & 31u;
+}
+
+// The register that it overwrites, or NO_REGISTER.
+static uint32_t loaded_register(const kelvane_dense_decoder* decoder, uint32_t instruction,
+                                int form) {
+  const uint32_t opcode = instruction >> 26;
+  if (KELVANE_DENSE_IS(decoder, RISCV)) {
+    return riscv_opcode(instruction) & RISCV_LOADS ? instruction >> 7 & 31u : NO_REGISTER;
   }
-  *from = second;
-  *loaded = opcode < 36 || (opcode >= 40 && opcode < 44) ? first : NO_REGISTER;
-  return opcode == 14 || (opcode >= 32 && opcode < 56) ? LOWER_SIGNED : NOT_LOWER;
+  if (KELVANE_DENSE_IS(decoder, MIPS)) {
+    return opcode < 40 ? instruction >> 16 & 31u : NO_REGISTER;
+  }
+  if (form == LOWER_UNSIGNED) {
+    return instruction >> 16 & 31u;
+  }
+  return opcode < 36 || (opcode >= 40 && opcode < 44) ? instruction >> 21 & 31u : NO_REGISTER;
 }
 
 static KELVANE_DENSE_ONCE uint32_t lower_value(const kelvane_dense_decoder* decoder,

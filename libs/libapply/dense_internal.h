@@ -71,6 +71,11 @@ enum kelvane_dense_token_kind {
 // A piece of copied bytes that is predicted whole. Values of `length` bytes; the byte at place k of
 // memory holds the 8 bits from bit 8 * (k ^ flip) on.
 typedef struct kelvane_dense_token {
+  uint8_t kind;
+  uint8_t length;
+  uint8_t flip;
+  uint8_t form;     // which field of an instruction, or which register
+  uint8_t learned;  // predicted from what was learned, not by the map
   uint32_t old_value;
   uint32_t predicted;
   uint32_t address;   // what the old value refers to, in target addresses
@@ -78,11 +83,6 @@ typedef struct kelvane_dense_token {
   uint32_t source;    // its place in the old image
   uint32_t position;  // and in the new one
   uint32_t left;      // bytes of the copy from here on
-  uint8_t kind;
-  uint8_t length;
-  uint8_t flip;
-  uint8_t form;     // which field of an instruction, or which register
-  uint8_t learned;  // predicted from what was learned, not by the map
 } kelvane_dense_token;
 
 static inline void kelvane_dense_fill(void* at, uint8_t value, uint32_t count) {
@@ -135,9 +135,8 @@ uint32_t kelvane_dense_hash(uint32_t number);
 // Flags: 22 bits of probability above 10 bits of count, 255 at most. The first context that uses a
 // counter says where it begins.
 static inline uint32_t* kelvane_dense_flag_slot(kelvane_dense_decoder* decoder, uint32_t context) {
-  const uint32_t hash = kelvane_dense_hash(context & 0xFFFFu);
-  return decoder->in_map ? &decoder->state.model.map_counters[hash >> 24]
-                         : &decoder->state.model.flags[hash >> (23 - decoder->info.model)];
+  kelvane_dense_model* const model = &decoder->state.model;
+  return &model->flags[kelvane_dense_hash(context & 0xFFFFu) >> model->flag_shift];
 }
 
 static inline uint32_t kelvane_dense_begun(uint32_t counter, uint32_t context) {
@@ -158,7 +157,7 @@ static inline uint32_t kelvane_dense_flag_probability(uint32_t counter) {
 // The less likely bit takes a quarter off the count: what was known holds no longer.
 static inline uint32_t kelvane_dense_flag_after(uint32_t counter, unsigned bit) {
   uint32_t count = counter & 1023u;
-  const uint32_t mirror = bit ? 0x3FFFFFu : 0;  // what is left to 1 in place of 0
+  const uint32_t mirror = 0x3FFFFFu & (0u - bit);  // what is left to 1 in place of 0
   uint32_t probability = counter >> 10 ^ mirror;
   probability -= probability / (count + 2);
   count += count < 255;
@@ -202,12 +201,13 @@ static inline uint32_t kelvane_dense_bound(uint32_t range, uint32_t probability)
 
 // Puts the model to where a pass begins; the map has to be done with by then.
 void kelvane_dense_reset_model(kelvane_dense_decoder* decoder);
-// Puts the counters of the map, which take the place of others, to where it begins.
+// Puts the model to where the map begins, which has fewer counters.
 void kelvane_dense_begin_map(kelvane_dense_decoder* decoder);
 
 // ---- Reading
 
-void kelvane_dense_start_coder(kelvane_dense_decoder* decoder);
+// The next byte of the payload.
+uint32_t kelvane_dense_next_byte(kelvane_dense_decoder* decoder);
 unsigned kelvane_dense_read_flag(kelvane_dense_decoder* decoder, uint32_t context);
 uint32_t kelvane_dense_read_tree(kelvane_dense_decoder* decoder, uint32_t id, unsigned bits);
 uint32_t kelvane_dense_read_number(kelvane_dense_decoder* decoder, uint32_t id);
@@ -217,6 +217,9 @@ uint32_t kelvane_dense_read_literal(kelvane_dense_decoder* decoder, uint32_t pos
                                     uint32_t ahead, uint32_t other);
 // Keeps the first failure.
 void kelvane_dense_fail(kelvane_dense_decoder* decoder, int code);
+
+// Whether `count` from `from` on lie within `size`.
+int kelvane_dense_fits(uint32_t from, uint32_t count, uint32_t size);
 
 // ---- The map
 
@@ -239,9 +242,15 @@ uint32_t kelvane_dense_moved(const kelvane_dense_decoder* decoder, uint32_t addr
 
 // ---- References
 
-// With one machine built in, the tests of the others fall away.
+// Which machine it is, where it is known that it is one. The tests of those that are left out fall
+// away, and with one built in that of its own too.
+#define KELVANE_DENSE_ONE_MACHINE                                                   \
+  (KELVANE_DENSE_WITH_THUMB + KELVANE_DENSE_WITH_ARM + KELVANE_DENSE_WITH_POWERPC + \
+       KELVANE_DENSE_WITH_MIPS + KELVANE_DENSE_WITH_RISCV ==                        \
+   1)
 #define KELVANE_DENSE_IS(decoder, MACHINE) \
-  (KELVANE_DENSE_WITH_##MACHINE && (decoder)->info.machine == KELVANE_DENSE_##MACHINE)
+  (KELVANE_DENSE_WITH_##MACHINE &&         \
+   (KELVANE_DENSE_ONE_MACHINE || (decoder)->info.machine == KELVANE_DENSE_##MACHINE))
 
 static inline uint32_t kelvane_dense_sign_extended(uint32_t value, unsigned bits) {
   const uint32_t sign = 1u << (bits - 1);
@@ -255,7 +264,8 @@ uint32_t kelvane_dense_old_value(kelvane_dense_decoder* decoder, uint32_t addres
 // It does not look beyond them.
 void kelvane_dense_classify(kelvane_dense_decoder* decoder, uint32_t source, uint32_t position,
                             uint32_t left, kelvane_dense_token* token);
-// The target of an instruction at target address `place`: gives its form, 0 for none.
+// The target of an instruction at target address `place`: gives its form, 0 for none. Here and
+// below the payload has a machine.
 int kelvane_dense_branch_target(const kelvane_dense_decoder* decoder, uint32_t instruction,
                                 uint32_t place, uint32_t* target);
 // The instruction with another target.

@@ -59,11 +59,9 @@ uint32_t kelvane_dense_hole_at(const kelvane_dense_decoder* decoder, uint32_t co
 }
 
 void kelvane_dense_begin_map(kelvane_dense_decoder* decoder) {
-  for (uint32_t i = 0; i < KELVANE_DENSE_MAP_COUNTERS; ++i) {
-    decoder->state.model.map_counters[i] = KELVANE_DENSE_EVEN;
-  }
+  kelvane_dense_reset_model(decoder);
+  decoder->state.model.flag_shift = 24;  // 256 counters
   decoder->entry_count = 0;
-  decoder->in_map = 1;
 }
 
 // A source is told by where it was to be expected: where the last one ended (0), or where one was
@@ -99,8 +97,8 @@ int kelvane_dense_read_map(kelvane_dense_decoder* decoder) {
     if (length == 0 || !kelvane_dense_read_flag(decoder, context)) {
       length = kelvane_dense_read_number(decoder, KELVANE_DENSE_M_LENGTH) + 1;
     }
-    if (length > room - gap || source > decoder->info.old_size ||
-        length > decoder->info.old_size - source) {
+    if (!kelvane_dense_fits(gap, length, room) ||
+        !kelvane_dense_fits(source, length, decoder->info.old_size)) {
       kelvane_dense_fail(decoder, KELVANE_DENSE_BAD_PAYLOAD);
     }
     if (decoder->state.failed != 0) {
@@ -114,7 +112,7 @@ int kelvane_dense_read_map(kelvane_dense_decoder* decoder) {
     kelvane_dense_file_entry(decoder, i);
     decoder->entry_count = i + 1;
   }
-  decoder->in_map = 0;
+  kelvane_dense_reset_model(decoder);
   return decoder->state.failed;
 }
 

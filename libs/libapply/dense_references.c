@@ -12,6 +12,9 @@
 #define LOOK_AHEAD_COUNT 12u   // and instructions
 #define PAIR_AHEAD 40u         // bytes behind a MOVW in which its MOVT is looked for
 
+// Whether one of the machines is built in whose instructions are all words.
+#define WITH_WORDS (KELVANE_DENSE_WITH_ARM || KELVANE_DENSE_WITH_POWERPC || KELVANE_DENSE_WITH_MIPS)
+
 static uint32_t code_flip(const kelvane_dense_decoder* decoder) {
   return decoder->info.code_big_endian ? 3 : KELVANE_DENSE_IS(decoder, THUMB) ? 2 : 0;
 }
@@ -42,16 +45,16 @@ static uint32_t learned_slot(const kelvane_dense_decoder* decoder, uint32_t from
 }
 
 static void learn(kelvane_dense_decoder* decoder, uint32_t from, uint32_t to) {
-  const uint32_t slot = learned_slot(decoder, from);
-  decoder->state.model.learned_from[slot] = from;
-  decoder->state.model.learned_to[slot] = to;
+  uint32_t* const learned = decoder->state.model.learned[learned_slot(decoder, from)];
+  learned[0] = from;
+  learned[1] = to;
 }
 
 static KELVANE_DENSE_ONCE int is_learned(const kelvane_dense_decoder* decoder, uint32_t from,
                                          uint32_t* to) {
-  const uint32_t slot = learned_slot(decoder, from);
-  *to = decoder->state.model.learned_to[slot];
-  return decoder->state.model.learned_from[slot] == from;
+  const uint32_t* const learned = decoder->state.model.learned[learned_slot(decoder, from)];
+  *to = learned[1];
+  return learned[0] == from;
 }
 
 // Sets where the token's address is expected to be.
@@ -60,6 +63,15 @@ static void find_target(const kelvane_dense_decoder* decoder, kelvane_dense_toke
   if (!token->learned) {
     token->target = kelvane_dense_moved(decoder, token->address);
   }
+}
+
+// An instruction that refers to the token's address.
+static void refer(const kelvane_dense_decoder* decoder, uint32_t instruction, int kind,
+                  kelvane_dense_token* token) {
+  token->kind = (uint8_t)kind;
+  token->old_value = instruction;
+  token->flip = (uint8_t)code_flip(decoder);
+  find_target(decoder, token);
 }
 
 // ---- Branches and calls
@@ -72,11 +84,8 @@ static int take_branch(kelvane_dense_decoder* decoder, uint32_t instruction,
   if (form == 0 || !kelvane_dense_is_inside(decoder, token->address)) {
     return 0;
   }
-  token->kind = KELVANE_DENSE_BRANCH;
   token->form = (uint8_t)form;
-  token->old_value = instruction;
-  token->flip = (uint8_t)code_flip(decoder);
-  find_target(decoder, token);
+  refer(decoder, instruction, KELVANE_DENSE_BRANCH, token);
   token->predicted =
       kelvane_dense_branch_to(decoder, instruction, base + token->position, token->target, form);
   return 1;
@@ -117,27 +126,22 @@ static int take_move(kelvane_dense_decoder* decoder, uint32_t instruction,
     const uint32_t step = KELVANE_DENSE_IS(decoder, THUMB) ? 2 : 4;
     const uint32_t limit = token->left < PAIR_AHEAD ? token->left : PAIR_AHEAD;
     registers[number] = KELVANE_DENSE_UNKNOWN;
-    for (uint32_t k = 4; k + 4 <= limit; k += step) {
-      const uint32_t other = old_code(decoder, token->source + k);
-      uint32_t other_number;
-      if (move_kind(decoder, other, &other_number) == 2 && other_number == number) {
-        registers[number] = move_half(decoder, other) << 16 | half;
-        token->kind = KELVANE_DENSE_LOWER;
-        break;
+    uint32_t other;
+    uint32_t other_number;
+    uint32_t k = 4;
+    do {
+      if (k + 4 > limit) {
+        return 0;
       }
-    }
-    if (token->kind != KELVANE_DENSE_LOWER) {
-      return 0;
-    }
+      other = old_code(decoder, token->source + k);
+      k += step;
+    } while (move_kind(decoder, other, &other_number) != 2 || other_number != number);
+    registers[number] = move_half(decoder, other) << 16 | half;
   } else if (registers[number] == KELVANE_DENSE_UNKNOWN || registers[number] >> 16 != half) {
     return 0;
-  } else {
-    token->kind = KELVANE_DENSE_UPPER;
   }
   token->address = registers[number];
-  token->old_value = instruction;
-  token->flip = (uint8_t)code_flip(decoder);
-  find_target(decoder, token);
+  refer(decoder, instruction, kind == 1 ? KELVANE_DENSE_LOWER : KELVANE_DENSE_UPPER, token);
   token->predicted =
       move_with(decoder, instruction, kind == 1 ? token->target : token->target >> 16);
   return 1;
@@ -158,14 +162,12 @@ static int find_lower(kelvane_dense_decoder* decoder, uint32_t instruction, uint
   uint32_t at = 4;
   for (uint32_t i = 0; i < LOOK_AHEAD_COUNT && at + 4 <= limit; ++i) {
     const uint32_t other = old_code(decoder, token->source + at);
-    uint32_t from;
-    uint32_t loaded;
     if (KELVANE_DENSE_IS(decoder, RISCV) && (other & 3u) != 3) {
       at += 2;
       continue;
     }
-    const int form = lower_form_of(decoder, other, &from, &loaded);
-    if (form != NOT_LOWER && from == number) {
+    const int form = lower_form_of(decoder, other);
+    if (form != NOT_LOWER && lower_register(decoder, other, form) == number) {
       token->address = value + lower_value(decoder, other, form);
       return form;
     }
@@ -178,12 +180,12 @@ static int find_lower(kelvane_dense_decoder* decoder, uint32_t instruction, uint
 static int find_upper(kelvane_dense_decoder* decoder, uint32_t instruction,
                       kelvane_dense_token* token) {
   uint32_t* const registers = decoder->state.model.old_registers;
-  uint32_t from;
-  uint32_t loaded;
-  const int form = lower_form_of(decoder, instruction, &from, &loaded);
+  const int form = lower_form_of(decoder, instruction);
   if (form == NOT_LOWER) {
     return NOT_LOWER;
   }
+  const uint32_t from = lower_register(decoder, instruction, form);
+  const uint32_t loaded = loaded_register(decoder, instruction, form);
   const uint32_t upper = registers[from];
   if (loaded != NO_REGISTER) {
     registers[loaded] = KELVANE_DENSE_UNKNOWN;
@@ -196,8 +198,8 @@ static int find_upper(kelvane_dense_decoder* decoder, uint32_t instruction,
   return form;
 }
 
-static int take_half_address(kelvane_dense_decoder* decoder, uint32_t instruction,
-                             kelvane_dense_token* token) {
+static KELVANE_DENSE_ONCE int take_half_address(kelvane_dense_decoder* decoder,
+                                                uint32_t instruction, kelvane_dense_token* token) {
   const uint32_t number = upper_register(decoder, instruction);
   const int is_upper = number != NO_REGISTER;
   const int form = is_upper ? find_lower(decoder, instruction, number, token)
@@ -205,10 +207,7 @@ static int take_half_address(kelvane_dense_decoder* decoder, uint32_t instructio
   if (form == NOT_LOWER) {
     return 0;
   }
-  token->kind = is_upper ? KELVANE_DENSE_UPPER : KELVANE_DENSE_LOWER;
-  token->old_value = instruction;
-  token->flip = (uint8_t)code_flip(decoder);
-  find_target(decoder, token);
+  refer(decoder, instruction, is_upper ? KELVANE_DENSE_UPPER : KELVANE_DENSE_LOWER, token);
   token->predicted = is_upper ? with_upper(decoder, instruction, form, token->target,
                                            decoder->info.base + token->position)
                               : with_lower(decoder, instruction, form, token->target,
@@ -343,7 +342,7 @@ static void classify_words(kelvane_dense_decoder* decoder, kelvane_dense_token* 
   if (take_address(decoder, token)) {
     return;
   }
-  if (decoder->info.machine != KELVANE_DENSE_NONE) {
+  if (WITH_WORDS && decoder->info.machine != KELVANE_DENSE_NONE) {
     const uint32_t instruction = decoder->info.code_big_endian == decoder->info.data_big_endian
                                      ? token->old_value
                                      : old_code(decoder, token->source);
@@ -368,7 +367,8 @@ void kelvane_dense_classify(kelvane_dense_decoder* decoder, uint32_t source, uin
   token->learned = 0;
   token->length = 4;
   token->kind = KELVANE_DENSE_WORD;
-  if ((KELVANE_DENSE_IS(decoder, THUMB) || KELVANE_DENSE_IS(decoder, RISCV)) && left >= 2 &&
+  if (decoder->info.machine != KELVANE_DENSE_NONE &&
+      (KELVANE_DENSE_IS(decoder, THUMB) || KELVANE_DENSE_IS(decoder, RISCV)) && left >= 2 &&
       !(unaligned & 1u)) {
     classify_halves(decoder, token);
   } else if (left >= 4 && !(unaligned & 3u)) {
@@ -385,35 +385,26 @@ void kelvane_dense_classify(kelvane_dense_decoder* decoder, uint32_t source, uin
 // What follows from a value that was not predicted.
 static void learn_from_miss(kelvane_dense_decoder* decoder, const kelvane_dense_token* token,
                             uint32_t place, uint32_t value) {
-  uint32_t target;
-  uint32_t from;
-  uint32_t loaded;
-  switch (token->kind) {
-    case KELVANE_DENSE_ADDRESS:
-    case KELVANE_DENSE_WORD:
-      learn(decoder, token->old_value, value);
-      break;
-    case KELVANE_DENSE_HALF:
-      learn(decoder, token->old_value | HALF_MARK, value);
-      break;
-    case KELVANE_DENSE_BRANCH:
-      if (kelvane_dense_branch_target(decoder, value, place, &target)) {
-        learn(decoder, token->address, target);
-      }
-      break;
-    case KELVANE_DENSE_LOWER:
-      if (has_halves(decoder)) {
-        target =
-            decoder->state.model.new_registers[token->form] +
-            lower_value(decoder, value, lower_form_of(decoder, token->old_value, &from, &loaded));
-      } else {
-        target = (token->target & 0xFFFF0000u) | move_half(decoder, value);
-      }
-      learn(decoder, token->address, target);
-      break;
-    default:
-      break;
+  const uint32_t kind = token->kind;
+  uint32_t from = token->old_value;
+  uint32_t to = value;
+  if (kind == KELVANE_DENSE_HALF) {
+    from |= HALF_MARK;
+  } else if (kind == KELVANE_DENSE_BRANCH) {
+    from = token->address;
+    if (!kelvane_dense_branch_target(decoder, value, place, &to)) {
+      return;
+    }
+  } else if (kind == KELVANE_DENSE_LOWER) {
+    from = token->address;
+    to = has_halves(decoder)
+             ? decoder->state.model.new_registers[token->form] +
+                   lower_value(decoder, value, lower_form_of(decoder, token->old_value))
+             : (token->target & 0xFFFF0000u) | move_half(decoder, value);
+  } else if (kind != KELVANE_DENSE_ADDRESS && kind != KELVANE_DENSE_WORD) {
+    return;
   }
+  learn(decoder, from, to);
 }
 
 void kelvane_dense_note(kelvane_dense_decoder* decoder, const kelvane_dense_token* token,
@@ -425,7 +416,7 @@ void kelvane_dense_note(kelvane_dense_decoder* decoder, const kelvane_dense_toke
   if (!hit) {
     learn_from_miss(decoder, token, place, value);
   }
-  if (has_halves(decoder) && token->length == 4) {
+  if (decoder->info.machine != KELVANE_DENSE_NONE && has_halves(decoder) && token->length == 4) {
     const uint32_t number = upper_register(decoder, token->old_value);
     if (number != NO_REGISTER) {
       model->new_registers[number] = upper_value(decoder, value, place);

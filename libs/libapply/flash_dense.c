@@ -83,7 +83,7 @@ static int dense_window(void* state, uint32_t address, uint8_t* bytes, uint32_t 
 }
 
 const kelvane_payload_kind kelvane_dense_kind = {KELVANE_PAYLOAD_DENSE,
-                                                 sizeof(kelvane_dense_state),
+                                                 KELVANE_DENSE_SAVED,
                                                  dense_open,
                                                  dense_restart,
                                                  dense_resume,

@@ -187,7 +187,6 @@ void payload_writer::write_map() {
     kelvane_dense_file_entry(&decoder_, i);
     decoder_.entry_count = i + 1;
   }
-  decoder_.in_map = 0;
   kelvane_dense_reset_model(&decoder_);
 }
 

@@ -6,4 +6,4 @@
 #include "dense_decoder.h"
 
 extern const uint32_t state_of_small_model;
-const uint32_t state_of_small_model = sizeof(kelvane_dense_state);
+const uint32_t state_of_small_model = KELVANE_DENSE_SAVED;

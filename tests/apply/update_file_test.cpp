@@ -45,7 +45,7 @@ DenseBundle bundle_of(const kelpatch::Bytes& old_image, const kelpatch::Bytes& n
 
 TEST(UpdateFileTest, KnowsWhatACheckpointOfEitherModelTakes) {
   EXPECT_EQ(kelpatch::dense_state_size(0), state_of_small_model);
-  EXPECT_EQ(kelpatch::dense_state_size(1), sizeof(kelvane_dense_state));
+  EXPECT_EQ(kelpatch::dense_state_size(1), KELVANE_DENSE_SAVED);
 }
 
 TEST(UpdateFileTest, ReadsThePlanThatWasWritten) {

@@ -100,17 +100,16 @@ bool is_update(const Bytes& bytes) {
 uint32_t dense_state_size(uint8_t model) {
   using Model = kelvane_dense_model;
   const auto by_model = [](uint32_t m) {
-    return static_cast<uint32_t>(
-        KELVANE_DENSE_FLAGS(m) * sizeof(Model::flags[0]) +
-        KELVANE_DENSE_LITERALS(m) * sizeof(Model::literals[0]) +
-        KELVANE_DENSE_LEARNED(m) * (sizeof(Model::learned_from[0]) + sizeof(Model::learned_to[0])));
+    return static_cast<uint32_t>(KELVANE_DENSE_FLAGS(m) * sizeof(Model::flags[0]) +
+                                 KELVANE_DENSE_LITERALS(m) * sizeof(Model::literals[0]) +
+                                 KELVANE_DENSE_LEARNED(m) * sizeof(Model::learned[0]));
   };
-  return static_cast<uint32_t>(sizeof(kelvane_dense_state)) -
-         by_model(KELVANE_DENSE_LARGEST_MODEL) + by_model(model);
+  return static_cast<uint32_t>(KELVANE_DENSE_SAVED) - by_model(KELVANE_DENSE_LARGEST_MODEL) +
+         by_model(model);
 }
 
 uint32_t dense_memory(uint8_t model, uint32_t map_entries) {
-  return static_cast<uint32_t>(sizeof(kelvane_dense_payload) - sizeof(kelvane_dense_state)) +
+  return static_cast<uint32_t>(sizeof(kelvane_dense_payload) - KELVANE_DENSE_SAVED) +
          dense_state_size(model) + map_entries * KELVANE_DENSE_ENTRY_SIZE;
 }
 
