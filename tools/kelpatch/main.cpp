@@ -20,6 +20,7 @@
 #include "patch_file.h"
 #include "patch_show.h"
 #include "patch_verify.h"
+#include "printable.h"
 #include "update_show.h"
 
 namespace kelpatch {
@@ -417,7 +418,7 @@ int main(int argc, char** argv) {
     return kelpatch::kRight;
   } catch (const kelpatch::Failure& failure) {
     std::fflush(stdout);
-    std::fprintf(stderr, "kelpatch: %s\n", failure.message.c_str());
+    std::fprintf(stderr, "kelpatch: %s\n", kelpatch::printable(failure.message).c_str());
     return failure.status;
   } catch (const std::bad_alloc&) {
     std::fputs("kelpatch: fatal: out of memory\n", stderr);
