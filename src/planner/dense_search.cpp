@@ -5,6 +5,7 @@
 #include <array>
 #include <mutex>
 #include <stdexcept>
+#include <utility>
 
 #include "dense_base.h"
 #include "dense_costs.h"
@@ -370,12 +371,17 @@ void search::next_round(std::vector<contender>& contenders, std::span<const try_
   }
 }
 
-// Puts the best one first and leaves out who is far behind it. What is 5 % behind, and some bytes,
-// does not catch up, but that the first round, without a map, shows little.
+// Puts the best one first, among equals the one that needs no code for a machine, and leaves out
+// who is far behind it. What is 5 % behind, and some bytes, does not catch up, but that the first
+// round, without a map, shows little.
 void search::drop_behind(std::vector<contender>& contenders, uint32_t round) const {
   std::stable_sort(contenders.begin(), contenders.end(),
                    [](const contender& first, const contender& second) {
-                     return is_smaller(first.best, second.best);
+                     const auto rank = [](const contender& each) {
+                       const bool has_machine = each.options.target.machine != KELVANE_DENSE_NONE;
+                       return std::pair(each.best.size(), has_machine);
+                     };
+                     return rank(first) < rank(second);
                    });
   const size_t most = most_machines_behind(round);
   const size_t percent = round == 0 && !is_far_apart_ ? 150 : 105;

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -102,6 +103,25 @@ TEST(FlashApply, PagesOf128KilobytesServe) {
   EXPECT_EQ(result.code, KELVANE_APPLY_OK);
   EXPECT_GT(result.cuts, 5u);
   EXPECT_EQ(result.wrong + result.violations, 0u);
+}
+
+// The same devices are cut at the same operations, however many go on at a time; also where all of
+// them end wrong.
+TEST(FlashApply, DevicesThatGoOnTogetherAreCountedAsOneByOne) {
+  const FlashPair pair = reorder_pair(256);
+  const Bundled bundle = bundled(pair, 256, 2);
+  for (const std::string& wanted : {pair.new_image, pair.old_image}) {
+    const auto counts = [&](uint32_t jobs) {
+      const CutResult result = cut_everywhere(shape_for(bundle, 16, true, 0), pair.old_image,
+                                              wanted, bundle.source(), {3, 3, 7, jobs});
+      return std::array{result.operations, result.cuts, result.starts, result.wrong,
+                        result.violations};
+    };
+    const auto one_by_one = counts(1);
+    EXPECT_EQ(one_by_one[3] == 0, wanted == pair.new_image);
+    EXPECT_EQ(counts(2), one_by_one);
+    EXPECT_EQ(counts(5), one_by_one);
+  }
 }
 
 int fetch_bytes(void* context, uint32_t position, uint8_t* bytes, uint32_t count) {

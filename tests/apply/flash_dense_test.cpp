@@ -8,6 +8,7 @@
 #include "dense_bundle.h"
 #include "flash_pairs.h"
 #include "linked_program.h"
+#include "quick_checksum.h"
 
 namespace kelvane {
 namespace {
@@ -184,6 +185,17 @@ TEST(FlashDense, CheckpointsOfAnyDistanceSurviveCuts) {
                   bundle.plan.ring, bundle.plan.slots, state_pages(device.page),
                   static_cast<unsigned long>(erases), static_cast<unsigned long>(cuts));
     }
+  }
+}
+
+TEST(FlashDense, TheQuickChecksumIsThatOfDevices) {
+  const Bytes bytes = Random(9).bytes(300);
+  const uint8_t* const data = bytes.data();
+  uint32_t sum = 0;
+  for (uint32_t count = 0; count <= 300; ++count) {
+    EXPECT_EQ(kelpatch::quick_dense_checksum(sum, data, count),
+              kelvane_dense_checksum(sum, data, count));
+    sum = kelvane_dense_checksum(sum, data + 300 - count, count);
   }
 }
 

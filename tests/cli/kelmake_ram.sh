@@ -31,6 +31,14 @@ kelpatch verify --ram old.elf new.elf patch
 sed 's/"seconds": [0-9.]*/"seconds": S/' report
 kelmake --ram --format 0 --effort quick old.elf other.elf -o patch | tail -n 1
 kelmake --ram --format 0 --quiet old.elf new.elf -o patch
+# A terminal does not obey the name of a section.
+sed 's/\.text/\x1b[31m/' old.elf >red.elf
+sed 's/\.text/\x1b[31m/' new.elf >red2.elf
+kelmake --ram --format 0 --effort quick --report report red.elf red2.elf -o red | grep ' at '
+grep '"name": .*31m' report
+kelpatch show --ram red.elf red2.elf red | grep -m 1 ' in '
+run kelpatch verify --ram $'\x1b[31m' new.elf patch
+run kelmake --ram --format 0 old.elf red.elf -o other
 
 run kelmake --ram old.elf new.elf -o other
 printf '.text\n' >words

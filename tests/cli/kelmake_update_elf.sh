@@ -30,6 +30,18 @@ elf() {
 }
 contents=()
 
+# wide_elf LOAD_ADDRESS FILE: a 64-bit image for RISC-V that loads the file there.
+wide_elf() {
+  local number size
+  size=$(stat -c %s "$2")
+  bytes 7F454C46 02010100 00000000 00000000
+  words $((243 << 16 | 2)) 1 0 0 64 0 0 0 0 $((56 << 16 | 64)) 1 0 1 1
+  for number in 120 "$1" "$1" "$size" "$size" 4096; do
+    words $((number & 0xFFFFFFFF)) $((number >> 32))
+  done
+  cat "$2"
+}
+
 for ((i = 0; i < 300; ++i)); do words $((i * 40503 % 65536)) $((0x8000 + i * 8)); done >code
 { head -c 1000 code && words 1 2 3 && tail -c +1001 code; } >longer
 printf '%0200d' 1 >table
@@ -64,7 +76,7 @@ elf 40 0 0 0x8000 code 0x8100 table >overlap.elf
 elf 40 0 0 0x8000 code 0x20000000 table >far.elf
 elf 40 0 0 >empty.elf
 head -c 3000 old.elf | head -c 200 >cut.elf
-{ bytes 7F454C46 02010100 && head -c 60 /dev/zero; } >wide.elf
+wide_elf 0xFFFFF800 code >wide.elf
 kelmake --bundle either.elf either2.elf -o update | grep '^  machine'
 kelmake --bundle --machine none --base 0x100000 --big-endian either.elf either2.elf -o update | grep '^  machine'
 # A machine whose code is little-endian keeps that where the command line tells another order.
@@ -73,9 +85,17 @@ elf 243 0 0 0x8000 longer >risc2.elf
 kelmake --bundle --big-endian --effort quick risc.elf risc2.elf -o update | grep '^  machine'
 { head -c 4 old.elf && bytes 00 && tail -c +6 old.elf; } >class.elf
 elf 40 0 0 0xFFFFF800 code >beyond.elf
+# 64-bit images, up to the last address that an update has.
+wide_elf 0xFFFFF690 code >wide1.elf
+wide_elf 0xFFFFF694 longer >wide2.elf
+kelmake --bundle --simulate --page 1024 wide1.elf wide2.elf -o wide | grep -v '^  bytes of '
+kelpatch verify wide1.elf wide2.elf wide
+run kelpatch apply wide1.elf wide -o made.bin
+tail -c 2412 made.bin | cmp longer -
+wide_elf 0x8000 code >wide32.elf
 for pair in 'old.elf new.bin' 'old.bin new.elf' 'old.elf power.elf' 'old.elf overlap.elf' \
   'old.elf far.elf' 'empty.elf new.elf' 'cut.elf new.elf' 'wide.elf new.elf' 'class.elf new.elf' \
-  'old.elf beyond.elf'; do
+  'old.elf beyond.elf' 'risc.elf wide32.elf'; do
   # shellcheck disable=SC2086
   run kelmake --bundle --quiet $pair -o kept
   # shellcheck disable=SC2086

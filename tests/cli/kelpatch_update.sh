@@ -23,6 +23,11 @@ run kelpatch bundle patch old new --page 1024 --spare 12 --rollback back -o mixe
 kelpatch show mixed | grep -E '^(update|bytes)'
 run kelpatch bundle update old new --page 1024 -o kept
 run kelpatch bundle update old new --spare 60 -o kept
+# A ring is told for patches alone.
+run kelpatch bundle update old new --page 1024 --spare 20 --rollback back --ring 4 -o kept
+run kelpatch bundle update old new --page 1024 --spare 20 --ring 4 -o kept
+kelmake --quiet new old -o patch_back
+run kelpatch bundle update old new --page 1024 --spare 40 --rollback patch_back --ring 4 -o mixed
 run kelpatch bundle update old new --page 1024 --spare 20 --rollback update -o kept
 run kelpatch plan update old
 

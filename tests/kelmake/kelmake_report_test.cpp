@@ -3,6 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <utility>
+
+#include "printable.h"
+
 namespace kelmake {
 namespace {
 
@@ -94,6 +98,26 @@ TEST(KelmakeReportTest, QuotesNamesInJson) {
                     HasSubstr("\"\u00e9\U0001F600\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd\\ufffd"
                               "\\ufffdz\\ufffd\\ufffd\""),
                     HasSubstr(R"("increments": {"bytes": 100, "count": 2})")));
+}
+
+TEST(KelmakeReportTest, ShowsNamesWithoutControlBytes) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"", ""},
+      {".text$a b\\x", ".text$a b\\x"},
+      {"\x1b[2J\n\x7f", "\\x1b[2J\\x0a\\x7f"},
+      {std::string("a\0b", 3), "a\\x00b"},
+      // Characters of two, three and four bytes; a control character of two.
+      {"\u00e4\u20ac\U0001f600", "\u00e4\u20ac\U0001f600"},
+      {"\u009b31m\u00a0", "\\xc2\\x9b31m\u00a0"},
+      // A byte of no character, one that is cut off, one longer than it need be, half a pair.
+      {"\x9bm\xe4", "\\x9bm\\xe4"},
+      {"\xe2\x82x", "\\xe2\\x82x"},
+      {"\xc0\x9b", "\\xc0\\x9b"},
+      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},
+  };
+  for (const auto& [name, shown] : cases) {
+    EXPECT_EQ(kelpatch::printable(name), shown);
+  }
 }
 
 }  // namespace

@@ -354,6 +354,25 @@ TEST(DenseSearchTest, TheNumberOfJobsChangesNoByte) {
   }
 }
 
+TEST(DenseSearchTest, AMachineThatGainsNothingIsNone) {
+  Random random(1);
+  uint32_t ties = 0;
+  for (int i = 0; i < 12; ++i) {
+    const Bytes before = random.bytes(3000);
+    Bytes after = before;
+    after[random.below(after.size())] ^= 0x5A;
+    const ImagePair pair = {before, after};
+    dense_request request = request_for(pair);
+    const dense_update update = search_dense(request);
+    request.target = {KELVANE_DENSE_NONE, kLittle, kLittle, 0};
+    if (search_dense(request).payload.size() == update.payload.size()) {
+      EXPECT_EQ(update.options.target.machine, KELVANE_DENSE_NONE);
+      ++ties;
+    }
+  }
+  EXPECT_GT(ties, 0U);
+}
+
 // Patterns that repeat have a match everywhere: a search that looks at all of them takes minutes.
 TEST(DenseSearchTest, APatternThatRepeatsCostsFewBytesAndLittleTime) {
   Random random(4);

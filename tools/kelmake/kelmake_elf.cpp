@@ -20,33 +20,70 @@ namespace elf32 = kelvane::elf32;
 
 constexpr uint32_t kMostPages = 65535;
 constexpr uint64_t kMostBytes = uint64_t{256} << 20U;
-constexpr uint64_t kAddressEnd = uint64_t{1} << 32U;
+constexpr uint64_t kLastAddress = UINT32_MAX;
+// Of the records of 64-bit files.
+constexpr uint32_t kWideFileHeaderSize = 64;
+constexpr uint32_t kWideProgramHeaderSize = 56;
 
-elf32::file_header file_header_of(ByteReader& reader) {
-  elf32::file_header header = {};
-  reader.read(header.e_ident);
-  header.e_type = reader.u16();
-  header.e_machine = reader.u16();
-  header.e_version = reader.u32();
-  header.e_entry = reader.u32();
-  header.e_phoff = reader.u32();
-  header.e_shoff = reader.u32();
-  header.e_flags = reader.u32();
-  header.e_ehsize = reader.u16();
-  header.e_phentsize = reader.u16();
-  header.e_phnum = reader.u16();
-  header.e_shentsize = reader.u16();
-  header.e_shnum = reader.u16();
-  header.e_shstrndx = reader.u16();
+// What is needed of the file header and of a program header, of either class. Where a field is not
+// told by its width, it has 4 bytes in a 32-bit file and 8 in a 64-bit one.
+struct FileHeader {
+  bool is_wide = false;  // 64-bit
+  uint16_t machine = 0;
+  uint64_t entry = 0;
+  uint64_t program_headers = 0;  // offset in the file
+  uint64_t section_headers = 0;
+  uint32_t flags = 0;
+  uint16_t program_header_size = 0;
+  uint16_t program_header_count = 0;
+  uint16_t section_header_size = 0;
+  uint16_t section_header_count = 0;
+};
+struct ProgramHeader {
+  uint32_t type = 0;
+  uint32_t flags = 0;
+  uint64_t offset = 0;
+  uint64_t virtual_address = 0;
+  uint64_t load_address = 0;
+  uint64_t file_size = 0;
+  uint64_t memory_size = 0;
+};
+
+uint64_t address_of(ByteReader& reader, bool is_wide) {
+  return is_wide ? reader.u64() : reader.u32();
+}
+
+FileHeader file_header_of(ByteReader& reader, bool is_wide) {
+  FileHeader header;
+  header.is_wide = is_wide;
+  reader.seek(elf32::kIdentificationSize + 2);  // behind e_type
+  header.machine = reader.u16();
+  reader.skip(4);  // e_version
+  header.entry = address_of(reader, is_wide);
+  header.program_headers = address_of(reader, is_wide);
+  header.section_headers = address_of(reader, is_wide);
+  header.flags = reader.u32();
+  reader.skip(2);  // e_ehsize
+  header.program_header_size = reader.u16();
+  header.program_header_count = reader.u16();
+  header.section_header_size = reader.u16();
+  header.section_header_count = reader.u16();
   return header;
 }
 
-elf32::program_header program_header_of(ByteReader& reader) {
-  elf32::program_header header = {};
-  for (uint32_t* const field :
-       {&header.p_type, &header.p_offset, &header.p_vaddr, &header.p_paddr, &header.p_filesz,
-        &header.p_memsz, &header.p_flags, &header.p_align}) {
-    *field = reader.u32();
+ProgramHeader program_header_of(ByteReader& reader, bool is_wide) {
+  ProgramHeader header;
+  header.type = reader.u32();
+  if (is_wide) {
+    header.flags = reader.u32();
+  }
+  header.offset = address_of(reader, is_wide);
+  header.virtual_address = address_of(reader, is_wide);
+  header.load_address = address_of(reader, is_wide);
+  header.file_size = address_of(reader, is_wide);
+  header.memory_size = address_of(reader, is_wide);
+  if (!is_wide) {
+    header.flags = reader.u32();
   }
   return header;
 }
@@ -61,23 +98,48 @@ elf32::section_header section_header_of(ByteReader& reader) {
   return header;
 }
 
+// Ends the run unless the bytes of the segment are there and have addresses that an update reaches.
+void require_loadable(const std::string& name, const ProgramHeader& segment, bool is_wide,
+                      uint64_t size) {
+  if (!kelvane::fits(segment.offset, segment.file_size, size)) {
+    fatal("image '%s' is damaged: a segment lies outside the file", name.c_str());
+  }
+  if (segment.file_size > segment.memory_size) {
+    fatal("image '%s' is damaged: a segment has more bytes in the file than in memory",
+          name.c_str());
+  }
+  const uint64_t last = segment.load_address + segment.file_size - 1;
+  if (last < segment.load_address || (!is_wide && last > kLastAddress)) {
+    fatal("image '%s' is damaged: a segment lies beyond the last address", name.c_str());
+  }
+  if (last > kLastAddress) {
+    fatal("image '%s' loads bytes up to 0x%" PRIx64 ", and addresses of an update have 32 bits",
+          name.c_str(), last);
+  }
+}
+
 std::vector<ElfSegment> segments_of(const std::string& name, ByteReader& reader,
-                                    const elf32::file_header& header) {
+                                    const FileHeader& header) {
+  const uint32_t least_size =
+      header.is_wide ? kWideProgramHeaderSize : uint32_t{elf32::kProgramHeaderSize};
+  if (header.program_header_count != 0 &&
+      (header.program_header_size < least_size ||
+       !kelvane::fits_array(header.program_headers, header.program_header_count,
+                            header.program_header_size, reader.size()))) {
+    fatal("image '%s' is damaged: its program headers are unsound", name.c_str());
+  }
   std::vector<ElfSegment> segments;
-  for (uint32_t i = 0; i < header.e_phnum; ++i) {
-    reader.seek(uint64_t{header.e_phoff} + uint64_t{i} * header.e_phentsize);
-    const elf32::program_header segment = program_header_of(reader);
-    if (reader.failed() || header.e_phentsize < elf32::kProgramHeaderSize) {
-      fatal("image '%s' is damaged: its program headers are unsound", name.c_str());
-    }
-    if (segment.p_type != elf32::PT_LOAD || segment.p_filesz == 0) {
+  for (uint32_t i = 0; i < header.program_header_count; ++i) {
+    reader.seek(header.program_headers + uint64_t{i} * header.program_header_size);
+    const ProgramHeader segment = program_header_of(reader, header.is_wide);
+    if (segment.type != elf32::PT_LOAD || segment.file_size == 0) {
       continue;
     }
-    if (!kelvane::fits(segment.p_offset, segment.p_filesz, reader.size())) {
-      fatal("image '%s' is damaged: a segment lies outside the file", name.c_str());
-    }
-    segments.push_back({segment.p_paddr, segment.p_vaddr, segment.p_offset, segment.p_filesz,
-                        (segment.p_flags & elf32::PF_X) != 0});
+    require_loadable(name, segment, header.is_wide, reader.size());
+    segments.push_back(
+        {static_cast<uint32_t>(segment.load_address),
+         static_cast<uint32_t>(segment.virtual_address), static_cast<uint32_t>(segment.offset),
+         static_cast<uint32_t>(segment.file_size), (segment.flags & elf32::PF_X) != 0});
   }
   if (segments.empty()) {
     fatal("image '%s' has no bytes to load", name.c_str());
@@ -93,19 +155,17 @@ std::vector<ElfSegment> segments_of(const std::string& name, ByteReader& reader,
     }
     end = uint64_t{segment.load_address} + segment.size;
   }
-  if (end > kAddressEnd) {
-    fatal("image '%s' is damaged: a segment lies beyond the last address", name.c_str());
-  }
   return segments;
 }
 
 // The assembler marks where code of one kind begins: "$t" or "$t.any", "$a" or "$a.any". Gives what
 // more of the marks stand for, or nothing for a file without any that can be read.
-std::optional<uint8_t> marked_code(const Bytes& file, ByteReader reader,
-                                   const elf32::file_header& header) {
+std::optional<uint8_t> marked_code(const Bytes& file, ByteReader reader, const FileHeader& header) {
   std::vector<elf32::section_header> sections;
-  for (uint32_t i = 0; i < header.e_shnum && header.e_shentsize >= elf32::kSectionHeaderSize; ++i) {
-    reader.seek(uint64_t{header.e_shoff} + uint64_t{i} * header.e_shentsize);
+  for (uint32_t i = 0;
+       i < header.section_header_count && header.section_header_size >= elf32::kSectionHeaderSize;
+       ++i) {
+    reader.seek(header.section_headers + uint64_t{i} * header.section_header_size);
     sections.push_back(section_header_of(reader));
   }
   const auto symbols = std::find_if(
@@ -141,14 +201,17 @@ std::optional<uint8_t> marked_code(const Bytes& file, ByteReader reader,
 }
 
 std::vector<uint8_t> machines_of(const Bytes& file, const ByteReader& reader,
-                                 const elf32::file_header& header) {
-  switch (header.e_machine) {
+                                 const FileHeader& header) {
+  switch (header.machine) {
     case elf32::EM_ARM:
+      if (header.is_wide) {
+        return {KELVANE_DENSE_NONE};
+      }
       if (const std::optional<uint8_t> marked = marked_code(file, reader, header)) {
         return {*marked};
       }
       // An odd entry is Thumb; an even one may be a table of vectors.
-      if ((header.e_entry & 1U) != 0) {
+      if ((header.entry & 1U) != 0) {
         return {KELVANE_DENSE_THUMB};
       }
       return {KELVANE_DENSE_THUMB, KELVANE_DENSE_ARM};
@@ -238,23 +301,23 @@ bool is_elf(const Bytes& file) {
 }
 
 ElfFile read_elf(const std::string& name, const Bytes& file) {
-  if (file.size() > elf32::EI_DATA && file[elf32::EI_CLASS] == elf32::ELFCLASS64) {
-    fatal("'%s' is a 64-bit ELF file; an update is made from 32-bit ones or from raw images",
-          name.c_str());
-  }
-  if (file.size() < elf32::kFileHeaderSize || file[elf32::EI_CLASS] != elf32::ELFCLASS32) {
-    fatal("image '%s' is damaged: it has no header of a 32-bit ELF file", name.c_str());
+  const uint8_t file_class = file.size() > elf32::EI_CLASS ? file[elf32::EI_CLASS] : uint8_t{0};
+  const bool is_wide = file_class == elf32::ELFCLASS64;
+  if ((!is_wide && file_class != elf32::ELFCLASS32) ||
+      file.size() < (is_wide ? kWideFileHeaderSize : uint32_t{elf32::kFileHeaderSize})) {
+    fatal("image '%s' is damaged: it has no header of a 32-bit or 64-bit ELF file", name.c_str());
   }
   ElfFile elf;
   elf.data_order = kelvane::byte_order_of(file[elf32::EI_DATA] == elf32::ELFDATA2MSB);
   ByteReader reader(file, elf.data_order);
-  const elf32::file_header header = file_header_of(reader);
-  elf.machine = header.e_machine;
+  const FileHeader header = file_header_of(reader, is_wide);
+  elf.is_wide = is_wide;
+  elf.machine = header.machine;
   elf.segments = segments_of(name, reader, header);
   elf.machines = machines_of(file, reader, header);
   const bool has_little_code =
-      header.e_machine == elf32::EM_RISCV ||
-      (header.e_machine == elf32::EM_ARM && (header.e_flags & elf32::EF_ARM_BE8) != 0);
+      header.machine == elf32::EM_RISCV ||
+      (header.machine == elf32::EM_ARM && (header.flags & elf32::EF_ARM_BE8) != 0);
   elf.code_order = has_little_code ? ByteOrder::kLittle : elf.data_order;
   return elf;
 }
@@ -263,7 +326,8 @@ FlashImages lay_out(const std::string& old_name, const Bytes& old_file, const st
                     const Bytes& new_file, uint32_t page_size) {
   const ElfFile old_elf = read_elf(old_name, old_file);
   const ElfFile new_elf = read_elf(new_name, new_file);
-  if (old_elf.machine != new_elf.machine || old_elf.data_order != new_elf.data_order) {
+  if (old_elf.machine != new_elf.machine || old_elf.data_order != new_elf.data_order ||
+      old_elf.is_wide != new_elf.is_wide) {
     fatal("'%s' and '%s' are for different machines", old_name.c_str(), new_name.c_str());
   }
   FlashImages images;

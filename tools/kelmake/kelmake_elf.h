@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-// Two builds as ELF files (System V ABI, 32 bit), laid out as they lie in flash: the bytes of the
-// loadable segments at their load addresses, in pages. Between segments in the same page or in
+// Two builds as ELF files (System V ABI, 32 or 64 bit), laid out as they lie in flash: the bytes of
+// the loadable segments at their load addresses, in pages. Between segments in the same page or in
 // neighbouring ones lie zeros, as objcopy -O binary fills them; all else that no segment covers is
 // 0xFF, as in erased flash. What the headers say of machine, byte orders and addresses spares the
-// encoder its guesses.
+// encoder its guesses. An update has addresses of 32 bits, and so must be those of a 64-bit file
+// where it loads bytes.
 
 #include <cstdint>
 #include <string>
@@ -22,14 +23,15 @@ bool is_elf(const kelpatch::Bytes& file);
 // Bytes that a loader puts into flash.
 struct ElfSegment {
   uint32_t load_address = 0;
-  uint32_t virtual_address = 0;
-  uint32_t offset = 0;  // in the file
-  uint32_t size = 0;    // at least 1
+  uint32_t virtual_address = 0;  // its low 32 bits
+  uint32_t offset = 0;           // in the file
+  uint32_t size = 0;             // at least 1
   bool is_code = false;
 };
 
 struct ElfFile {
   std::vector<ElfSegment> segments;  // at least one; by ascending load addresses, no two overlap
+  bool is_wide = false;              // 64-bit
   uint16_t machine = 0;              // e_machine
   kelvane::ByteOrder code_order = kelvane::ByteOrder::kLittle;
   kelvane::ByteOrder data_order = kelvane::ByteOrder::kLittle;
@@ -37,8 +39,9 @@ struct ElfFile {
   std::vector<uint8_t> machines;
 };
 
-// Reads the headers, and the symbols that tell Thumb from ARM. Ends the run for a 64-bit file, for
-// one without loadable bytes, and for one whose tables or segments are not there or overlap.
+// Reads the headers, and the symbols that tell Thumb from ARM. Ends the run for a file without
+// loadable bytes, for one that loads any beyond 32-bit addresses, and for one whose tables or
+// segments are not there or overlap.
 ElfFile read_elf(const std::string& name, const kelpatch::Bytes& file);
 
 // Pages of flash, counted from the first one of the images.
@@ -57,7 +60,7 @@ struct FlashImages {
 };
 
 // Lays both files out in pages of `page_size` bytes, a power of two. Ends the run if they are for
-// different machines, or too far apart for an update.
+// different machines or of different classes, or too far apart for an update.
 FlashImages lay_out(const std::string& old_name, const kelpatch::Bytes& old_file,
                     const std::string& new_name, const kelpatch::Bytes& new_file,
                     uint32_t page_size);

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <string_view>
+#include <string>
 
 #include "exit_status.h"
 #include "indgen_message.h"
@@ -14,6 +14,7 @@
 #include "motion.h"
 #include "options.h"
 #include "patch_file.h"
+#include "printable.h"
 
 namespace kelmake {
 namespace {
@@ -38,25 +39,22 @@ void print_message(uint32_t code, const char* format, ...) {
   va_end(arguments);
 }
 
-// Adds the name of the file where a message tells none.
+// Adds the name of the file where a message tells none. Names of sections come from the file.
 void print_for_file(uint32_t code, const char* format, va_list arguments) {
   if (code == kWarning && messages.no_warnings) {
     return;
   }
-  va_list again;
-  va_copy(again, arguments);
   std::array<char, 1024> text = {};
   const int reason = errno;
-  std::vsnprintf(text.data(), text.size(), format, again);
-  va_end(again);
-  errno = reason;
-  if (messages.file_name == nullptr ||
-      std::string_view(text.data()).find("'" + std::string(messages.file_name) + "'") !=
-          std::string_view::npos) {
-    messages.print(code, format, arguments);
-  } else {
-    print_message(code, "image '%s': %s", messages.file_name, text.data());
+  std::vsnprintf(text.data(), text.size(), format, arguments);
+  std::string told = text.data();
+  if (messages.file_name != nullptr &&
+      told.find("'" + std::string(messages.file_name) + "'") == std::string::npos) {
+    told = "image '" + std::string(messages.file_name) + "': " + told;
   }
+  told = kelpatch::printable(told);
+  errno = reason;
+  print_message(code, "%s", told.c_str());
 }
 
 class ReadersMessages {

@@ -10,6 +10,7 @@
 #include "kelmake_run.h"
 #include "kelmake_update.h"
 #include "patch_file.h"
+#include "printable.h"
 
 namespace kelmake {
 namespace {
@@ -38,11 +39,11 @@ int status_of_run(const std::vector<std::string>& arguments) {
     run(arguments);
     return kWritten;
   } catch (const UsageError& error) {
-    std::fprintf(stderr, "kelmake: %s\n", error.message.c_str());
+    std::fprintf(stderr, "kelmake: %s\n", kelpatch::printable(error.message).c_str());
     return kUsage;
   } catch (const kelpatch::Failure& failure) {
     std::fflush(stdout);
-    std::fprintf(stderr, "kelmake: %s\n", failure.message.c_str());
+    std::fprintf(stderr, "kelmake: %s\n", kelpatch::printable(failure.message).c_str());
     return kTrouble;
   } catch (const EndedBelow&) {
     return kTrouble;

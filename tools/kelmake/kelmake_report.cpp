@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "patch_file.h"
+#include "printable.h"
 
 namespace kelmake {
 namespace {
@@ -76,7 +77,7 @@ std::string text_of_sections(const std::vector<ComparedSection>& sections) {
   std::string text;
   for (const ComparedSection& section :
        std::span(sections).first(std::min(sections.size(), kMostSections))) {
-    text += formatted("  %-18s %9s at 0x%08" PRIx32, section.name.c_str(),
+    text += formatted("  %-18s %9s at 0x%08" PRIx32, kelpatch::printable(section.name).c_str(),
                       counted(section.new_size, "byte").c_str(), section.new_address);
     text += section.old_size == section.new_size && section.old_address == section.new_address
                 ? "\n"
@@ -87,30 +88,6 @@ std::string text_of_sections(const std::vector<ComparedSection>& sections) {
     text += formatted("  and %zu more\n", sections.size() - kMostSections);
   }
   return text;
-}
-
-// Bytes of the UTF-8 character that the text begins with; 0 if that is none.
-size_t character_size(std::string_view text) {
-  const auto byte = [&](size_t i) {
-    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
-  };
-  const uint32_t first = byte(0);
-  if (first < 0x80) {
-    return 1;
-  }
-  const size_t size = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-  uint32_t character = first & (0x7FU >> size);
-  for (size_t i = 1; i < size; ++i) {
-    if ((byte(i) & 0xC0U) != 0x80) {
-      return 0;
-    }
-    character = character << 6U | (byte(i) & 0x3FU);
-  }
-  const uint32_t least = size == 4 ? 0x10000 : size == 3 ? 0x800 : 0x80;
-  const bool is_surrogate = character >> 11U == 0x1B;
-  const bool is_sound =
-      first >= 0xC0 && first < 0xF8 && character >= least && character <= 0x10FFFF && !is_surrogate;
-  return is_sound ? size : 0;
 }
 
 // A sentence for a patch that is of little use; empty for others.
@@ -146,7 +123,7 @@ double percent_of(uint64_t part, uint64_t whole) {
 std::string json_text(const std::string& text) {
   std::string quoted = "\"";
   for (size_t at = 0; at < text.size();) {
-    const size_t size = character_size(std::string_view(text).substr(at));
+    const size_t size = kelpatch::character_size(std::string_view(text).substr(at));
     const auto byte = static_cast<unsigned char>(text[at]);
     if (size == 0) {
       quoted += "\\ufffd";

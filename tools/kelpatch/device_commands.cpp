@@ -205,13 +205,16 @@ void make_update(const std::string& patch_name, const std::string& old_name,
   NamedImage old_image = {old_name, read_input(old_name)};
   NamedImage new_image = {new_name, read_input(new_name)};
   const Bytes way = read_input(patch_name);
+  const Bytes way_back = device.rollback ? read_input(*device.rollback) : Bytes();
+  if (device.has_ring && is_update(way) && (!device.rollback || is_update(way_back))) {
+    fatal("'--ring' is for patches, and the ring of '%s' is the update's own", patch_name.c_str());
+  }
   if (is_update(way)) {
     load_linked(device.spare.page_size, old_image, &new_image);
   }
   require_way(patch_name, way, old_image, new_image, device, max_size);
   Bytes back;
   if (device.rollback) {
-    const Bytes way_back = read_input(*device.rollback);
     require_way(*device.rollback, way_back, new_image, old_image, device, max_size);
     back = tried_bundle(*device.rollback, way_back, new_image, old_image, device, {}, 0);
   }

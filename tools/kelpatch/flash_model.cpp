@@ -83,15 +83,21 @@ int FlashModel::read(void* context, uint32_t address, uint8_t* bytes, uint32_t c
   if (!flash.powered_) {
     return 1;
   }
-  for (uint32_t i = 0; i < count; ++i) {
-    const uint32_t place = address + i;
-    bytes[i] = flash.bytes_[place];
-    if (flash.units_[place / flash.geometry_.unit] == Unit::kTorn) {
+  std::copy_n(flash.bytes_.begin() + address, count, bytes);
+  const uint32_t unit = flash.geometry_.unit;
+  const uint32_t end = address + count;
+  uint32_t place = address;
+  while (place < end) {
+    const uint32_t unit_end = std::min(end, (place / unit + 1) * unit);
+    const bool is_torn = flash.units_[place / unit] == Unit::kTorn;
+    for (; is_torn && place < unit_end; ++place) {
       if (flash.geometry_.ecc_faults && flash.random_() % 4 != 0) {
         return 1;
       }
-      bytes[i] = static_cast<uint8_t>(bytes[i] ^ (flash.random_bits() & flash.undecided_[place]));
+      uint8_t& byte = bytes[place - address];
+      byte = static_cast<uint8_t>(byte ^ (flash.random_bits() & flash.undecided_[place]));
     }
+    place = unit_end;
   }
   return 0;
 }
@@ -134,15 +140,17 @@ int FlashModel::erase(void* context, uint32_t address) {
   ++flash.erases[address / size];
   const bool torn = cut == Cut::kTorn;
   const Progress progress = flash.random_progress();
-  for (uint32_t place = address; place < address + size; ++place) {
-    if (torn) {
+  if (torn) {
+    for (uint32_t place = address; place < address + size; ++place) {
       flash.tear(place, 0xFF, progress);
-    } else {
-      flash.bytes_[place] = 0xFF;
-      flash.undecided_[place] = 0;
     }
-    flash.units_[place / flash.geometry_.unit] = torn ? Unit::kTorn : Unit::kErased;
+  } else {
+    std::fill_n(flash.bytes_.begin() + address, size, uint8_t{0xFF});
+    std::fill_n(flash.undecided_.begin() + address, size, uint8_t{0});
   }
+  const uint32_t unit = flash.geometry_.unit;
+  std::fill_n(flash.units_.begin() + address / unit, size / unit,
+              torn ? Unit::kTorn : Unit::kErased);
   return flash.powered_ ? 0 : 1;
 }
 

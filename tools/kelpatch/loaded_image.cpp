@@ -2,22 +2,30 @@
 #include "loaded_image.h"
 
 #include <algorithm>
-#include <string_view>
+#include <cinttypes>
+#include <optional>
 #include <vector>
 
 namespace kelpatch {
 namespace {
 
-// Offsets in the file header and in a program header, and the size of the latter.
 constexpr uint32_t kClass = 4;
 constexpr uint32_t kOrder = 5;
-constexpr uint32_t kProgramHeaders = 28;
-constexpr uint32_t kEntrySize = 42;
-constexpr uint32_t kEntries = 44;
-constexpr uint32_t kOffset = 4;
-constexpr uint32_t kLoadAddress = 12;
-constexpr uint32_t kSize = 16;
-constexpr uint32_t kProgramHeaderSize = 32;
+
+// Offsets in the file header and in a program header, and how long the latter is.
+struct Records {
+  uint32_t word;  // bytes of an address, an offset or a size
+  uint32_t program_headers;
+  uint32_t entry_size;
+  uint32_t entries;
+  uint32_t offset;
+  uint32_t load_address;
+  uint32_t size;
+  uint32_t memory_size;
+  uint32_t program_header_size;
+};
+constexpr Records kRecords32 = {4, 28, 42, 44, 4, 12, 16, 20, 32};
+constexpr Records kRecords64 = {8, 32, 54, 56, 8, 24, 32, 40, 56};
 
 constexpr uint32_t kIsLoaded = 1;  // type of a program header
 constexpr uint64_t kMostBytes = uint64_t{256} << 20U;
@@ -29,53 +37,83 @@ bool is_linked(const Bytes& bytes) {
          std::equal(std::begin(kStart), std::end(kStart), bytes.begin());
 }
 
-uint32_t number(const NamedImage& file, uint64_t offset, uint32_t size) {
-  if (offset + size > file.bytes.size()) {
+void require_header(const NamedImage& file, uint64_t offset, uint64_t size) {
+  if (offset > file.bytes.size() || size > file.bytes.size() - offset) {
     fatal("image '%s' is damaged: a header lies outside the file", file.name.c_str());
   }
+}
+
+// Of at most 8 bytes.
+uint64_t number(const NamedImage& file, uint64_t offset, uint32_t size) {
+  require_header(file, offset, size);
   const bool big_endian = file.bytes[kOrder] == 2;
-  uint32_t value = 0;
+  uint64_t value = 0;
   for (uint32_t i = 0; i < size; ++i) {
     value = value << 8U | file.bytes[offset + (big_endian ? i : size - 1 - i)];
   }
   return value;
 }
 
+const Records& records_of(const NamedImage& file) {
+  const uint8_t file_class = file.bytes.size() > kClass ? file.bytes[kClass] : uint8_t{0};
+  if (file_class != 1 && file_class != 2) {
+    fatal("image '%s' is neither a 32-bit nor a 64-bit ELF file", file.name.c_str());
+  }
+  return file_class == 1 ? kRecords32 : kRecords64;
+}
+
 struct Piece {
   uint64_t address;
   uint64_t end;
-  uint32_t offset;
+  uint64_t offset;
 };
+
+// What the program header at that place loads; nothing if that is no byte.
+std::optional<Piece> piece_at(const NamedImage& file, const Records& records, uint64_t at) {
+  const uint64_t size = number(file, at + records.size, records.word);
+  if (number(file, at, 4) != kIsLoaded || size == 0) {
+    return std::nullopt;
+  }
+  const uint64_t offset = number(file, at + records.offset, records.word);
+  if (offset > file.bytes.size() || size > file.bytes.size() - offset) {
+    fatal("image '%s' is damaged: a segment lies outside the file", file.name.c_str());
+  }
+  if (size > number(file, at + records.memory_size, records.word)) {
+    fatal("image '%s' is damaged: a segment has more bytes in the file than in memory",
+          file.name.c_str());
+  }
+  // The size is small, so that the sum passes the end of all numbers only where it comes out below.
+  const uint64_t address = number(file, at + records.load_address, records.word);
+  const uint64_t end = address + size;
+  if (end - 1 < address || (records.word == 4 && end > kAddressEnd)) {
+    fatal("image '%s' is damaged: a segment lies beyond the last address", file.name.c_str());
+  }
+  if (end - 1 >= kAddressEnd) {
+    fatal("image '%s' loads bytes up to 0x%" PRIx64 ", and addresses of an update have 32 bits",
+          file.name.c_str(), end - 1);
+  }
+  return Piece{address, end, offset};
+}
 
 // By ascending addresses.
 std::vector<Piece> pieces_of(const NamedImage& file) {
-  const uint32_t first = number(file, kProgramHeaders, 4);
-  const uint32_t entry_size = number(file, kEntrySize, 2);
-  const uint32_t entries = number(file, kEntries, 2);
-  if (file.bytes[kClass] != 1) {
-    fatal("image '%s' is no 32-bit ELF file", file.name.c_str());
+  const Records& records = records_of(file);
+  const uint64_t first = number(file, records.program_headers, records.word);
+  const uint64_t entry_size = number(file, records.entry_size, 2);
+  const uint64_t entries = number(file, records.entries, 2);
+  if (entries != 0 && entry_size < records.program_header_size) {
+    fatal("image '%s' is damaged: its program headers are unsound", file.name.c_str());
   }
+  require_header(file, first, entries * entry_size);
   std::vector<Piece> pieces;
-  for (uint32_t i = 0; i < entries; ++i) {
-    const uint64_t at = uint64_t{first} + uint64_t{i} * entry_size;
-    number(file, at + kProgramHeaderSize - 4, 4);
-    const uint32_t offset = number(file, at + kOffset, 4);
-    const uint32_t size = number(file, at + kSize, 4);
-    if (number(file, at, 4) != kIsLoaded || size == 0) {
-      continue;
+  for (uint64_t i = 0; i < entries; ++i) {
+    if (const std::optional<Piece> piece = piece_at(file, records, first + i * entry_size)) {
+      pieces.push_back(*piece);
     }
-    if (uint64_t{offset} + size > file.bytes.size()) {
-      fatal("image '%s' is damaged: a segment lies outside the file", file.name.c_str());
-    }
-    const uint64_t address = number(file, at + kLoadAddress, 4);
-    pieces.push_back({address, address + size, offset});
   }
   std::stable_sort(pieces.begin(), pieces.end(), [](const Piece& first_one, const Piece& other) {
     return first_one.address < other.address;
   });
-  if (!pieces.empty() && pieces.back().end > kAddressEnd) {
-    fatal("image '%s' is damaged: a segment lies beyond the last address", file.name.c_str());
-  }
   if (pieces.empty() || pieces.back().end - pieces.front().address > kMostBytes) {
     fatal("image '%s' loads nothing, or more than 256 MiB", file.name.c_str());
   }
@@ -93,7 +131,7 @@ Bytes loaded(const NamedImage& file, const std::vector<Piece>& pieces, uint64_t 
     // Zeros up to the next piece, unless a page lies between that no piece touches.
     const bool is_near = !image.empty() && at / page_size <= (image.size() - 1) / page_size + 1;
     image.resize(at, is_near ? 0 : 0xFF);
-    const auto begin = file.bytes.begin() + piece.offset;
+    const auto begin = file.bytes.begin() + static_cast<ptrdiff_t>(piece.offset);
     image.insert(image.end(), begin, begin + static_cast<ptrdiff_t>(piece.end - piece.address));
   }
   return image;

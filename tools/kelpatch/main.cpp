@@ -20,6 +20,7 @@
 #include "patch_file.h"
 #include "patch_show.h"
 #include "patch_verify.h"
+#include "printable.h"
 #include "update_show.h"
 
 namespace kelpatch {
@@ -60,7 +61,8 @@ constexpr char kHelp[] =
     "\n"
     "for plan and bundle:\n"
     "  --page BYTES             size of an erase page of the flash; 4096 by default\n"
-    "  --ring PAGES             spare pages that hold the last pages saved; 2 by default\n"
+    "  --ring PAGES             spare pages that hold the last pages saved; 2 by default,\n"
+    "                           not for an update, which has a ring of its own\n"
     "  --spare PAGES            all spare pages that the device has; 8 by default\n"
     "  --unit BYTES             what is programmed at once: 4, 8 (the default), 16 or 32\n"
     "  --window BYTES           what is computed at a time; a page by default\n"
@@ -166,7 +168,7 @@ constexpr uint32_t kMostPages = 65535;
 constexpr DeviceNumber kDeviceNumbers[] = {
     // name           least most        power
     {"--page",         64, kMostBytes, true,  [](DeviceOptions& device, uint32_t number) { device.spare.page_size = number; }},
-    {"--ring",         1,  kMostPages, false, [](DeviceOptions& device, uint32_t number) { device.spare.ring = number; }},
+    {"--ring",         1,  kMostPages, false, [](DeviceOptions& device, uint32_t number) { device.spare.ring = number; device.has_ring = true; }},
     {"--spare",        1,  kMostPages, false, [](DeviceOptions& device, uint32_t number) { device.spare.spare = number; }},
     {"--unit",         4,  32,         true,  [](DeviceOptions& device, uint32_t number) { device.unit = number; }},
     {"--window",       4,  kMostBytes, true,  [](DeviceOptions& device, uint32_t number) { device.window = number; }},
@@ -416,7 +418,7 @@ int main(int argc, char** argv) {
     return kelpatch::kRight;
   } catch (const kelpatch::Failure& failure) {
     std::fflush(stdout);
-    std::fprintf(stderr, "kelpatch: %s\n", failure.message.c_str());
+    std::fprintf(stderr, "kelpatch: %s\n", kelpatch::printable(failure.message).c_str());
     return failure.status;
   } catch (const std::bad_alloc&) {
     std::fputs("kelpatch: fatal: out of memory\n", stderr);

@@ -5,6 +5,8 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "printable.h"
+
 namespace kelpatch {
 namespace {
 
@@ -47,7 +49,7 @@ struct Listing {
 
 std::string in_section(const MemoryImage* image, uint32_t address) {
   const MemorySection* const section = image == nullptr ? nullptr : image->holding(address);
-  return section == nullptr ? "" : " in " + section->name;
+  return section == nullptr ? "" : " in " + printable(section->name);
 }
 
 // An address, with the name of its section. What a patch stores stands in the new image.

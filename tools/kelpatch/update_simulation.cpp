@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "update_simulation.h"
 
+#include <deque>
+#include <future>
+#include <memory>
 #include <random>
+#include <utility>
 
 namespace kelvane {
 namespace {
@@ -12,25 +16,86 @@ uint32_t pages_of(const DeviceShape& shape) {
   return 1 + shape.image_pages + shape.spare_pages + KELVANE_JOURNAL_PAGES;
 }
 
-// Starts until one comes through. Gives the code of the last.
-int start_until_through(SimulatedDevice& device, const kelvane_source& bundle, CutResult& result,
-                        uint32_t more, std::minstd_rand& random) {
-  for (;;) {
-    if (more > 0) {
-      const uint64_t operation = random() % 40;
-      device.flash().cut_at(operation, static_cast<Cut>(random() % 3));
-    } else {
-      device.flash().power_on();
-    }
+// Starts the device as long as power is to go once more. Gives whether it came through none the
+// less, and leaves the code of that start.
+bool comes_through_cuts(SimulatedDevice& device, const kelvane_source& bundle, CutResult& result,
+                        uint32_t more, std::minstd_rand& random, int& code) {
+  for (; more > 0; --more) {
+    const uint64_t operation = random() % 40;
+    device.flash().cut_at(operation, static_cast<Cut>(random() % 3));
     ++result.starts;
-    const int code = device.run(bundle);
+    code = device.run(bundle);
     if (device.flash().powered()) {
-      return code;
+      return true;
     }
     ++result.cuts;
-    --more;
   }
+  return false;
 }
+
+// Devices on their last way, from a start with power that stays to their end: nothing of it depends
+// on the others, and it takes most of the time.
+class LastStarts {
+ public:
+  LastStarts(const kelvane_source& bundle, std::string_view new_image, CutResult& result,
+             uint32_t jobs)
+      : bundle_(bundle), new_image_(new_image), result_(result), jobs_(jobs) {}
+
+  // Counts what came of a device that has ended with `code`.
+  void note(SimulatedDevice& device, int code) { add(outcome_of(device, code)); }
+
+  // Sees the device to its end, beside others where there are jobs for that.
+  void run(std::unique_ptr<SimulatedDevice> device) {
+    ++result_.starts;
+    auto last_start = [this, device = std::move(device)] {
+      device->flash().power_on();
+      return outcome_of(*device, device->run(bundle_));
+    };
+    if (jobs_ <= 1) {
+      add(last_start());
+      return;
+    }
+    // One more waits its turn, so that no processor does.
+    while (running_.size() > jobs_) {
+      take_first();
+    }
+    // Without a thread it runs when it is asked for.
+    running_.push_back(
+        std::async(std::launch::async | std::launch::deferred, std::move(last_start)));
+  }
+
+  void wait_for_all() {
+    while (!running_.empty()) {
+      take_first();
+    }
+  }
+
+ private:
+  struct Outcome {
+    bool is_wrong;
+    uint64_t violations;
+  };
+  Outcome outcome_of(SimulatedDevice& device, int code) const {
+    const auto size = static_cast<uint32_t>(new_image_.size());
+    return {code != KELVANE_APPLY_OK || device.image(size) != new_image_,
+            device.flash().violations};
+  }
+  void add(const Outcome& outcome) {
+    result_.wrong += outcome.is_wrong ? 1 : 0;
+    result_.violations += outcome.violations;
+  }
+  void take_first() {
+    std::future<Outcome> first = std::move(running_.front());
+    running_.pop_front();
+    add(first.get());
+  }
+
+  const kelvane_source& bundle_;
+  std::string_view new_image_;
+  CutResult& result_;
+  size_t jobs_;
+  std::deque<std::future<Outcome>> running_;
+};
 
 }  // namespace
 
@@ -88,11 +153,7 @@ CutResult cut_everywhere(const DeviceShape& shape, std::string_view old_image,
   CutResult result;
   std::minstd_rand random(cuts.seed);
   SimulatedDevice whole(shape, old_image, cuts.seed);
-  const auto size = static_cast<uint32_t>(new_image.size());
-  const auto note = [&](SimulatedDevice& device, int code) {
-    result.wrong += code != KELVANE_APPLY_OK || device.image(size) != new_image ? 1 : 0;
-    result.violations += device.flash().violations;
-  };
+  LastStarts last_starts(bundle, new_image, result, cuts.jobs);
   whole.flash().watch = [&](const std::function<void(FlashModel & copy)>& repeat) {
     if (result.operations++ % cuts.every != 0) {
       return;
@@ -101,17 +162,22 @@ CutResult cut_everywhere(const DeviceShape& shape, std::string_view old_image,
       cuts.report(result.operations);
     }
     for (const Cut how : {Cut::kBefore, Cut::kTorn, Cut::kAfter}) {
-      FlashModel flash(whole.flash());
-      flash.cut_at(0, how);
-      repeat(flash);
+      auto device = std::make_unique<SimulatedDevice>(shape, whole.flash());
+      device->flash().cut_at(0, how);
+      repeat(device->flash());
       ++result.cuts;
-      SimulatedDevice device(shape, flash);
       const uint32_t more = cuts.more == 0 ? 0 : static_cast<uint32_t>(random() % (cuts.more + 1));
-      note(device, start_until_through(device, bundle, result, more, random));
+      int code = 0;
+      if (comes_through_cuts(*device, bundle, result, more, random, code)) {
+        last_starts.note(*device, code);
+      } else {
+        last_starts.run(std::move(device));
+      }
     }
   };
   result.code = whole.run(bundle);
-  note(whole, result.code);
+  last_starts.note(whole, result.code);
+  last_starts.wait_for_all();
   return result;
 }
 

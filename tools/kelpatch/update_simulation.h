@@ -66,6 +66,7 @@ struct CutPlan {
   uint64_t every = 1;  // operations from one that is cut to the next
   uint32_t more = 0;
   uint32_t seed = 1;
+  uint32_t jobs = 1;  // devices that go on to their ends at the same time; changes no number
   // Called ahead of each operation that is cut, with the operations so far. May be empty.
   std::function<void(uint64_t operations)> report = {};
 };

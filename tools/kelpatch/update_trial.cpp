@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <thread>
 
 #include "flash_dense.h"
+#include "quick_checksum.h"
 
 namespace kelpatch {
 namespace {
@@ -110,15 +112,22 @@ std::string simulate_cuts(const DeviceShape& shape, const Bytes& old_image, cons
       std::clamp<uint64_t>(kBytes / (std::max(old_image.size(), new_image.size()) + 1), 50, 2000);
   SimulatedDevice counting(shape, view_of(old_image), 1);
   counting.run(source_of(update));
+  const kelvane_payload_kind quick_kind = quick_dense_kind();
+  const kelvane_payload_kind* const quick_kinds[] = {&quick_kind, nullptr};
+  DeviceShape quick_shape = shape;
+  if (shape.kinds == kDense) {
+    quick_shape.kinds = quick_kinds;
+  }
   CutPlan cuts;
   const uint64_t all = counting.flash().operations();
   cuts.every = all / most_cuts + 1;
   cuts.more = 3;
+  cuts.jobs = std::min(std::thread::hardware_concurrency(), 8U);  // each has a flash of its own
   if (report) {
     cuts.report = [&](uint64_t operations) { report(operations, all); };
   }
   const CutResult result =
-      cut_everywhere(shape, view_of(old_image), view_of(new_image), source_of(update), cuts);
+      cut_everywhere(quick_shape, view_of(old_image), view_of(new_image), source_of(update), cuts);
   if (result.wrong != 0 || result.violations != 0) {
     mismatch("an update by '%s' does not survive power loss", name.c_str());
   }
