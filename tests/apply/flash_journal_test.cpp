@@ -135,8 +135,9 @@ TEST(FlashJournal, EveryCutOfUpToThreeInARowKeepsItsPromise) {
     for (uint64_t first = 0; first < all; ++first) {
       for (uint64_t second = 0; second < 9; ++second) {
         for (uint64_t third = 0; third < 9; ++third) {
+          ++seed;
           const std::string fault =
-              run_with_cuts(geometry, steps, ++seed,
+              run_with_cuts(geometry, steps, seed,
                             {{first, Cut::kTorn}, {second, kHows[seed % 3]}, {third, Cut::kTorn}});
           ASSERT_EQ(fault, "") << "unit " << geometry.unit;
           ++runs;
