@@ -7,7 +7,7 @@
 #include <memory>
 #include <stdexcept>
 
-#include "dense_coder.h"
+#include "dense_decisions.h"
 #include "dense_matches.h"
 #include "dense_model.h"
 #include "dense_proof.h"
@@ -430,6 +430,35 @@ TEST(DenseDecoderTest, AWindowOutOfTurnAndALargerModelOrMapAreRefused) {
   EXPECT_EQ(kelvane_dense_open(decoder.get(), &input, map.data(), 4000, &info),
             KELVANE_DENSE_NO_ROOM);
   EXPECT_EQ(kelvane_dense_restart(decoder.get()), KELVANE_DENSE_BAD_ARGUMENT);
+}
+
+// Each bit is what the counter by the second byte ahead takes it to be, against the other two,
+// until a weight overflows.
+TEST(DenseFormatTest, AWeightThatOverflowsIsTheSameForBothDecoders) {
+  dense_model model({}, 0, {}, {});
+  Bytes image;
+  bool has_overflowed = false;
+  for (uint32_t recent = 0; image.size() < 1024; recent = recent_behind(recent, image.back())) {
+    const kelvane_dense_place place = literal_place(static_cast<uint32_t>(image.size()), recent);
+    uint32_t node = 1;
+    while (node < 256) {
+      kelvane_dense_opinions says;
+      kelvane_dense_weigh(&model.decoder(), &place, node, &says);
+      const unsigned bit = says.said[2] > says.said[0] + says.said[1] ? 1 : 0;
+      const int32_t weight = says.weights[2];
+      kelvane_dense_learn_bit(&says, bit);
+      has_overflowed = has_overflowed || says.weights[2] < weight - 0x8000;
+      node = 2 * node + bit;
+    }
+    image.push_back(static_cast<uint8_t>(node));
+  }
+  EXPECT_TRUE(has_overflowed);
+  dense_plan plan;
+  plan.items = {{static_cast<uint32_t>(image.size()), 0, dense_item::literal}};
+  const plan_images images = {{}, image};
+  const Bytes payload = write_dense(images, checksums_of(images), plan, {});
+  EXPECT_EQ(plain_dense_decode({}, payload, kLargest), image);
+  EXPECT_EQ(decode_dense({}, payload, kLargest), image);
 }
 
 // The worked payload of docs/dense-format.md.
