@@ -405,6 +405,54 @@ TEST(DenseHostileTest, DamagedPayloadsAreRefusedOrDecodedInsideTheImages) {
   }
 }
 
+struct HeaderCase {
+  Bytes kinds;
+  Bytes numbers;  // new size, old size less that, base, entries of the map
+  int code;
+};
+
+// clang-format off
+const HeaderCase kHeaderCases[] = {
+  {{0x01, 0x00}, {100, 0, 0, 0},                                   KELVANE_DENSE_OK},
+  {{0x11, 0xBD}, {100, 0x80, 0x00, 0x8F, 0, 0},                    KELVANE_DENSE_OK},  // longer than they need
+  {{0x01, 0x00}, {100, 0, 0, 1},                                   KELVANE_DENSE_BAD_PAYLOAD},  // an entry behind the end
+  {{},           {},                                               KELVANE_DENSE_BAD_HEADER},
+  {{0x01, 0x00}, {100, 0, 0},                                      KELVANE_DENSE_BAD_HEADER},  // cut
+  {{0x02, 0x00}, {100, 0, 0, 0},                                   KELVANE_DENSE_BAD_HEADER},  // version
+  {{0x21, 0x00}, {100, 0, 0, 0},                                   KELVANE_DENSE_BAD_HEADER},  // model
+  {{0x01, 0x06}, {100, 0, 0, 0},                                   KELVANE_DENSE_BAD_HEADER},  // machine
+  {{0x01, 0x00}, {101, 1, 0, 0},                                   KELVANE_DENSE_NO_ROOM},
+  {{0x01, 0x00}, {100, 2, 0, 0},                                   KELVANE_DENSE_NO_ROOM},
+  {{0x01, 0x00}, {0, 1, 0, 0},                                     KELVANE_DENSE_NO_ROOM},  // -1 byte
+  {{0x01, 0x00}, {100, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0x0F, 0},        KELVANE_DENSE_OK},
+  {{0x01, 0x00}, {100, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0x10, 0},        KELVANE_DENSE_BAD_HEADER},  // above 32 bits
+  {{0x01, 0x00}, {100, 0, 0x80, 0x80, 0x80, 0x80, 0x80, 0, 0},     KELVANE_DENSE_BAD_HEADER},  // a sixth byte
+  {{0x01, 0x20}, {100, 0, 0x80, 0x80, 0x80, 0x80, 0x01, 0},        KELVANE_DENSE_BAD_HEADER},  // the base, times 16
+  {{0x01, 0x00}, {100, 0, 0, 0x80, 0x80, 0x04},                    KELVANE_DENSE_BAD_HEADER},  // 65536 entries
+  {{0x01, 0x00}, {100, 0, 0, 2},                                   KELVANE_DENSE_NO_ROOM},     // of the map
+};
+// clang-format on
+
+TEST(DenseDecoderTest, AHeaderIsTakenOrRefusedByWhatItSays) {
+  Random random(1);
+  for (const HeaderCase& header : kHeaderCases) {
+    SCOPED_TRACE(&header - kHeaderCases);
+    const Bytes payload =
+        joined({header.kinds, Bytes(header.kinds.empty() ? 0 : 8), header.numbers});
+    CheckedRun memory({}, payload, random);
+    const kelvane_dense_input input = {&memory,
+                                       static_cast<uint32_t>(payload.size()),
+                                       CheckedRun::read_payload,
+                                       CheckedRun::read_old,
+                                       CheckedRun::read_new,
+                                       100};
+    kelvane_dense_decoder decoder;
+    kelvane_dense_info info = {};
+    uint32_t map[4] = {};
+    EXPECT_EQ(kelvane_dense_open(&decoder, &input, map, sizeof map, &info), header.code);
+  }
+}
+
 TEST(DenseDecoderTest, AWindowOutOfTurnAndALargerModelOrMapAreRefused) {
   const ImagePair pair = program_pair(kMachineCases[1].target);
   dense_request request = request_for(pair);
