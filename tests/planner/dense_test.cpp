@@ -453,6 +453,30 @@ TEST(DenseDecoderTest, AHeaderIsTakenOrRefusedByWhatItSays) {
   }
 }
 
+// Even one that no command uses.
+TEST(DenseDecoderTest, AnEntryOfTheMapThatLiesOutsideIsRefused) {
+  Random random(2);
+  const Bytes image = random.bytes(64);
+  const plan_images images = {image, image};
+  for (const kelvane_dense_entry& entry : {kelvane_dense_entry{8, 40, 24},
+                                           {8, 40, 25},
+                                           {8, 64, 1},
+                                           {8, 70, 1},
+                                           {40, 8, 24},
+                                           {40, 8, 25},
+                                           {64, 8, 1},
+                                           {70, 8, 1}}) {
+    SCOPED_TRACE(std::to_string(entry.source) + ", " + std::to_string(entry.target));
+    dense_plan plan;
+    plan.copies = {{0, 0, 64}};
+    plan.map = {entry};
+    const Bytes payload = write_dense(images, checksums_of(images), plan, {});
+    EXPECT_EQ(CheckedRun(image, payload, random).code,
+              entry.length == 24 ? KELVANE_DENSE_OK : KELVANE_DENSE_BAD_PAYLOAD);
+    expect_agreement(image, payload, random);
+  }
+}
+
 TEST(DenseDecoderTest, AWindowOutOfTurnAndALargerModelOrMapAreRefused) {
   const ImagePair pair = program_pair(kMachineCases[1].target);
   dense_request request = request_for(pair);
