@@ -5,9 +5,8 @@
 
 #include <cstdlib>
 #include <memory>
-#include <stdexcept>
 
-#include "dense_decisions.h"
+#include "checked_run.h"
 #include "dense_matches.h"
 #include "dense_model.h"
 #include "dense_proof.h"
@@ -23,7 +22,6 @@ namespace {
 
 constexpr ByteOrder kLittle = ByteOrder::kLittle;
 constexpr ByteOrder kBig = ByteOrder::kBig;
-constexpr uint32_t kLargest = 1U << 20U;
 
 uint32_t pairs_of_a_kind() {
   const char* const wanted = std::getenv("KELVANE_ROUNDS");
@@ -48,73 +46,6 @@ ImagePair program_pair(const dense_target& target) {
   pair.new_image = program.link(target);
   return pair;
 }
-
-// A decoder whose reads are checked, run in windows of any size, up to `largest_window`, and moved
-// to a fresh one now and then (for each window where these are small), with nothing but its state.
-// `wrote` is what came out before it ended.
-struct CheckedRun {
-  CheckedRun(std::span<const uint8_t> old_bytes, std::span<const uint8_t> payload_bytes,
-             Random& random, uint32_t largest_window = 700)
-      : old_image(old_bytes), payload(payload_bytes) {
-    const kelvane_dense_input input = {
-        this, static_cast<uint32_t>(payload.size()), read_payload, read_old, read_new, kLargest};
-    std::vector<uint32_t> map(0xFFFF * 14 / 4 + 1);
-    auto decoder = std::make_unique<kelvane_dense_decoder>();
-    kelvane_dense_info info = {};
-    code = kelvane_dense_open(decoder.get(), &input, map.data(),
-                              static_cast<uint32_t>(map.size() * 4), &info);
-    if (code == KELVANE_DENSE_OK && info.old_size != old_image.size()) {
-      code = KELVANE_DENSE_BAD_HEADER;
-    }
-    if (code == KELVANE_DENSE_OK) {
-      code = kelvane_dense_restart(decoder.get());
-    }
-    std::vector<uint8_t> window(largest_window);
-    while (code == KELVANE_DENSE_OK && wrote.size() < info.new_size) {
-      if (random.below(8) == 0 || largest_window < 8) {
-        auto other = std::make_unique<kelvane_dense_decoder>();
-        std::fill_n(map.begin(), 256, 0xDEADBEEF);
-        EXPECT_EQ(kelvane_dense_open(other.get(), &input, map.data(),
-                                     static_cast<uint32_t>(map.size() * 4), &info),
-                  KELVANE_DENSE_OK);
-        other->state = decoder->state;
-        EXPECT_EQ(kelvane_dense_resume(other.get()), KELVANE_DENSE_OK);
-        decoder = std::move(other);
-      }
-      const uint32_t count = std::min<uint32_t>(
-          1 + random.below(window.size()), info.new_size - static_cast<uint32_t>(wrote.size()));
-      code = kelvane_dense_window(decoder.get(), static_cast<uint32_t>(wrote.size()), window.data(),
-                                  count);
-      if (code == KELVANE_DENSE_OK) {
-        wrote.insert(wrote.end(), window.begin(), window.begin() + count);
-      }
-    }
-  }
-
-  static int copy(std::span<const uint8_t> from, uint32_t at, uint8_t* bytes, uint32_t count) {
-    EXPECT_NE(count, 0U);
-    if (at > from.size() || count > from.size() - at) {
-      ADD_FAILURE() << "read outside: " << count << " bytes at " << at << " of " << from.size();
-      return 1;
-    }
-    std::copy_n(from.begin() + at, count, bytes);
-    return 0;
-  }
-  static int read_payload(void* context, uint32_t at, uint8_t* bytes, uint32_t count) {
-    return copy(static_cast<CheckedRun*>(context)->payload, at, bytes, count);
-  }
-  static int read_old(void* context, uint32_t at, uint8_t* bytes, uint32_t count) {
-    return copy(static_cast<CheckedRun*>(context)->old_image, at, bytes, count);
-  }
-  static int read_new(void* context, uint32_t at, uint8_t* bytes, uint32_t count) {
-    return copy(static_cast<CheckedRun*>(context)->wrote, at, bytes, count);
-  }
-
-  std::span<const uint8_t> old_image;
-  std::span<const uint8_t> payload;
-  Bytes wrote;
-  int code = 0;
-};
 
 struct MachineCase {
   const char* name;
@@ -148,7 +79,7 @@ TEST_P(DenseMachineTest, AnInsertAndASwapCostWhatTheLedgerSays) {
   request.base_is_known = true;
   request.geometry = {1024, 2, 4, 0};
   const dense_update update = search_dense(request);
-  EXPECT_EQ(plain_dense_decode(pair.old_image, update.payload, kLargest), pair.new_image);
+  EXPECT_EQ(plain_dense_decode(pair.old_image, update.payload, kLargestDecoded), pair.new_image);
   Random random(1);
   EXPECT_EQ(CheckedRun(pair.old_image, update.payload, random, 3).wrote, pair.new_image);
   EXPECT_EQ(update.payload.size(), GetParam().bytes) << "of " << pair.new_image.size();
@@ -219,17 +150,6 @@ TEST(DenseReferencesTest, ABranchToItsOwnTargetIsTheSameInstruction) {
   }
 }
 
-// Both decoders take it with the same result, or both refuse it.
-void expect_agreement(std::span<const uint8_t> old_image, std::span<const uint8_t> payload,
-                      Random& random) {
-  const CheckedRun run(old_image, payload, random);
-  const std::optional<Bytes> plain = plain_dense_decode(old_image, payload, kLargest);
-  ASSERT_EQ(run.code == KELVANE_DENSE_OK, plain.has_value()) << run.code;
-  if (plain) {
-    ASSERT_EQ(run.wrote, *plain);
-  }
-}
-
 dense_request any_request(const ImagePair& pair, Random& random) {
   dense_request request = request_for(pair);
   constexpr uint32_t kCheckpoints[] = {0, 1, 2, 4, 8, 16};
@@ -265,7 +185,7 @@ TEST_P(DenseRoundTripTest, AnUpdateServesItsDeviceAndBothDecodersAgree) {
     const CheckedRun run(pair.old_image, update.payload, random);
     ASSERT_EQ(run.code, KELVANE_DENSE_OK);
     ASSERT_EQ(run.wrote, pair.new_image);
-    ASSERT_EQ(plain_dense_decode(pair.old_image, update.payload, kLargest), pair.new_image);
+    ASSERT_EQ(plain_dense_decode(pair.old_image, update.payload, kLargestDecoded), pair.new_image);
     ASSERT_EQ(RestartedDevice(request, update).run(random), pair.new_image);
     Bytes damaged = update.payload;
     damaged[random.below(damaged.size())] ^= static_cast<uint8_t>(1 + random.below(255));
@@ -372,7 +292,7 @@ TEST(DenseSearchTest, APatternThatRepeatsCostsFewBytesAndLittleTime) {
     }
     const dense_update update = search_dense(request_for({before, after}));
     EXPECT_LT(update.payload.size(), 150 + period);
-    EXPECT_EQ(plain_dense_decode(before, update.payload, kLargest), after);
+    EXPECT_EQ(plain_dense_decode(before, update.payload, kLargestDecoded), after);
   }
 }
 
@@ -405,78 +325,6 @@ TEST(DenseHostileTest, DamagedPayloadsAreRefusedOrDecodedInsideTheImages) {
   }
 }
 
-struct HeaderCase {
-  Bytes kinds;
-  Bytes numbers;  // new size, old size less that, base, entries of the map
-  int code;
-};
-
-// clang-format off
-const HeaderCase kHeaderCases[] = {
-  {{0x01, 0x00}, {100, 0, 0, 0},                                   KELVANE_DENSE_OK},
-  {{0x11, 0xBD}, {100, 0x80, 0x00, 0x8F, 0, 0},                    KELVANE_DENSE_OK},  // longer than they need
-  {{0x01, 0x00}, {100, 0, 0, 1},                                   KELVANE_DENSE_BAD_PAYLOAD},  // an entry behind the end
-  {{},           {},                                               KELVANE_DENSE_BAD_HEADER},
-  {{0x01, 0x00}, {100, 0, 0},                                      KELVANE_DENSE_BAD_HEADER},  // cut
-  {{0x02, 0x00}, {100, 0, 0, 0},                                   KELVANE_DENSE_BAD_HEADER},  // version
-  {{0x21, 0x00}, {100, 0, 0, 0},                                   KELVANE_DENSE_BAD_HEADER},  // model
-  {{0x01, 0x06}, {100, 0, 0, 0},                                   KELVANE_DENSE_BAD_HEADER},  // machine
-  {{0x01, 0x00}, {101, 1, 0, 0},                                   KELVANE_DENSE_NO_ROOM},
-  {{0x01, 0x00}, {100, 2, 0, 0},                                   KELVANE_DENSE_NO_ROOM},
-  {{0x01, 0x00}, {0, 1, 0, 0},                                     KELVANE_DENSE_NO_ROOM},  // -1 byte
-  {{0x01, 0x00}, {100, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0x0F, 0},        KELVANE_DENSE_OK},
-  {{0x01, 0x00}, {100, 0, 0xFF, 0xFF, 0xFF, 0xFF, 0x10, 0},        KELVANE_DENSE_BAD_HEADER},  // above 32 bits
-  {{0x01, 0x00}, {100, 0, 0x80, 0x80, 0x80, 0x80, 0x80, 0, 0},     KELVANE_DENSE_BAD_HEADER},  // a sixth byte
-  {{0x01, 0x20}, {100, 0, 0x80, 0x80, 0x80, 0x80, 0x01, 0},        KELVANE_DENSE_BAD_HEADER},  // the base, times 16
-  {{0x01, 0x00}, {100, 0, 0, 0x80, 0x80, 0x04},                    KELVANE_DENSE_BAD_HEADER},  // 65536 entries
-  {{0x01, 0x00}, {100, 0, 0, 2},                                   KELVANE_DENSE_NO_ROOM},     // of the map
-};
-// clang-format on
-
-TEST(DenseDecoderTest, AHeaderIsTakenOrRefusedByWhatItSays) {
-  Random random(1);
-  for (const HeaderCase& header : kHeaderCases) {
-    SCOPED_TRACE(&header - kHeaderCases);
-    const Bytes payload =
-        joined({header.kinds, Bytes(header.kinds.empty() ? 0 : 8), header.numbers});
-    CheckedRun memory({}, payload, random);
-    const kelvane_dense_input input = {&memory,
-                                       static_cast<uint32_t>(payload.size()),
-                                       CheckedRun::read_payload,
-                                       CheckedRun::read_old,
-                                       CheckedRun::read_new,
-                                       100};
-    kelvane_dense_decoder decoder;
-    kelvane_dense_info info = {};
-    uint32_t map[4] = {};
-    EXPECT_EQ(kelvane_dense_open(&decoder, &input, map, sizeof map, &info), header.code);
-  }
-}
-
-// Even one that no command uses.
-TEST(DenseDecoderTest, AnEntryOfTheMapThatLiesOutsideIsRefused) {
-  Random random(2);
-  const Bytes image = random.bytes(64);
-  const plan_images images = {image, image};
-  for (const kelvane_dense_entry& entry : {kelvane_dense_entry{8, 40, 24},
-                                           {8, 40, 25},
-                                           {8, 64, 1},
-                                           {8, 70, 1},
-                                           {40, 8, 24},
-                                           {40, 8, 25},
-                                           {64, 8, 1},
-                                           {70, 8, 1}}) {
-    SCOPED_TRACE(std::to_string(entry.source) + ", " + std::to_string(entry.target));
-    dense_plan plan;
-    plan.copies = {{0, 0, 64}};
-    plan.map = {entry};
-    const Bytes payload = write_dense(images, checksums_of(images), plan, {});
-    EXPECT_EQ(CheckedRun(image, payload, random).code,
-              entry.length == 24 ? KELVANE_DENSE_OK : KELVANE_DENSE_BAD_PAYLOAD);
-    expect_agreement(image, payload, random);
-  }
-}
-
 TEST(DenseDecoderTest, AWindowOutOfTurnAndALargerModelOrMapAreRefused) {
   const ImagePair pair = program_pair(kMachineCases[1].target);
   dense_request request = request_for(pair);
@@ -505,61 +353,6 @@ TEST(DenseDecoderTest, AWindowOutOfTurnAndALargerModelOrMapAreRefused) {
   EXPECT_EQ(kelvane_dense_open(decoder.get(), &input, map.data(), 4000, &info),
             KELVANE_DENSE_NO_ROOM);
   EXPECT_EQ(kelvane_dense_restart(decoder.get()), KELVANE_DENSE_BAD_ARGUMENT);
-}
-
-// Each bit is what the counter by the second byte ahead takes it to be, against the other two,
-// until a weight overflows.
-TEST(DenseFormatTest, AWeightThatOverflowsIsTheSameForBothDecoders) {
-  dense_model model({}, 0, {}, {});
-  Bytes image;
-  bool has_overflowed = false;
-  for (uint32_t recent = 0; image.size() < 1024; recent = recent_behind(recent, image.back())) {
-    const kelvane_dense_place place = literal_place(static_cast<uint32_t>(image.size()), recent);
-    uint32_t node = 1;
-    while (node < 256) {
-      kelvane_dense_opinions says;
-      kelvane_dense_weigh(&model.decoder(), &place, node, &says);
-      const unsigned bit = says.said[2] > says.said[0] + says.said[1] ? 1 : 0;
-      const int32_t weight = says.weights[2];
-      kelvane_dense_learn_bit(&says, bit);
-      has_overflowed = has_overflowed || says.weights[2] < weight - 0x8000;
-      node = 2 * node + bit;
-    }
-    image.push_back(static_cast<uint8_t>(node));
-  }
-  EXPECT_TRUE(has_overflowed);
-  dense_plan plan;
-  plan.items = {{static_cast<uint32_t>(image.size()), 0, dense_item::literal}};
-  const plan_images images = {{}, image};
-  const Bytes payload = write_dense(images, checksums_of(images), plan, {});
-  EXPECT_EQ(plain_dense_decode({}, payload, kLargest), image);
-  EXPECT_EQ(decode_dense({}, payload, kLargest), image);
-}
-
-// The worked payload of docs/dense-format.md.
-TEST(DenseFormatTest, TheWorkedPayloadIsWhatTheFormatPageShows) {
-  Bytes old_image;
-  Bytes new_image;
-  for (const uint32_t word : {0x11U, 0x1008U, 0x22U, 0x1004U, 0x33U, 0x1010U}) {
-    append_word(old_image, word, false);
-  }
-  for (const uint32_t word : {0x11U, 0x100CU, 0x55U, 0x22U, 0x1004U, 0x34U, 0x1014U}) {
-    append_word(new_image, word, false);
-  }
-  dense_plan plan;
-  plan.copies = {{0, 0, 8}, {8, 12, 16}};
-  plan.map = {{0, 0, 8}, {8, 12, 16}};
-  plan.items = {{4, 0, dense_item::literal}};
-  dense_options options;
-  options.target.base = 0x1000;
-  options.model = 0;
-  options.reads_new = false;
-  options.differences = false;
-  const plan_images images = {old_image, new_image};
-  const Bytes payload = write_dense(images, checksums_of(images), plan, options);
-  EXPECT_EQ(plain_dense_decode(old_image, payload, kLargest), new_image);
-  EXPECT_EQ(payload, (Bytes{0x01, 0x60, 0x59, 0x3C, 0x04, 0xA9, 0x30, 0x3B, 0xE2, 0x21, 0x1C, 0x07,
-                            0x01, 0x02, 0xFD, 0xA5, 0xFE, 0x41, 0xCE, 0x53, 0x51, 0xB3, 0x80}));
 }
 
 }  // namespace
