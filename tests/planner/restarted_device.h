@@ -16,10 +16,15 @@ class RestartedDevice {
  public:
   RestartedDevice(const dense_request& request, const dense_update& update)
       : request_(request), update_(update), page_size_(request.geometry.page_size) {
-    const Bytes after = in_pages(request.images.new_image);
-    image_ = in_pages(request.images.old_image);
-    for (uint32_t at = 0; at < after.size(); at += page_size_) {
-      if (!std::equal(&image_[at], &image_[at] + page_size_, &after[at])) {
+    const auto old_image = request.images.old_image;
+    const auto new_image = request.images.new_image;
+    image_.assign(old_image.begin(), old_image.end());
+    image_.resize((std::max(old_image.size(), new_image.size()) / page_size_ + 1) * page_size_,
+                  0xFF);
+    for (uint32_t at = 0; at < new_image.size(); at += page_size_) {
+      const auto after = new_image.subspan(at, std::min(page_size_, new_size() - at));
+      if (at + after.size() > old_image.size() ||
+          !std::equal(after.begin(), after.end(), old_image.begin() + at)) {
         changed_.push_back(at / page_size_);
       }
     }
@@ -33,6 +38,9 @@ class RestartedDevice {
   Bytes run(Random& random) {
     for (uint32_t number = 0; number < changed_.size(); ++number) {
       const uint32_t page = changed_[number];
+      if (request_.geometry.checkpoint == 0) {
+        decode_up_to(page * page_size_, page, random);  // pages that stay wait for nothing
+      }
       save(page, number);
       for (bool again = true; again;) {
         std::fill_n(image_.begin() + page * page_size_, page_size_, uint8_t{0xFF});
@@ -47,17 +55,11 @@ class RestartedDevice {
         checkpoint_at_ = at_;
       }
     }
-    return {image_.begin(), image_.begin() + static_cast<ptrdiff_t>(info_.new_size)};
+    return {image_.begin(), image_.begin() + new_size()};
   }
 
  private:
-  Bytes in_pages(std::span<const uint8_t> image) const {
-    const size_t larger =
-        std::max(request_.images.old_image.size(), request_.images.new_image.size());
-    Bytes pages(image.begin(), image.end());
-    pages.resize((larger / page_size_ + 1) * page_size_, 0xFF);
-    return pages;
-  }
+  uint32_t new_size() const { return static_cast<uint32_t>(request_.images.new_image.size()); }
 
   void save(uint32_t page, uint32_t number) {
     if (ring_.empty()) {
