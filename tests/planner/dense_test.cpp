@@ -441,7 +441,7 @@ TEST(DenseFormatTest, TheWorkedPayloadIsWhatTheFormatPageShows) {
   dense_plan plan;
   plan.copies = {{0, 0, 8}, {8, 12, 16}};
   plan.map = {{0, 0, 8}, {8, 12, 16}};
-  plan.items = {{4, 0, dense_item::literal}};
+  plan.items = {{4, dense_item::literal, 0}};
   dense_options options;
   options.target.base = 0x1000;
   options.model = 0;
