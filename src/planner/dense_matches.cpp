@@ -385,23 +385,27 @@ std::vector<dense_item> items_between(const plan_images& images, const string_pl
   std::vector<uint16_t> literals(std::min<size_t>(new_size, kParsedAtOnce), kUsualLiteral);
   item_parse parse(images, places, reach, reads_new);
   item_counts counts;
-  std::vector<dense_item> usual;
+  std::vector<item_extent> usual;
+  std::vector<dense_item> items;
   parse.begin(usual_prices());
   for_stored(
       new_size, copies,
       [&](uint32_t begin, uint32_t end) {
-        const size_t first = usual.size();
-        parse.append(begin, end, literals, usual);
-        counts.take(std::span(usual).subspan(first));
+        items.clear();
+        parse.append(begin, end, literals, items);
+        counts.take(items);
+        for (const dense_item& item : items) {
+          usual.push_back({item.length, item.kind});
+        }
       },
       [&](const dense_copy& copy) {
         parse.pass(copy);
         counts.pass(copy);
       });
   literal_meter meter(images);
-  std::vector<dense_item> items;
-  items.reserve(usual.size());
-  std::span<const dense_item> ahead = usual;
+  items.clear();
+  items.reserve(usual.size() + usual.size() / 8);
+  std::span<const item_extent> ahead = usual;
   parse.begin(counts.prices());
   for_stored(
       new_size, copies,

@@ -152,11 +152,11 @@ void literal_meter::pass(const dense_copy& copy) {
   }
 }
 
-size_t literal_meter::take(std::span<const dense_item> items, uint32_t bytes,
+size_t literal_meter::take(std::span<const item_extent> items, uint32_t bytes,
                            std::span<uint16_t> prices) {
   size_t count = 0;
   for (uint32_t done = 0; done < bytes; ++count) {
-    const dense_item& item = items[count];
+    const item_extent& item = items[count];
     const bool is_literal = item.kind == dense_item::literal;
     for (uint32_t i = 0; i < item.length; ++i, ++position_, ++done) {
       prices[done] = price(is_literal, i);

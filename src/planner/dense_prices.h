@@ -127,6 +127,12 @@ class item_counts {
   number_counts places_;
 };
 
+// An item without the place that it comes from.
+struct item_extent {
+  uint32_t length : 30;
+  dense_item::source kind : 2;
+};
+
 // What each byte between copies would cost as a literal, while the counters stand as in a payload
 // with these copies and items.
 class literal_meter {
@@ -136,7 +142,7 @@ class literal_meter {
   void pass(const dense_copy& copy);
   // Prices the next `bytes` bytes, for which the first of the items are; gives the number of these.
   // Bytes of a match far behind its begin, which hardly become literals, all cost the same.
-  size_t take(std::span<const dense_item> items, uint32_t bytes, std::span<uint16_t> prices);
+  size_t take(std::span<const item_extent> items, uint32_t bytes, std::span<uint16_t> prices);
 
  private:
   uint16_t price(bool is_literal, uint32_t index);

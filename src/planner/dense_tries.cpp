@@ -2,7 +2,6 @@
 #include "dense_tries.h"
 
 #include <algorithm>
-#include <mutex>
 #include <utility>
 
 #include "dense_base.h"
@@ -30,18 +29,24 @@ bool are_equal(const dense_options& first, const dense_options& second) {
          first.differences == second.differences && first.reads_new == second.reads_new;
 }
 
-uint64_t stored_bytes(const plan_images& images, copies_span copies) {
-  uint64_t stored = images.new_image.size();
-  for (const dense_copy& copy : copies) {
-    stored -= copy.length;
-  }
-  return stored;
-}
-
-// While items are found: an item for each eight bytes, once and once more, and the steps of a part.
-uint64_t item_bytes(uint64_t stored) {
+// The memory that finding items takes: an item for each eight stored bytes, once and once more, and
+// the steps through the longest part.
+uint64_t item_bytes(const plan_images& images, copies_span copies) {
   constexpr uint64_t kPart = 1U << 16U;
-  return stored / 8 * 2 * sizeof(dense_item) + std::min(stored, kPart) * 26;
+  constexpr uint64_t kStepBytes = 26;
+  uint64_t stored = 0;
+  uint64_t longest = 0;
+  uint32_t at = 0;
+  const auto store_up_to = [&](size_t end) {
+    stored += end - at;
+    longest = std::max<uint64_t>(longest, end - at);
+  };
+  for (const dense_copy& copy : copies) {
+    store_up_to(copy.target);
+    at = copy.target + copy.length;
+  }
+  store_up_to(images.new_image.size());
+  return stored / 8 * 2 * sizeof(dense_item) + std::min(longest, kPart) * kStepBytes;
 }
 
 bool stores_many(const dense_measuring& how, copies_span copies) {
@@ -91,50 +96,72 @@ class measuring {
   void run(bool many) {
     std::vector<const group*> groups;
     std::vector<copies_span> plans;
-    uint64_t stored = 0;
+    uint64_t bytes = 0;
     for (const group& each : groups_) {
       const copies_span copies = copies_of(each);
       if (stores_many(how_, copies) == many) {
         groups.push_back(&each);
         plans.push_back(copies);
-        stored = std::max(stored, stored_bytes(how_.images, copies));
+        bytes = std::max(bytes, item_bytes(how_.images, copies));
       }
     }
     if (groups.empty()) {
       return;
     }
     const string_places places(how_.images, plans, many);
-    run_tasks(groups.size(), jobs_within(how_.images, item_bytes(stored), how_.jobs),
-              [&](size_t i) { measure(*groups[i], places, groups.size() > 1 ? 1 : how_.jobs); });
+    const size_t at_once = jobs_within(how_.images, bytes, static_cast<uint32_t>(groups.size()));
+    for (std::span<const group* const> left = groups; !left.empty();) {
+      const auto now = left.first(std::min(left.size(), at_once));
+      run_tasks(now.size(), how_.jobs, [&](size_t i) {
+        dense_candidate& first = made_[now[i]->front()];
+        first.plan.items = items_between(how_.images, places, how_.reach, first.plan.copies,
+                                         first.options.reads_new);
+      });
+      measure(now);
+      left = left.subspan(now.size());
+    }
   }
 
-  void measure(const group& members, const string_places& places, size_t jobs) {
-    dense_candidate& first = made_[members.front()];
-    first.plan.items =
-        items_between(how_.images, places, how_.reach, first.plan.copies, first.options.reads_new);
-    run_tasks(members.size(), jobs, [&](size_t k) { measure(made_[members[k]], first.plan); });
-    first.plan.items = {};
-  }
-
-  void measure(dense_candidate& made, const dense_plan& plan) {
-    size_t size = size_of_dense(how_.images, plan, made.options);
-    if (!how_.base_is_known) {
-      dense_options other = made.options;
-      other.target.base = likely_base(how_.images, plan.copies, made.options.target);
-      if (other.target.base != made.options.target.base) {
-        const size_t other_size = size_of_dense(how_.images, plan, other);
-        if (other_size < size) {
-          size = other_size;
-          made.options = other;
-        }
+  // The first of each group has the items for all of it.
+  void measure(std::span<const group* const> groups) {
+    struct trial {
+      size_t candidate;
+      const dense_plan* plan;
+      dense_options options;
+      size_t size = 0;
+    };
+    std::vector<trial> trials;  // two for each candidate, the second one with another base
+    for (const group* const each : groups) {
+      for (const size_t i : *each) {
+        trials.insert(trials.end(), 2, {i, &made_[each->front()].plan, made_[i].options});
       }
     }
-    set_size(made, size);
+    run_tasks(trials.size(), how_.jobs, [&](size_t i) {
+      trial& tried = trials[i];
+      if (i % 2 != 0) {
+        uint32_t& base = tried.options.target.base;
+        base = how_.base_is_known
+                   ? base
+                   : likely_base(how_.images, tried.plan->copies, tried.options.target);
+        if (base == trials[i - 1].options.target.base) {
+          return;
+        }
+      }
+      tried.size = size_of_dense(how_.images, *tried.plan, tried.options);
+    });
+    for (size_t i = 0; i < trials.size(); i += 2) {
+      const size_t other = trials[i + 1].size;
+      const trial& best = trials[other != 0 && other < trials[i].size ? i + 1 : i];
+      made_[best.candidate].options = best.options;
+      set_size(made_[best.candidate], best.size);
+    }
+    for (const group* const each : groups) {
+      made_[each->front()].plan.items = {};
+    }
   }
 
   void set_size(dense_candidate& made, size_t size) {
     made.size = size;
-    const std::lock_guard<std::mutex> held(note_lock_);
     if (how_.note) {
       how_.note(size);
     }
@@ -144,7 +171,6 @@ class measuring {
   std::span<dense_candidate> made_;
   std::vector<group> groups_;
   std::vector<std::pair<size_t, size_t>> seen_before_;  // and what they are the same as
-  std::mutex note_lock_;
 };
 
 }  // namespace
@@ -162,7 +188,7 @@ void finish_plan(const dense_measuring& how, dense_candidate& best) {
   dense_candidate other = best;
   other.options.reads_new = false;
   const bool has_other = best.options.reads_new;
-  const uint64_t task_bytes = item_bytes(stored_bytes(how.images, best.plan.copies));
+  const uint64_t task_bytes = item_bytes(how.images, best.plan.copies);
   {
     const copies_span copies = best.plan.copies;
     const string_places places(how.images, {&copies, 1}, stores_many(how, copies));

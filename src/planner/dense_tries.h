@@ -37,7 +37,7 @@ struct dense_measuring {
   bool is_far_apart = false;   // the images have few strings in common
   bool base_is_known = false;  // else one that the plan itself tells is tried too
   uint32_t jobs = 1;
-  // Called for each plan that is measured, by one thread at a time.
+  // Called for each plan that is measured.
   std::function<void(size_t size)> note;
 };
 

@@ -294,12 +294,7 @@ void payload_writer::write_value(const kelvane_dense_token& token, uint32_t posi
       }
     }
   };
-  uint32_t bytes_price = prices.tree(choice_id, KELVANE_DENSE_CHOICE_BYTES, 3);
-  each_changed([&](uint32_t k, const kelvane_dense_place& place, uint8_t byte) {
-    mask |= 1U << k;
-    bytes_price += prices.literal(place, byte);
-  });
-  bytes_price += prices.tree(mask_id, mask, token.length);
+  each_changed([&](uint32_t k, const kelvane_dense_place&, uint8_t) { mask |= 1U << k; });
   uint32_t difference = 0;
   uint32_t choice = KELVANE_DENSE_CHOICE_BYTES;
   if (told_by_difference(token, position, value, difference)) {
@@ -310,6 +305,12 @@ void payload_writer::write_value(const kelvane_dense_token& token, uint32_t posi
         (known == KELVANE_DENSE_CHOICE_DIFFERENCE
              ? prices.signed_number(KELVANE_DENSE_C_DIFFERENCE + token.kind, difference)
              : 0);
+    uint32_t bytes_price = prices.tree(choice_id, KELVANE_DENSE_CHOICE_BYTES, 3) +
+                           prices.tree(mask_id, mask, token.length);
+    // Literals are the dearest part of this to price: no more of them than it takes to tell.
+    each_changed([&](uint32_t, const kelvane_dense_place& place, uint8_t byte) {
+      bytes_price += bytes_price < price ? prices.literal(place, byte) : 0;
+    });
     choice = price <= bytes_price ? known : choice;
   } else {
     uint32_t target = 0;
