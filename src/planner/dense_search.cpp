@@ -325,7 +325,7 @@ void search::next_round(std::vector<contender>& contenders, std::span<const try_
       }
     }
   }
-  made = {};
+  made = std::vector<dense_candidate>();
   for (size_t i = 0; i < contenders.size(); ++i) {
     take_winner(contenders[i], winners[i]);
   }
@@ -379,7 +379,7 @@ dense_update search::run() {
           likely_base(images_, reach_.readable_copies(stretches), *request_.target);
     }
   }
-  stretches = {};
+  stretches = std::vector<shift_stretch>();
   const size_t new_size = images_.new_image.size();
   effort_settings settings = settings_for(request_.effort, new_size, is_far_apart_);
   std::vector<contender> contenders;

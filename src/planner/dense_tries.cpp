@@ -156,7 +156,7 @@ class measuring {
       set_size(made_[best.candidate], best.size);
     }
     for (const group* const each : groups) {
-      made_[each->front()].plan.items = {};
+      made_[each->front()].plan.items = std::vector<dense_item>();  // {} would keep the memory
     }
   }
 
