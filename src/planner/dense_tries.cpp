@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "dense_base.h"
+#include "dense_prices.h"
 #include "dense_writer.h"
 #include "parallel_tasks.h"
 
@@ -29,8 +30,8 @@ bool are_equal(const dense_options& first, const dense_options& second) {
          first.differences == second.differences && first.reads_new == second.reads_new;
 }
 
-// The memory that finding items takes: an item for each eight stored bytes, once and once more, and
-// the steps through the longest part.
+// The memory that finding items takes: one for each eight stored bytes, once more without its
+// place, and the steps through the longest part.
 uint64_t item_bytes(const plan_images& images, copies_span copies) {
   constexpr uint64_t kPart = 1U << 16U;
   constexpr uint64_t kStepBytes = 26;
@@ -46,7 +47,8 @@ uint64_t item_bytes(const plan_images& images, copies_span copies) {
     at = copy.target + copy.length;
   }
   store_up_to(images.new_image.size());
-  return stored / 8 * 2 * sizeof(dense_item) + std::min(longest, kPart) * kStepBytes;
+  return stored / 8 * (sizeof(dense_item) + sizeof(item_extent)) +
+         std::min(longest, kPart) * kStepBytes;
 }
 
 bool stores_many(const dense_measuring& how, copies_span copies) {
@@ -109,7 +111,7 @@ class measuring {
       return;
     }
     const string_places places(how_.images, plans, many);
-    const size_t at_once = jobs_within(how_.images, bytes, static_cast<uint32_t>(groups.size()));
+    const size_t at_once = jobs_within(how_.images, bytes, how_.jobs);
     for (std::span<const group* const> left = groups; !left.empty();) {
       const auto now = left.first(std::min(left.size(), at_once));
       run_tasks(now.size(), how_.jobs, [&](size_t i) {
@@ -177,7 +179,7 @@ class measuring {
 
 size_t jobs_within(const plan_images& images, uint64_t task_bytes, uint32_t jobs) {
   const uint64_t free = images.old_image.size() + images.new_image.size();
-  return std::clamp<size_t>(free * 5 / 4 / (task_bytes + 1), 1, std::max(jobs, 1U));
+  return std::clamp<size_t>(free * 2 / (task_bytes + 1), 1, std::max(jobs, 1U));
 }
 
 void measure_all(const dense_measuring& how, std::span<dense_candidate> made) {
