@@ -1,7 +1,7 @@
 #include "alignment.h"
 
 #include <algorithm>
-#include <map>
+#include <functional>
 
 #include "alignment_internal.h"
 #include "word_costs.h"
@@ -39,7 +39,7 @@ struct state {
 // A state that somebody was entered from.
 struct way_record {
   int64_t shift = 0;
-  int64_t start = 0;
+  uint32_t start = 0;
   int32_t before = kNoRecord;
 };
 
@@ -117,7 +117,8 @@ aligner::aligner(const alignment_input& input, const alignment_settings& setting
 int32_t aligner::record_of(state& entered_from) {
   if (entered_from.record == kNoRecord) {
     entered_from.record = static_cast<int32_t>(records_.size());
-    records_.push_back({entered_from.shift, entered_from.start, entered_from.before});
+    records_.push_back(
+        {entered_from.shift, static_cast<uint32_t>(entered_from.start), entered_from.before});
   }
   return entered_from.record;
 }
@@ -362,17 +363,16 @@ std::vector<shift_stretch> aligner::way_back() const {
   const auto last = std::min_element(
       states_.begin(), states_.end(),
       [](const state& first, const state& second) { return first.cost < second.cost; });
-  way_record at = {last->shift, last->start, last->before};
+  way_record at = {last->shift, static_cast<uint32_t>(last->start), last->before};
   auto end = static_cast<uint32_t>(new_size_);
   for (;;) {
-    const auto start = static_cast<uint32_t>(at.start);
-    if (start < end) {
+    if (at.start < end) {
       if (!stretches.empty() && stretches.back().shift == at.shift) {
-        stretches.back().begin = start;
+        stretches.back().begin = at.start;
       } else {
-        stretches.push_back({start, end, at.shift});
+        stretches.push_back({at.start, end, at.shift});
       }
-      end = start;
+      end = at.start;
     }
     if (at.before == kNoRecord) {
       break;
@@ -433,21 +433,28 @@ std::vector<shift_stretch> align_images(const alignment_input& input,
 }
 
 std::vector<int64_t> widest_shifts(std::span<const shift_stretch> stretches) {
-  std::map<int64_t, uint64_t> covered;
+  std::vector<std::pair<int64_t, uint64_t>> by_shift;
   for (const shift_stretch& stretch : stretches) {
     if (stretch.shift != kStoredShift && stretch.shift != 0) {
-      covered[stretch.shift] += stretch.end - stretch.begin;
+      by_shift.emplace_back(stretch.shift, stretch.end - stretch.begin);
     }
   }
-  std::vector<std::pair<uint64_t, int64_t>> by_width;
-  by_width.reserve(covered.size());
-  for (const auto& [shift, width] : covered) {
-    by_width.emplace_back(width, shift);
+  std::sort(by_shift.begin(), by_shift.end());
+  std::vector<std::pair<uint64_t, int64_t>> widest;  // by width, the widest first
+  for (auto at = by_shift.begin(); at != by_shift.end();) {
+    const int64_t shift = at->first;
+    uint64_t width = 0;
+    for (; at != by_shift.end() && at->first == shift; ++at) {
+      width += at->second;
+    }
+    const std::pair<uint64_t, int64_t> found = {width, shift};
+    widest.insert(std::upper_bound(widest.begin(), widest.end(), found, std::greater<>()), found);
+    widest.resize(std::min(widest.size(), kKeptShifts));
   }
-  std::sort(by_width.rbegin(), by_width.rend());
   std::vector<int64_t> shifts;
-  for (size_t i = 0; i < std::min(by_width.size(), kKeptShifts); ++i) {
-    shifts.push_back(by_width[i].second);
+  shifts.reserve(widest.size());
+  for (const auto& [width, shift] : widest) {
+    shifts.push_back(shift);
   }
   return shifts;
 }

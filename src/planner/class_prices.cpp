@@ -5,7 +5,7 @@
 namespace kelvane {
 
 class_prices::class_prices(std::span<const class_price> prices) : known_(true) {
-  const size_t slots = std::bit_ceil(prices.size() * 3 + 16);
+  const size_t slots = std::bit_ceil(prices.size() * 3 / 2 + 16);
   slots_.resize(slots);
   mask_ = static_cast<uint32_t>(slots - 1);
   for (const class_price& price : prices) {

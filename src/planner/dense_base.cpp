@@ -11,14 +11,8 @@ constexpr uint32_t kLeastLength = 64;   // of a copy that may be pointed to
 constexpr size_t kMostPointedTo = 400;  // the longest ones
 constexpr uint32_t kMostWords = 60000;
 constexpr uint32_t kMostPairs = 200000;
-constexpr size_t kMostBallots = 1U << 19U;
+constexpr size_t kMostBallots = 1U << 18U;
 constexpr uint32_t kFarthestPair = 64;  // bytes between an upper half and its lower one
-
-// From `address` on the votes for a base are `change` more.
-struct ballot {
-  uint32_t address = 0;
-  int32_t change = 0;
-};
 
 class base_vote {
  public:
@@ -26,7 +20,7 @@ class base_vote {
             const dense_target& target)
       : images_(images),
         target_(target),
-        copies_(copies.begin(), copies.end()),
+        copies_(copies),
         largest_(static_cast<uint32_t>(images.new_image.size())) {
     for (const dense_copy& copy : copies) {
       if (copy.length >= kLeastLength) {
@@ -80,7 +74,7 @@ class base_vote {
   bool vote(uint32_t from, uint32_t to) {
     const uint32_t shift = to - from;
     if (shift == 0 || (shift > largest_ && 0U - shift > largest_) ||
-        ballots_.size() >= kMostBallots) {
+        begins_.size() >= kMostBallots) {
       return false;
     }
     auto copy = std::lower_bound(
@@ -88,8 +82,8 @@ class base_vote {
         [](const dense_copy& each, uint32_t wanted) { return shift_of(each) < wanted; });
     for (; copy != pointed_to_.end() && shift_of(*copy) == shift; ++copy) {
       const uint32_t last = from - copy->source;
-      ballots_.push_back({last - copy->length + 1, 1});
-      ballots_.push_back({last + 1, -1});
+      begins_.push_back(last - copy->length + 1);
+      ends_.push_back(last + 1);
     }
     return true;
   }
@@ -142,44 +136,55 @@ class base_vote {
 
   // Of the places with nearly the most votes the roundest number.
   uint32_t count() {
-    std::sort(ballots_.begin(), ballots_.end(), [](const ballot& first, const ballot& second) {
-      return first.address != second.address ? first.address < second.address
-                                             : first.change > second.change;
-    });
+    std::sort(begins_.begin(), begins_.end());
+    std::sort(ends_.begin(), ends_.end());
     int64_t most = 0;
-    int64_t votes = 0;
-    for (const ballot& each : ballots_) {
-      votes += each.change;
-      most = std::max(most, votes);
-    }
-    votes = 0;
+    each_border([&](uint32_t, uint32_t, int64_t votes) { most = std::max(most, votes); });
     uint32_t best = 0;
     int32_t best_zeros = -1;
-    for (size_t i = 0; i + 1 < ballots_.size(); ++i) {
-      votes += ballots_[i].change;
+    each_border([&](uint32_t address, uint32_t next, int64_t votes) {
       if (votes * 20 < most * 19) {
-        continue;
+        return;
       }
-      const uint64_t begin = ballots_[i].address;
-      const uint64_t end = ballots_[i + 1].address;
       for (int32_t zeros = 31; zeros > best_zeros; --zeros) {
         const uint64_t unit = uint64_t{1} << static_cast<uint32_t>(zeros);
-        const uint64_t round = (begin + unit - 1) / unit * unit;
-        if (round < end) {
+        const uint64_t round = (uint64_t{address} + unit - 1) / unit * unit;
+        if (round < next) {
           best_zeros = zeros;
           best = static_cast<uint32_t>(round);
         }
       }
-    }
+    });
     return best;
+  }
+
+  // Calls take(address, next address, votes) for each address where votes begin or end, but the
+  // last one, with the votes for what lies between.
+  template <typename Take>
+  void each_border(const Take& take) const {
+    auto begin = begins_.begin();
+    auto end = ends_.begin();
+    int64_t votes = 0;
+    const auto is_begin = [&] {
+      return begin != begins_.end() && (end == ends_.end() || *begin <= *end);
+    };
+    while (begin != begins_.end() || end != ends_.end()) {
+      const bool begins = is_begin();
+      const uint32_t address = begins ? *begin++ : *end++;
+      votes += begins ? 1 : -1;
+      if (begin != begins_.end() || end != ends_.end()) {
+        take(address, is_begin() ? *begin : *end, votes);
+      }
+    }
   }
 
   const plan_images& images_;
   const dense_target& target_;
-  std::vector<dense_copy> copies_;
+  std::span<const dense_copy> copies_;
   uint32_t largest_;
   std::vector<dense_copy> pointed_to_;  // by shift
-  std::vector<ballot> ballots_;
+  std::vector<uint32_t> begins_;        // where one vote more begins
+  std::vector<uint32_t> ends_;          // and where one ends; as many
 };
 
 }  // namespace

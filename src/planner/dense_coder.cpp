@@ -61,7 +61,7 @@ void dense_coder::literal(const kelvane_dense_place& place, uint8_t byte) {
 }
 
 // Any number in the last range will do: the one with most zeros at its end.
-void dense_coder::finish() {
+size_t dense_coder::finish() {
   const uint64_t high = low_ + range_ - 1;
   for (uint32_t zeros = 32; zeros-- != 0;) {
     const uint64_t rounded = high >> zeros << zeros;
@@ -73,9 +73,10 @@ void dense_coder::finish() {
   for (int i = 0; i < 5; ++i) {
     shift();
   }
-  while (!payload_.empty() && payload_.back() == 0) {
-    payload_.pop_back();
+  if (payload_ != nullptr) {
+    payload_->resize(payload_->size() - (put_ - needed_));
   }
+  return needed_;
 }
 
 }  // namespace kelvane

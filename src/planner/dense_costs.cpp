@@ -174,16 +174,22 @@ class_prices difference_prices(const plan_images& images, ByteOrder order,
   constexpr uint32_t kLeastCount = 3;
   constexpr size_t kMostPrices = 30000;
   constexpr uint32_t kLeastCountOfMany = 8;
-  std::vector<uint32_t> differences;
-  for (const dense_copy& copy : copies) {
-    for (uint32_t k = (0U - copy.target) % 4; k + 4 <= copy.length; k += 4) {
-      const uint32_t difference = load_word(images.new_image.data() + copy.target + k, order) -
-                                  load_word(images.old_image.data() + copy.source + k, order);
-      if (difference != 0) {
-        differences.push_back(difference);
+  const auto each_difference = [&](const auto& take) {
+    for (const dense_copy& copy : copies) {
+      for (uint32_t k = (0U - copy.target) % 4; k + 4 <= copy.length; k += 4) {
+        const uint32_t difference = load_word(images.new_image.data() + copy.target + k, order) -
+                                    load_word(images.old_image.data() + copy.source + k, order);
+        if (difference != 0) {
+          take(difference);
+        }
       }
     }
-  }
+  };
+  size_t all = 0;
+  each_difference([&](uint32_t) { ++all; });
+  std::vector<uint32_t> differences;
+  differences.reserve(all);
+  each_difference([&](uint32_t difference) { differences.push_back(difference); });
   std::sort(differences.begin(), differences.end());
   std::vector<class_price> prices;
   const auto collect = [&](uint32_t least) {

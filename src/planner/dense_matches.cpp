@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cstring>
 
 #include "dense_prices.h"
@@ -19,6 +18,7 @@ constexpr uint32_t kLongest = 1U << 16U;
 constexpr uint32_t kLongMatch = 256;
 constexpr uint32_t kNearEnd = 16;
 constexpr uint32_t kParsedAtOnce = 1U << 16U;  // bytes
+constexpr uint32_t kEachLength = 32;           // up to here every length of a match is tried
 // Places that are kept of both images; more are thinned out.
 constexpr uint64_t kFewPlaces = 1U << 18U;
 constexpr uint32_t kLargestStep = 4;
@@ -29,7 +29,7 @@ bool is_one_byte(const uint8_t* string) {
 
 // What the prices of the next item depend on.
 struct item_state {
-  int64_t shift = 0;      // of the copy or match into the old image in front
+  int32_t shift = 0;      // of the copy or match into the old image in front
   uint32_t distance = 0;  // of the last match into the new one
   uint8_t matches = 0;    // the last two items: literal or match
 
@@ -38,97 +38,129 @@ struct item_state {
   }
 };
 
-struct step {
-  uint32_t cost = UINT32_MAX;
-  dense_item item;
-  item_state state;
+// What the lengths of matches cost that are all tried.
+using length_costs = std::array<uint32_t, kEachLength + 1>;
+
+length_costs costs_of_lengths(const number_prices& prices) {
+  length_costs costs = {};
+  for (uint32_t length = 2; length < costs.size(); ++length) {
+    costs[length] = prices.of(length - 2);
+  }
+  return costs;
+}
+
+// For matches that begin at one place of one image: the least that the place of one took that was
+// tried with this length or more. A further one at no less is no gain, nor are its shorter lengths.
+struct tried_places {
+  uint32_t longest = 0;
+  std::array<uint32_t, kEachLength + 1> least;
+
+  bool is_gain(uint32_t length, uint32_t place_cost) const {
+    return length > longest || place_cost < least[length];
+  }
 };
 
-// Bytes `begin` to `end` of the new image, with `state` behind what is in front.
+// The cheapest items for stored bytes, part by part in ascending order.
 class item_parse {
  public:
   item_parse(const plan_images& images, const string_places& places, const old_reach& reach,
-             const item_prices& prices, bool reads_new, uint32_t begin, uint32_t end,
-             const item_state& state)
-      : images_(images),
-        places_(places),
-        reach_(reach),
-        prices_(prices),
-        reads_new_(reads_new),
-        begin_(begin),
-        end_(end),
-        steps_(size_t{end} - begin + 1) {
-    steps_[0].cost = 0;
-    steps_[0].state = state;
+             bool reads_new)
+      : images_(images), places_(places), reach_(reach), reads_new_(reads_new) {}
+
+  void begin(const item_prices& prices) {
+    prices_ = prices;
+    old_lengths_ = costs_of_lengths(prices.old_length);
+    new_lengths_ = costs_of_lengths(prices.new_length);
+    state_ = {};
   }
 
-  // Gives the state at the end.
-  item_state append(std::vector<dense_item>& items) {
-    for (uint32_t at = begin_; at < end_; ++at) {
+  void pass(const dense_copy& copy) {
+    state_.shift = static_cast<int32_t>(copy.target - copy.source);
+  }
+
+  // Bytes `begin` to `end` of the new image, of which `literals` tells what each costs as it is.
+  void append(uint32_t begin, uint32_t end, std::span<const uint16_t> literals,
+              std::vector<dense_item>& items) {
+    begin_ = begin;
+    end_ = end;
+    long_until_ = 0;
+    const size_t steps = size_t{end} - begin + 1;
+    costs_.assign(steps, UINT32_MAX);
+    items_.resize(std::max(items_.size(), steps));
+    states_.resize(items_.size());
+    costs_[0] = 0;
+    states_[0] = state_;
+    for (uint32_t at = begin; at < end; ++at) {
       passed_ = at;
-      take_literal(at);
-      if (at >= long_until_ && end_ - at >= 3 && at + kStringBytes <= images_.new_image.size()) {
+      enter(at + 1, costs_[at - begin] + match_prices(at)[0] + literals[at - begin],
+            {1, dense_item::literal, 0}, state_at(at).behind(false));
+      if (at >= long_until_ && end - at >= 3 && at + kStringBytes <= images_.new_image.size()) {
         take_matches(at);
       }
     }
-    const size_t first = items.size();
-    std::vector<dense_item> found;
-    for (size_t at = steps_.size() - 1; at != 0; at -= steps_[at].item.length) {
-      found.push_back(steps_[at].item);
-    }
-    std::reverse(found.begin(), found.end());
-    for (const dense_item& item : found) {
-      if (items.size() > first && item.kind == dense_item::literal &&
-          items.back().kind == dense_item::literal) {
-        items.back().length += item.length;
-      } else {
-        items.push_back(item);
-      }
-    }
-    return steps_.back().state;
+    state_ = states_[steps - 1];
+    take_way_back(steps - 1, items);
   }
 
  private:
   uint8_t new_byte(uint32_t at) const { return images_.new_image[at]; }
-  const step& step_at(uint32_t at) const { return steps_[at - begin_]; }
+  const item_state& state_at(uint32_t at) const { return states_[at - begin_]; }
 
   const std::array<uint32_t, 2>& match_prices(uint32_t at) const {
-    return prices_.is_match[at % 4 * 4 + step_at(at).state.matches];
-  }
-
-  void take_literal(uint32_t at) {
-    const step& from = step_at(at);
-    enter(at + 1, from.cost + match_prices(at)[0] + prices_.literal[at],
-          {1, 0, dense_item::literal}, from.state.behind(false));
+    return prices_.is_match[at % 4 * 4 + state_at(at).matches];
   }
 
   void enter(uint32_t at, uint32_t cost, const dense_item& item, const item_state& state) {
-    step& to = steps_[at - begin_];
-    if (at > passed_ && cost < to.cost) {
-      to = {cost, item, state};
+    const uint32_t index = at - begin_;
+    if (at > passed_ && cost < costs_[index]) {
+      costs_[index] = cost;
+      items_[index] = item;
+      states_[index] = state;
     }
   }
 
+  // The items up to step `last`, literals in a row as one. They are put behind each other in the
+  // places of the steps, from behind.
+  void take_way_back(size_t last, std::vector<dense_item>& items) {
+    size_t first = last + 1;
+    for (size_t at = last; at != 0;) {
+      const dense_item item = items_[at];
+      at -= item.length;
+      if (first <= last && item.kind == dense_item::literal &&
+          items_[first].kind == dense_item::literal) {
+        items_[first].length = (items_[first].length + item.length) & (kParsedAtOnce * 2 - 1);
+      } else {
+        items_[--first] = item;
+      }
+    }
+    items.insert(items.end(), items_.begin() + static_cast<ptrdiff_t>(first),
+                 items_.begin() + static_cast<ptrdiff_t>(last) + 1);
+  }
+
   void take_matches(uint32_t at) {
-    const item_state& state = step_at(at).state;
-    const int64_t expected = at - state.shift;
+    for (uint32_t k = 0; k < places_.step(); ++k) {
+      tried_old_[k].longest = 0;
+      tried_new_[k].longest = 0;
+    }
+    const item_state& state = state_at(at);
+    const int64_t expected = int64_t{at} - state.shift;
     if (expected >= 0 && expected < static_cast<int64_t>(images_.old_image.size())) {
       const auto place = static_cast<uint32_t>(expected);
-      take_old(at, place, equal_bytes(images_.old_image, place, at));
+      take_old(at, place, equal_bytes(images_.old_image, place, at), 0);
     }
     if (reads_new_) {
       if (state.distance != 0) {
         const uint32_t place = at - state.distance;
-        take_new(at, place, equal_bytes(images_.new_image, place, at));
+        take_new(at, place, equal_bytes(images_.new_image, place, at), 0);
       }
       each_of_last(places_.in_new(at), kNewTrials, [&](uint32_t place) {
         take_from_ahead(images_.new_image, place, at,
-                        [&](uint32_t k, uint32_t equal) { take_new(at - k, place - k, equal); });
+                        [&](uint32_t k, uint32_t equal) { take_new(at - k, place - k, equal, k); });
       });
     }
     each_of_last(places_.in_old(at), kOldTrials, [&](uint32_t place) {
       take_from_ahead(images_.old_image, place, at,
-                      [&](uint32_t k, uint32_t equal) { take_old(at - k, place - k, equal); });
+                      [&](uint32_t k, uint32_t equal) { take_old(at - k, place - k, equal, k); });
     });
   }
 
@@ -164,38 +196,54 @@ class item_parse {
     return length;
   }
 
-  // Matches whose bytes have been found equal.
-  void take_new(uint32_t at, uint32_t place, uint32_t equal) {
-    item_state state = step_at(at).state.behind(true);
-    const bool is_same = at - place == state.distance;
-    state.distance = at - place;
-    take(at, equal, {0, place, dense_item::new_image},
-         prices_.is_new[1] + prices_.is_same_distance[is_same ? 1 : 0] +
-             (is_same ? 0 : prices_.distance.of(at - place - 1)),
+  // Matches whose bytes have been found equal, `k` bytes ahead of the string that was looked up.
+  void take_new(uint32_t at, uint32_t place, uint32_t equal, uint32_t k) {
+    const item_state& from = state_at(at);
+    const uint32_t distance = at - place;
+    const bool is_same = distance == from.distance;
+    const uint32_t place_cost = prices_.is_new[1] + prices_.is_same_distance[is_same ? 1 : 0] +
+                                (is_same ? 0 : prices_.distance.of(distance - 1));
+    if (equal <= kEachLength && !tried_new_[k].is_gain(equal, place_cost)) {
+      return;
+    }
+    item_state state = from.behind(true);
+    state.distance = distance;
+    take(at, equal, {0, dense_item::new_image, place}, place_cost, tried_new_[k], new_lengths_,
          prices_.new_length, state);
   }
 
-  void take_old(uint32_t at, uint32_t place, uint32_t equal) {
-    item_state state = step_at(at).state.behind(true);
-    const int64_t shift = static_cast<int64_t>(at) - place;
-    const auto off = static_cast<uint32_t>(state.shift - shift);
-    state.shift = shift;
-    take(at, reach_.readable(place, at, equal), {0, place, dense_item::old_image},
-         prices_.is_new[0] + prices_.place.of(folded(off)), prices_.old_length, state);
+  void take_old(uint32_t at, uint32_t place, uint32_t equal, uint32_t k) {
+    const item_state& from = state_at(at);
+    const uint32_t shift = at - place;
+    const uint32_t place_cost =
+        prices_.is_new[0] + prices_.place.of(folded(static_cast<uint32_t>(from.shift) - shift));
+    if (equal <= kEachLength && !tried_old_[k].is_gain(equal, place_cost)) {
+      return;
+    }
+    item_state state = from.behind(true);
+    state.shift = static_cast<int32_t>(shift);
+    take(at, reach_.readable(place, at, equal), {0, dense_item::old_image, place}, place_cost,
+         tried_old_[k], old_lengths_, prices_.old_length, state);
   }
 
   // All lengths, the long ones by doubling.
   void take(uint32_t at, uint32_t longest, dense_item item, uint32_t place_cost,
-            const number_prices& length_prices, const item_state& state) {
-    constexpr uint32_t kEachLength = 32;
+            tried_places& tried, const length_costs& lengths, const number_prices& length_prices,
+            const item_state& state) {
     if (longest >= kLongMatch) {
       long_until_ = std::max(long_until_, at + longest - kNearEnd);
     }
-    const uint32_t cost = step_at(at).cost + match_prices(at)[1] + place_cost;
-    for (uint32_t length = 2; length <= longest; length = length < kEachLength || length == longest
-                                                              ? length + 1
-                                                              : std::min(longest, length * 2)) {
-      item.length = length;
+    const uint32_t cost = costs_[at - begin_] + match_prices(at)[1] + place_cost;
+    const uint32_t each = std::min(longest, kEachLength);
+    for (uint32_t length = each; length >= 2 && tried.is_gain(length, place_cost); --length) {
+      tried.least[length] = place_cost;
+      item.length = length & (kParsedAtOnce * 2 - 1);
+      enter(at + length, cost + lengths[length], item, state);
+    }
+    tried.longest = std::max(tried.longest, each);
+    for (uint32_t length = kEachLength; length < longest;) {
+      length = std::min(longest, length * 2);
+      item.length = length & (kParsedAtOnce * 2 - 1);
       enter(at + length, cost + length_prices.of(length - 2), item, state);
     }
   }
@@ -203,31 +251,50 @@ class item_parse {
   const plan_images& images_;
   const string_places& places_;
   const old_reach& reach_;
-  const item_prices& prices_;
   bool reads_new_;
-  uint32_t begin_;
-  uint32_t end_;
+  item_prices prices_;
+  length_costs old_lengths_ = {};
+  length_costs new_lengths_ = {};
+  item_state state_;  // behind the last part
+  uint32_t begin_ = 0;
+  uint32_t end_ = 0;
   uint32_t passed_ = 0;      // steps up to here are settled
   uint32_t long_until_ = 0;  // up to here a long match reaches
-  std::vector<step> steps_;
+  std::array<tried_places, kLargestStep> tried_old_ = {};
+  std::array<tried_places, kLargestStep> tried_new_ = {};
+  // By step, the last item on the cheapest way there. One array each, for most steps that are
+  // looked at stay as they are.
+  std::vector<uint32_t> costs_;
+  std::vector<dense_item> items_;
+  std::vector<item_state> states_;
 };
 
 }  // namespace
+
+uint32_t string_places::hash_bits_for(const plan_images& images) {
+  const uint64_t both = images.old_image.size() + images.new_image.size();
+  return std::clamp(static_cast<uint32_t>(std::bit_width(both)), 8U, 18U);
+}
+
+bool string_places::are_many(const plan_images& images, std::span<const dense_copy> copies) {
+  uint64_t stored = images.new_image.size();
+  for (const dense_copy& copy : copies) {
+    stored -= copy.length;
+  }
+  return stored > (size_t{1} << hash_bits_for(images)) / 4;
+}
 
 uint32_t string_places::hash_at(std::span<const uint8_t> image, uint32_t at) const {
   return (load_word(image.data() + at, ByteOrder::kLittle) * 2654435761U) >> (32 - hash_bits_);
 }
 
-// Notes the strings of the stored bytes; gives the number of these.
-uint64_t string_places::note_wanted(std::span<const dense_copy> copies) {
-  uint64_t stored = 0;
-  wanted_.assign(size_t{1} << hash_bits_, false);
+// Notes the strings of the stored bytes.
+void string_places::note_wanted(std::span<const dense_copy> copies) {
   uint32_t at = 0;
   const auto note_up_to = [&](size_t end) {
-    for (; at < end; ++at, ++stored) {
-      if (at + kStringBytes <= images_.new_image.size()) {
-        wanted_[hash_at(images_.new_image, at)] = true;
-      }
+    for (; at < end && at + kStringBytes <= images_.new_image.size(); ++at) {
+      const uint32_t hash = hash_at(images_.new_image, at);
+      wanted_[hash / 64] |= uint64_t{1} << hash % 64;
     }
   };
   for (const dense_copy& copy : copies) {
@@ -235,7 +302,6 @@ uint64_t string_places::note_wanted(std::span<const dense_copy> copies) {
     at = copy.target + copy.length;
   }
   note_up_to(images_.new_image.size());
-  return stored;
 }
 
 void string_places::fill(std::span<const uint8_t> image, places& of) const {
@@ -249,35 +315,38 @@ void string_places::fill(std::span<const uint8_t> image, places& of) const {
         continue;
       }
       const uint32_t hash = hash_at(image, static_cast<uint32_t>(at));
-      if (wanted_[hash]) {
-        take(hash, static_cast<uint32_t>(at));
+      if (is_wanted(hash)) {
+        take(rank_of(hash), static_cast<uint32_t>(at));
       }
     }
   };
-  of.begin.assign((size_t{1} << hash_bits_) + 1, 0);
-  each([&](uint32_t hash, uint32_t) { ++of.begin[hash + 1]; });
+  // While places are filled in, the begin of a bucket stands behind it, and goes to its end.
+  of.begin.assign(size_t{ranks_.back()} + 2, 0);
+  each([&](uint32_t rank, uint32_t) { ++of.begin[rank + 2]; });
   for (size_t i = 1; i < of.begin.size(); ++i) {
     of.begin[i] += of.begin[i - 1];
   }
   of.all.resize(of.begin.back());
-  std::vector<uint32_t> next(of.begin.begin(), of.begin.end() - 1);
-  each([&](uint32_t hash, uint32_t at) { of.all[next[hash]++] = at; });
+  each([&](uint32_t rank, uint32_t at) { of.all[of.begin[rank + 1]++] = at; });
 }
 
-string_places::string_places(const plan_images& images, std::span<const dense_copy> copies)
-    : images_(images) {
+string_places::string_places(const plan_images& images,
+                             std::span<const std::span<const dense_copy>> plans, bool are_many)
+    : images_(images), hash_bits_(hash_bits_for(images)) {
+  wanted_.assign((size_t{1} << hash_bits_) / 64, 0);
+  for (const std::span<const dense_copy> copies : plans) {
+    note_wanted(copies);
+  }
+  ranks_.push_back(0);
+  for (const uint64_t wanted : wanted_) {
+    ranks_.push_back(ranks_.back() + static_cast<uint32_t>(std::popcount(wanted)));
+  }
   const uint64_t both = images.old_image.size() + images.new_image.size();
-  hash_bits_ = std::clamp(static_cast<uint32_t>(std::bit_width(both)), 8U, 18U);
-  const uint64_t stored = note_wanted(copies);
-  // Most strings are wanted once there are some for each hash.
-  if (stored > (size_t{1} << hash_bits_) / 4) {
-    while (step_ < kLargestStep && both / step_ > kFewPlaces) {
-      step_ *= 2;
-    }
+  while (are_many && step_ < kLargestStep && both / step_ > kFewPlaces) {
+    step_ *= 2;
   }
   fill(images.old_image, old_);
   fill(images.new_image, new_);
-  wanted_ = {};
 }
 
 std::span<const uint32_t> string_places::in_new(uint32_t at) const {
@@ -287,27 +356,24 @@ std::span<const uint32_t> string_places::in_new(uint32_t at) const {
 
 namespace {
 
-std::vector<dense_item> cheapest_items(const plan_images& images, const string_places& places,
-                                       const old_reach& reach, const item_prices& prices,
-                                       std::span<const dense_copy> copies, bool reads_new) {
-  std::vector<dense_item> items;
+// Calls part(begin, end) for the bytes to be stored, by parts, and pass(copy) for each copy behind
+// those ahead of it.
+void for_stored(size_t new_size, std::span<const dense_copy> copies, const auto& part,
+                const auto& pass) {
   uint32_t at = 0;
-  item_state state;
   const auto store_up_to = [&](uint32_t end) {
     while (at < end) {
-      const uint32_t part = at + std::min(end - at, kParsedAtOnce);
-      state = item_parse(images, places, reach, prices, reads_new, at, part, state).append(items);
-      at = part;
+      const uint32_t part_end = at + std::min(end - at, kParsedAtOnce);
+      part(at, part_end);
+      at = part_end;
     }
   };
   for (const dense_copy& copy : copies) {
     store_up_to(copy.target);
     at = copy.target + copy.length;
-    state.shift = static_cast<int64_t>(copy.target) - copy.source;
+    pass(copy);
   }
-  store_up_to(static_cast<uint32_t>(images.new_image.size()));
-  items.shrink_to_fit();
-  return items;
+  store_up_to(static_cast<uint32_t>(new_size));
 }
 
 }  // namespace
@@ -315,11 +381,43 @@ std::vector<dense_item> cheapest_items(const plan_images& images, const string_p
 std::vector<dense_item> items_between(const plan_images& images, const string_places& places,
                                       const old_reach& reach, std::span<const dense_copy> copies,
                                       bool reads_new) {
-  const auto cheapest = [&](const item_prices& prices) {
-    return cheapest_items(images, places, reach, prices, copies, reads_new);
-  };
-  const std::vector<dense_item> usual = cheapest(usual_prices(images.new_image.size()));
-  return cheapest(measured_prices(images, copies, usual));
+  const size_t new_size = images.new_image.size();
+  std::vector<uint16_t> literals(std::min<size_t>(new_size, kParsedAtOnce), kUsualLiteral);
+  item_parse parse(images, places, reach, reads_new);
+  item_counts counts;
+  std::vector<item_extent> usual;
+  std::vector<dense_item> items;
+  parse.begin(usual_prices());
+  for_stored(
+      new_size, copies,
+      [&](uint32_t begin, uint32_t end) {
+        items.clear();
+        parse.append(begin, end, literals, items);
+        counts.take(items);
+        for (const dense_item& item : items) {
+          usual.push_back({item.length, item.kind});
+        }
+      },
+      [&](const dense_copy& copy) {
+        parse.pass(copy);
+        counts.pass(copy);
+      });
+  literal_meter meter(images);
+  items.clear();
+  items.reserve(usual.size() + usual.size() / 8);
+  std::span<const item_extent> ahead = usual;
+  parse.begin(counts.prices());
+  for_stored(
+      new_size, copies,
+      [&](uint32_t begin, uint32_t end) {
+        ahead = ahead.subspan(meter.take(ahead, end - begin, literals));
+        parse.append(begin, end, literals, items);
+      },
+      [&](const dense_copy& copy) {
+        parse.pass(copy);
+        meter.pass(copy);
+      });
+  return items;
 }
 
 }  // namespace kelvane

@@ -48,9 +48,9 @@ struct dense_copy {
 // What lies between copies: bytes as they are, or bytes that are somewhere already.
 struct dense_item {
   enum source : uint8_t { literal, old_image, new_image };
-  uint32_t length = 0;
+  uint32_t length : 30 = 0;
+  source kind : 2 = literal;
   uint32_t from = 0;  // the place in that image
-  source kind = literal;
 };
 
 // The old page `page`, which changes, lies in `slot` from when it is saved until page `last_use`

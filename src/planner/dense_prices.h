@@ -9,9 +9,10 @@
 #include <array>
 #include <bit>
 #include <cstdint>
-#include <vector>
+#include <span>
 
 #include "dense_decisions.h"
+#include "dense_model.h"
 #include "dense_plan.h"
 #include "plan.h"
 
@@ -68,9 +69,8 @@ struct number_prices {
   }
 };
 
-// Of what stands between copies.
+// Of what stands between copies, but for literals.
 struct item_prices {
-  std::vector<uint16_t> literal;                          // by position in the new image
   std::array<std::array<uint32_t, 2>, 16> is_match = {};  // by position and the last two
   std::array<uint32_t, 2> is_new = {};
   std::array<uint32_t, 2> is_same_distance = {};
@@ -81,10 +81,76 @@ struct item_prices {
 };
 
 // What bytes between copies look like on the whole.
-item_prices usual_prices(size_t new_size);
+item_prices usual_prices();
+inline constexpr uint16_t kUsualLiteral = 6 * kBit + kBit / 2;
 
-// What they cost in a payload with these copies and items.
-item_prices measured_prices(const plan_images& images, std::span<const dense_copy> copies,
-                            std::span<const dense_item> items);
+class number_counts {
+ public:
+  void add(uint32_t number);
+  number_prices prices() const;
+
+ private:
+  std::array<uint64_t, 32> length_ = {};
+  std::array<uint64_t, 4> last_ = {};
+  uint64_t count_ = 0;
+  uint64_t long_ = 0;
+};
+
+struct flag_counts {
+  std::array<uint32_t, 2> count = {};
+
+  void add(bool bit) { ++count[bit ? 1 : 0]; }
+  std::array<uint32_t, 2> prices() const;
+};
+
+// What items cost in a payload: goes through its copies and items as a decoder does.
+class item_counts {
+ public:
+  void pass(const dense_copy& copy);
+  void take(std::span<const dense_item> items);
+  item_prices prices() const;
+
+ private:
+  void note(bool is_match);
+  void take_match(const dense_item& item);
+
+  uint32_t position_ = 0;
+  uint32_t shift_ = 0;
+  uint32_t distance_ = 0;
+  uint32_t matches_ = 0;
+  std::array<flag_counts, 16> is_match_;
+  flag_counts is_new_;
+  flag_counts is_same_distance_;
+  number_counts old_length_;
+  number_counts new_length_;
+  number_counts distances_;
+  number_counts places_;
+};
+
+// An item without the place that it comes from.
+struct item_extent {
+  uint32_t length : 30;
+  dense_item::source kind : 2;
+};
+
+// What each byte between copies would cost as a literal, while the counters stand as in a payload
+// with these copies and items.
+class literal_meter {
+ public:
+  explicit literal_meter(const plan_images& images);
+
+  void pass(const dense_copy& copy);
+  // Prices the next `bytes` bytes, for which the first of the items are; gives the number of these.
+  // Bytes of a match far behind its begin, which hardly become literals, all cost the same.
+  size_t take(std::span<const item_extent> items, uint32_t bytes, std::span<uint16_t> prices);
+
+ private:
+  uint16_t price(bool is_literal, uint32_t index);
+
+  std::span<const uint8_t> new_image_;
+  dense_model model_;
+  uint32_t position_ = 0;
+  uint16_t recent_ = 0;
+};
 
 }  // namespace kelvane

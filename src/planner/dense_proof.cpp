@@ -33,6 +33,7 @@ class device_flash {
         changed_.push_back(page);
       }
     }
+    image_.reserve(images.new_image.size());
     for (const kept_page& each : kept) {
       if (each.page < slot_of_.size()) {
         slot_of_[each.page] = each.slot;

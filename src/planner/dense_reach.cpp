@@ -78,6 +78,9 @@ old_reach::old_reach(const plan_images& images, const flash_geometry& geometry)
 uint32_t old_reach::readable_by_pages(int64_t place, uint32_t at, uint32_t length) const {
   const auto first = static_cast<uint32_t>(place);
   const uint32_t page_size = pages_.geometry().page_size;
+  if (first % page_size + length <= page_size && at % page_size + length <= page_size) {
+    return page_is_readable(first / page_size, at / page_size) ? length : 0;
+  }
   uint32_t fits = 0;
   bool is_cut = false;
   for_pages(page_size, first, at, length, [&](uint32_t page, uint32_t for_page, uint32_t piece) {

@@ -3,15 +3,14 @@
 
 #include <algorithm>
 #include <array>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 
 #include "dense_base.h"
 #include "dense_costs.h"
-#include "dense_matches.h"
 #include "dense_proof.h"
 #include "dense_reach.h"
+#include "dense_tries.h"
 #include "dense_writer.h"
 #include "parallel_tasks.h"
 
@@ -28,6 +27,7 @@ constexpr size_t kMuchNew = 8;
 constexpr size_t kFewMachines = 3;     // that are tried on images far apart
 constexpr size_t kFewestMachines = 2;  // that stay behind the second round
 constexpr size_t kSlack = 32;          // bytes in which small payloads may differ by chance
+constexpr size_t kAlignedBytes = 100;  // that an alignment takes for each copy
 
 struct try_settings {
   uint32_t block_bits = 50;
@@ -83,27 +83,13 @@ uint32_t most_tries_from(const effort_settings& settings, uint32_t round, size_t
   return static_cast<uint32_t>(count);
 }
 
-// A plan and its payload.
-struct candidate {
-  dense_plan plan;
-  dense_options options;
-  std::vector<int64_t> widest_shifts;
-  std::vector<uint8_t> payload;
-  size_t size() const { return payload.size(); }
-  bool is_made() const { return !payload.empty(); }
-};
-
 // A machine that may be the right one, and what the rounds so far have told of it.
 struct contender {
   dense_options options;
   dense_knowledge knowledge;
   std::vector<int64_t> kept_shifts;
-  candidate best;
+  dense_candidate best;
 };
-
-bool is_smaller(const candidate& first, const candidate& second) {
-  return first.is_made() && (!second.is_made() || first.size() < second.size());
-}
 
 // Whether few strings of the new image are found in the old one. Then it does not pay to look for
 // more at every place, which takes most of the time.
@@ -137,11 +123,7 @@ class search {
         checksums_(checksums_of(images_)),
         reach_(images_, request.geometry),
         strings_(images_.old_image),
-        is_far_apart_(are_far_apart(images_, strings_)) {
-    if (is_far_apart_) {
-      all_places_.emplace(images_, std::span<const dense_copy>());
-    }
-  }
+        is_far_apart_(are_far_apart(images_, *strings_)) {}
 
   dense_update run();
 
@@ -152,44 +134,36 @@ class search {
   dense_options options_for(const dense_target& target) const {
     return {target, request_.model, true, request_.reads_new};
   }
-  // The seeds of differences of the order have been made.
+  // The seeds for the order have been made.
   std::vector<shift_stretch> align(const dense_options& options, const dense_knowledge& knowledge,
                                    const try_settings& settings,
                                    std::span<const int64_t> kept_shifts) const;
   // All but the items.
   dense_plan plan_of(std::span<const shift_stretch> stretches) const;
-  void find_items(candidate& made) const {
-    const auto& copies = made.plan.copies;
-    const bool reads_new = made.options.reads_new;
-    made.plan.items = all_places_ ? items_between(images_, *all_places_, reach_, copies, reads_new)
-                                  : items_between(images_, string_places(images_, copies), reach_,
-                                                  copies, reads_new);
-  }
-  void write(candidate& made) const {
-    made.payload = write_dense(images_, checksums_, made.plan, made.options);
-  }
   std::vector<shift_stretch> first_alignment();
   std::vector<dense_options> likely_options(std::span<const shift_stretch> stretches) const;
   void next_round(std::vector<contender>& contenders, std::span<const try_settings> tries);
   void drop_behind(std::vector<contender>& contenders, uint32_t round) const;
   void note_try(size_t size);
-  void take_winner(contender& contender, candidate& winner) const;
+  void take_winner(contender& contender, dense_candidate& winner) const;
   static size_t index_of(ByteOrder order) { return order == ByteOrder::kBig ? 1 : 0; }
   void make_seeds(ByteOrder order);
-  void try_options(candidate& best, const dense_options& options) const;
-  void try_other_base(candidate& best) const;
-  void try_without_differences(candidate& best) const;
-  void try_without_new(candidate& best) const;
+  void drop_seeds();
+  size_t tries_at_once() const;
+  dense_measuring measuring() {
+    return {images_,       reach_,
+            is_far_apart_, request_.base_is_known,
+            request_.jobs, [this](size_t size) { note_try(size); }};
+  }
 
   const dense_request& request_;
   const plan_images& images_;
   image_checksums checksums_;
   old_reach reach_;
-  string_seeds strings_;
+  std::optional<string_seeds> strings_;  // while images are aligned
   bool is_far_apart_;
-  std::optional<string_places> all_places_;  // of images far apart, for all plans
   std::array<std::optional<difference_seeds>, 2> differences_;  // by order, those asked for
-  std::mutex progress_lock_;
+  size_t most_copies_ = 0;                                      // of a plan so far
   plan_progress progress_;
 };
 
@@ -201,7 +175,7 @@ std::vector<shift_stretch> search::align(const dense_options& options,
   alignment_input input;
   input.images = images_;
   input.order = options.target.data_order;
-  input.strings = &strings_;
+  input.strings = &*strings_;
   input.differences = &*differences_[index_of(input.order)];
   input.prices = &knowledge.prices;
   input.pricing = &costs;
@@ -225,9 +199,10 @@ dense_plan search::plan_of(std::span<const shift_stretch> stretches) const {
     }
   }
   const size_t count = std::min<size_t>(longest.size(), std::min(request_.map_limit, 0xFFFFU));
-  std::stable_sort(longest.begin(), longest.end(),
+  std::nth_element(longest.begin(), longest.begin() + static_cast<ptrdiff_t>(count), longest.end(),
                    [](const dense_copy& first, const dense_copy& second) {
-                     return first.length > second.length;
+                     return first.length != second.length ? first.length > second.length
+                                                          : first.target < second.target;
                    });
   longest.resize(count);
   std::sort(longest.begin(), longest.end(), [](const dense_copy& first, const dense_copy& second) {
@@ -297,77 +272,63 @@ std::vector<dense_options> search::likely_options(std::span<const shift_stretch>
   return likely;
 }
 
-// Takes other options for the same plan if they make a smaller payload.
-void search::try_options(candidate& best, const dense_options& options) const {
-  std::vector<uint8_t> payload = write_dense(images_, checksums_, best.plan, options);
-  if (payload.size() < best.size()) {
-    best.payload = std::move(payload);
-    best.options = options;
-  }
-}
-
-// The base that the aligned images tell may be better than the one that was guessed first.
-void search::try_other_base(candidate& best) const {
-  dense_options options = best.options;
-  options.target.base = likely_base(images_, best.plan.copies, options.target);
-  if (options.target.base != best.options.target.base) {
-    try_options(best, options);
-  }
-}
-
-void search::try_without_differences(candidate& best) const {
-  dense_options options = best.options;
-  options.differences = false;
-  try_options(best, options);
-}
-
-// Without matches into the new image the device can compute it before it writes any: taken where it
-// costs nothing.
-void search::try_without_new(candidate& best) const {
-  if (!best.options.reads_new) {
-    return;
-  }
-  candidate other = best;
-  other.options.reads_new = false;
-  find_items(other);
-  write(other);
-  if (!is_smaller(best, other)) {
-    best = std::move(other);
-  }
-}
-
 void search::make_seeds(ByteOrder order) {
+  if (!strings_) {
+    strings_.emplace(images_.old_image);
+  }
   std::optional<difference_seeds>& seeds = differences_[index_of(order)];
   if (!seeds) {
     seeds.emplace(images_.old_image, order);
   }
 }
 
-// All tries of all contenders share the threads.
+// They take more memory than the images, and so does the index that is needed next.
+void search::drop_seeds() {
+  strings_.reset();
+  differences_ = {};
+}
+
+// So many plans may wait for being measured.
+size_t search::tries_at_once() const {
+  return (images_.old_image.size() + images_.new_image.size()) / 2 / sizeof(dense_copy) /
+             (most_copies_ + 1) +
+         1;
+}
+
+// All tries of all contenders share the threads: first they are aligned, then measured, as many at
+// once as there is memory for.
 void search::next_round(std::vector<contender>& contenders, std::span<const try_settings> tries) {
-  std::vector<candidate> made(contenders.size() * tries.size());
-  for (const contender& each : contenders) {
-    make_seeds(each.options.target.data_order);
-  }
-  run_tasks(made.size(), request_.jobs, [&](size_t i) {
-    const contender& from = contenders[i / tries.size()];
-    made[i].options = from.options;
-    const std::vector<shift_stretch> stretches =
-        align(from.options, from.knowledge, tries[i % tries.size()], from.kept_shifts);
-    made[i].plan = plan_of(stretches);
-    made[i].widest_shifts = widest_shifts(stretches);
-    find_items(made[i]);
-    write(made[i]);
-    if (!request_.base_is_known) {
-      try_other_base(made[i]);
+  const size_t count = contenders.size() * tries.size();
+  std::vector<dense_candidate> winners(contenders.size());
+  std::vector<dense_candidate> made;
+  for (size_t first = 0; first < count; first += made.size()) {
+    made.clear();
+    made.resize(std::min(count - first, tries_at_once()));
+    for (const contender& each : contenders) {
+      make_seeds(each.options.target.data_order);
     }
-    made[i].plan.items = {};  // they take more memory than all else, and few are looked at again
-    note_try(made[i].size());
-  });
+    const size_t jobs = jobs_within(images_, kAlignedBytes * (most_copies_ + 1), request_.jobs);
+    run_tasks(made.size(), jobs, [&](size_t i) {
+      const contender& from = contenders[(first + i) / tries.size()];
+      const std::vector<shift_stretch> stretches =
+          align(from.options, from.knowledge, tries[(first + i) % tries.size()], from.kept_shifts);
+      made[i].options = from.options;
+      made[i].plan = plan_of(stretches);
+      made[i].widest_shifts = widest_shifts(stretches);
+    });
+    drop_seeds();
+    measure_all(measuring(), made);
+    for (size_t i = 0; i < made.size(); ++i) {
+      most_copies_ = std::max(most_copies_, made[i].plan.copies.size());
+      dense_candidate& winner = winners[(first + i) / tries.size()];
+      if (is_smaller(made[i], winner)) {
+        winner = std::move(made[i]);
+      }
+    }
+  }
+  made = std::vector<dense_candidate>();
   for (size_t i = 0; i < contenders.size(); ++i) {
-    const auto first = made.begin() + static_cast<ptrdiff_t>(i * tries.size());
-    take_winner(contenders[i],
-                *std::min_element(first, first + static_cast<ptrdiff_t>(tries.size()), is_smaller));
+    take_winner(contenders[i], winners[i]);
   }
 }
 
@@ -385,14 +346,13 @@ void search::drop_behind(std::vector<contender>& contenders, uint32_t round) con
                    });
   const size_t most = most_machines_behind(round);
   const size_t percent = round == 0 && !is_far_apart_ ? 150 : 105;
-  const size_t limit = contenders.front().best.size() * percent / 100 + kSlack;
-  while (contenders.size() > most || contenders.back().best.size() > limit) {
+  const size_t limit = contenders.front().best.size * percent / 100 + kSlack;
+  while (contenders.size() > most || contenders.back().best.size > limit) {
     contenders.pop_back();
   }
 }
 
 void search::note_try(size_t size) {
-  const std::lock_guard<std::mutex> held(progress_lock_);
   progress_.best_size = progress_.tries == 0 ? size : std::min<uint64_t>(progress_.best_size, size);
   ++progress_.tries;
   if (request_.report) {
@@ -400,7 +360,7 @@ void search::note_try(size_t size) {
   }
 }
 
-void search::take_winner(contender& contender, candidate& winner) const {
+void search::take_winner(contender& contender, dense_candidate& winner) const {
   contender.options = winner.options;
   contender.knowledge.map = winner.plan.map;
   contender.knowledge.prices =
@@ -412,7 +372,9 @@ void search::take_winner(contender& contender, candidate& winner) const {
 }
 
 dense_update search::run() {
-  const std::vector<shift_stretch> stretches = first_alignment();
+  std::vector<shift_stretch> stretches = first_alignment();
+  drop_seeds();
+  most_copies_ = stretches.size();
   std::vector<dense_options> likely;
   if (!request_.target) {
     likely = likely_options(stretches);
@@ -423,6 +385,7 @@ dense_update search::run() {
           likely_base(images_, reach_.readable_copies(stretches), *request_.target);
     }
   }
+  stretches = std::vector<shift_stretch>();
   const size_t new_size = images_.new_image.size();
   effort_settings settings = settings_for(request_.effort, new_size, is_far_apart_);
   std::vector<contender> contenders;
@@ -436,17 +399,16 @@ dense_update search::run() {
     next_round(contenders, tries);
     drop_behind(contenders, round);
     if (request_.effort == dense_effort::normal && new_size >= kImageOfFewTries &&
-        contenders.front().best.size() * kMuchNew > new_size) {
+        contenders.front().best.size * kMuchNew > new_size) {
       settings = settings_for(dense_effort::quick, new_size, is_far_apart_);
     }
   }
-  candidate best = std::move(contenders.front().best);
-  find_items(best);
-  try_without_differences(best);
-  try_without_new(best);
+  dense_candidate best = std::move(contenders.front().best);
+  contenders.clear();
+  finish_plan(measuring(), best);
   dense_update update;
   update.kept = pages_to_keep(best.plan, reach_.pages());
-  update.payload = std::move(best.payload);
+  update.payload = write_dense(images_, checksums_, best.plan, best.options, best.size);
   update.options = best.options;
   update.copies = static_cast<uint32_t>(best.plan.copies.size());
   update.map_entries = static_cast<uint32_t>(best.plan.map.size());

@@ -40,19 +40,23 @@ uint32_t checksum_of(std::span<const uint8_t> image) {
 
 class payload_writer {
  public:
-  payload_writer(const plan_images& images, const dense_plan& plan, const dense_options& options)
+  // Without a payload it is only measured.
+  payload_writer(const plan_images& images, const dense_plan& plan, const dense_options& options,
+                 std::vector<uint8_t>* payload)
       : images_(images),
         plan_(plan),
         options_(options),
         model_(images.old_image, static_cast<uint32_t>(images.new_image.size()), options, plan.map),
         decoder_(model_.decoder()),
-        coder_(decoder_, coded_) {}
+        coder_(decoder_, payload) {}
 
-  std::vector<uint8_t> write(const image_checksums& checksums) {
-    write_header(checksums);
+  std::vector<uint8_t> header(const image_checksums& checksums) const;
+
+  // All behind the header. Gives its size.
+  size_t write() {
     write_map();
     write_commands();
-    return finish();
+    return coder_.finish();
   }
 
   // The map and the tokens of copies, in one of `share` pieces of the new image.
@@ -69,19 +73,12 @@ class payload_writer {
         done += piece;
       }
     }
-    return finish().size();
+    return coder_.finish();
   }
 
  private:
   static constexpr uint32_t kPiece = 1U << 14U;
 
-  std::vector<uint8_t> finish() {
-    coder_.finish();
-    payload_.reserve(payload_.size() + coded_.size());
-    payload_.insert(payload_.end(), coded_.begin(), coded_.end());
-    return std::move(payload_);
-  }
-  void write_header(const image_checksums& checksums);
   void write_map();
   void write_commands();
   void write_command(uint32_t literals, const dense_copy& copy);
@@ -117,8 +114,6 @@ class payload_writer {
   const dense_options& options_;
   dense_model model_;
   kelvane_dense_decoder& decoder_;
-  std::vector<uint8_t> payload_;
-  std::vector<uint8_t> coded_;
   dense_coder coder_;
   std::vector<dense_item>::const_iterator item_;
   uint32_t position_ = 0;
@@ -126,12 +121,13 @@ class payload_writer {
   size_t next_entry_ = 0;
 };
 
-void payload_writer::write_header(const image_checksums& checksums) {
+std::vector<uint8_t> payload_writer::header(const image_checksums& checksums) const {
   const uint32_t base = options_.target.base;
   const uint32_t nibbles =
       base == 0 ? 0 : std::min(7U, static_cast<uint32_t>(std::countr_zero(base)) / 4);
   const kelvane_dense_info& info = decoder_.info;
-  header_writer header(payload_);
+  std::vector<uint8_t> bytes;
+  header_writer header(bytes);
   header.byte(kVersion | static_cast<uint32_t>(info.model) << 4U |
               static_cast<uint32_t>(info.reads_new) << 6U |
               static_cast<uint32_t>(info.differences) << 7U);
@@ -144,6 +140,7 @@ void payload_writer::write_header(const image_checksums& checksums) {
   header.number(change << 1U ^ (0U - (change >> 31U)));
   header.number(base >> 4 * nibbles);
   header.number(static_cast<uint32_t>(plan_.map.size()));
+  return bytes;
 }
 
 // A source as one of the places where it was to be expected, if it is; see
@@ -296,12 +293,7 @@ void payload_writer::write_value(const kelvane_dense_token& token, uint32_t posi
       }
     }
   };
-  uint32_t bytes_price = prices.tree(choice_id, KELVANE_DENSE_CHOICE_BYTES, 3);
-  each_changed([&](uint32_t k, const kelvane_dense_place& place, uint8_t byte) {
-    mask |= 1U << k;
-    bytes_price += prices.literal(place, byte);
-  });
-  bytes_price += prices.tree(mask_id, mask, token.length);
+  each_changed([&](uint32_t k, const kelvane_dense_place&, uint8_t) { mask |= 1U << k; });
   uint32_t difference = 0;
   uint32_t choice = KELVANE_DENSE_CHOICE_BYTES;
   if (told_by_difference(token, position, value, difference)) {
@@ -312,6 +304,12 @@ void payload_writer::write_value(const kelvane_dense_token& token, uint32_t posi
         (known == KELVANE_DENSE_CHOICE_DIFFERENCE
              ? prices.signed_number(KELVANE_DENSE_C_DIFFERENCE + token.kind, difference)
              : 0);
+    uint32_t bytes_price = prices.tree(choice_id, KELVANE_DENSE_CHOICE_BYTES, 3) +
+                           prices.tree(mask_id, mask, token.length);
+    // Literals are the dearest part of this to price: no more of them than it takes to tell.
+    each_changed([&](uint32_t, const kelvane_dense_place& place, uint8_t byte) {
+      bytes_price += bytes_price < price ? prices.literal(place, byte) : 0;
+    });
     choice = price <= bytes_price ? known : choice;
   } else {
     uint32_t target = 0;
@@ -391,14 +389,27 @@ image_checksums checksums_of(const plan_images& images) {
 }
 
 std::vector<uint8_t> write_dense(const plan_images& images, const image_checksums& checksums,
-                                 const dense_plan& plan, const dense_options& options) {
-  return payload_writer(images, plan, options).write(checksums);
+                                 const dense_plan& plan, const dense_options& options,
+                                 size_t size) {
+  std::vector<uint8_t> payload;
+  payload.reserve(size);
+  payload_writer writer(images, plan, options, &payload);
+  const std::vector<uint8_t> header = writer.header(checksums);
+  payload.insert(payload.end(), header.begin(), header.end());
+  writer.write();
+  return payload;
+}
+
+size_t size_of_dense(const plan_images& images, const dense_plan& plan,
+                     const dense_options& options) {
+  payload_writer writer(images, plan, options, nullptr);
+  return writer.header({}).size() + writer.write();
 }
 
 size_t estimate_dense(const plan_images& images, const dense_plan& plan,
                       const dense_options& options) {
   constexpr size_t kLarge = 1U << 19U;
-  return payload_writer(images, plan, options)
+  return payload_writer(images, plan, options, nullptr)
       .estimate(static_cast<uint32_t>(images.new_image.size() / kLarge + 1));
 }
 

@@ -17,9 +17,15 @@ struct image_checksums {
 };
 image_checksums checksums_of(const plan_images& images);
 
-// The payload. `plan` covers the new image, and its map has 65535 entries at most.
+// The payload. `plan` covers the new image, and its map has 65535 entries at most. `size`: how many
+// bytes it is going to have, if known.
 std::vector<uint8_t> write_dense(const plan_images& images, const image_checksums& checksums,
-                                 const dense_plan& plan, const dense_options& options);
+                                 const dense_plan& plan, const dense_options& options,
+                                 size_t size = 0);
+
+// How many bytes that would be. Keeps none of them.
+size_t size_of_dense(const plan_images& images, const dense_plan& plan,
+                     const dense_options& options);
 
 // What a payload would take for the map and for some of what is copied, in bytes: enough to choose
 // between machines. Of large images it looks at an even share.

@@ -108,7 +108,7 @@ TEST(DenseFormatTest, AWeightThatOverflowsIsTheSameForBothDecoders) {
   }
   EXPECT_TRUE(has_overflowed);
   dense_plan plan;
-  plan.items = {{static_cast<uint32_t>(image.size()), 0, dense_item::literal}};
+  plan.items = {{static_cast<uint32_t>(image.size()), dense_item::literal, 0}};
   const plan_images images = {{}, image};
   const Bytes payload = write_dense(images, checksums_of(images), plan, {});
   EXPECT_EQ(plain_dense_decode({}, payload, kLargestDecoded), image);
@@ -128,7 +128,7 @@ TEST(DenseFormatTest, TheWorkedPayloadIsWhatTheFormatPageShows) {
   dense_plan plan;
   plan.copies = {{0, 0, 8}, {8, 12, 16}};
   plan.map = {{0, 0, 8}, {8, 12, 16}};
-  plan.items = {{4, 0, dense_item::literal}};
+  plan.items = {{4, dense_item::literal, 0}};
   dense_options options;
   options.target.base = 0x1000;
   options.model = 0;

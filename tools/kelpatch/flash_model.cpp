@@ -10,7 +10,6 @@ FlashModel::FlashModel(const FlashGeometry& geometry, uint32_t pages, uint32_t s
       geometry_(geometry),
       driver_{this, read, erase, program, geometry.page_size, geometry.unit},
       bytes_(size_t{pages} * geometry.page_size, 0xFF),
-      undecided_(bytes_.size()),
       units_(bytes_.size() / geometry.unit, Unit::kErased),
       random_(seed + 1) {}
 
@@ -104,6 +103,7 @@ int FlashModel::read(void* context, uint32_t address, uint8_t* bytes, uint32_t c
 
 // Changes one byte towards `target`, as far as it got.
 void FlashModel::tear(uint32_t place, uint8_t target, Progress progress) {
+  undecided_.resize(bytes_.size());
   uint8_t& byte = bytes_[place];
   const auto changing = static_cast<uint8_t>(byte ^ target);
   const auto few =
@@ -146,7 +146,9 @@ int FlashModel::erase(void* context, uint32_t address) {
     }
   } else {
     std::fill_n(flash.bytes_.begin() + address, size, uint8_t{0xFF});
-    std::fill_n(flash.undecided_.begin() + address, size, uint8_t{0});
+    if (!flash.undecided_.empty()) {
+      std::fill_n(flash.undecided_.begin() + address, size, uint8_t{0});
+    }
   }
   const uint32_t unit = flash.geometry_.unit;
   std::fill_n(flash.units_.begin() + address / unit, size / unit,

@@ -72,7 +72,7 @@ class FlashModel {
   FlashGeometry geometry_;
   kelvane_flash_driver driver_;
   std::vector<uint8_t> bytes_;
-  std::vector<uint8_t> undecided_;  // bits that read at random
+  std::vector<uint8_t> undecided_;  // bits that read at random; empty until something is torn
   std::vector<Unit> units_;
   std::minstd_rand random_;
   uint64_t operations_ = 0;
