@@ -18,7 +18,10 @@ constexpr uint32_t kLongest = 1U << 16U;
 constexpr uint32_t kLongMatch = 256;
 constexpr uint32_t kNearEnd = 16;
 constexpr uint32_t kParsedAtOnce = 1U << 16U;  // bytes
-constexpr uint32_t kEachLength = 32;           // up to here every length of a match is tried
+// What lengths of items of a part consist of. A field of 30 bits takes no number that may have
+// more.
+constexpr uint32_t kLengthBits = kParsedAtOnce * 2 - 1;
+constexpr uint32_t kEachLength = 32;  // up to here every length of a match is tried
 // Places that are kept of both images; more are thinned out.
 constexpr uint64_t kFewPlaces = 1U << 18U;
 constexpr uint32_t kLargestStep = 4;
@@ -128,7 +131,7 @@ class item_parse {
       at -= item.length;
       if (first <= last && item.kind == dense_item::literal &&
           items_[first].kind == dense_item::literal) {
-        items_[first].length = (items_[first].length + item.length) & (kParsedAtOnce * 2 - 1);
+        items_[first].length = (items_[first].length + item.length) & kLengthBits;
       } else {
         items_[--first] = item;
       }
@@ -237,13 +240,13 @@ class item_parse {
     const uint32_t each = std::min(longest, kEachLength);
     for (uint32_t length = each; length >= 2 && tried.is_gain(length, place_cost); --length) {
       tried.least[length] = place_cost;
-      item.length = length & (kParsedAtOnce * 2 - 1);
+      item.length = length & kLengthBits;
       enter(at + length, cost + lengths[length], item, state);
     }
     tried.longest = std::max(tried.longest, each);
     for (uint32_t length = kEachLength; length < longest;) {
       length = std::min(longest, length * 2);
-      item.length = length & (kParsedAtOnce * 2 - 1);
+      item.length = length & kLengthBits;
       enter(at + length, cost + length_prices.of(length - 2), item, state);
     }
   }

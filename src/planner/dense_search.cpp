@@ -340,7 +340,7 @@ void search::drop_behind(std::vector<contender>& contenders, uint32_t round) con
                    [](const contender& first, const contender& second) {
                      const auto rank = [](const contender& each) {
                        const bool has_machine = each.options.target.machine != KELVANE_DENSE_NONE;
-                       return std::pair(each.best.size(), has_machine);
+                       return std::pair(each.best.size, has_machine);
                      };
                      return rank(first) < rank(second);
                    });

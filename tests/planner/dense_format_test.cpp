@@ -108,7 +108,7 @@ TEST(DenseFormatTest, AWeightThatOverflowsIsTheSameForBothDecoders) {
   }
   EXPECT_TRUE(has_overflowed);
   dense_plan plan;
-  plan.items = {{static_cast<uint32_t>(image.size()), dense_item::literal, 0}};
+  plan.items = {{static_cast<uint32_t>(image.size()) & 0xFFFFU, dense_item::literal, 0}};
   const plan_images images = {{}, image};
   const Bytes payload = write_dense(images, checksums_of(images), plan, {});
   EXPECT_EQ(plain_dense_decode({}, payload, kLargestDecoded), image);

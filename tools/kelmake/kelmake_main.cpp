@@ -4,10 +4,6 @@
 #include <cstdio>
 #include <new>
 
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
-
 #include "indgen_message.h"
 #include "indgeninit.h"
 #include "kelmake_options.h"
@@ -57,22 +53,11 @@ int status_of_run(const std::vector<std::string>& arguments) {
   }
 }
 
-// A search frees large blocks all the time, in several threads. This C library would keep them for
-// the thread that had them, up to twice what is in use; so each of them is to go back at once.
-void return_large_blocks() {
-#ifdef __GLIBC__
-  constexpr int kLargeBlock = 1 << 17;
-  mallopt(M_MMAP_THRESHOLD, kLargeBlock);
-  mallopt(M_TRIM_THRESHOLD, kLargeBlock);
-#endif
-}
-
 }  // namespace
 }  // namespace kelmake
 
 int main(int argc, char** argv) {
   // A limit of file sizes is to end in a message, as a full disk does.
   std::signal(SIGXFSZ, SIG_IGN);
-  kelmake::return_large_blocks();
   return kelmake::status_of_run({argv + (argc > 0 ? 1 : 0), argv + argc});
 }
