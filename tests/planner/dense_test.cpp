@@ -232,6 +232,7 @@ dense_request any_request(const ImagePair& pair, Random& random) {
   request.geometry.ring_pages = random.below(5);
   request.geometry.slots = random.below(4);
   request.geometry.checkpoint = random.below(5);
+  request.geometry.raise = random.below(2) * random.below(12);
   request.model = static_cast<uint8_t>(random.below(2));
   request.reads_new = random.below(2) == 0;
   request.map_limit = random.below(3) == 0 ? random.below(4) : 2048;
