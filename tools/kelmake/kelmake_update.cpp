@@ -166,8 +166,8 @@ std::vector<dense_target> guessed_targets(kelvane::dense_request request, const 
 }
 
 // By how many pages the old image may be raised first: as the command line tells, or as many as the
-// new image has more, unless the ring does for these.
-uint32_t raise_to_try(const Options& options, const PagePlan& changes) {
+// new image has more, unless the ring holds these.
+uint32_t raise_to_try(const Options& options, const PagePlan& changes, uint32_t ring) {
   const UpdateOptions& device = options.update;
   if (device.raise) {
     if (*device.raise != 0 && !changes.ranges.empty()) {
@@ -177,7 +177,7 @@ uint32_t raise_to_try(const Options& options, const PagePlan& changes) {
     return *device.raise;
   }
   const uint32_t more = changes.new_pages - std::min(changes.new_pages, changes.old_pages);
-  if (more <= device.ring || changes.old_pages == 0 || !changes.ranges.empty()) {
+  if (more <= ring || changes.old_pages == 0 || !changes.ranges.empty()) {
     return 0;
   }
   PagePlan raised = changes;
@@ -209,19 +209,24 @@ dense_target best_target(kelvane::dense_request request, const std::vector<dense
   return best;
 }
 
-// The update of a short search with the old image raised as the request's geometry tells, unless
-// one that leaves it in its place does as well.
-std::optional<kelvane::dense_update> raised_update(kelvane::dense_request request) {
-  request.effort = dense_effort::quick;
-  kelvane::dense_update raised = searched(request);
-  request.geometry.raise = 0;
-  request.target = raised.options.target;
-  request.base_is_known = true;
-  if (!pays_to_raise(searched(request).payload.size(), raised.payload.size(),
+// Short searches for both ways. Raising is left out of the request's geometry unless it pays. Gives
+// the update that is found so, if more effort would find no other.
+std::optional<kelvane::dense_update> found_by_both_ways(kelvane::dense_request& request) {
+  kelvane::dense_request quick = request;
+  quick.effort = dense_effort::quick;
+  kelvane::dense_update found = searched(quick);
+  quick.geometry.raise = 0;
+  quick.target = found.options.target;
+  kelvane::dense_update in_place = searched(quick);
+  if (!pays_to_raise(in_place.payload.size(), found.payload.size(),
                      request.images.old_image.size())) {
+    request.geometry.raise = 0;
+    found = std::move(in_place);
+  }
+  if (!is_quick_enough(request.effort, request.images.new_image.size(), found.payload.size())) {
     return {};
   }
-  return raised;
+  return found;
 }
 
 // Without a word of the command line, raising is left out of the geometry where it does not pay.
@@ -249,13 +254,11 @@ kelvane::dense_update found_update(const Options& options, const FlashImages& im
   }
   if (geometry.raise != 0 && !options.update.raise) {
     progress.begin("trying to raise the old image");
-    std::optional<kelvane::dense_update> raised = raised_update(request);
-    const size_t new_size = images.new_image.size();
-    if (raised && kelvane::is_quick_enough(request.effort, new_size, raised->payload.size())) {
-      return *std::move(raised);
+    std::optional<kelvane::dense_update> found = found_by_both_ways(request);
+    geometry.raise = request.geometry.raise;
+    if (found) {
+      return *std::move(found);
     }
-    geometry.raise = raised ? geometry.raise : 0;
-    request.geometry = geometry;
   }
   progress.begin("making the update");
   return searched(request);
@@ -363,7 +366,7 @@ void make_update(const Options& options) {
     std::fflush(stdout);
   }
   PagePlan changes = changes_of(options, images);
-  geometry.raise = raise_to_try(options, changes);
+  geometry.raise = raise_to_try(options, changes, geometry.ring_pages);
   PagePlan raised = changes;
   raised.raise_by(geometry.raise, options.patch_name);
   kelpatch::require_countable(options.update.raise ? raised : changes, options.update.checkpoint,
