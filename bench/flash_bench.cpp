@@ -240,6 +240,7 @@ struct Programs {
   const char* name;
   Bytes old_image;
   Bytes new_image;
+  uint32_t raise = 0;  // pages
 };
 
 std::vector<Programs> programs() {
@@ -256,6 +257,9 @@ std::vector<Programs> programs() {
   Bytes grown = inserted.link(target);
   const Bytes tail = random.bytes(20000);
   grown.insert(grown.end(), tail.begin(), tail.end());
+  Bytes pushed = inserted.link(target);
+  const Bytes piece = random.bytes(40000);
+  pushed.insert(pushed.begin() + 30000, piece.begin(), piece.end());
   Bytes patched = old_image;
   for (size_t at = 500; at < patched.size(); at += 30000) {
     patched[at] = static_cast<uint8_t>(patched[at] + 1);
@@ -263,6 +267,8 @@ std::vector<Programs> programs() {
   return {{"insert", old_image, inserted.link(target)},
           {"reorder", old_image, reordered.link(target)},
           {"grown", old_image, grown},
+          {"grown inside", old_image, pushed},
+          {"the same, raised", old_image, pushed, 10},
           {"few changes", old_image, patched}};
 }
 
@@ -301,7 +307,7 @@ int main(int argc, char** argv) {
   for (const kelvane::Programs& pair : kelvane::programs()) {
     kelvane::dense_request request;
     request.images = {pair.old_image, pair.new_image};
-    request.geometry = {kelvane::kLarge.page, 2, 4};
+    request.geometry = {kelvane::kLarge.page, 2, 4, 0, pair.raise};
     request.effort = kelvane::dense_effort::quick;
     const kelvane::dense_update update = search_dense(request);
     for (const uint32_t checkpoint : {4U, 8U, 16U}) {

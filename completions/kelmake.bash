@@ -16,7 +16,7 @@ _kelmake() {
     --format) candidates="0 1" ;;
     --model) candidates="small large" ;;
     --machine) candidates="none thumb arm powerpc mips riscv" ;;
-    --time | --jobs | --alias | --page | --ring | --spare | --checkpoint | --map | --base)
+    --time | --jobs | --alias | --page | --ring | --spare | --checkpoint | --raise | --map | --base)
       COMPREPLY=()
       return
       ;;
@@ -24,8 +24,8 @@ _kelmake() {
     *)
       if [[ $word == -* ]]; then
         candidates="-o --output --effort --time --jobs --profile --format --ram --exclude --alias
-          --big-endian --little-endian --report --bundle --page --ring --spare --checkpoint --rehearse --map --model
-          --machine --base --simulate -q --quiet --help --version"
+          --big-endian --little-endian --report --bundle --page --ring --spare --checkpoint --raise --rehearse --map
+          --model --machine --base --simulate -q --quiet --help --version"
       fi
       ;;
   esac

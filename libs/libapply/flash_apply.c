@@ -82,12 +82,15 @@ int kelvane_update_old_image(void* context, uint32_t address, uint8_t* bytes, ui
     if (update->plan_lost != KELVANE_APPLY_OK || place == PAGE_GONE) {
       return update->plan_lost != KELVANE_APPLY_OK ? update->plan_lost : KELVANE_UPDATE_BAD_PLAN;
     }
-    // A rehearsal asks whether the page would be there, and reads it where it still lies.
-    code =
-        update->rehearsing || place == PAGE_BLANK
-            ? kelvane_update_read_image(update, address, bytes, step)
-            : kelvane_update_read(update, place + (address & (update->flash->driver.page_size - 1)),
-                                  bytes, step);
+    code = KELVANE_APPLY_OK;
+    if (place == PAGE_BLANK) {
+      fill_blank(bytes, step);
+    } else {
+      // A rehearsal asks whether the page would be there, and reads it where it still lies.
+      place = update->rehearsing ? kelvane_update_home(update, page) : place;
+      code = kelvane_update_read(update, place + (address & (update->flash->driver.page_size - 1)),
+                                 bytes, step);
+    }
     if (code != KELVANE_APPLY_OK) {
       return code;
     }
@@ -122,18 +125,12 @@ int kelvane_update_new_image(void* context, uint32_t address, uint8_t* bytes, ui
 // ---- Steps --------------------------------------------------------------------------------------
 
 // Erases a page and fills it with a copy of another one.
-static int save_page(kelvane_update* update) {
+// Copies the page at hand.
+static int copy_page(kelvane_update* update, uint32_t into) {
   const kelvane_flash* const flash = update->flash;
   const uint32_t from = kelvane_update_home(update, update->page);
-  const uint32_t into = kelvane_plan_saved(update, update->page);
   uint32_t at;
-  int code = update->plan_lost;
-  if (code == KELVANE_APPLY_OK && into == PAGE_GONE) {
-    code = KELVANE_UPDATE_BAD_PLAN;
-  }
-  if (code == KELVANE_APPLY_OK) {
-    code = erase_flash(update, into);
-  }
+  int code = erase_flash(update, into);
   for (at = 0; at < flash->driver.page_size && code == KELVANE_APPLY_OK; at += flash->work_size) {
     code = kelvane_update_read(update, from + at, flash->work, flash->work_size);
     if (code == KELVANE_APPLY_OK) {
@@ -142,6 +139,18 @@ static int save_page(kelvane_update* update) {
     kelvane_update_alive(update);
   }
   return code;
+}
+
+static int save_page(kelvane_update* update) {
+  uint32_t into;
+  if (update->page < update->raise) {
+    return KELVANE_APPLY_OK;  // what it held has been moved up
+  }
+  into = kelvane_plan_saved(update, update->page);
+  if (update->plan_lost != KELVANE_APPLY_OK || into == PAGE_GONE) {
+    return update->plan_lost != KELVANE_APPLY_OK ? update->plan_lost : KELVANE_UPDATE_BAD_PLAN;
+  }
+  return copy_page(update, into);
 }
 
 // Computes the window at `address`.
@@ -210,12 +219,17 @@ static int save_state(kelvane_update* update, uint32_t number) {
 }
 
 // What a step does.
-enum step_kind { SAVE, WRITE, CHECKPOINT };
+enum step_kind { RAISE, SAVE, WRITE, CHECKPOINT };
 
 // Takes step `k`: its page becomes the page at hand. `group` counts the checkpoints ahead of it.
 static enum step_kind take_step(kelvane_update* update, uint32_t k, uint32_t* group) {
   uint32_t index = 0;
   *group = 0;
+  if (k < update->raisings) {
+    update->page = update->raisings - 1 - k;
+    return RAISE;
+  }
+  k -= update->raisings;
   while (update->every > 0 && k > 2 * update->every) {
     k -= 2 * update->every + 1;
     index += update->every;
@@ -281,6 +295,9 @@ static int do_step(kelvane_update* update) {
     return update->plan_lost;
   }
   switch (step) {
+    case RAISE:
+      code = copy_page(update, kelvane_update_home(update, update->page + update->raise));
+      break;
     case SAVE:
       code = save_page(update);
       break;

@@ -11,6 +11,10 @@
 // of the first erase the whole new image is computed and its checksum compared, and every read is
 // held against what the plan keeps.
 //
+// Where the plan says so, the old image is raised by some pages ahead of all that: the last page is
+// copied so many pages up, then the one below it, down to the first. What an insertion moves up by
+// no more is there then for as long as it is needed. These steps too can be repeated.
+//
 // The usual boot loader (the whole program is flash_example.c):
 //
 //   int code = kelvane_update_open(&update, &flash, &bundle);
@@ -98,16 +102,19 @@ typedef struct kelvane_update {
   kelvane_plan_list runs;  // of pages that change
   kelvane_plan_list kept;
   kelvane_plan_list ranges;  // none: all pages
+  uint32_t raise;            // pages by which the old image is moved up first
   kelvane_plan_stretch run;
   kelvane_payload_input input;
   kelvane_payload_images images;
   kelvane_journal journal;
   uint32_t identity;
   uint32_t error;
+  uint32_t old_pages;  // of the old image
   uint32_t new_pages;  // of the new image
   uint32_t slots;
-  uint32_t ring;     // pages of the ring, which may be more than the plan counts on
-  uint32_t changed;  // pages
+  uint32_t ring;      // pages of the ring, which may be more than the plan counts on
+  uint32_t changed;   // pages
+  uint32_t raisings;  // the steps that raise the old image, a page each; they come first
   uint32_t steps;
   uint32_t done;    // steps
   uint32_t every;   // changed pages from one checkpoint to the next, or 0

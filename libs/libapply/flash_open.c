@@ -138,6 +138,10 @@ static int check_bundle(kelvane_update* update, const kelvane_bundle* bundle) {
       kelvane_bundle_check(bundle, flash->work, flash->work_size, kelvane_update_alive, update));
 }
 
+static uint32_t pages_of(const kelvane_update* update, uint32_t size) {
+  return size == 0 ? 0 : ((size - 1) >> update->shift) + 1;
+}
+
 // Shares the spare pages out: checkpoints at their end, slots ahead of those, and all that is left
 // is the ring.
 static int share_out(kelvane_update* update, const kelvane_bundle* bundle) {
@@ -145,7 +149,7 @@ static int share_out(kelvane_update* update, const kelvane_bundle* bundle) {
   const uint32_t unit = flash->driver.unit;
   const uint32_t state_size = update->kind->state_size;
   uint32_t taken;
-  update->state_pages = state_size == 0 ? 0 : ((state_size - 1) >> update->shift) + 1;
+  update->state_pages = pages_of(update, state_size);
   if ((bundle->checkpoint != 0) != (state_size != 0)) {
     return KELVANE_UPDATE_OTHER_KIND;
   }
@@ -168,7 +172,8 @@ static int share_out(kelvane_update* update, const kelvane_bundle* bundle) {
 static void count_steps(kelvane_update* update, const kelvane_bundle* bundle) {
   uint32_t left = update->changed;
   update->every = bundle->checkpoint;
-  update->steps = 2 * update->changed;
+  update->raisings = update->raise > 0 ? update->old_pages : 0;
+  update->steps = update->raisings + 2 * update->changed;
   while (update->every > 0 && left > update->every) {
     left -= update->every;
     ++update->steps;
@@ -203,9 +208,12 @@ static int open_payload(kelvane_update* update, const kelvane_bundle* bundle) {
     code = KELVANE_APPLY_NO_ROOM;
   }
   if (code == KELVANE_APPLY_OK) {
-    update->new_pages =
-        update->images.new_size == 0 ? 0 : ((update->images.new_size - 1) >> update->shift) + 1;
+    update->old_pages = pages_of(update, update->images.old_size);
+    update->new_pages = pages_of(update, update->images.new_size);
     code = kelvane_plan_open(update);
+  }
+  if (code == KELVANE_APPLY_OK && update->raise > flash->image_pages - update->old_pages) {
+    code = KELVANE_APPLY_NO_ROOM;
   }
   if (code == KELVANE_APPLY_OK) {
     code = share_out(update, bundle);

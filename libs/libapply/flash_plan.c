@@ -161,7 +161,11 @@ int kelvane_plan_open(kelvane_update* update) {
   open_list(update, &position, &update->kept, 1);
   update->ranges.count = number_at(update, &position);
   open_list(update, &position, &update->ranges, 0);
-  if (update->plan_lost == KELVANE_APPLY_OK && position != update->plan.size) {
+  update->raise = number_at(update, &position);
+  // Raising overwrites all pages, so none may stay as it is or be another's.
+  if (update->plan_lost == KELVANE_APPLY_OK &&
+      (position != update->plan.size ||
+       (update->raise > 0 && (!update->all_change || update->ranges.count > 0)))) {
     lose(update, KELVANE_UPDATE_BAD_PLAN);
   }
   if (update->plan_lost == KELVANE_APPLY_OK) {
@@ -239,9 +243,11 @@ uint32_t kelvane_plan_saved(kelvane_update* update, uint32_t page) {
 }
 
 static uint32_t find_old(kelvane_update* update, uint32_t page) {
-  if (!kelvane_plan_has(update, page)) {
+  // Behind an image that is raised lies nothing of it.
+  if (!kelvane_plan_has(update, page) || (update->raise > 0 && page >= update->old_pages)) {
     return PAGE_BLANK;
   }
+  page += update->raise;
   return page > update->page || (page == update->page && !update->writing) ||
                  !kelvane_plan_changes(update, page)
              ? update->flash->image + (page << update->shift)

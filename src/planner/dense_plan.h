@@ -6,7 +6,8 @@
 // The device computes the new image in one pass in ascending order, page by page, in the place of
 // the old one, and writes the pages that change. An old byte can be read while a page is written if
 // its own page does not change, has not been written yet, is one of the last in the ring, or is
-// kept in a slot until its last reader is done. A device that takes checkpoints may have to compute
+// kept in a slot until its last reader is done. Where the old image is raised first, that is the
+// page to which it was moved. A device that takes checkpoints may have to compute
 // pages again that it has written since the last one.
 
 #include <cstdint>
@@ -28,6 +29,8 @@ struct flash_geometry {
   // Pages that change from one checkpoint to the next: whatever one of them reads has to be there
   // until the last of them is written. 0: no checkpoints.
   uint32_t checkpoint = 0;
+  // Pages by which the device moves the old image up first. Then all pages of the new image change.
+  uint32_t raise = 0;
 };
 
 // What the images are made for.
@@ -53,8 +56,8 @@ struct dense_item {
   uint32_t from = 0;  // the place in that image
 };
 
-// The old page `page`, which changes, lies in `slot` from when it is saved until page `last_use`
-// has been written.
+// What page `page`, which changes, has of the old image lies in `slot` from when it is saved until
+// page `last_use` has been written.
 struct kept_page {
   uint32_t page = 0;
   uint32_t slot = 0;

@@ -21,14 +21,17 @@ class device_flash {
         payload_(payload),
         kept_(kept),
         geometry_(geometry),
-        slot_of_(pages_of(std::max(images.old_image.size(), images.new_image.size())), kNone),
+        slot_of_(
+            pages_of(std::max(images.old_image.size(), images.new_image.size())) + geometry.raise,
+            kNone),
         changes_(slot_of_.size()),
         slot_page_(geometry.slots, kNone) {
     for (uint32_t page = 0; page < pages_of(images.new_image.size()); ++page) {
       const size_t at = size_t{page} * geometry.page_size;
       const auto after = part_of(images.new_image, at, geometry.page_size);
       const auto before = part_of(images.old_image, at, after.size());
-      if (!std::equal(after.begin(), after.end(), before.begin(), before.end())) {
+      const bool stays = std::equal(after.begin(), after.end(), before.begin(), before.end());
+      if (geometry.raise != 0 ? !after.empty() : !stays) {
         changes_[page] = true;
         changed_.push_back(page);
       }
@@ -104,6 +107,7 @@ class device_flash {
 
   // A kept page is in its slot and nowhere else. The others that change go through the ring.
   bool has_old_page(uint32_t page) const {
+    page += geometry_.raise;
     if (page > at_hand_ || !changes_[page]) {
       return true;
     }

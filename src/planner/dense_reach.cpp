@@ -31,7 +31,7 @@ device_pages::device_pages(const plan_images& images, const flash_geometry& geom
   const std::span<const uint8_t> new_image = images.new_image;
   for (size_t at = 0; at < new_image.size(); at += geometry.page_size) {
     const size_t size = std::min<size_t>(geometry.page_size, new_image.size() - at);
-    changes_.push_back(at + size > old_image.size() ||
+    changes_.push_back(geometry.raise != 0 || at + size > old_image.size() ||
                        !std::equal(new_image.begin() + static_cast<ptrdiff_t>(at),
                                    new_image.begin() + static_cast<ptrdiff_t>(at + size),
                                    old_image.begin() + static_cast<ptrdiff_t>(at)));
@@ -65,8 +65,8 @@ device_pages::device_pages(const plan_images& images, const flash_geometry& geom
   for (const uint32_t page : at_hand_) {
     const uint32_t saved = changed_below_[page + 1];
     const bool is_all_there = geometry.ring_pages == 0 || saved <= geometry.ring_pages;
-    gone_below_.push_back(
-        is_all_there ? 0 : (changed[saved - geometry.ring_pages - 1] + 1) * geometry.page_size);
+    const uint32_t gone = is_all_there ? 0 : changed[saved - geometry.ring_pages - 1] + 1;
+    gone_below_.push_back((gone - std::min(gone, geometry.raise)) * geometry.page_size);
   }
 }
 
@@ -119,7 +119,7 @@ void old_reach::choose_kept(std::span<const shift_stretch> stretches) {
     if (gain[page] < kLeastGain) {
       break;
     }
-    const auto begin = used.begin() + page;
+    const auto begin = used.begin() + page + geometry.raise;
     const auto end = used.begin() + last[page] + 1;
     if (std::any_of(begin, end, [&](uint32_t slots) { return slots >= geometry.slots; })) {
       continue;
@@ -169,13 +169,14 @@ std::vector<dense_copy> old_reach::readable_copies(std::span<const shift_stretch
 
 std::vector<kept_page> pages_to_keep(const dense_plan& plan, const device_pages& pages) {
   std::vector<kept_page> kept;
-  std::vector<uint32_t> last_use;
+  std::vector<uint32_t> last_use;  // by the page in which an old one lies
   const auto note = [&](uint32_t place, uint32_t at, uint32_t length) {
     for_pages(pages.geometry().page_size, place, at, length,
               [&](uint32_t page, uint32_t for_page, uint32_t) {
                 if (!pages.is_at_hand(page, for_page)) {
-                  last_use.resize(std::max<size_t>(last_use.size(), page + size_t{1}));
-                  last_use[page] = std::max(last_use[page], pages.at_hand(for_page));
+                  const size_t lies_in = size_t{page} + pages.geometry().raise;
+                  last_use.resize(std::max(last_use.size(), lies_in + 1));
+                  last_use[lies_in] = std::max(last_use[lies_in], pages.at_hand(for_page));
                 }
               });
   };

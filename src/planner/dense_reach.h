@@ -32,8 +32,9 @@ class device_pages {
   }
   // Whether the old contents of a page are where they were, or in the ring, then.
   bool is_at_hand(uint32_t old_page, uint32_t page) const {
-    return geometry_.ring_pages == 0 || !changes(old_page) || old_page > at_hand(page) ||
-           changed_below_[at_hand(page) + 1] - changed_below_[old_page] <= geometry_.ring_pages;
+    const uint32_t lies_in = old_page + geometry_.raise;
+    return geometry_.ring_pages == 0 || !changes(lies_in) || lies_in > at_hand(page) ||
+           changed_below_[at_hand(page) + 1] - changed_below_[lies_in] <= geometry_.ring_pages;
   }
 
  private:

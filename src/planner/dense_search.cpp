@@ -398,8 +398,7 @@ dense_update search::run() {
     progress_.most_tries = progress_.tries + most_tries_from(settings, round, contenders.size());
     next_round(contenders, tries);
     drop_behind(contenders, round);
-    if (request_.effort == dense_effort::normal && new_size >= kImageOfFewTries &&
-        contenders.front().best.size * kMuchNew > new_size) {
+    if (is_quick_enough(request_.effort, new_size, contenders.front().best.size)) {
       settings = settings_for(dense_effort::quick, new_size, is_far_apart_);
     }
   }
@@ -416,6 +415,12 @@ dense_update search::run() {
 }
 
 }  // namespace
+
+bool is_quick_enough(dense_effort effort, size_t new_size, size_t quick_size) {
+  return effort == dense_effort::quick ||
+         (effort == dense_effort::normal && new_size >= kImageOfFewTries &&
+          quick_size * kMuchNew > new_size);
+}
 
 dense_update search_dense(const dense_request& request) {
   dense_update update = search(request).run();

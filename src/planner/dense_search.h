@@ -45,6 +45,10 @@ struct dense_update {
   uint32_t map_entries = 0;
 };
 
+// Whether a search of `effort` for a new image of so many bytes finds the same as a quick one,
+// which has found a payload of `quick_size` bytes.
+bool is_quick_enough(dense_effort effort, size_t new_size, size_t quick_size);
+
 // The update, proven by decoding it in place. Throws std::logic_error if that fails, std::bad_alloc
 // if memory runs out.
 dense_update search_dense(const dense_request& request);

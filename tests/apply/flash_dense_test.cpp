@@ -38,6 +38,21 @@ Images moved(const dense_target& target, uint32_t functions, uint32_t fresh = 30
   return images;
 }
 
+// New bytes near the start of a program and amid it, which push all else up, and a function more.
+Images grown(const dense_target& target, uint32_t functions, uint32_t fresh) {
+  Random random(9);
+  LinkedProgram program(functions, random);
+  Images images = {target, program.link(target), {}};
+  program.insert(functions / 2, random);
+  images.after = program.link(target);
+  for (const size_t at : {images.after.size() / 2, size_t{100}}) {
+    const Bytes piece = random.bytes(fresh / 2);
+    images.after.insert(images.after.begin() + static_cast<ptrdiff_t>(at), piece.begin(),
+                        piece.end());
+  }
+  return images;
+}
+
 // Makes the pages of `others` blank, with what was there behind them. Gives the ranges of the rest.
 std::vector<kelpatch::PageRange> part_at(Images& images, std::vector<kelpatch::PageRange> others,
                                          uint32_t page_size) {
@@ -118,7 +133,10 @@ TEST(FlashDense, AnUpdateCutAtAnyOperationEndsInTheNewImage) {
                         {"riscv", moved(riscv, 300), {4096, 2, 2}, 4, true},
                         {"none", patched(none, 60), {256, 2, 2}, 16, true},
                         {"one by one", patched(mips, 70), {256, 2, 2}, 1, true},
-                        {"few pages", moved(kThumb, 90), {4096, 1, 0}, 8, false}};
+                        {"few pages", moved(kThumb, 90), {4096, 1, 0}, 8, false},
+                        {"raised", grown(kThumb, 40, 3000), {256, 2, 2, 4, 11}, 4, true},
+                        {"raised high", grown(mips, 60, 5000), {1024, 1, 0, 1, 9}, 1, false},
+                        {"raised low", grown(kPowerPc, 60, 2000), {256, 2, 4, 8, 1}, 8, false}};
   const bool is_long = runs_asked_for() > 1;
   uint64_t cuts = 0;
   uint64_t kept = 0;
@@ -199,6 +217,62 @@ TEST(FlashDense, TheQuickChecksumIsThatOfDevices) {
   }
 }
 
+// What moves up by no more than the old image is raised is there when it is read, whatever the
+// ring; the device finds it where the encoder counts on it.
+TEST(FlashDense, AnImageThatIsRaisedStaysReadable) {
+  for (uint32_t seed = 0; seed < 18 * runs_asked_for(); ++seed) {
+    SCOPED_TRACE(seed);
+    const uint32_t page = 256U << seed % 3;
+    const uint32_t fresh = 4 * page + 97 * (seed % 9);
+    const Images images = grown(kThumb, 20 + seed, fresh);
+    const flash_geometry geometry = {page, 1 + seed / 3 % 2, seed % 4, 1 + seed % 5,
+                                     1 + seed * 7 % 11};
+    const DenseBundle bundle =
+        dense_bundle(request_for(images, geometry, seed % 2 == 0), geometry.checkpoint);
+    SimulatedDevice device(shape_for(bundle, 8, 0), text_of(images.before), seed);
+    const int code = device.run(bundle.source());
+    ASSERT_EQ(code, KELVANE_APPLY_OK) << kelvane_update_text(code);
+    ASSERT_EQ(device.image(static_cast<uint32_t>(images.after.size())), text_of(images.after));
+    if (geometry.raise * page > fresh) {
+      EXPECT_LT(bundle.bytes.size(), fresh + 400);
+    }
+  }
+}
+
+TEST(FlashDense, RefusesToRaiseWhereThatDoesNotServe) {
+  const Images images = grown(kThumb, 40, 3000);
+  const DenseBundle good = dense_bundle(request_for(images, {256, 1, 0, 4, 11}, true), 4);
+  const kelpatch::PagePlan& plan = good.plan;
+  const auto run = [&](uint32_t raise, const auto& change) {
+    DenseBundle other = good;
+    other.plan.raise = raise;
+    change(other.plan);
+    other.bytes = make_bundle(other.plan, other.parts);
+    DeviceShape shape = shape_for(good, 8, 0);
+    shape.image_pages = std::max(plan.new_pages, plan.old_pages + 11) + 1;
+    SimulatedDevice device(shape, text_of(images.before), 1);
+    const int code = device.run(other.source());
+    EXPECT_EQ(device.flash().operations() == 0, code != KELVANE_APPLY_OK);
+    return code;
+  };
+  const auto as_it_is = [](kelpatch::PagePlan&) {};
+  const uint32_t most = std::max(plan.new_pages, plan.old_pages + 11) + 1 - plan.old_pages;
+  EXPECT_EQ(run(11, as_it_is), KELVANE_APPLY_OK);
+  EXPECT_EQ(run(most, as_it_is), KELVANE_APPLY_OK);
+  EXPECT_EQ(run(most + 1, as_it_is), KELVANE_APPLY_NO_ROOM);
+  EXPECT_EQ(run(UINT32_MAX, as_it_is), KELVANE_APPLY_NO_ROOM);
+  for (const uint32_t raise : {0U, 1U, 6U}) {  // too little for what the payload reads
+    EXPECT_EQ(run(raise, as_it_is), KELVANE_UPDATE_BAD_PLAN);
+  }
+  EXPECT_EQ(run(11, [](kelpatch::PagePlan& other) { other.changed.pop_back(); }),
+            KELVANE_UPDATE_BAD_PLAN);
+  EXPECT_EQ(run(11,
+                [](kelpatch::PagePlan& other) {
+                  other.ranges = {{0, other.new_pages}};
+                }),
+            KELVANE_UPDATE_BAD_PLAN);
+}
+
 // What the payload reads is held against the plan also where the new image is not known before.
 TEST(FlashDense, RefusesAPlanThatDoesNotKeepWhatIsRead) {
   const Images images = moved(kThumb, 60);
@@ -237,10 +311,18 @@ TEST(FlashDense, RefusesAPlanThatDoesNotKeepWhatIsRead) {
 }
 
 TEST(FlashDense, RefusesADamagedBundleBeforeTheFirstErase) {
-  Images images = moved(kPowerPc, 14, 12);
-  const auto ranges = part_at(images, {{1, 1}}, 256);
-  for (const bool reads_new : {false, true}) {
-    const DenseBundle bundle = dense_bundle(request_for(images, {256, 2, 2}, reads_new), 4, ranges);
+  Images parted = moved(kPowerPc, 14, 12);
+  const auto ranges = part_at(parted, {{1, 1}}, 256);
+  const struct {
+    Images images;
+    flash_geometry geometry;
+    bool reads_new;
+    std::vector<kelpatch::PageRange> ranges;
+  } cases[] = {{parted, {256, 2, 2}, false, ranges},
+               {parted, {256, 2, 2}, true, ranges},
+               {grown(kPowerPc, 12, 300), {256, 1, 0, 4, 2}, true, {}}};
+  for (const auto& [images, geometry, reads_new, own] : cases) {
+    const DenseBundle bundle = dense_bundle(request_for(images, geometry, reads_new), 4, own);
     const DeviceShape shape = shape_for(bundle, 8, 0);
     SimulatedDevice whole(shape, text_of(images.before), 1);
     ASSERT_EQ(whole.run(bundle.source()), KELVANE_APPLY_OK);

@@ -138,13 +138,19 @@ struct Bundled {
   }
 };
 
+// One that raises the old image keeps no page but those of the ring.
 inline Bundled bundled(const FlashPair& pair, uint32_t page_size, uint32_t ring, bool split = true,
-                       const kelpatch::BundleParts& parts = {}) {
+                       const kelpatch::BundleParts& parts = {}, uint32_t raise = 0) {
   kelpatch::PatchFile whole("patch", bytes_of(pair.patch));
   kelpatch::PatchFile patch("patch", split ? split_at_pages(whole, page_size) : whole.bytes());
   Bundled made;
   made.plan = kelpatch::plan_pages(patch, bytes_of(pair.old_image), bytes_of(pair.new_image),
                                    page_size, ring);
+  if (raise > 0) {
+    made.plan.raise_by(raise, "patch");
+    made.plan.kept.clear();
+    made.plan.slots = 0;
+  }
   kelpatch::BundleParts all = parts;
   all.payload = patch.bytes();
   made.bytes = make_bundle(made.plan, all);

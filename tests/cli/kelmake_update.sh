@@ -25,8 +25,31 @@ settings --big-endian --effort quick --page 1024 --map 0
 kelmake --bundle --simulate --page 2048 old new -o update | grep cut
 kelmake --bundle --quiet --page 64 old new -o update && kelpatch verify --quiet old new update
 
-# Equal images, an empty one on either side, and one of a byte.
+# An image that grows by more than the ring is raised first, if that pays, or as one says.
+for ((i = 0; i < 500; ++i)); do printf 'word %06d' $((i * i % 7919)); done >short
+{ head -c 900 short && seq 500007 7919 7000000 | tr -d '\n' && tail -c +901 short; } >long
+cat short long >longer
 : >empty
+# raised OPTION ...: what it says of raising.
+raised() {
+  kelmake --bundle --page 256 --ring 4 --checkpoint 2 --report report "$@" -o update |
+    sed -n '/^update:/p;/is raised/p;/pages of the image/p'
+  grep -o '"raise.*' report
+  kelpatch show update | grep '^raised'
+  kelpatch verify "${@: -2}" update
+}
+raised short long
+cp update usual
+raised --raise 22 short long
+cmp update usual
+raised --effort quick --raise 0 short long
+raised --effort quick --raise 40 --checkpoint 20 --simulate short long
+raised --effort quick --raise 1 long short
+raised --raise 3 short empty
+raised --raise 3 empty short
+raised --effort quick short longer  # grows at its end alone
+
+# Equal images, an empty one on either side, and one of a byte.
 printf x >byte
 for pair in 'old old' 'empty empty' 'empty byte' 'byte empty' 'byte old' 'old byte'; do
   # shellcheck disable=SC2086
@@ -53,6 +76,7 @@ head -c 2200000 large | tr '\0' x >other
 run kelmake --bundle --quiet --page 64 old other -o kept
 kelmake --quiet --effort quick old other -o patch
 run kelpatch plan patch old --page 64 --unit 4
+run kelmake --bundle --quiet --raise 65534 short long -o kept
 run kelmake --bundle old missing -o kept
 run kelmake --bundle old new -o old
 ls kept 2>/dev/null
@@ -67,6 +91,7 @@ run kelmake --bundle --page 1000 old new -o kept
 run kelmake --bundle --page 32 old new -o kept
 run kelmake --bundle --ring 0 old new -o kept
 run kelmake --bundle --map 65536 old new -o kept
+run kelmake --bundle --raise 65536 old new -o kept
 run kelmake --bundle --model huge old new -o kept
 run kelmake --bundle --machine z80 old new -o kept
 run kelmake --bundle --base 0x old new -o kept

@@ -68,6 +68,7 @@ kelpatch verify old.elf new.elf update
 kelpatch apply old.elf update -o made.bin
 cmp new.bin made.bin
 run kelpatch bundle update old.elf new.elf --page 1024 --spare 40 --signature 8 -o signed
+run kelmake --bundle --quiet --page 1024 --raise 1 old.elf new.elf -o kept
 
 elf 20 0 0 0x8000 code >power.elf
 elf 40 0 0 0x8000 code >either.elf

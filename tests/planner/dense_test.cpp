@@ -160,6 +160,7 @@ dense_request any_request(const ImagePair& pair, Random& random) {
   if (request.geometry.ring_pages != 0 && random.below(4) != 0) {
     request.geometry.ring_pages += std::max(request.geometry.checkpoint, 1U) - 1;
   }
+  request.geometry.raise = random.below(2) * random.below(12);
   request.model = static_cast<uint8_t>(random.below(2));
   request.reads_new = random.below(2) == 0;
   request.map_limit = random.below(3) == 0 ? random.below(4) : 2048;

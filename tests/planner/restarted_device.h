@@ -18,12 +18,13 @@ class RestartedDevice {
       : request_(request), update_(update), page_size_(request.geometry.page_size) {
     const auto old_image = request.images.old_image;
     const auto new_image = request.images.new_image;
-    image_.assign(old_image.begin(), old_image.end());
-    image_.resize((std::max(old_image.size(), new_image.size()) / page_size_ + 1) * page_size_,
-                  0xFF);
+    image_.resize(
+        (std::max(old_image.size() + raised_, new_image.size()) / page_size_ + 1) * page_size_,
+        0xFF);
+    std::copy(old_image.begin(), old_image.end(), image_.begin() + raised_);
     for (uint32_t at = 0; at < new_image.size(); at += page_size_) {
       const auto after = new_image.subspan(at, std::min(page_size_, new_size() - at));
-      if (at + after.size() > old_image.size() ||
+      if (raised_ != 0 || at + after.size() > old_image.size() ||
           !std::equal(after.begin(), after.end(), old_image.begin() + at)) {
         changed_.push_back(at / page_size_);
       }
@@ -106,10 +107,11 @@ class RestartedDevice {
   static int read_old(void* context, uint32_t at, uint8_t* bytes, uint32_t count) {
     const auto& self = *static_cast<RestartedDevice*>(context);
     for (; count != 0; --count, ++at) {
-      const Bytes* const saved = self.saved_in_[at / self.page_size_];
+      const uint32_t place = at + self.raised_;
+      const Bytes* const saved = self.saved_in_[place / self.page_size_];
       *bytes++ = self.ring_.empty() ? self.request_.images.old_image[at]
-                 : saved != nullptr ? (*saved)[at % self.page_size_]
-                                    : self.image_[at];
+                 : saved != nullptr ? (*saved)[place % self.page_size_]
+                                    : self.image_[place];
     }
     return 0;
   }
@@ -121,6 +123,7 @@ class RestartedDevice {
   const dense_request& request_;
   const dense_update& update_;
   uint32_t page_size_;
+  uint32_t raised_ = page_size_ * request_.geometry.raise;  // bytes
   kelvane_dense_input input_ = {
       this, static_cast<uint32_t>(update_.payload.size()), read_payload, read_old, read_new, 0};
   Bytes image_;

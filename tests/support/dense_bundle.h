@@ -36,6 +36,7 @@ inline DenseBundle bundle_of(const dense_request& request, const dense_update& u
   made.plan = kelpatch::plan_changes({old_image.begin(), old_image.end()},
                                      {new_image.begin(), new_image.end()},
                                      request.geometry.page_size, std::move(ranges), "update");
+  made.plan.raise_by(request.geometry.raise, "update");
   made.plan.ring = std::min(made.plan.pages, request.geometry.ring_pages + checkpoint - 1);
   for (const kept_page& page : update.kept) {
     made.plan.kept.push_back({page.page, made.plan.slots++});

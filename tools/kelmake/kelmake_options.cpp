@@ -136,6 +136,8 @@ bool take_update_option(UpdateOptions& update, const std::string& argument, cons
     update.spare = number_of(name, value(), 1, kMostPages);
   } else if (name == "--checkpoint") {
     update.checkpoint = number_of(name, value(), 1, kMostPages);
+  } else if (name == "--raise") {
+    update.raise = number_of(name, value(), 0, kMostPages);
   } else if (name == "--map") {
     update.map = number_of(name, value(), 0, kMostPages);
   } else if (name == "--model") {
@@ -246,6 +248,10 @@ const char* help_text() {
          "                       checkpoints take and 8 more, for pages that are kept longer\n"
          "  --checkpoint PAGES   pages that change from one checkpoint of the device to the\n"
          "                       next; 8 by default\n"
+         "  --raise PAGES        pages of flash by which the device moves the old image up before "
+         "it\n"
+         "                       writes the new one; by default as many as the new image has\n"
+         "                       more, if that pays, or none\n"
          "  --rehearse           lets the device compute the whole new image before it erases\n"
          "                       anything; the update may be larger\n"
          "  --model NAME         large (the default) or small: takes half the memory on the\n"

@@ -28,6 +28,7 @@ struct UpdateOptions {
   uint32_t checkpoint = 8;         // pages that change from one checkpoint to the next
   bool rehearse = false;           // the device is to know the new image ahead of the first erase
   uint32_t map = 2048;             // entries at most, each of which takes memory on the device
+  std::optional<uint32_t> raise;   // pages to move the old image up by first; else if it pays
   uint8_t model = 1;               // 0 takes half the memory
   std::optional<uint8_t> machine;  // as kelvane_dense_machine has them
   std::optional<uint32_t> base;    // the target address of the first byte

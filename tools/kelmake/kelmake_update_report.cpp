@@ -151,8 +151,13 @@ std::string text_of_update(const UpdateOutcome& outcome) {
                 info.map_entries == 1 ? "1 entry"
                                       : formatted("%" PRIu32 " entries", info.map_entries).c_str());
   text += formatted("  %zu of %" PRIu32 " pages change\n", plan.changed.size(), plan.pages);
+  if (plan.raise != 0) {
+    text += formatted("  the old image is raised by %s first, which takes %s more\n",
+                      counted(plan.raise, "page").c_str(), counted(plan.raised(), "erase").c_str());
+  }
   text += formatted("%-28s %12s %12s\n", "a device needs", "this update", "by a patch");
   text += row("bytes to receive", dense.bytes, patch.bytes);
+  text += row("pages of the image", plan.pages, std::max(plan.old_pages, plan.new_pages));
   text += row("spare pages of flash", dense.spare(), patch.spare());
   text += row("  ring of saved pages", dense.ring, patch.ring);
   text += row("  slots of kept pages", dense.slots, patch.slots);
@@ -204,13 +209,14 @@ std::string json_of_update(const UpdateOutcome& outcome) {
       name_of(kelvane::byte_order_of(info.code_big_endian != 0)),
       name_of(kelvane::byte_order_of(info.data_big_endian != 0)), info.base,
       name_of_model(info.model), name_of_bool(info.reads_new != 0));
-  text += formatted("  \"page_size\": %" PRIu32 ",\n  \"pages\": %" PRIu32
-                    ",\n  \"changed_pages\": %zu,\n  \"ranges\": %zu,\n  \"checkpoint\": %" PRIu32
-                    ",\n  \"payload\": %" PRIu32 ",\n  \"map_entries\": %" PRIu32
-                    ",\n  \"copies\": %" PRIu32 ",\n  \"device\": {\n",
-                    plan.page_size, plan.pages, plan.changed.size(),
-                    std::max<size_t>(plan.ranges.size(), 1), options.update.checkpoint,
-                    outcome.update.bundle().payload.size, info.map_entries, outcome.found.copies);
+  text += formatted(
+      "  \"page_size\": %" PRIu32 ",\n  \"pages\": %" PRIu32
+      ",\n  \"changed_pages\": %zu,\n  \"raise\": %" PRIu32 ",\n  \"raised_pages\": %" PRIu32
+      ",\n  \"ranges\": %zu,\n  \"checkpoint\": %" PRIu32 ",\n  \"payload\": %" PRIu32
+      ",\n  \"map_entries\": %" PRIu32 ",\n  \"copies\": %" PRIu32 ",\n  \"device\": {\n",
+      plan.page_size, plan.pages, plan.changed.size(), plan.raise, plan.raised(),
+      std::max<size_t>(plan.ranges.size(), 1), options.update.checkpoint,
+      outcome.update.bundle().payload.size, info.map_entries, outcome.found.copies);
   text += json_of_needs("update", needs_of_update(outcome)) + ",\n";
   text += json_of_needs("patch", needs_of_patch(outcome.patch));
   return text + formatted("\n  },\n  \"seconds\": %.2f\n}\n", outcome.seconds);

@@ -146,6 +146,22 @@ bool PagePlan::has(uint32_t page) const {
          });
 }
 
+void PagePlan::raise_by(uint32_t count, const std::string& name) {
+  if (count == 0) {
+    return;
+  }
+  const uint64_t most = std::min<uint64_t>(kMostPages, kLargestFile / page_size);
+  if (uint64_t{old_pages} + count > most) {
+    fatal("'%s' would raise an image of %" PRIu32 " pages by %" PRIu32
+          "; both together may be no more than %" PRIu64,
+          name.c_str(), old_pages, count, most);
+  }
+  raise = count;
+  pages = std::max(pages, old_pages + count);
+  changed.resize(new_pages);
+  std::iota(changed.begin(), changed.end(), 0U);
+}
+
 Bytes PagePlan::encoded() const {
   std::vector<uint32_t> all;
   for (uint32_t page = 0; page < new_pages; ++page) {
@@ -153,7 +169,7 @@ Bytes PagePlan::encoded() const {
       all.push_back(page);
     }
   }
-  const bool all_change = new_pages != 0 && changed == all;
+  const bool all_change = (new_pages != 0 || raise != 0) && changed == all;
   const std::vector<PageRange> runs = all_change ? std::vector<PageRange>{} : runs_of(changed);
   Bytes bytes;
   put_number(bytes, all_change ? 0 : static_cast<uint32_t>(runs.size()) + 1);
@@ -170,6 +186,7 @@ Bytes PagePlan::encoded() const {
   }
   put_number(bytes, static_cast<uint32_t>(ranges.size()));
   put_stretches(bytes, ranges);
+  put_number(bytes, raise);
   while (!bytes.empty() && bytes.back() == 0) {
     bytes.pop_back();  // the reader makes them up
   }
@@ -186,6 +203,7 @@ PagePlan plan_changes(const Bytes& old_file, const Bytes& new_file, uint32_t pag
   }
   plan.page_size = page_size;
   plan.pages = static_cast<uint32_t>(pages);
+  plan.old_pages = static_cast<uint32_t>((old_file.size() + page_size - 1) / page_size);
   plan.new_pages = static_cast<uint32_t>((new_file.size() + page_size - 1) / page_size);
   plan.ranges = std::move(ranges);
   for (uint32_t page = 0; page < plan.pages; ++page) {
@@ -202,13 +220,17 @@ PagePlan plan_changes(const Bytes& old_file, const Bytes& new_file, uint32_t pag
   return plan;
 }
 
-void require_countable(const PagePlan& plan, uint32_t checkpoint, const std::string& name) {
+bool is_countable(const PagePlan& plan, uint32_t checkpoint) {
   const uint64_t changed = plan.changed.size();
   const uint64_t checkpoints = checkpoint == 0 || changed == 0 ? 0 : (changed - 1) / checkpoint;
-  if (2 * changed + checkpoints >= KELVANE_JOURNAL_FINISHED) {
-    fatal("'%s' changes %" PRIu64 " pages of %" PRIu32
+  return plan.raised() + 2 * changed + checkpoints < KELVANE_JOURNAL_FINISHED;
+}
+
+void require_countable(const PagePlan& plan, uint32_t checkpoint, const std::string& name) {
+  if (!is_countable(plan, checkpoint)) {
+    fatal("'%s' changes %zu pages of %" PRIu32
           " bytes, more than a device counts; larger pages would do",
-          name.c_str(), changed, plan.page_size);
+          name.c_str(), plan.raised() + plan.changed.size(), plan.page_size);
   }
 }
 

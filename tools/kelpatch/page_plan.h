@@ -32,7 +32,8 @@ struct PagePlan {
     uint32_t slot;
   };
   uint32_t page_size = 0;
-  uint32_t pages = 0;      // of the larger image
+  uint32_t pages = 0;      // that the images take, the old one also where it is raised to
+  uint32_t old_pages = 0;  // of the old image
   uint32_t new_pages = 0;  // of the new image
   uint32_t ring = 0;
   uint32_t slots = 0;
@@ -41,7 +42,13 @@ struct PagePlan {
   // The pages that are the update's own, with others between the ranges; none: all pages. A device
   // takes others for erased ones and leaves them alone.
   std::vector<PageRange> ranges;
+  uint32_t raise = 0;  // pages by which the old image is moved up first
 
+  // Moves the old image up by so many pages first, whereupon all pages of the new image change.
+  // There must be no ranges. `name` is what a message calls the update.
+  void raise_by(uint32_t count, const std::string& name);
+  // The pages that this copies.
+  uint32_t raised() const { return raise == 0 ? 0 : old_pages; }
   uint32_t spare() const { return ring + slots; }
   bool has(uint32_t page) const;
   // As a bundle has it: empty if all pages of the new image change and nothing else is to be said.
@@ -57,8 +64,11 @@ void put_number(Bytes& bytes, uint32_t number);
 PagePlan plan_changes(const Bytes& old_file, const Bytes& new_file, uint32_t page_size,
                       std::vector<PageRange> ranges, const std::string& name);
 
-// Ends the run if so many pages change that the journal of a device can't count the steps, with a
-// checkpoint behind every `checkpoint` of them (0: none).
+// Whether the journal of a device can count the steps, with a checkpoint behind every `checkpoint`
+// pages that change (0: none).
+bool is_countable(const PagePlan& plan, uint32_t checkpoint);
+
+// Ends the run unless that is so.
 void require_countable(const PagePlan& plan, uint32_t checkpoint, const std::string& name);
 
 // Makes the plan for a patch in file mode, which has been checked against the two images. `ring`

@@ -175,6 +175,7 @@ void UpdateFile::read_plan() {
   };
   plan_.page_size = page_size;
   plan_.pages = pages_of(std::max(images_.old_size, images_.new_size));
+  plan_.old_pages = pages_of(images_.old_size);
   plan_.new_pages = pages_of(images_.new_size);
   plan_.ring = bundle_.ring;
   if (plan_.pages > kMostPages || uint64_t{plan_.pages} * page_size > kLargestFile) {
@@ -185,12 +186,19 @@ void UpdateFile::read_plan() {
   const uint32_t kept = reader.number();
   plan_.slots = kept == 0 ? 0 : reader.number();
   uint64_t next = 0;
-  for (uint32_t i = 0; i < kept && !reader.failed() && next <= plan_.pages; ++i) {
+  for (uint32_t i = 0; i < kept && !reader.failed() && next <= kMostPages; ++i) {
     const uint64_t page = next + reader.number();
     plan_.kept.push_back({static_cast<uint32_t>(page), reader.number()});
     next = page + 1;
   }
   plan_.ranges = reader.stretches(reader.number(), plan_.pages);
+  plan_.raise = reader.number();
+  const uint64_t raised_pages = uint64_t{plan_.raised()} + plan_.raise;
+  if (plan_.raise != 0 && (count != 0 || !plan_.ranges.empty() || raised_pages > kMostPages ||
+                           raised_pages * page_size > kLargestFile)) {
+    damaged("its plan is unsound");
+  }
+  plan_.pages = std::max(plan_.pages, static_cast<uint32_t>(raised_pages));
   if (reader.failed() || !reader.at_end() || next > plan_.pages || plan_.slots > kMostPages) {
     damaged("its plan is unsound");
   }

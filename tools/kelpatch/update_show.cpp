@@ -54,6 +54,10 @@ void show_plan(const UpdateFile& update) {
   const PagePlan& plan = update.plan();
   std::printf("pages: %" PRIu32 " of %" PRIu32 " bytes, %zu change: %s\n", plan.pages,
               plan.page_size, plan.changed.size(), text_of_pages(plan.changed).c_str());
+  if (plan.raise != 0) {
+    std::printf("raised: the old image by %" PRIu32 " %s first, %" PRIu32 " erases more\n",
+                plan.raise, plan.raise == 1 ? "page" : "pages", plan.raised());
+  }
   for (const PageRange& range : plan.ranges) {
     std::printf("range: pages %" PRIu32 "-%" PRIu32 "\n", range.first,
                 range.first + range.pages - 1);
