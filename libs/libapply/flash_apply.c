@@ -124,8 +124,7 @@ int kelvane_update_new_image(void* context, uint32_t address, uint8_t* bytes, ui
 
 // ---- Steps --------------------------------------------------------------------------------------
 
-// Erases a page and fills it with a copy of another one.
-// Copies the page at hand.
+// Erases a page and fills it with a copy of the page at hand.
 static int copy_page(kelvane_update* update, uint32_t into) {
   const kelvane_flash* const flash = update->flash;
   const uint32_t from = kelvane_update_home(update, update->page);

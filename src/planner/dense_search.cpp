@@ -8,6 +8,7 @@
 
 #include "dense_base.h"
 #include "dense_costs.h"
+#include "dense_machines.h"
 #include "dense_proof.h"
 #include "dense_reach.h"
 #include "dense_tries.h"
@@ -24,7 +25,7 @@ constexpr size_t kLargeImage = 1U << 20U;
 // for a megabyte and gain half a percent.
 constexpr size_t kImageOfFewTries = 1U << 18U;
 constexpr size_t kMuchNew = 8;
-constexpr size_t kFewMachines = 3;     // that are tried on images far apart
+constexpr size_t kFewMachines = 3;     // that are tried on images far apart; one, on large ones
 constexpr size_t kFewestMachines = 2;  // that stay behind the second round
 constexpr size_t kSlack = 32;          // bytes in which small payloads may differ by chance
 constexpr size_t kAlignedBytes = 100;  // that an alignment takes for each copy
@@ -232,7 +233,8 @@ std::vector<shift_stretch> search::first_alignment() {
   return align(plain, {}, settings, {});
 }
 
-// The best of each machine whose copies do not take half as much again as the smallest.
+// The best of each machine whose copies do not take half as much again as the smallest, and that
+// of the one whose code the image holds: where little was found, copies tell machines badly apart.
 std::vector<dense_options> search::likely_options(std::span<const shift_stretch> stretches) const {
   std::vector<dense_options> all;
   for (uint8_t machine = KELVANE_DENSE_NONE; machine < KELVANE_DENSE_MACHINES; ++machine) {
@@ -259,13 +261,16 @@ std::vector<dense_options> search::likely_options(std::span<const shift_stretch>
   }
   std::stable_sort(order.begin(), order.end(),
                    [&](size_t first, size_t second) { return sizes[first] < sizes[second]; });
+  const std::optional<uint8_t> machine = machine_by_returns(images_.new_image);
+  const bool is_long = is_far_apart_ && images_.new_image.size() >= kLargeImage;
+  const size_t most = is_long ? (machine ? 0 : 1) : is_far_apart_ ? kFewMachines : all.size();
   std::vector<dense_options> likely;
   for (const size_t i : order) {
     const bool is_seen = std::any_of(likely.begin(), likely.end(), [&](const dense_options& other) {
       return other.target.machine == all[i].target.machine;
     });
-    if (!is_seen && likely.size() < (is_far_apart_ ? kFewMachines : all.size()) &&
-        sizes[i] * 2 < sizes[order.front()] * 3 + kSlack) {
+    const bool is_near = likely.size() < most && sizes[i] * 2 < sizes[order.front()] * 3 + kSlack;
+    if (!is_seen && (is_near || all[i].target.machine == machine)) {
       likely.push_back(all[i]);
     }
   }
