@@ -96,9 +96,10 @@ uint32_t kelvane_dense_read_signed(kelvane_dense_decoder* decoder, uint32_t id) 
 
 // ---- Literals
 
-// 30 ln(p / (1 - p)) for p = (16 + i + 1/2) / 32; the lower half mirrors the upper one.
-static const uint8_t kStretched[16] = {2,  6,  9,  13, 17, 22, 26, 31,
-                                       36, 41, 47, 54, 63, 74, 90, 124};
+// 30 ln(p / (1 - p)) for p = (i + 1/2) / 32.
+static const int8_t kStretched[32] = {-124, -90, -74, -63, -54, -47, -41, -36, -31, -26, -22,
+                                      -17,  -13, -9,  -6,  -2,  2,   6,   9,   13,  17,  22,
+                                      26,   31,  36,  41,  47,  54,  63,  74,  90,  124};
 // 65536 / (1 + exp(-16 i / 30)).
 static const uint16_t kSquashed[17] = {32768, 41305, 48756, 54527, 58596, 61278,
                                        62969, 64005, 64629, 65001, 65221, 65351,
@@ -121,16 +122,15 @@ void kelvane_dense_weigh(kelvane_dense_decoder* decoder, const kelvane_dense_pla
   for (unsigned i = 0; i < 3; ++i) {
     const uint32_t hash = kelvane_dense_hash(contexts[i] << 8 | node);
     opinions->counters[i] = &model->literals[hash >> (22 - decoder->info.model)];
-    const uint32_t probability = *opinions->counters[i] >> 3;
-    const int32_t odds = kStretched[(probability > 15 ? probability : ~probability) & 15u];
-    opinions->said[i] = probability > 15 ? odds : -odds;
+    opinions->said[i] = kStretched[*opinions->counters[i] >> 3];
     sum += opinions->weights[i] * opinions->said[i];
   }
-  uint32_t size = (uint32_t)(sum < 0 ? -sum : sum) >> WEIGHT_BITS;
+  const uint32_t mirror = 0u - (uint32_t)(sum < 0);
+  uint32_t size = (((uint32_t)sum ^ mirror) - mirror) >> WEIGHT_BITS;
   size = size < FARTHEST ? size : FARTHEST;
   const uint16_t* const from = &kSquashed[size >> 4];
   const uint32_t likely = from[0] + ((uint32_t)(from[1] - from[0]) * (size & 15u) >> 4);
-  opinions->probability = sum < 0 ? 0x10000u - likely : likely;
+  opinions->probability = (likely ^ mirror) + (mirror & 0x10001u);
 }
 
 // Each counter goes towards the bit, and each weight by how much its counter was for it.

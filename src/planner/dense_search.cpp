@@ -25,6 +25,7 @@ constexpr size_t kLargeImage = 1U << 20U;
 // for a megabyte and gain half a percent.
 constexpr size_t kImageOfFewTries = 1U << 18U;
 constexpr size_t kMuchNew = 8;
+constexpr size_t kLittleGain = 64;     // the part of an image below which a second round is no use
 constexpr size_t kFewMachines = 3;     // that are tried on images far apart; one, on large ones
 constexpr size_t kFewestMachines = 2;  // that stay behind the second round
 constexpr size_t kSlack = 32;          // bytes in which small payloads may differ by chance
@@ -132,6 +133,7 @@ class search {
   static uint32_t size_of(std::span<const uint8_t> image) {
     return static_cast<uint32_t>(image.size());
   }
+  bool takes_long() const { return is_far_apart_ && images_.new_image.size() >= kLargeImage; }
   dense_options options_for(const dense_target& target) const {
     return {target, request_.model, true, request_.reads_new};
   }
@@ -262,8 +264,7 @@ std::vector<dense_options> search::likely_options(std::span<const shift_stretch>
   std::stable_sort(order.begin(), order.end(),
                    [&](size_t first, size_t second) { return sizes[first] < sizes[second]; });
   const std::optional<uint8_t> machine = machine_by_returns(images_.new_image);
-  const bool is_long = is_far_apart_ && images_.new_image.size() >= kLargeImage;
-  const size_t most = is_long ? (machine ? 0 : 1) : is_far_apart_ ? kFewMachines : all.size();
+  const size_t most = takes_long() ? (machine ? 0 : 1) : is_far_apart_ ? kFewMachines : all.size();
   std::vector<dense_options> likely;
   for (const size_t i : order) {
     const bool is_seen = std::any_of(likely.begin(), likely.end(), [&](const dense_options& other) {
@@ -405,6 +406,9 @@ dense_update search::run() {
     drop_behind(contenders, round);
     if (is_quick_enough(request_.effort, new_size, contenders.front().best.size)) {
       settings = settings_for(dense_effort::quick, new_size, is_far_apart_);
+    }
+    if (takes_long() && contenders.front().best.size + new_size / kLittleGain > new_size) {
+      break;
     }
   }
   dense_candidate best = std::move(contenders.front().best);

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "checked_run.h"
+#include "dense_machines.h"
 #include "dense_matches.h"
 #include "dense_model.h"
 #include "dense_proof.h"
@@ -146,6 +147,41 @@ TEST(DenseReferencesTest, ABranchToItsOwnTargetIsTheSameInstruction) {
         bits = (bits - branch.field) & branch.field;
       } while (bits != 0);
       EXPECT_EQ(wrong, 0U) << std::hex << branch.instruction << " at " << place;
+    }
+  }
+}
+
+// Returns of a machine in each 400 bytes of anything, and one of another machine now and then.
+TEST(DenseMachinesTest, TheReturnsOfFunctionsTellTheMachine) {
+  struct row {
+    uint8_t machine;
+    uint32_t size;
+    uint32_t instruction;
+  };
+  constexpr row kRows[] = {
+      {KELVANE_DENSE_THUMB, 2, 0x4770},       {KELVANE_DENSE_THUMB, 2, 0xBD70},
+      {KELVANE_DENSE_ARM, 4, 0xE12FFF1E},     {KELVANE_DENSE_ARM, 4, 0xE8BD8070},
+      {KELVANE_DENSE_POWERPC, 4, 0x4E800020}, {KELVANE_DENSE_MIPS, 4, 0x03E00008},
+      {KELVANE_DENSE_RISCV, 2, 0x8082},       {KELVANE_DENSE_RISCV, 4, 0x00008067},
+  };
+  Random random(5);
+  const Bytes anything = random.bytes(100001);
+  EXPECT_EQ(machine_by_returns(anything), std::nullopt);
+  EXPECT_EQ(machine_by_returns({}), std::nullopt);
+  for (const row& each : kRows) {
+    for (const bool big_endian : {false, true}) {
+      Bytes image = anything;
+      const auto put = [&](size_t at, const row& what) {
+        for (uint32_t k = 0; k < what.size; ++k) {
+          image[at + k] =
+              static_cast<uint8_t>(what.instruction >> 8 * (big_endian ? what.size - 1 - k : k));
+        }
+      };
+      for (size_t at = 0; at + 8 < image.size(); at += 400) {
+        put(at, each);
+        put(at + 4, kRows[at / 400 % 16 == 0 ? 5 : &each - kRows]);
+      }
+      EXPECT_EQ(machine_by_returns(image), each.machine) << std::hex << each.instruction;
     }
   }
 }
