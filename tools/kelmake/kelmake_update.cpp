@@ -328,7 +328,8 @@ PatchWay way_by_patch(const Options& options, const FlashImages& images,
   progress.begin("making a patch to compare");
   request.images = {images.old_image, images.new_image};
   request.rules = kelvane::rules_for(kelvane::patch_profile::wide, 1);
-  request.effort = options.effort;
+  // It is there to compare; a longer search takes twice the memory of that for the update.
+  request.effort = kelvane::plan_effort::quick;
   request.order = options.order;
   if (!images.targets.empty()) {
     request.order = images.targets.front().data_order;
