@@ -122,7 +122,7 @@ void kelvane_dense_weigh(kelvane_dense_decoder* decoder, const kelvane_dense_pla
   for (unsigned i = 0; i < 3; ++i) {
     const uint32_t hash = kelvane_dense_hash(contexts[i] << 8 | node);
     opinions->counters[i] = &model->literals[hash >> (22 - decoder->info.model)];
-    opinions->said[i] = kStretched[*opinions->counters[i] >> 3];
+    opinions->said[i] = (int32_t)kStretched[*opinions->counters[i] >> 3];
     sum += opinions->weights[i] * opinions->said[i];
   }
   const uint32_t mirror = 0u - (uint32_t)(sum < 0);

@@ -82,11 +82,6 @@ static int dense_window(void* state, uint32_t address, uint8_t* bytes, uint32_t 
       kelvane_dense_window(&((kelvane_dense_payload*)state)->decoder, address, bytes, count));
 }
 
-const kelvane_payload_kind kelvane_dense_kind = {KELVANE_PAYLOAD_DENSE,
-                                                 KELVANE_DENSE_SAVED,
-                                                 dense_open,
-                                                 dense_restart,
-                                                 dense_resume,
-                                                 dense_window,
-                                                 dense_window,
-                                                 kelvane_dense_checksum};
+const kelvane_payload_kind kelvane_dense_kind = {
+    KELVANE_PAYLOAD_DENSE, KELVANE_DENSE_SAVED, dense_open,   dense_restart,
+    dense_resume,          dense_window,        dense_window, kelvane_dense_checksum};

@@ -22,6 +22,7 @@ constexpr uint32_t kParsedAtOnce = 1U << 16U;  // bytes
 // more.
 constexpr uint32_t kLengthBits = kParsedAtOnce * 2 - 1;
 constexpr uint32_t kEachLength = 32;  // up to here every length of a match is tried
+constexpr size_t kShortLengths = kEachLength + 1;
 // Places that are kept of both images; more are thinned out.
 constexpr uint64_t kFewPlaces = 1U << 18U;
 constexpr uint32_t kLargestStep = 4;
@@ -41,8 +42,8 @@ struct item_state {
   }
 };
 
-// What the lengths of matches cost that are all tried.
-using length_costs = std::array<uint32_t, kEachLength + 1>;
+// By length, of matches whose lengths are all tried.
+using length_costs = std::array<uint32_t, kShortLengths>;
 
 length_costs costs_of_lengths(const number_prices& prices) {
   length_costs costs = {};
@@ -56,7 +57,7 @@ length_costs costs_of_lengths(const number_prices& prices) {
 // tried with this length or more. A further one at no less is no gain, nor are its shorter lengths.
 struct tried_places {
   uint32_t longest = 0;
-  std::array<uint32_t, kEachLength + 1> least;
+  length_costs least;
 
   bool is_gain(uint32_t length, uint32_t place_cost) const {
     return length > longest || place_cost < least[length];

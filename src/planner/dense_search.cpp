@@ -26,7 +26,7 @@ constexpr size_t kLargeImage = 1U << 20U;
 constexpr size_t kImageOfFewTries = 1U << 18U;
 constexpr size_t kMuchNew = 8;
 constexpr size_t kLittleGain = 64;     // the part of an image below which a second round is no use
-constexpr size_t kFewMachines = 3;     // that are tried on images far apart; one, on large ones
+constexpr size_t kFewMachines = 3;     // that are tried on images far apart
 constexpr size_t kFewestMachines = 2;  // that stay behind the second round
 constexpr size_t kSlack = 32;          // bytes in which small payloads may differ by chance
 constexpr size_t kAlignedBytes = 100;  // that an alignment takes for each copy
@@ -133,6 +133,7 @@ class search {
   static uint32_t size_of(std::span<const uint8_t> image) {
     return static_cast<uint32_t>(image.size());
   }
+  size_t machines_by_size(size_t all, bool is_told) const;
   bool takes_long() const { return is_far_apart_ && images_.new_image.size() >= kLargeImage; }
   dense_options options_for(const dense_target& target) const {
     return {target, request_.model, true, request_.reads_new};
@@ -235,6 +236,15 @@ std::vector<shift_stretch> search::first_alignment() {
   return align(plain, {}, settings, {});
 }
 
+// How many machines are tried for the sizes of their copies: none on large images far apart, where
+// each takes long, if their code tells the machine.
+size_t search::machines_by_size(size_t all, bool is_told) const {
+  if (takes_long()) {
+    return is_told ? 0 : 1;
+  }
+  return is_far_apart_ ? kFewMachines : all;
+}
+
 // The best of each machine whose copies do not take half as much again as the smallest, and that
 // of the one whose code the image holds: where little was found, copies tell machines badly apart.
 std::vector<dense_options> search::likely_options(std::span<const shift_stretch> stretches) const {
@@ -264,13 +274,14 @@ std::vector<dense_options> search::likely_options(std::span<const shift_stretch>
   std::stable_sort(order.begin(), order.end(),
                    [&](size_t first, size_t second) { return sizes[first] < sizes[second]; });
   const std::optional<uint8_t> machine = machine_by_returns(images_.new_image);
-  const size_t most = takes_long() ? (machine ? 0 : 1) : is_far_apart_ ? kFewMachines : all.size();
+  const size_t by_size = machines_by_size(all.size(), machine.has_value());
   std::vector<dense_options> likely;
   for (const size_t i : order) {
     const bool is_seen = std::any_of(likely.begin(), likely.end(), [&](const dense_options& other) {
       return other.target.machine == all[i].target.machine;
     });
-    const bool is_near = likely.size() < most && sizes[i] * 2 < sizes[order.front()] * 3 + kSlack;
+    const bool is_near =
+        likely.size() < by_size && sizes[i] * 2 < sizes[order.front()] * 3 + kSlack;
     if (!is_seen && (is_near || all[i].target.machine == machine)) {
       likely.push_back(all[i]);
     }
@@ -417,6 +428,9 @@ dense_update search::run() {
   dense_update update;
   update.kept = pages_to_keep(best.plan, reach_.pages());
   update.payload = write_dense(images_, checksums_, best.plan, best.options, best.size);
+  if (update.payload.size() != best.size) {
+    throw std::logic_error("a dense update has another size than was measured");
+  }
   update.options = best.options;
   update.copies = static_cast<uint32_t>(best.plan.copies.size());
   update.map_entries = static_cast<uint32_t>(best.plan.map.size());

@@ -178,8 +178,8 @@ class measuring {
 }  // namespace
 
 size_t jobs_within(const plan_images& images, uint64_t task_bytes, uint32_t jobs) {
-  const uint64_t free = images.old_image.size() + images.new_image.size();
-  return std::clamp<size_t>(free * 2 / (task_bytes + 1), 1, std::max(jobs, 1U));
+  const uint64_t both = images.old_image.size() + images.new_image.size();
+  return std::clamp<size_t>(both * 2 / (task_bytes + 1), 1, std::max(jobs, 1U));
 }
 
 void measure_all(const dense_measuring& how, std::span<dense_candidate> made) {
@@ -204,9 +204,11 @@ void finish_plan(const dense_measuring& how, dense_candidate& best) {
   plain.differences = false;
   size_t plain_size = 0;
   run_tasks(has_other ? 2 : 1, how.jobs, [&](size_t i) {
-    (i == 0 ? plain_size : other.size) = i == 0
-                                             ? size_of_dense(how.images, best.plan, plain)
-                                             : size_of_dense(how.images, other.plan, other.options);
+    if (i == 0) {
+      plain_size = size_of_dense(how.images, best.plan, plain);
+    } else {
+      other.size = size_of_dense(how.images, other.plan, other.options);
+    }
   });
   if (plain_size < best.size) {
     best.size = plain_size;

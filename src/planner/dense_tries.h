@@ -45,9 +45,9 @@ struct dense_measuring {
 // for several of them is done once.
 void measure_all(const dense_measuring& how, std::span<dense_candidate> made);
 
-// Makes the items of a measured candidate, and leaves out what its payload is not smaller with:
-// predicted distances, and matches into the new image, without which the device can compute it
-// before it writes any.
+// Makes the items of a measured candidate, and leaves out predicted distances where its payload is
+// smaller without, and matches into the new image where it is no larger without: then the device
+// can compute it before it writes any.
 void finish_plan(const dense_measuring& how, dense_candidate& best);
 
 // How many tasks that take `task_bytes` of memory each may go on at the same time, `jobs` at most,

@@ -44,6 +44,7 @@ raised --raise 22 short long
 cmp update usual
 raised --effort quick --raise 0 short long
 raised --effort quick --raise 40 --checkpoint 20 --simulate short long
+raised --effort quick --ring 20 --checkpoint 8 --spare 83 short long  # no slots
 raised --effort quick --raise 1 long short
 raised --raise 3 short empty
 raised --raise 3 empty short

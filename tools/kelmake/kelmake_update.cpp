@@ -166,8 +166,8 @@ std::vector<dense_target> guessed_targets(kelvane::dense_request request, const 
 }
 
 // By how many pages the old image may be raised first: as the command line tells, or as many as the
-// new image has more, unless the ring holds these.
-uint32_t raise_to_try(const Options& options, const PagePlan& changes, uint32_t ring) {
+// new image has more. Of a ring one page less is there besides the one that is written.
+uint32_t raise_to_try(const Options& options, const PagePlan& changes) {
   const UpdateOptions& device = options.update;
   if (device.raise) {
     if (*device.raise != 0 && !changes.ranges.empty()) {
@@ -177,7 +177,7 @@ uint32_t raise_to_try(const Options& options, const PagePlan& changes, uint32_t 
     return *device.raise;
   }
   const uint32_t more = changes.new_pages - std::min(changes.new_pages, changes.old_pages);
-  if (more <= ring || changes.old_pages == 0 || !changes.ranges.empty()) {
+  if (more < device.ring || changes.old_pages == 0 || !changes.ranges.empty()) {
     return 0;
   }
   PagePlan raised = changes;
@@ -221,6 +221,9 @@ std::optional<kelvane::dense_update> found_by_both_ways(kelvane::dense_request& 
   if (!pays_to_raise(in_place.payload.size(), found.payload.size(),
                      request.images.old_image.size())) {
     request.geometry.raise = 0;
+    if (!request.target) {
+      return {};  // without raising the machine may be another
+    }
     found = std::move(in_place);
   }
   if (!is_quick_enough(request.effort, request.images.new_image.size(), found.payload.size())) {
@@ -270,10 +273,8 @@ PagePlan changes_of(const Options& options, const FlashImages& images) {
   for (const FlashRange& range : images.ranges) {
     ranges.push_back({range.first, range.pages});
   }
-  PagePlan plan =
-      kelpatch::plan_changes(images.old_image, images.new_image, options.update.page_size,
-                             std::move(ranges), options.patch_name);
-  return plan;
+  return kelpatch::plan_changes(images.old_image, images.new_image, options.update.page_size,
+                                std::move(ranges), options.patch_name);
 }
 
 // The file of the update. Its ring is the shortest that a device takes it with; the encoder may
@@ -367,7 +368,7 @@ void make_update(const Options& options) {
     std::fflush(stdout);
   }
   PagePlan changes = changes_of(options, images);
-  geometry.raise = raise_to_try(options, changes, geometry.ring_pages);
+  geometry.raise = raise_to_try(options, changes);
   PagePlan raised = changes;
   raised.raise_by(geometry.raise, options.patch_name);
   kelpatch::require_countable(options.update.raise ? raised : changes, options.update.checkpoint,
