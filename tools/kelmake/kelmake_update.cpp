@@ -209,27 +209,31 @@ dense_target best_target(kelvane::dense_request request, const std::vector<dense
   return best;
 }
 
-// Short searches for both ways. Raising is left out of the request's geometry unless it pays. Gives
-// the update that is found so, if more effort would find no other.
-std::optional<kelvane::dense_update> found_by_both_ways(kelvane::dense_request& request) {
+// What a short search found, and whether more effort would find no other.
+struct QuickUpdate {
+  kelvane::dense_update update;
+  bool is_final = false;
+};
+
+// Short searches for both ways. Raising is left out of the request's geometry unless it pays.
+QuickUpdate found_by_both_ways(kelvane::dense_request& request) {
   kelvane::dense_request quick = request;
   quick.effort = dense_effort::quick;
   kelvane::dense_update found = searched(quick);
   quick.geometry.raise = 0;
   quick.target = found.options.target;
   kelvane::dense_update in_place = searched(quick);
-  if (!pays_to_raise(in_place.payload.size(), found.payload.size(),
-                     request.images.old_image.size())) {
+  const bool pays =
+      pays_to_raise(in_place.payload.size(), found.payload.size(), request.images.old_image.size());
+  if (!pays) {
     request.geometry.raise = 0;
-    if (!request.target) {
-      return {};  // without raising the machine may be another
-    }
     found = std::move(in_place);
   }
-  if (!is_quick_enough(request.effort, request.images.new_image.size(), found.payload.size())) {
-    return {};
-  }
-  return found;
+  // Without raising the machine may be another.
+  const bool is_final =
+      (pays || request.target) &&
+      is_quick_enough(request.effort, request.images.new_image.size(), found.payload.size());
+  return {std::move(found), is_final};
 }
 
 // Without a word of the command line, raising is left out of the geometry where it does not pay.
@@ -255,16 +259,19 @@ kelvane::dense_update found_update(const Options& options, const FlashImages& im
     request.base_is_known = !images.targets.empty() || options.update.base;
     request.target = best_target(request, targets);
   }
+  std::optional<QuickUpdate> quick;
   if (geometry.raise != 0 && !options.update.raise) {
     progress.begin("trying to raise the old image");
-    std::optional<kelvane::dense_update> found = found_by_both_ways(request);
+    quick = found_by_both_ways(request);
     geometry.raise = request.geometry.raise;
-    if (found) {
-      return *std::move(found);
+    if (quick->is_final) {
+      return std::move(quick->update);
     }
   }
   progress.begin("making the update");
-  return searched(request);
+  kelvane::dense_update found = searched(request);
+  return quick && quick->update.payload.size() < found.payload.size() ? std::move(quick->update)
+                                                                      : std::move(found);
 }
 
 // Which pages change.
