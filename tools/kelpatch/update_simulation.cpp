@@ -47,7 +47,7 @@ class LastStarts {
   // Sees the device to its end, beside others where there are jobs for that.
   void run(std::unique_ptr<SimulatedDevice> device) {
     ++result_.starts;
-    auto last_start = [this, device = std::move(device)] {
+    const auto last_start = [this, device = std::shared_ptr<SimulatedDevice>(std::move(device))] {
       device->flash().power_on();
       return outcome_of(*device, device->run(bundle_));
     };
@@ -55,13 +55,12 @@ class LastStarts {
       add(last_start());
       return;
     }
-    // One more waits its turn, so that no processor does.
-    while (running_.size() > jobs_) {
+    while (running_.size() >= jobs_) {
       take_first();
     }
-    // Without a thread it runs when it is asked for.
-    running_.push_back(
-        std::async(std::launch::async | std::launch::deferred, std::move(last_start)));
+    // Without a thread it runs when it is asked for. A copy, for one that was moved into a thread
+    // that could not be made would be empty.
+    running_.push_back(std::async(std::launch::async | std::launch::deferred, last_start));
   }
 
   void wait_for_all() {
