@@ -3,6 +3,8 @@
 
 #include "dense_decoder.h"
 
+#include <stddef.h>
+
 #include "dense_internal.h"
 
 #define VERSION 1u
@@ -97,6 +99,9 @@ static void start_coder(kelvane_dense_decoder* decoder) {
     coder->code = coder->code << 8 | kelvane_dense_next_byte(decoder);
   }
 }
+
+_Static_assert(offsetof(kelvane_dense_decoder, state) == sizeof(kelvane_dense_info),
+               "what is saved of a decoder is its first bytes, without a gap");
 
 int kelvane_dense_open(kelvane_dense_decoder* decoder, const kelvane_dense_input* input, void* map,
                        uint32_t map_size, kelvane_dense_info* info) {

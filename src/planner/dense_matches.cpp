@@ -17,7 +17,6 @@ constexpr uint32_t kLongest = 1U << 16U;
 // repeats takes time by the square of its length.
 constexpr uint32_t kLongMatch = 256;
 constexpr uint32_t kNearEnd = 16;
-constexpr uint32_t kParsedAtOnce = 1U << 16U;  // bytes
 // What lengths of items of a part consist of. A field of 30 bits takes no number that may have
 // more.
 constexpr uint32_t kLengthBits = kParsedAtOnce * 2 - 1;
@@ -219,8 +218,11 @@ class item_parse {
   void take_old(uint32_t at, uint32_t place, uint32_t equal, uint32_t k) {
     const item_state& from = state_at(at);
     const uint32_t shift = at - place;
-    const uint32_t place_cost =
-        prices_.is_new[0] + prices_.place.of(folded(static_cast<uint32_t>(from.shift) - shift));
+    const uint32_t number = folded(static_cast<uint32_t>(from.shift) - shift);
+    if (number == UINT32_MAX) {
+      return;  // cannot be told
+    }
+    const uint32_t place_cost = prices_.is_new[0] + prices_.place.of(number);
     if (equal <= kEachLength && !tried_old_[k].is_gain(equal, place_cost)) {
       return;
     }

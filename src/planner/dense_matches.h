@@ -18,6 +18,9 @@
 
 namespace kelvane {
 
+// Bytes between copies whose items are found together.
+inline constexpr uint32_t kParsedAtOnce = 1U << 16U;
+
 inline constexpr uint32_t kStringBytes = 4;
 
 // Where strings of four bytes stand in both images: those that stand in the bytes to be stored, and

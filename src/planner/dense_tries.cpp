@@ -33,8 +33,7 @@ bool are_equal(const dense_options& first, const dense_options& second) {
 // The memory that finding items takes: one for each eight stored bytes, once more without its
 // place, and the steps through the longest part.
 uint64_t item_bytes(const plan_images& images, copies_span copies) {
-  constexpr uint64_t kPart = 1U << 16U;
-  constexpr uint64_t kStepBytes = 26;
+  constexpr uint64_t kStepBytes = 26;  // cost, item and state, and the price of a literal
   uint64_t stored = 0;
   uint64_t longest = 0;
   uint32_t at = 0;
@@ -48,7 +47,7 @@ uint64_t item_bytes(const plan_images& images, copies_span copies) {
   }
   store_up_to(images.new_image.size());
   return stored / 8 * (sizeof(dense_item) + sizeof(item_extent)) +
-         std::min(longest, kPart) * kStepBytes;
+         std::min<uint64_t>(longest, kParsedAtOnce) * kStepBytes;
 }
 
 bool stores_many(const dense_measuring& how, copies_span copies) {

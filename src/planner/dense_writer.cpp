@@ -137,7 +137,7 @@ std::vector<uint8_t> payload_writer::header(const image_checksums& checksums) co
   header.word(checksums.new_image);
   header.number(info.new_size);
   const uint32_t change = info.old_size - info.new_size;
-  header.number(change << 1U ^ (0U - (change >> 31U)));
+  header.number(folded(change));
   header.number(base >> 4 * nibbles);
   header.number(static_cast<uint32_t>(plan_.map.size()));
   return bytes;

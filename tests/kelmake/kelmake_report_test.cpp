@@ -109,6 +109,7 @@ TEST(KelmakeReportTest, ShowsNamesWithoutControlBytes) {
       // Characters of two, three and four bytes; a control character of two.
       {"\u00e4\u20ac\U0001f600", "\u00e4\u20ac\U0001f600"},
       {"\u009b31m\u00a0", "\\xc2\\x9b31m\u00a0"},
+      {"a\u202eb\u2027\u2069", "a\\xe2\\x80\\xaeb\u2027\\xe2\\x81\\xa9"},
       // A byte of no character, one that is cut off, one longer than it need be, half a pair.
       {"\x9bm\xe4", "\\x9bm\\xe4"},
       {"\xe2\x82x", "\\xe2\\x82x"},

@@ -1,7 +1,6 @@
 #include "kelmake_images.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -44,10 +43,8 @@ void print_for_file(uint32_t code, const char* format, va_list arguments) {
   if (code == kWarning && messages.no_warnings) {
     return;
   }
-  std::array<char, 1024> text = {};
   const int reason = errno;
-  std::vsnprintf(text.data(), text.size(), format, arguments);
-  std::string told = text.data();
+  std::string told = kelpatch::formatted_list(format, arguments);
   if (messages.file_name != nullptr &&
       told.find("'" + std::string(messages.file_name) + "'") == std::string::npos) {
     told = "image '" + std::string(messages.file_name) + "': " + told;

@@ -322,7 +322,7 @@ std::string prove(const Options& options, const FlashImages& images, const Updat
   progress.begin("cutting power");
   return kelpatch::simulate_cuts(
       kelpatch::device_for(update), images.old_image, images.new_image, update.bytes(),
-      options.patch_name,
+      options.patch_name, options.jobs,
       [&](uint64_t operations, uint64_t all) { progress.show("operation", operations, all); });
 }
 

@@ -5,6 +5,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <numeric>
+#include <thread>
 #include <utility>
 
 #include "bundle_file.h"
@@ -169,7 +170,8 @@ Bytes tried_bundle(const std::string& name, const Bytes& way, const NamedImage& 
   SimulatedDevice tried(shape, view_of(from.bytes), 1);
   require_right(tried.run(source_of(bundle)), tried, to.bytes, name);
   if (device.simulate) {
-    std::fputs(simulate_cuts(shape, from.bytes, to.bytes, bundle, name, {}).c_str(), stdout);
+    const uint32_t jobs = std::thread::hardware_concurrency();
+    std::fputs(simulate_cuts(shape, from.bytes, to.bytes, bundle, name, jobs, {}).c_str(), stdout);
   }
   return bundle;
 }

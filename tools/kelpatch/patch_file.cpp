@@ -13,10 +13,7 @@
 #include <utility>
 
 namespace kelpatch {
-namespace {
 
-std::string formatted_list(const char* format, va_list arguments)
-    __attribute__((format(printf, 1, 0)));
 std::string formatted_list(const char* format, va_list arguments) {
   va_list again;
   va_copy(again, arguments);
@@ -27,6 +24,8 @@ std::string formatted_list(const char* format, va_list arguments) {
   text.pop_back();
   return text;
 }
+
+namespace {
 
 class Descriptor {
  public:

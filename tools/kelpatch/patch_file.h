@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdarg>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -26,8 +27,10 @@ struct Failure {
 [[noreturn]] void fatal_errno(const char* format, ...) __attribute__((format(printf, 1, 2)));
 [[noreturn]] void mismatch(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// The text that printf would write.
+// The text that printf or vprintf would write.
 std::string formatted(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string formatted_list(const char* format, va_list arguments)
+    __attribute__((format(printf, 1, 0)));
 
 using Bytes = std::vector<uint8_t>;
 

@@ -15,7 +15,12 @@ uint32_t byte_of(std::string_view text, size_t i) {
 
 bool is_control(std::string_view text) {
   const uint32_t first = byte_of(text, 0);
-  return first < 0x20 || first == 0x7F || (first == 0xC2 && byte_of(text, 1) < 0xA0);
+  const uint32_t second = byte_of(text, 1);
+  const uint32_t third = byte_of(text, 2);
+  // Line separators, and what turns the direction of writing: U+2028 to U+202E, U+2066 to U+2069.
+  const bool turns = first == 0xE2 && ((second == 0x80 && third >= 0xA8 && third <= 0xAE) ||
+                                       (second == 0x81 && third >= 0xA6 && third <= 0xA9));
+  return first < 0x20 || first == 0x7F || (first == 0xC2 && second < 0xA0) || turns;
 }
 
 }  // namespace

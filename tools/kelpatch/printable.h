@@ -12,7 +12,8 @@ namespace kelpatch {
 size_t character_size(std::string_view text);
 
 // The text with "\x1b" and the like for each byte of a control character (also of those that UTF-8
-// has from 0x80 to 0x9F) and for each that is no UTF-8. A backslash stays as it is.
+// has from 0x80 to 0x9F, and of those that turn the direction of writing) and for each that is no
+// UTF-8. A backslash stays as it is.
 std::string printable(std::string_view text);
 
 }  // namespace kelpatch

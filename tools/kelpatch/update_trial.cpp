@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <thread>
 
 #include "flash_dense.h"
 #include "quick_checksum.h"
@@ -104,7 +103,7 @@ void require_right(int code, SimulatedDevice& tried, const Bytes& new_image,
 }
 
 std::string simulate_cuts(const DeviceShape& shape, const Bytes& old_image, const Bytes& new_image,
-                          const Bytes& update, const std::string& name,
+                          const Bytes& update, const std::string& name, uint32_t jobs,
                           const std::function<void(uint64_t operations, uint64_t all)>& report) {
   // Each cut takes a few updates, whose time grows with the image.
   constexpr uint64_t kBytes = 1U << 30U;
@@ -122,7 +121,7 @@ std::string simulate_cuts(const DeviceShape& shape, const Bytes& old_image, cons
   const uint64_t all = counting.flash().operations();
   cuts.every = all / most_cuts + 1;
   cuts.more = 3;
-  cuts.jobs = std::min(std::thread::hardware_concurrency(), 8U);  // each has a flash of its own
+  cuts.jobs = std::min(jobs, 8U);  // each has a flash of its own
   if (report) {
     cuts.report = [&](uint64_t operations) { report(operations, all); };
   }

@@ -35,10 +35,12 @@ void require_right(int code, kelvane::SimulatedDevice& tried, const Bytes& new_i
                    const std::string& name);
 
 // Cuts power at the operations of the update, all of them unless that takes long, and gives a line
-// that tells what came of it. `report` is told how far it is, and may be empty. Ends the run with
-// status 1 if any device ends with another image.
+// that tells what came of it. `jobs`: devices that go on at the same time, eight at most. `report`
+// is told how far it is, and may be empty. Ends the run with status 1 if any device ends with
+// another image.
 std::string simulate_cuts(const kelvane::DeviceShape& shape, const Bytes& old_image,
                           const Bytes& new_image, const Bytes& update, const std::string& name,
+                          uint32_t jobs,
                           const std::function<void(uint64_t operations, uint64_t all)>& report);
 
 }  // namespace kelpatch
